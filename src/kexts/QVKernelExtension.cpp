@@ -1,0 +1,49 @@
+// One kext bundle, known by its file URL; name, path and version are read on demand.
+#include "kexts/QVKernelExtension.h"
+
+#include "support/PropertyList.h"
+
+#include <array>
+#include <functional>
+
+namespace quelm {
+
+std::expected<QVKernelExtension, ArchiveError>
+QVKernelExtension::initWithCoder(const KeyedUnarchiver& coder) {
+    auto url = coder.decodeURL("url");
+    if (!url)
+        return std::unexpected(url.error());
+    return QVKernelExtension(std::move(*url));
+}
+
+void QVKernelExtension::encodeWithCoder(KeyedArchiver& coder) const {
+    coder.encodeURL("url", url_);
+}
+
+std::optional<std::string> QVKernelExtension::version() const {
+    const std::string bundle = path();
+    const auto info = readPlistDictionary(bundle + std::string(infoPlistPath));
+    const auto versionList = readPlistDictionary(bundle + std::string(versionPlistPath));
+    const auto entry = [](const auto& list, std::string_view key) -> const PlistValue* {
+        if (!list)
+            return nullptr;
+        const auto found = list->find(key);
+        return found == list->end() ? nullptr : &found->second;
+    };
+    const std::array candidates{
+        entry(versionList, "CFBundleShortVersionString"),
+        entry(info, "CFBundleShortVersionString"),
+        entry(versionList, "CFBundleVersion"),
+        entry(info, "CFBundleVersion"),
+    };
+    for (const auto* candidate : candidates)
+        if (candidate)
+            return candidate->string() ? std::optional(*candidate->string()) : std::nullopt;
+    return std::nullopt;
+}
+
+std::size_t QVKernelExtension::hash() const {
+    return std::hash<std::string>{}(path());
+}
+
+} // namespace quelm

@@ -1,0 +1,67 @@
+// Whole-file reading with a size cap, and atomic replacement of a file.
+#include "support/Files.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+std::unexpected<FileError> failure(const std::filesystem::path& path, std::string_view what) {
+    return std::unexpected(FileError{path.string() + ": " + std::string(what)});
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+} // namespace
+
+std::expected<std::string, FileError> readFileBytes(const std::filesystem::path& path,
+                                                    std::uintmax_t maxSize) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error))
+        return failure(path, error ? error.message() : "not a regular file");
+    const auto size = std::filesystem::file_size(path, error);
+    if (error)
+        return failure(path, error.message());
+    if (size > maxSize)
+        return failure(path, "file too large");
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes(size, '\0');
+    if (!in.read(bytes.data(), static_cast<std::streamsize>(size)))
+        return failure(path, "cannot read");
+    return bytes;
+}
+
+std::expected<void, FileError> writeFileAtomically(const std::filesystem::path& path,
+                                                   std::string_view bytes) {
+    std::string temporary = path.parent_path() / ("." + path.filename().string() + ".XXXXXX");
+    const int fd = ::mkstemp(temporary.data());
+    if (fd < 0)
+        return failure(path,
+                       std::string("cannot create a temporary file: ") + std::strerror(errno));
+    bool written = ::fchmod(fd, 0644) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+    written = ::close(fd) == 0 && written;
+    written = written && ::rename(temporary.c_str(), path.c_str()) == 0;
+    if (!written) {
+        const int cause = errno;
+        ::unlink(temporary.c_str());
+        return failure(path, std::string("cannot write: ") + std::strerror(cause));
+    }
+    return {};
+}
+
+} // namespace quelm

@@ -1,0 +1,25 @@
+// Whole-file reading with a size cap, and atomic replacement of a file.
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace quelm {
+
+struct FileError {
+    std::string message;
+};
+
+/// The bytes of a regular file no larger than maxSize.
+[[nodiscard]] std::expected<std::string, FileError> readFileBytes(const std::filesystem::path& path,
+                                                                  std::uintmax_t maxSize);
+
+/// Writes beside the target under a temporary name, then renames it over the target, so a
+/// reader sees the old file or the whole new one and a failure leaves the target untouched.
+[[nodiscard]] std::expected<void, FileError> writeFileAtomically(const std::filesystem::path& path,
+                                                                 std::string_view bytes);
+
+} // namespace quelm

@@ -1,0 +1,84 @@
+// Property-list values read from and written to XML and binary property-list files.
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace quelm {
+
+/// A property-list date: seconds since 2001-01-01 00:00:00 UTC, as the format stores it.
+struct PlistDate {
+    double secondsSince2001 = 0;
+    bool operator==(const PlistDate&) const = default;
+};
+
+/// One property-list value: a scalar, an array or a dictionary with string keys.
+class PlistValue {
+public:
+    using Array = std::vector<PlistValue>;
+    using Dict = std::map<std::string, PlistValue, std::less<>>;
+    using Data = std::vector<std::uint8_t>;
+
+    PlistValue(bool value) : storage_(value) {}
+    PlistValue(int value) : storage_(std::int64_t{value}) {}
+    PlistValue(std::int64_t value) : storage_(value) {}
+    PlistValue(double value) : storage_(value) {}
+    PlistValue(std::string value) : storage_(std::move(value)) {}
+    PlistValue(const char* value) : storage_(std::string(value)) {}
+    PlistValue(Data value) : storage_(std::move(value)) {}
+    PlistValue(PlistDate value) : storage_(value) {}
+    PlistValue(Array value) : storage_(std::move(value)) {}
+    PlistValue(Dict value) : storage_(std::move(value)) {}
+
+    /// The value as T, or null when it holds another type.
+    template <class T> const T* get() const { return std::get_if<T>(&storage_); }
+    template <class T> bool is() const { return std::holds_alternative<T>(storage_); }
+
+    const std::string* string() const { return get<std::string>(); }
+    const Dict* dict() const { return get<Dict>(); }
+    const Array* array() const { return get<Array>(); }
+
+    /// The entry for key when this is a dictionary that has one; null otherwise.
+    const PlistValue* find(std::string_view key) const;
+    /// The entry for key when it exists and is a string; null otherwise.
+    const std::string* stringForKey(std::string_view key) const;
+
+    bool operator==(const PlistValue&) const = default;
+
+private:
+    std::variant<bool, std::int64_t, double, std::string, Data, PlistDate, Array, Dict> storage_;
+};
+
+enum class PlistFormat { xml, binary };
+
+struct PlistError {
+    enum class Kind { unreadable, malformed, unsupported, unwritable };
+    Kind kind;
+    std::string message;
+};
+
+/// Files larger than this are not property lists we read.
+inline constexpr std::uintmax_t kMaxPlistFileSize = 64u << 20;
+
+/// Parses either encoding; the binary one is recognised by its "bplist00" header.
+[[nodiscard]] std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes);
+[[nodiscard]] std::expected<PlistValue, PlistError>
+readPlistFile(const std::filesystem::path& path);
+/// Reads a file whose top level must be a dictionary.
+[[nodiscard]] std::expected<PlistValue::Dict, PlistError>
+readPlistDictionary(const std::filesystem::path& path);
+
+[[nodiscard]] std::expected<std::string, PlistError> serializePlist(const PlistValue& value,
+                                                                    PlistFormat format);
+/// Replaces the file atomically: a failure leaves no partial file and the old one in place.
+[[nodiscard]] std::expected<void, PlistError>
+writePlistFileAtomically(const std::filesystem::path& path, const PlistValue& value,
+                         PlistFormat format = PlistFormat::xml);
+
+} // namespace quelm

@@ -1,0 +1,123 @@
+// One macOS installation: its mount point and the versions read from its system-version file.
+#include "volumes/QVOSVolume.h"
+
+#include "support/Log.h"
+#include "support/Strings.h"
+
+#include <array>
+#include <charconv>
+#include <filesystem>
+#include <functional>
+#include <utility>
+
+namespace quelm {
+namespace {
+
+std::optional<std::int64_t> parseMajorVersion(const std::string& build) {
+    const std::string digits = characterRange(build, 0, 1);
+    std::int64_t value = 0;
+    const auto* end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, value);
+    if (digits.empty() || error != std::errc() || stop != end)
+        return std::nullopt;
+    return value;
+}
+
+bool pathExists(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::exists(path, error);
+}
+
+} // namespace
+
+std::optional<QVOSVolume> QVOSVolume::initWithMountPoint(std::string mountPoint) {
+    if (mountPoint.size() > 1 && mountPoint.back() == '/')
+        mountPoint.pop_back();
+    QVOSVolume volume(std::move(mountPoint));
+    volume.version_ = volume.systemVersionValue("ProductVersion");
+    volume.buildVersion_ = volume.systemVersionValue("ProductBuildVersion");
+    if (!volume.version_ || !volume.buildVersion_)
+        return std::nullopt;
+    volume.majorVersion_ = parseMajorVersion(*volume.buildVersion_);
+    return volume;
+}
+
+std::optional<std::string> QVOSVolume::systemVersionValue(std::string_view key) const {
+    const auto info = readPlistDictionary(mountPoint_ + std::string(systemVersionPath));
+    if (!info)
+        return std::nullopt;
+    const auto found = info->find(key);
+    if (found == info->end() || !found->second.string())
+        return std::nullopt;
+    return *found->second.string();
+}
+
+std::expected<QVOSVolume, ArchiveError> QVOSVolume::initWithCoder(const KeyedUnarchiver& coder) {
+    auto mountPoint = coder.decodeString("mountPoint");
+    if (!mountPoint)
+        return std::unexpected(mountPoint.error());
+    auto version = coder.decodeOptionalString("version");
+    if (!version)
+        return std::unexpected(version.error());
+    auto build = coder.decodeOptionalString("buildVersion");
+    if (!build)
+        return std::unexpected(build.error());
+    auto major = coder.decodeInteger("majorVersion");
+    if (!major)
+        return std::unexpected(major.error());
+    QVOSVolume volume(std::move(*mountPoint));
+    volume.version_ = std::move(*version);
+    volume.buildVersion_ = std::move(*build);
+    volume.majorVersion_ = *major;
+    return volume;
+}
+
+void QVOSVolume::encodeWithCoder(KeyedArchiver& coder) const {
+    if (!majorVersion_)
+        fatalError("QVOSVolume::encodeWithCoder() FatalError: the volume at " + mountPoint_ +
+                   " has no major version.");
+    coder.encodeObject("mountPoint", PlistValue(mountPoint_));
+    coder.encodeObject("version", version_);
+    coder.encodeObject("buildVersion", buildVersion_);
+    coder.encodeInteger("majorVersion", *majorVersion_);
+}
+
+std::size_t QVOSVolume::hash() const {
+    return std::hash<std::string>{}(mountPoint_);
+}
+
+std::string QVOSVolume::getOSNameString() const {
+    static constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kNames{{
+        {"10", "Mac OS X Snow Leopard"},
+        {"11", "Mac OS X Lion"},
+        {"12", "OS X Mountain Lion"},
+        {"13", "OS X Mavericks"},
+        {"14", "OS X Yosemite"},
+        {"15", "OS X El Capitan"},
+        {"16", "macOS Sierra"},
+        {"17", "macOS 10.13 <TBA>"},
+    }};
+    const std::string prefix = characterRange(buildVersion_.value_or(""), 0, 1);
+    for (const auto& [build, name] : kNames)
+        if (prefix == build)
+            return std::string(name);
+    return "Mac OS Legacy";
+}
+
+std::string QVOSVolume::getFullNameVersionString() const {
+    if (!version_ || !buildVersion_)
+        fatalError("QVOSVolume::getFullNameVersionString() FatalError: the volume at " +
+                   mountPoint_ + " has no version or build version.");
+    return getOSNameString() + " " + *version_ + " (" + *buildVersion_ + ")";
+}
+
+bool QVOSVolume::isRecovery(std::string_view hostRoot) const {
+    return pathExists(mountPoint_ + "/System/Installation") ||
+           pathExists(std::string(hostRoot) + "/com.apple.recovery.boot");
+}
+
+bool QVOSVolume::hasExtraFolder() const {
+    return pathExists(mountPoint_ + "/Extra");
+}
+
+} // namespace quelm

@@ -1,0 +1,49 @@
+// Keyed archives: the allowed classes, the key types and the integer default.
+#include "support/KeyedArchive.h"
+
+#include <gtest/gtest.h>
+
+namespace quelm {
+namespace {
+
+PlistValue sampleArchive() {
+    KeyedArchiver archiver("Sample");
+    archiver.encodeObject("name", PlistValue("x"));
+    archiver.encodeObject("absent", std::optional<std::string>());
+    archiver.encodeInteger("count", 7);
+    archiver.encodeURL("url", FileURL::fromPath("/a b", false));
+    return std::move(archiver).finish();
+}
+
+TEST(KeyedArchiveTest, ArchiveIsADictionaryWithItsClass) {
+    const auto archive = sampleArchive();
+    EXPECT_EQ(*archive.stringForKey("$class"), "Sample");
+    EXPECT_EQ(*archive.stringForKey("url"), "file:///a%20b");
+    EXPECT_EQ(archive.find("absent"), nullptr);
+}
+
+TEST(KeyedArchiveTest, OnlyAllowedClassesOpen) {
+    EXPECT_TRUE(KeyedUnarchiver::open(sampleArchive(), {"Other", "Sample"}));
+    EXPECT_FALSE(KeyedUnarchiver::open(sampleArchive(), {"Other"}));
+    EXPECT_FALSE(KeyedUnarchiver::open(PlistValue::Dict{{"name", "x"}}, {"Sample"}));
+    EXPECT_FALSE(KeyedUnarchiver::open(PlistValue::Dict{{"$class", 3}}, {"Sample"}));
+    EXPECT_FALSE(KeyedUnarchiver::open(PlistValue::Array{"Sample"}, {"Sample"}));
+}
+
+TEST(KeyedArchiveTest, DecodersCheckPresenceAndType) {
+    const auto archive = sampleArchive();
+    const auto coder = *KeyedUnarchiver::open(archive, {"Sample"});
+    EXPECT_EQ(*coder.decodeString("name"), "x");
+    EXPECT_FALSE(coder.decodeString("absent"));
+    EXPECT_FALSE(coder.decodeString("count"));
+    EXPECT_EQ(*coder.decodeOptionalString("absent"), std::nullopt);
+    EXPECT_FALSE(coder.decodeOptionalString("count"));
+    EXPECT_EQ(*coder.decodeInteger("count"), 7);
+    EXPECT_EQ(*coder.decodeInteger("missing"), 0);
+    EXPECT_FALSE(coder.decodeInteger("name"));
+    EXPECT_EQ(coder.decodeURL("url")->path(), "/a b");
+    EXPECT_FALSE(coder.decodeURL("name"));
+}
+
+} // namespace
+} // namespace quelm

@@ -1,0 +1,78 @@
+// quelmctl's first commands, run as a user would run them.
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace quelm {
+namespace {
+
+using test::runCommand;
+using test::shellQuote;
+using test::TemporaryFolder;
+
+std::string quelmctl(const std::string& arguments) {
+    return std::string(QUELMCTL_PATH) + " " + arguments;
+}
+
+TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
+    TemporaryFolder folder;
+    const auto root = folder / "Macintosh HD";
+    test::makeVolume(root, "10.12.6", "16G29", PlistFormat::binary);
+    std::filesystem::create_directory(root / "Extra");
+    const auto result = runCommand(quelmctl("volume-info " + shellQuote(root.string() + "/")));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "macOS Sierra 10.12.6 (16G29)\n"
+                             "mountPoint: " +
+                                 root.string() +
+                                 "\n"
+                                 "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
+                                 "isRecovery: false\nhasExtraFolder: true\n");
+}
+
+TEST(QuelmctlTest, VolumeInfoRefusesAFolderThatIsNoVolume) {
+    TemporaryFolder folder;
+    const auto result = runCommand(quelmctl("volume-info " + shellQuote(folder.path().string())));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find(folder.path().string() + " is not a macOS volume"),
+              std::string::npos);
+}
+
+TEST(QuelmctlTest, KextInfoPrintsNamePathAndVersion) {
+    TemporaryFolder folder;
+    const auto bundle = test::makeKext(folder / "my kexts", "Lilu.kext",
+                                       PlistValue::Dict{{"CFBundleShortVersionString", "1.2.3"}});
+    auto result = runCommand(quelmctl("kext-info " + shellQuote(bundle.string())));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "name: Lilu.kext\npath: " + bundle.string() + "\nversion: 1.2.3\n");
+    result = runCommand(quelmctl("kext-info " + shellQuote(folder.path().string())));
+    EXPECT_EQ(result.status, 1);
+}
+
+TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
+    TemporaryFolder data;
+    const std::string env = "XDG_DATA_HOME=" + shellQuote(data.path().string()) + " ";
+    auto result = runCommand(env + quelmctl("smart-table lookup FakeSMC.kext"));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "/System/Library/Extensions/\n");
+    EXPECT_TRUE(std::filesystem::exists(data / "Quelm/QVUserDefaultSmartTable.plist"));
+    EXPECT_EQ(runCommand(env + quelmctl("smart-table lookup Unknown.kext")).status, 1);
+
+    test::writeText(data / "Quelm/QVUserDefaultSmartTable.plist", "damaged");
+    EXPECT_EQ(runCommand(env + quelmctl("smart-table show")).status, 1);
+    EXPECT_EQ(runCommand(env + quelmctl("smart-table reset")).status, 0);
+    result = runCommand(env + quelmctl("smart-table show"));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.output.find("Lilu.kext\t/System/Library/Extensions/"), std::string::npos);
+}
+
+TEST(QuelmctlTest, EveryCommandHasHelp) {
+    for (const auto* command :
+         {"", "volume-info", "kext-info", "smart-table", "smart-table show"}) {
+        const auto result = runCommand(quelmctl(std::string(command) + " --help"));
+        EXPECT_EQ(result.status, 0) << command;
+        EXPECT_NE(result.output.find("Usage"), std::string::npos) << command;
+    }
+}
+
+} // namespace
+} // namespace quelm

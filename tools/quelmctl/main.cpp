@@ -1,0 +1,26 @@
+// quelmctl: Quelm's jobs on the command line, in process.
+#include "quelmctl/Commands.h"
+
+#include <iostream>
+
+namespace quelm::ctl {
+
+void printError(std::string_view message) {
+    std::cerr << "quelmctl: " << message << '\n';
+}
+
+} // namespace quelm::ctl
+
+int main(int argc, char** argv) {
+    CLI::App app{"Quelm installs kext bundles onto a macOS volume and repairs the volume so that "
+                 "it boots.",
+                 "quelmctl"};
+    app.set_version_flag("--version", QUELM_VERSION);
+    app.require_subcommand(1);
+    int status = 0;
+    quelm::ctl::addVolumeInfoCommand(app, status);
+    quelm::ctl::addKextInfoCommand(app, status);
+    quelm::ctl::addSmartTableCommand(app, status);
+    CLI11_PARSE(app, argc, argv);
+    return status;
+}
