@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace quelm::test {
 
@@ -60,6 +61,30 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
     if (versionList)
         writePlist(bundle / "Contents/version.plist", *versionList, format);
     return bundle;
+}
+
+void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord>& records) {
+    const auto bytes = writeBom(records);
+    ASSERT_TRUE(bytes.has_value()) << bytes.error().message;
+    writeText(path, *bytes);
+}
+
+void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                  std::string_view identifier, const std::vector<std::string>& groups,
+                  const std::vector<BomRecord>& records, PlistFormat format) {
+    const auto receipt = volume / "System/Library/Receipts" / relativePath;
+    PlistValue::Array groupList(groups.begin(), groups.end());
+    writePlist(receipt,
+               PlistValue::Dict{{"PackageIdentifier", std::string(identifier)},
+                                {"PackageGroups", std::move(groupList)},
+                                {"PackageVersion", "1.0"}},
+               format);
+    auto bom = receipt;
+    writeBomFile(bom.replace_extension(".bom"), records);
+}
+
+bool runningAsRoot() {
+    return ::geteuid() == 0;
 }
 
 CommandResult runCommand(const std::string& commandLine) {

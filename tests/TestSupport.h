@@ -1,6 +1,7 @@
 // Fixtures that the tests build for themselves: temporary folders, volumes, kext bundles.
 #pragma once
 
+#include "repair/BomWriter.h"
 #include "support/PropertyList.h"
 
 #include <filesystem>
@@ -41,6 +42,19 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
                                const std::optional<PlistValue::Dict>& info,
                                const std::optional<PlistValue::Dict>& versionList = std::nullopt,
                                PlistFormat format = PlistFormat::xml);
+
+/// A BOM file made by our writer; the records must list "." first.
+void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord>& records);
+
+/// A receipt at VOLUME/System/Library/Receipts/relativePath with its BOM beside it.
+void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                  std::string_view identifier, const std::vector<std::string>& groups,
+                  const std::vector<BomRecord>& records, PlistFormat format = PlistFormat::xml);
+
+/// The standard group of receipts whose permissions are repaired.
+inline const std::string kRepairGroup = "com.apple.snowleopard-repair-permissions.pkg-group";
+
+bool runningAsRoot();
 
 /// The output and exit status of a shell command line.
 struct CommandResult {

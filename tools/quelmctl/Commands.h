@@ -9,6 +9,10 @@ namespace quelm::ctl {
 void addVolumeInfoCommand(CLI::App& app, int& status);
 void addKextInfoCommand(CLI::App& app, int& status);
 void addSmartTableCommand(CLI::App& app, int& status);
+void addPermissionsCommands(CLI::App& app, int& status);
+void addMakeDemoVolumeCommand(CLI::App& app, int& status);
+void addListBomCommand(CLI::App& app, int& status);
+void addMakeBomCommand(CLI::App& app, int& status);
 
 /// One line on stderr, prefixed with the program name.
 void printError(std::string_view message);

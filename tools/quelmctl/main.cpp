@@ -21,6 +21,10 @@ int main(int argc, char** argv) {
     quelm::ctl::addVolumeInfoCommand(app, status);
     quelm::ctl::addKextInfoCommand(app, status);
     quelm::ctl::addSmartTableCommand(app, status);
+    quelm::ctl::addPermissionsCommands(app, status);
+    quelm::ctl::addMakeDemoVolumeCommand(app, status);
+    quelm::ctl::addListBomCommand(app, status);
+    quelm::ctl::addMakeBomCommand(app, status);
     CLI11_PARSE(app, argc, argv);
     return status;
 }

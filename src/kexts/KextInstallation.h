@@ -1,0 +1,34 @@
+// Backing up and installing kext bundles on a volume: the privileged file operations.
+#pragma once
+
+#include "kexts/QVKernelExtension.h"
+#include "volumes/QVOSVolume.h"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace quelm {
+
+/// Copies each kext to mount point + destinationFolder + its name, replacing a bundle that is
+/// there. The copy is made under a hidden name beside the destination, given owner 0, group 0
+/// and mode 755 on every item, and only then swapped with the old bundle, so a kext that fails
+/// leaves the old one in place. Returns the kexts that failed, in list order.
+std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
+                                                       const std::string& destinationFolder,
+                                                       const QVOSVolume& volume);
+
+/// Copies each kext found at mount point + installedInFolder + its name into
+/// destinationFolder + the compact timestamp of now, a folder made with owner 501, group 80
+/// and mode 755. Returns the kexts that failed; all of them when the folder cannot be made.
+std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernelExtension>& kexts,
+                                                      const std::string& installedInFolder,
+                                                      const QVOSVolume& volume,
+                                                      const std::string& destinationFolder,
+                                                      std::chrono::system_clock::time_point now);
+
+/// Whether path is a bundle folder the installation accepts as a source: a clean absolute path
+/// to a folder whose name ends in ".kext".
+bool isInstallableKext(const QVKernelExtension& kext);
+
+} // namespace quelm

@@ -1,0 +1,319 @@
+// The BOM store writer, and the text listing both the writer and the lister speak.
+#include "repair/BomWriter.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <optional>
+#include <unordered_map>
+
+namespace quelm {
+namespace {
+
+constexpr std::size_t headerSize = 32;
+constexpr std::size_t nodeSize = 4096;
+constexpr std::size_t smallNodeSize = 128;
+constexpr std::size_t entriesPerNode = (nodeSize - 12) / 8;
+constexpr std::uint16_t architecture = 0x000f;
+
+std::unexpected<BomWriteError> failure(std::string message) {
+    return std::unexpected(BomWriteError{std::move(message)});
+}
+
+void putU8(std::string& out, std::uint8_t value) {
+    out.push_back(static_cast<char>(value));
+}
+
+void putU16(std::string& out, std::uint16_t value) {
+    putU8(out, static_cast<std::uint8_t>(value >> 8));
+    putU8(out, static_cast<std::uint8_t>(value));
+}
+
+void putU32(std::string& out, std::uint32_t value) {
+    const char bytes[] = {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+                          static_cast<char>(value >> 8), static_cast<char>(value)};
+    out.append(bytes, sizeof bytes);
+}
+
+std::uint8_t fileType(std::uint16_t mode) {
+    switch (mode & 0170000) {
+    case 0040000:
+        return 2;
+    case 0120000:
+        return 3;
+    case 0020000:
+    case 0060000:
+        return 4;
+    default:
+        return 1;
+    }
+}
+
+/// The file's bytes as blocks appended one after another, and the table that finds them.
+class BlockFile {
+public:
+    BlockFile() : bytes_(headerSize, '\0'), blocks_{{0, 0}} {}
+
+    /// Appends a block whose bytes fill writes; returns its id.
+    template <typename Fill> std::uint32_t add(Fill&& fill) {
+        const std::size_t address = bytes_.size();
+        fill(bytes_);
+        blocks_.push_back({address, bytes_.size() - address});
+        return static_cast<std::uint32_t>(blocks_.size() - 1);
+    }
+
+    std::uint32_t nextId() const { return static_cast<std::uint32_t>(blocks_.size()); }
+
+    /// The whole file: variables and block table appended, header filled in.
+    std::expected<std::string, BomWriteError>
+    finish(const std::vector<std::pair<std::string, std::uint32_t>>& variables);
+
+private:
+    struct Block {
+        std::size_t address;
+        std::size_t length;
+    };
+    std::string bytes_;
+    std::vector<Block> blocks_;
+};
+
+std::expected<std::string, BomWriteError>
+BlockFile::finish(const std::vector<std::pair<std::string, std::uint32_t>>& variables) {
+    const std::size_t variablesOffset = bytes_.size();
+    putU32(bytes_, static_cast<std::uint32_t>(variables.size()));
+    for (const auto& [name, id] : variables) {
+        putU32(bytes_, id);
+        putU8(bytes_, static_cast<std::uint8_t>(name.size()));
+        bytes_ += name;
+    }
+    const std::size_t tableOffset = bytes_.size();
+    putU32(bytes_, static_cast<std::uint32_t>(blocks_.size()));
+    for (const Block& block : blocks_) {
+        putU32(bytes_, static_cast<std::uint32_t>(block.address));
+        putU32(bytes_, static_cast<std::uint32_t>(block.length));
+    }
+    putU32(bytes_, 0); // an empty free list
+    if (bytes_.size() > std::numeric_limits<std::uint32_t>::max())
+        return failure("too many paths: a BOM file cannot exceed 4 GiB");
+    std::string header = "BOMStore";
+    for (const std::size_t value :
+         {std::size_t{1}, blocks_.size() - 1, tableOffset, bytes_.size() - tableOffset,
+          variablesOffset, tableOffset - variablesOffset})
+        putU32(header, static_cast<std::uint32_t>(value));
+    bytes_.replace(0, headerSize, header);
+    return std::move(bytes_);
+}
+
+/// A tree node; entries are (value, key) in a leaf and (child, key) in a branch.
+std::uint32_t addNode(BlockFile& file, bool leaf,
+                      std::span<const std::pair<std::uint32_t, std::uint32_t>> entries,
+                      std::uint32_t forward, std::uint32_t backward, std::size_t size) {
+    return file.add([&](std::string& out) {
+        const std::size_t start = out.size();
+        putU16(out, leaf ? 1 : 0);
+        putU16(out, static_cast<std::uint16_t>(entries.size()));
+        putU32(out, forward);
+        putU32(out, backward);
+        for (const auto& [first, second] : entries) {
+            putU32(out, first);
+            putU32(out, second);
+        }
+        out.resize(start + size, '\0');
+    });
+}
+
+std::uint32_t addTree(BlockFile& file, std::uint32_t root, std::size_t blockSize,
+                      std::size_t pathCount) {
+    return file.add([&](std::string& out) {
+        out += "tree";
+        putU32(out, 1);
+        putU32(out, root);
+        putU32(out, static_cast<std::uint32_t>(blockSize));
+        putU32(out, static_cast<std::uint32_t>(pathCount));
+        putU8(out, 0);
+    });
+}
+
+std::uint32_t addEmptyTree(BlockFile& file, std::size_t blockSize) {
+    return addTree(file, addNode(file, true, {}, 0, 0, blockSize), blockSize, 0);
+}
+
+/// The leaves holding entries in order, linked both ways, then branch levels up to one root.
+std::uint32_t addPathsTree(BlockFile& file,
+                           std::span<const std::pair<std::uint32_t, std::uint32_t>> entries) {
+    using Entry = std::pair<std::uint32_t, std::uint32_t>;
+    const std::size_t leafCount =
+        std::max<std::size_t>(1, (entries.size() + entriesPerNode - 1) / entriesPerNode);
+    const std::uint32_t firstLeaf = file.nextId();
+    // A branch entry names a child and the last key under it.
+    std::vector<Entry> level;
+    for (std::size_t leaf = 0; leaf < leafCount; ++leaf) {
+        const auto part =
+            entries.subspan(leaf * entriesPerNode,
+                            std::min(entriesPerNode, entries.size() - leaf * entriesPerNode));
+        const auto id = static_cast<std::uint32_t>(firstLeaf + leaf);
+        addNode(file, true, part, leaf + 1 < leafCount ? id + 1 : 0, leaf > 0 ? id - 1 : 0,
+                nodeSize);
+        level.emplace_back(id, part.empty() ? 0 : part.back().second);
+    }
+    while (level.size() > 1) {
+        std::vector<Entry> above;
+        for (std::size_t start = 0; start < level.size(); start += entriesPerNode) {
+            const auto children =
+                std::span(level).subspan(start, std::min(entriesPerNode, level.size() - start));
+            above.emplace_back(addNode(file, false, children, 0, 0, nodeSize),
+                               children.back().second);
+        }
+        level = std::move(above);
+    }
+    return addTree(file, level.front().first, nodeSize, entries.size());
+}
+
+std::uint32_t addAttributes(BlockFile& file, const BomRecord& record) {
+    return file.add([&](std::string& out) {
+        putU8(out, fileType(record.mode));
+        putU8(out, 1);
+        putU16(out, architecture);
+        putU16(out, record.mode);
+        putU32(out, record.uid);
+        putU32(out, record.gid);
+        putU32(out, 0); // modification time
+        putU32(out, 0); // size
+        putU8(out, 1);
+        putU32(out, 0); // checksum
+        putU32(out, 0); // link name length
+    });
+}
+
+/// The path id of each record's parent, 0 for "."; the error names the record at fault.
+std::expected<std::vector<std::uint32_t>, BomWriteError>
+parentIds(std::span<const BomRecord> records) {
+    if (records.empty() || records.front().path != ".")
+        return failure("the first path must be \".\", the root of the volume");
+    std::unordered_map<std::string_view, std::uint32_t> ids;
+    ids.reserve(records.size());
+    std::vector<std::uint32_t> parents;
+    parents.reserve(records.size());
+    for (std::size_t index = 0; index < records.size(); ++index) {
+        const std::string_view path = records[index].path;
+        const std::size_t slash = path.rfind('/');
+        const auto name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+        if (name.empty() || name.find_first_of(std::string_view("\0\t\n", 3)) != name.npos)
+            return failure(std::string(path) + ": a name must be non-empty, without NUL, tab or "
+                                               "line break");
+        const auto parent =
+            slash == std::string_view::npos ? ids.end() : ids.find(path.substr(0, slash));
+        if (index > 0 && parent == ids.end())
+            return failure(std::string(path) + ": its folder is not listed before it");
+        if (!ids.try_emplace(path, static_cast<std::uint32_t>(index + 1)).second)
+            return failure(std::string(path) + ": listed twice");
+        parents.push_back(index > 0 ? parent->second : 0);
+    }
+    return parents;
+}
+
+template <typename Number> std::optional<Number> parseNumber(std::string_view text, int base) {
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+std::expected<BomRecord, std::string> parseLine(std::string_view line) {
+    const std::size_t modeTab = line.find('\t');
+    const std::size_t ownerTab = line.find('\t', modeTab == line.npos ? line.size() : modeTab + 1);
+    if (ownerTab == line.npos)
+        return std::unexpected("expected PATH<TAB>MODE<TAB>UID/GID");
+    const auto modeText = line.substr(modeTab + 1, ownerTab - modeTab - 1);
+    const auto owner = line.substr(ownerTab + 1);
+    const std::size_t slash = owner.find('/');
+    const auto mode = parseNumber<std::uint16_t>(modeText, 8);
+    const auto uid = parseNumber<std::uint32_t>(owner.substr(0, slash), 10);
+    const auto gid = slash == owner.npos ? std::nullopt
+                                         : parseNumber<std::uint32_t>(owner.substr(slash + 1), 10);
+    if (modeTab == 0)
+        return std::unexpected("the path is empty");
+    if (!mode)
+        return std::unexpected("the mode \"" + std::string(modeText) +
+                               "\" is not an octal number up to 177777");
+    if (!uid || !gid)
+        return std::unexpected("the owner \"" + std::string(owner) +
+                               "\" is not UID/GID in decimal");
+    return BomRecord{std::string(line.substr(0, modeTab)), *mode, *uid, *gid};
+}
+
+} // namespace
+
+std::expected<std::string, BomWriteError> writeBom(std::span<const BomRecord> records) {
+    const auto parents = parentIds(records);
+    if (!parents)
+        return std::unexpected(parents.error());
+    BlockFile file;
+    const std::uint32_t info = file.add([&](std::string& out) {
+        putU32(out, 1);
+        putU32(out, static_cast<std::uint32_t>(records.size()));
+        putU32(out, 0);
+    });
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> entries;
+    entries.reserve(records.size());
+    for (std::size_t index = 0; index < records.size(); ++index) {
+        const std::uint32_t attributes = addAttributes(file, records[index]);
+        const std::uint32_t value = file.add([&](std::string& out) {
+            putU32(out, static_cast<std::uint32_t>(index + 1));
+            putU32(out, attributes);
+        });
+        const std::uint32_t key = file.add([&](std::string& out) {
+            putU32(out, (*parents)[index]);
+            const std::string_view path = records[index].path;
+            out += path.substr(path.rfind('/') + 1);
+            out.push_back('\0');
+        });
+        entries.emplace_back(value, key);
+    }
+    const std::uint32_t paths = addPathsTree(file, entries);
+    const std::uint32_t hardLinks = addEmptyTree(file, nodeSize);
+    const std::uint32_t vindexTree = addEmptyTree(file, smallNodeSize);
+    const std::uint32_t vindex = file.add([&](std::string& out) {
+        putU32(out, 1);
+        putU32(out, vindexTree);
+        putU32(out, 0);
+        putU8(out, 0);
+    });
+    const std::uint32_t sizes = addEmptyTree(file, nodeSize);
+    return file.finish({{"BomInfo", info},
+                        {"Paths", paths},
+                        {"HLIndex", hardLinks},
+                        {"VIndex", vindex},
+                        {"Size64", sizes}});
+}
+
+std::expected<std::vector<BomRecord>, BomWriteError> parseListing(std::string_view text) {
+    std::vector<BomRecord> records;
+    for (std::size_t lineNumber = 1; !text.empty(); ++lineNumber) {
+        const std::size_t end = text.find('\n');
+        auto record = parseLine(text.substr(0, end));
+        if (!record)
+            return failure("line " + std::to_string(lineNumber) + ": " + record.error());
+        records.push_back(std::move(*record));
+        text.remove_prefix(end == text.npos ? text.size() : end + 1);
+    }
+    return records;
+}
+
+void appendListingLine(std::string& out, std::string_view path, std::uint16_t mode,
+                       std::uint32_t uid, std::uint32_t gid) {
+    char fields[32];
+    char* end = fields;
+    *end++ = '\t';
+    end = std::to_chars(end, std::end(fields), mode, 8).ptr;
+    *end++ = '\t';
+    end = std::to_chars(end, std::end(fields), uid).ptr;
+    *end++ = '/';
+    end = std::to_chars(end, std::end(fields), gid).ptr;
+    *end++ = '\n';
+    out.append(path);
+    out.append(fields, end);
+}
+
+} // namespace quelm

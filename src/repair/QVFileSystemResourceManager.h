@@ -1,0 +1,55 @@
+// All resources of a job, verified or repaired in parallel slices.
+#pragma once
+
+#include "repair/QVFileSystemResource.h"
+#include "support/VolumePaths.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace quelm {
+
+class QVFileSystemResourceManagerDelegate {
+public:
+    virtual ~QVFileSystemResourceManagerDelegate() = default;
+    /// After each resource of a pass, on the serial working queue.
+    virtual void fileSystemResourceManagerDidProcess(std::int64_t counter, std::int64_t total) = 0;
+};
+
+class QVFileSystemResourceManager {
+public:
+    static QVFileSystemResourceManager& shared();
+
+    void setDelegate(QVFileSystemResourceManagerDelegate* delegate) { delegate_ = delegate; }
+    /// The volume that repair reaches its paths from.
+    void setVolumeRoot(std::shared_ptr<const VolumeRoot> root) { root_ = std::move(root); }
+    /// Called on the serial working queue.
+    void appendResource(QVFileSystemResource resource);
+
+    /// Passes over every resource in QVCPU maxthread slices; both empty the resources and the
+    /// counter when done and keep results and total.
+    void verify();
+    void repair();
+
+    std::int64_t total() const { return total_; }
+    const std::vector<QVFileSystemResource>& currentFileSystemResources() const {
+        return resources_;
+    }
+    /// Hands the results over and forgets them, ready for the next job.
+    std::vector<QVRepairPermissionsResult> takeResults();
+    /// Back to the state of a new process: between two jobs.
+    void reset();
+
+private:
+    template <class Operation> void pass(const char* fatalMessage, Operation operation);
+
+    QVFileSystemResourceManagerDelegate* delegate_ = nullptr;
+    std::shared_ptr<const VolumeRoot> root_;
+    std::vector<QVFileSystemResource> resources_;
+    std::vector<QVRepairPermissionsResult> results_;
+    std::int64_t total_ = 0;
+    std::int64_t counter_ = 0;
+};
+
+} // namespace quelm

@@ -1,0 +1,47 @@
+// Package receipts: what a receipt names, and which receipts take part in repairs.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm {
+
+enum class QVPackageDataKey { PackageIdentifier, PackageGroups };
+std::string_view rawValue(QVPackageDataKey key);
+
+/// The contents of one receipt property list.
+class QVPackage {
+public:
+    /// Nothing when the receipt is not a readable dictionary or a key is missing or mistyped.
+    static std::optional<QVPackage> initWithReceiptPath(const std::string& receiptPath);
+
+    const std::string& identifier() const { return identifier_; }
+    const std::vector<std::string>& groups() const { return groups_; }
+    /// The receipt's path with "bom" for its extension, by the narrow URL rule.
+    const std::string& bomPathString() const { return bomPathString_; }
+
+protected:
+    QVPackage(std::string identifier, std::vector<std::string> groups, std::string bomPath);
+
+private:
+    std::string identifier_;
+    std::vector<std::string> groups_;
+    std::string bomPathString_;
+};
+
+/// A package of the group whose permissions the system knows how to repair.
+class QVStandardPackage : public QVPackage {
+public:
+    static constexpr std::string_view standardGroup =
+        "com.apple.snowleopard-repair-permissions.pkg-group";
+
+    /// Nothing unless the package is made and lists the standard group among its groups.
+    static std::optional<QVStandardPackage> initWithReceiptPath(const std::string& receiptPath);
+
+private:
+    explicit QVStandardPackage(QVPackage package) : QVPackage(std::move(package)) {}
+};
+
+} // namespace quelm

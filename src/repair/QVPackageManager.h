@@ -1,0 +1,64 @@
+// The receipts of the target volume, their bills of materials, and the resources made of them.
+#pragma once
+
+#include "repair/QVPackage.h"
+#include "repair/YRBomParser.h"
+#include "support/VolumePaths.h"
+#include "volumes/QVOSVolume.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quelm {
+
+class QVPackageManagerDelegate {
+public:
+    virtual ~QVPackageManagerDelegate() = default;
+    /// After each resource handed to the resource manager, on the serial working queue.
+    virtual void packageManagerDidMakeResource(std::int64_t counter, std::int64_t total) = 0;
+};
+
+class QVPackageManager {
+public:
+    static constexpr std::string_view systemReceiptDirectoryPathString =
+        "/System/Library/Receipts/";
+
+    static QVPackageManager& shared();
+
+    void setTargetVolume(QVOSVolume volume) { targetVolume_ = std::move(volume); }
+    void setDelegate(QVPackageManagerDelegate* delegate) { delegate_ = delegate; }
+
+    /// Finds the standard packages, reads their BOMs and hands every listed path that exists on
+    /// the volume to the resource manager. Returns when all are handed over. A package whose BOM
+    /// lists nothing stops the process: its receipt promises files that cannot be checked.
+    void setup();
+
+    const std::vector<QVStandardPackage>& standardPackages() const { return standardPackages_; }
+    std::int64_t total() const { return total_; }
+    std::int64_t counter() const { return counter_; }
+    /// Back to the state of a new process: between two jobs.
+    void reset();
+
+private:
+    /// The volume's receipt folder: "/System/Library/Receipts/" under its mount point.
+    std::string receiptDirectory() const;
+    void findPackages(const std::shared_ptr<const VolumeRoot>& root);
+    void readBoms();
+    void makeResources(const YRBomParserWrapper& parser,
+                       const std::shared_ptr<const VolumeRoot>& root);
+    void dropRecord();
+
+    QVPackageManagerDelegate* delegate_ = nullptr;
+    std::optional<QVOSVolume> targetVolume_;
+    std::vector<QVStandardPackage> standardPackages_;
+    /// Per package: whether its BOM may be opened (a regular file beneath the volume).
+    std::vector<bool> bomIsSafe_;
+    std::vector<std::unique_ptr<YRBomParserWrapper>> parsers_;
+    std::int64_t total_ = 0;
+    std::int64_t counter_ = 0;
+};
+
+} // namespace quelm

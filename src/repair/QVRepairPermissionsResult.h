@@ -1,0 +1,94 @@
+// One difference found by verification or one change attempted by repair, and its report.
+#pragma once
+
+#include "support/KeyedArchive.h"
+
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm {
+
+enum class QVRepairPermissionsJobType { verifyPermissions, repairPermissions };
+enum class QVFileSystemResourceAttributeStatus { verified, fixed, failed };
+/// In the order in which a resource's attributes are checked.
+enum class QVFileSystemResourceAttributeMismatchedType {
+    ownerIDMismatched,
+    groupIDMismatched,
+    posixPermissionsMismatched,
+};
+
+/// "Verified", "Fixed", "Failed".
+std::string_view displayText(QVFileSystemResourceAttributeStatus status);
+/// "Owner ID Mismatched", "Group ID Mismatched", "POSIX Permissions Mismatched".
+std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type);
+
+class QVRepairPermissionsRepresentableResult;
+
+/// A result inside the engine. Attribute values are ids, or permissions as their octal digits
+/// read as a decimal number (755).
+class QVRepairPermissionsResult {
+public:
+    /// Makes a fresh identifier.
+    QVRepairPermissionsResult(QVRepairPermissionsJobType jobType,
+                              std::string fileSystemResourcePath,
+                              QVFileSystemResourceAttributeMismatchedType attributeMismatchedType,
+                              std::int64_t currentAttribute, std::int64_t correctAttribute,
+                              std::optional<std::int64_t> newAttribute,
+                              QVFileSystemResourceAttributeStatus attributeStatus);
+
+    const std::string& identifier() const { return identifier_; }
+    QVRepairPermissionsJobType jobType() const { return jobType_; }
+    const std::string& fileSystemResourcePath() const { return path_; }
+    QVFileSystemResourceAttributeMismatchedType attributeMismatchedType() const { return type_; }
+    std::int64_t currentAttribute() const { return current_; }
+    std::int64_t correctAttribute() const { return correct_; }
+    std::optional<std::int64_t> newAttribute() const { return new_; }
+    QVFileSystemResourceAttributeStatus attributeStatus() const { return status_; }
+
+    QVRepairPermissionsRepresentableResult representable() const;
+
+private:
+    std::string identifier_;
+    QVRepairPermissionsJobType jobType_;
+    std::string path_;
+    QVFileSystemResourceAttributeMismatchedType type_;
+    std::int64_t current_;
+    std::int64_t correct_;
+    std::optional<std::int64_t> new_;
+    QVFileSystemResourceAttributeStatus status_;
+};
+
+/// A result flattened to strings and integers, as it crosses to the application.
+struct QVRepairPermissionsRepresentableResult {
+    static constexpr std::string_view className = "QVRepairPermissionsRepresentableResult";
+    /// Stored in newAttribute when there is none (verification): no id or mode is negative.
+    static constexpr std::int64_t noNewAttribute = -1;
+
+    std::string identifier;
+    std::string fileSystemResourcePath;
+    std::string attributeMismatchedTypeString;
+    std::int64_t currentAttribute = 0;
+    std::int64_t correctAttribute = 0;
+    std::int64_t newAttribute = noNewAttribute;
+    std::string attributeStatusString;
+
+    bool hasNewAttribute() const { return newAttribute != noNewAttribute; }
+    [[nodiscard]] static std::expected<QVRepairPermissionsRepresentableResult, ArchiveError>
+    initWithCoder(const KeyedUnarchiver& coder);
+    void encodeWithCoder(KeyedArchiver& coder) const;
+    bool operator==(const QVRepairPermissionsRepresentableResult&) const = default;
+};
+
+/// Six labelled lines ("   File: ", " Reason: ", ... " Status: "), without a final line break.
+std::string reportText(const QVRepairPermissionsRepresentableResult& result);
+/// The texts of all results separated by blank lines, ending with a line break.
+std::string reportText(const std::vector<QVRepairPermissionsRepresentableResult>& results);
+
+/// A new random UUID's string: "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".
+std::string makeUUIDString();
+
+} // namespace quelm

@@ -1,0 +1,67 @@
+// The BOM store reader: the "Paths" tree of a bill-of-materials file as a flat array of records.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm {
+
+/// One path of a BOM: the full path as rebuilt from the tree ("./System/Library"), owner,
+/// group and mode with its file-type bits (040755), all in host order.
+struct YRFileSystemResource {
+    const char* path;
+    std::uint32_t uid;
+    std::uint32_t gid;
+    std::uint16_t mode;
+};
+
+/// Reads one BOM file. Every offset, block id and length is checked against the file's
+/// bytes: a damaged file is refused, never read outside its buffer.
+class YRBomParser {
+public:
+    enum Status : int { success = 0, unreadable = 1, notABomStore = 2 };
+
+    explicit YRBomParser(std::string fileName);
+    ~YRBomParser();
+    YRBomParser(const YRBomParser&) = delete;
+    YRBomParser& operator=(const YRBomParser&) = delete;
+
+    /// Reads the file and lists its paths.
+    [[nodiscard]] Status parse();
+    /// Lists the paths of a BOM already in memory (the file's whole bytes).
+    [[nodiscard]] Status parseBytes(std::string bytes);
+
+    std::uint32_t total() const;
+    /// The records in tree order; valid while the parser lives.
+    const YRFileSystemResource* resources() const;
+
+private:
+    struct State;
+    std::string fileName_;
+    std::unique_ptr<State> state_;
+};
+
+/// The object the package layer holds: a parser run once, read through count and results.
+class YRBomParserWrapper {
+public:
+    static std::unique_ptr<YRBomParserWrapper> initWithFileName(std::string fileName);
+
+    /// Runs the parser; on any failure count stays 0 and results null.
+    void parse();
+    std::uint32_t count() const { return count_; }
+    const YRFileSystemResource* results() const { return results_; }
+    const std::string& fileName() const { return fileName_; }
+
+private:
+    explicit YRBomParserWrapper(std::string fileName);
+
+    std::string fileName_;
+    YRBomParser parser_;
+    std::uint32_t count_ = 0;
+    const YRFileSystemResource* results_ = nullptr;
+};
+
+} // namespace quelm

@@ -1,0 +1,84 @@
+// One verify or repair run over a volume, with throttled progress notifications.
+#include "repair/YRRepairPermissions.h"
+
+#include "support/Log.h"
+
+#include <cmath>
+#include <ctime>
+#include <mutex>
+
+namespace quelm {
+namespace {
+
+constexpr std::uint64_t kProgressInterval = 500'000'000;
+
+} // namespace
+
+double scaledProgress(std::int64_t counter, std::int64_t total, double span, double offset) {
+    const double fraction = static_cast<double>(counter) / static_cast<double>(total);
+    return std::round(fraction * 100 * (span / 100) * 100) / 100 + offset;
+}
+
+std::uint64_t YRRepairPermissions::uptimeNanoseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+YRRepairPermissions::YRRepairPermissions(QVOSVolume targetVolume,
+                                         QVRepairPermissionsJobType jobType, Clock clock)
+    : targetVolume_(std::move(targetVolume)), jobType_(jobType), clock_(std::move(clock)) {
+}
+
+void YRRepairPermissions::setProgress(double progress) {
+    const std::uint64_t now = clock_();
+    if (now < lastTime_)
+        fatalError("YRRepairPermissions::setProgress() FatalError: the monotonic clock went back.");
+    if (now - lastTime_ > kProgressInterval) {
+        NotificationCenter::defaultCenter().post(kRepairPermissionsProgressDidChange, progress);
+        lastTime_ = clock_();
+    }
+    progress_ = progress;
+}
+
+void YRRepairPermissions::packageManagerDidMakeResource(std::int64_t counter, std::int64_t total) {
+    setProgress(scaledProgress(counter, total, 30, 10));
+}
+
+void YRRepairPermissions::fileSystemResourceManagerDidProcess(std::int64_t counter,
+                                                              std::int64_t total) {
+    setProgress(scaledProgress(counter, total, 50, 40));
+}
+
+void YRRepairPermissions::run() {
+    // The managers are shared: a second job waits for the first instead of mixing with it.
+    static std::mutex oneJobAtATime;
+    std::lock_guard lock(oneJobAtATime);
+    auto& packages = QVPackageManager::shared();
+    auto& resources = QVFileSystemResourceManager::shared();
+    packages.reset();
+    resources.reset();
+
+    packages.setTargetVolume(targetVolume_);
+    packages.setDelegate(this);
+    setProgress(10);
+    packages.setup();
+    checkedPathCount_ = packages.counter();
+    setProgress(40);
+
+    resources.setDelegate(this);
+    if (jobType_ == QVRepairPermissionsJobType::repairPermissions)
+        resources.repair();
+    else
+        resources.verify();
+
+    results_ = resources.takeResults();
+    const auto collected = static_cast<std::int64_t>(results_.size());
+    setProgress(scaledProgress(collected, std::max<std::int64_t>(collected, 1), 10, 90));
+    setProgress(100);
+    packages.reset();
+    resources.reset();
+}
+
+} // namespace quelm

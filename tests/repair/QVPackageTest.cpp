@@ -1,0 +1,72 @@
+// Receipts: which are read, which are standard, and where their BOM is.
+#include "repair/QVPackage.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace quelm {
+namespace {
+
+using test::TemporaryFolder;
+
+std::filesystem::path writeReceipt(const std::filesystem::path& path, const PlistValue& receipt,
+                                   PlistFormat format = PlistFormat::xml) {
+    test::writePlist(path, receipt, format);
+    return path;
+}
+
+PlistValue receiptWith(PlistValue::Array groups) {
+    return PlistValue::Dict{{"PackageIdentifier", "com.apple.pkg.Foo"},
+                            {"PackageGroups", std::move(groups)}};
+}
+
+TEST(QVPackageTest, ReadsBothEncodingsAndPlacesTheBomBeside) {
+    TemporaryFolder folder;
+    for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
+        const auto path =
+            writeReceipt(folder / "Mac HD/System/Library/Receipts/com.apple.pkg.Foo.plist",
+                         receiptWith({"a", test::kRepairGroup}), format);
+        const auto package = QVStandardPackage::initWithReceiptPath(path.string());
+        ASSERT_TRUE(package);
+        EXPECT_EQ(package->identifier(), "com.apple.pkg.Foo");
+        EXPECT_EQ(package->groups(), (std::vector<std::string>{"a", test::kRepairGroup}));
+        EXPECT_EQ(package->bomPathString(),
+                  (folder / "Mac HD/System/Library/Receipts/com.apple.pkg.Foo.bom").string());
+    }
+}
+
+TEST(QVPackageTest, OnlyTheStandardGroupMakesAStandardPackage) {
+    TemporaryFolder folder;
+    const auto other = writeReceipt(folder / "other.plist", receiptWith({"com.example.group"}));
+    EXPECT_TRUE(QVPackage::initWithReceiptPath(other.string()));
+    EXPECT_FALSE(QVStandardPackage::initWithReceiptPath(other.string()));
+    const auto none = writeReceipt(folder / "none.plist", receiptWith({}));
+    EXPECT_FALSE(QVStandardPackage::initWithReceiptPath(none.string()));
+    const auto upper =
+        writeReceipt(folder / "upper.plist",
+                     receiptWith({"COM.APPLE.SNOWLEOPARD-REPAIR-PERMISSIONS.PKG-GROUP"}));
+    EXPECT_FALSE(QVStandardPackage::initWithReceiptPath(upper.string()));
+}
+
+TEST(QVPackageTest, BadReceiptsAreSkipped) {
+    TemporaryFolder folder;
+    test::writeText(folder / "text.plist", "not a property list");
+    EXPECT_FALSE(QVPackage::initWithReceiptPath((folder / "text.plist").string()));
+    EXPECT_FALSE(QVPackage::initWithReceiptPath((folder / "missing.plist").string()));
+    for (const auto& receipt :
+         {PlistValue(PlistValue::Dict{{"PackageGroups", PlistValue::Array{}}}),
+          PlistValue(PlistValue::Dict{{"PackageIdentifier", "x"}}),
+          PlistValue(
+              PlistValue::Dict{{"PackageIdentifier", 3}, {"PackageGroups", PlistValue::Array{}}}),
+          PlistValue(PlistValue::Dict{{"PackageIdentifier", "x"}, {"PackageGroups", "g"}}),
+          PlistValue(PlistValue::Dict{{"PackageIdentifier", "x"},
+                                      {"PackageGroups", PlistValue::Array{1}}}),
+          PlistValue(PlistValue::Array{"x"})}) {
+        const auto path = writeReceipt(folder / "bad.plist", receipt);
+        EXPECT_FALSE(QVPackage::initWithReceiptPath(path.string()));
+    }
+}
+
+} // namespace
+} // namespace quelm

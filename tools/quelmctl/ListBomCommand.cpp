@@ -1,0 +1,69 @@
+// quelmctl list-bom: every path of a BOM file with its mode and owner, one line each.
+#include "quelmctl/Commands.h"
+#include "repair/BomWriter.h"
+#include "repair/YRBomParser.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace quelm::ctl {
+namespace {
+
+constexpr std::size_t flushSize = std::size_t{1} << 20;
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+int listBom(const std::string& file) {
+    YRBomParser parser(file);
+    switch (parser.parse()) {
+    case YRBomParser::success:
+        break;
+    case YRBomParser::unreadable:
+        printError("cannot read " + file);
+        return 1;
+    case YRBomParser::notABomStore:
+        printError(file + " is not a BOM store, or it is damaged");
+        return 2;
+    }
+    // Lines are gathered into large writes: a receipt can list a million paths.
+    std::string out;
+    out.reserve(flushSize + 4096);
+    const YRFileSystemResource* records = parser.resources();
+    for (std::uint32_t index = 0; index < parser.total(); ++index) {
+        const YRFileSystemResource& record = records[index];
+        appendListingLine(out, record.path, record.mode, record.uid, record.gid);
+        if (out.size() >= flushSize || index + 1 == parser.total()) {
+            if (!writeAll(STDOUT_FILENO, out)) {
+                printError(std::string("cannot write the listing: ") + std::strerror(errno));
+                return 1;
+            }
+            out.clear();
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+void addListBomCommand(CLI::App& app, int& status) {
+    auto* command = app.add_subcommand(
+        "list-bom", "Print every path of the BOM (bill of materials) file FILE in stored order, "
+                    "one line each: PATH<TAB>MODE(octal)<TAB>UID/GID. Exit 1 when FILE cannot be "
+                    "read, 2 when it is not a BOM store or is damaged.");
+    auto file = std::make_shared<std::string>();
+    command->add_option("FILE", *file, "The BOM file, such as a package receipt's Bom")->required();
+    command->callback([file, &status] { status = listBom(*file); });
+}
+
+} // namespace quelm::ctl

@@ -1,0 +1,165 @@
+// quelmctl verify-permissions and repair-permissions: the repair job on a volume, in process.
+#include "quelmctl/Commands.h"
+#include "repair/QVCPU.h"
+#include "repair/YRRepairPermissions.h"
+#include "support/Files.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <unistd.h>
+
+namespace quelm::ctl {
+namespace {
+
+struct Options {
+    std::string volume;
+    std::int64_t threads = 0;
+    bool json = false;
+    std::string report;
+};
+
+/// Draws the job's progress on stderr while it runs on a terminal.
+class ProgressBar {
+public:
+    ProgressBar() : enabled_(::isatty(STDERR_FILENO) != 0) {
+        if (enabled_)
+            token_ = NotificationCenter::defaultCenter().addObserver(
+                kRepairPermissionsProgressDidChange, [](const double& value) { draw(value); });
+    }
+    ~ProgressBar() {
+        if (!enabled_)
+            return;
+        NotificationCenter::defaultCenter().removeObserver(token_);
+        std::fputs("\r\033[K", stderr);
+    }
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
+
+private:
+    static void draw(double percent) {
+        constexpr int kWidth = 40;
+        const int filled = static_cast<int>(percent / 100 * kWidth);
+        std::string bar(static_cast<std::size_t>(filled), '#');
+        bar.resize(kWidth, '-');
+        std::fprintf(stderr, "\r[%s] %6.2f%%", bar.c_str(), percent);
+        std::fflush(stderr);
+    }
+
+    bool enabled_;
+    NotificationCenter::Token token_ = 0;
+};
+
+std::string jsonString(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (byte < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string jsonResults(const std::vector<QVRepairPermissionsRepresentableResult>& results) {
+    std::string out = "[";
+    for (const auto& r : results) {
+        out += out.size() > 1 ? ",\n  {" : "\n  {";
+        out +=
+            "\"identifier\": " + jsonString(r.identifier) +
+            ", \"fileSystemResourcePath\": " + jsonString(r.fileSystemResourcePath) +
+            ", \"attributeMismatchedTypeString\": " + jsonString(r.attributeMismatchedTypeString) +
+            ", \"currentAttribute\": " + std::to_string(r.currentAttribute) +
+            ", \"correctAttribute\": " + std::to_string(r.correctAttribute) +
+            ", \"newAttribute\": " +
+            (r.hasNewAttribute() ? std::to_string(r.newAttribute) : std::string("null")) +
+            ", \"attributeStatusString\": " + jsonString(r.attributeStatusString) + "}";
+    }
+    return out + (results.empty() ? "]\n" : "\n]\n");
+}
+
+std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType type) {
+    std::size_t failed = 0;
+    for (const auto& result : job.results())
+        failed += result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
+    const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
+    if (type == QVRepairPermissionsJobType::verifyPermissions)
+        return checked + std::to_string(job.results().size()) + " mismatched";
+    return checked + std::to_string(job.results().size() - failed) + " fixed, " +
+           std::to_string(failed) + " failed";
+}
+
+int runJob(const Options& options, QVRepairPermissionsJobType type) {
+    const auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(options.volume));
+    if (!volume) {
+        printError(options.volume + " is not a macOS volume: it has no readable " +
+                   "System/Library/CoreServices/SystemVersion.plist");
+        return 2;
+    }
+    if (options.threads > 0)
+        QVCPU::shared().setMaxthread(options.threads);
+    if (type == QVRepairPermissionsJobType::repairPermissions && ::geteuid() != 0)
+        printError("not running as root: owners and groups cannot be repaired");
+    YRRepairPermissions job(*volume, type);
+    {
+        ProgressBar bar;
+        job.run();
+    }
+    std::vector<QVRepairPermissionsRepresentableResult> results;
+    for (const auto& result : job.results())
+        results.push_back(result.representable());
+    const std::string report = reportText(results);
+    if (!options.report.empty()) {
+        if (auto saved = writeFileAtomically(options.report, report); !saved) {
+            printError("cannot save the report: " + saved.error().message);
+            return 2;
+        }
+    }
+    if (options.json)
+        std::cout << jsonResults(results);
+    else
+        std::cout << report << (report.empty() ? "" : "\n") << summary(job, type) << '\n';
+    const bool failed = std::ranges::any_of(job.results(), [](const auto& result) {
+        return result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
+    });
+    return type == QVRepairPermissionsJobType::verifyPermissions ? !results.empty() : failed;
+}
+
+void addJobCommand(CLI::App& app, int& status, const char* name, const char* description,
+                   QVRepairPermissionsJobType type) {
+    auto* command = app.add_subcommand(name, description);
+    auto options = std::make_shared<Options>();
+    command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    command
+        ->add_option("--threads", options->threads,
+                     "Work items run at once (default: one "
+                     "per logical processor)")
+        ->check(CLI::Range(1, 1024));
+    command->add_flag("--json", options->json, "Print the results as a JSON array");
+    command->add_option("--report", options->report, "Also save the report text to FILE");
+    command->footer("Exit status: 0 when nothing is left mismatched, 1 when mismatches remain "
+                    "or a repair failed, 2 on an error such as a folder that is no macOS volume.");
+    command->callback([options, &status, type] { status = runJob(*options, type); });
+}
+
+} // namespace
+
+void addPermissionsCommands(CLI::App& app, int& status) {
+    addJobCommand(app, status, "verify-permissions",
+                  "Compare owner, group and permissions of every path the volume's receipts "
+                  "list with what they prescribe; change nothing.",
+                  QVRepairPermissionsJobType::verifyPermissions);
+    addJobCommand(app, status, "repair-permissions",
+                  "Set owner, group and permissions of every path the volume's receipts list "
+                  "to what they prescribe (run as root).",
+                  QVRepairPermissionsJobType::repairPermissions);
+}
+
+} // namespace quelm::ctl
