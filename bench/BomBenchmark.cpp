@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t recordCount = 1'000'000;
 constexpr std::size_t minDepth = 4;
-constexpr std::size_t maxDepth = 8;
+constexpr std::size_t maxDepth = 7;
 
 constexpr std::array folderWords{
     "System",     "Library",  "Frameworks", "PrivateFrameworks", "Resources",
@@ -34,7 +34,8 @@ struct Folder {
 };
 
 /// Folders listed breadth first, each with its files and sub-folders, as receipts list them:
-/// depth at least minDepth wherever the tree stops, never more than maxDepth.
+/// folders reach at least minDepth wherever the tree stops and at most maxDepth, so paths are
+/// 4 to 8 names deep.
 std::vector<BomRecord> systemVolumeRecords(std::size_t count) {
     std::mt19937 random(1);
     const auto pick = [&](std::size_t low, std::size_t high) {
@@ -46,8 +47,8 @@ std::vector<BomRecord> systemVolumeRecords(std::size_t count) {
         const Folder folder = std::move(folders.front());
         folders.pop_front();
         const std::size_t subfolders =
-            folder.depth < minDepth ? pick(3, 7) : (folder.depth < maxDepth ? pick(0, 5) : 0);
-        const std::size_t files = pick(4, 40);
+            folder.depth < minDepth ? pick(3, 7) : (folder.depth < maxDepth ? pick(2, 6) : 0);
+        const std::size_t files = pick(4, 50);
         for (std::size_t index = 0; index < subfolders + files && records.size() < count; ++index) {
             const bool isFolder = index < subfolders;
             std::string name = isFolder ? folderWords[pick(0, folderWords.size() - 1)]
@@ -82,7 +83,8 @@ void parseRebuildAndFormat(benchmark::State& state) {
         YRBomParser parser(bomFile.string());
         if (parser.parse() != YRBomParser::success)
             state.SkipWithError("cannot parse the BOM");
-        for (std::uint32_t index = 0; index < parser.total(); ++index) {
+        const std::uint32_t total = parser.total();
+        for (std::uint32_t index = 0; index < total; ++index) {
             const auto& record = parser.resources()[index];
             appendListingLine(out, record.path, record.mode, record.uid, record.gid);
             if (out.size() >= std::size_t{1} << 20) {

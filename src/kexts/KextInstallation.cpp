@@ -3,6 +3,7 @@
 
 #include "support/Log.h"
 #include "support/PathValidation.h"
+#include "support/Process.h"
 #include "support/Strings.h"
 #include "support/VolumePaths.h"
 
@@ -130,7 +131,32 @@ bool backupOne(const QVKernelExtension& kext, const std::string& installedIn,
     return !error;
 }
 
+/// Sets the modification time of the volume's folder to now, without following links.
+bool touchFolder(VolumeWalker& walker, std::string_view folder) {
+    const auto parent = walker.parentOf(folder);
+    if (!parent)
+        return false;
+    const std::string name(parent->second);
+    return ::utimensat(parent->first, name.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 } // namespace
+
+bool rebuildCaches(const QVOSVolume& volume) {
+    if (!isCleanAbsolutePath(volume.mountPoint()))
+        return false;
+    if (const auto& kextcache = SystemTools::host().kextcache)
+        return runTool(*kextcache, {"-i", volume.mountPoint()}) == 0;
+    const auto root = VolumeRoot::open(volume.mountPoint());
+    if (!root)
+        return false;
+    VolumeWalker walker(root);
+    std::error_code error;
+    const bool hasLibraryExtensions =
+        std::filesystem::is_directory(volume.mountPoint() + "/Library/Extensions", error);
+    return touchFolder(walker, "/System/Library/Extensions") &&
+           (!hasLibraryExtensions || touchFolder(walker, "/Library/Extensions"));
+}
 
 bool isInstallableKext(const QVKernelExtension& kext) {
     const std::string path = kext.path();

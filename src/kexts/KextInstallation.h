@@ -27,6 +27,11 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
                                                       const std::string& destinationFolder,
                                                       std::chrono::system_clock::time_point now);
 
+/// Rebuilds the volume's kext caches with kextcache where the host has it; elsewhere marks
+/// them stale so that macOS rebuilds them at its next start, by setting the modification time
+/// of System/Library/Extensions (and Library/Extensions, when present) to now.
+bool rebuildCaches(const QVOSVolume& volume);
+
 /// Whether path is a bundle folder the installation accepts as a source: a clean absolute path
 /// to a folder whose name ends in ".kext".
 bool isInstallableKext(const QVKernelExtension& kext);

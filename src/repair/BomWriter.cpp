@@ -303,17 +303,22 @@ std::expected<std::vector<BomRecord>, BomWriteError> parseListing(std::string_vi
 
 void appendListingLine(std::string& out, std::string_view path, std::uint16_t mode,
                        std::uint32_t uid, std::uint32_t gid) {
-    char fields[32];
-    char* end = fields;
-    *end++ = '\t';
-    end = std::to_chars(end, std::end(fields), mode, 8).ptr;
-    *end++ = '\t';
-    end = std::to_chars(end, std::end(fields), uid).ptr;
-    *end++ = '/';
-    end = std::to_chars(end, std::end(fields), gid).ptr;
-    *end++ = '\n';
-    out.append(path);
-    out.append(fields, end);
+    // Two tabs, six octal digits, two ten-digit ids, a slash and a line break at most.
+    constexpr std::size_t longestFields = 2 + 6 + 10 + 1 + 10 + 1;
+    const std::size_t start = out.size();
+    out.resize_and_overwrite(start + path.size() + longestFields,
+                             [&](char* data, std::size_t size) {
+                                 char* const last = data + size;
+                                 char* end = std::copy(path.begin(), path.end(), data + start);
+                                 *end++ = '\t';
+                                 end = std::to_chars(end, last, mode, 8).ptr;
+                                 *end++ = '\t';
+                                 end = std::to_chars(end, last, uid).ptr;
+                                 *end++ = '/';
+                                 end = std::to_chars(end, last, gid).ptr;
+                                 *end++ = '\n';
+                                 return static_cast<std::size_t>(end - data);
+                             });
 }
 
 } // namespace quelm

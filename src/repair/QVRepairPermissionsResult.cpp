@@ -3,9 +3,23 @@
 
 #include "support/Strings.h"
 
+#include <algorithm>
+#include <charconv>
 #include <random>
 
 namespace quelm {
+namespace {
+
+// The labels of the six report lines, right-aligned to a common width.
+constexpr std::string_view kFileLabel = "   File: ";
+constexpr std::string_view kReasonLabel = " Reason: ";
+constexpr std::string_view kCurrentLabel = "Current: ";
+constexpr std::string_view kCorrectLabel = "Correct: ";
+constexpr std::string_view kNewLabel = "    New: ";
+constexpr std::string_view kStatusLabel = " Status: ";
+constexpr std::string_view kNoNewAttributeText = "N/A";
+
+} // namespace
 
 std::string_view displayText(QVFileSystemResourceAttributeStatus status) {
     switch (status) {
@@ -103,13 +117,14 @@ void QVRepairPermissionsRepresentableResult::encodeWithCoder(KeyedArchiver& code
 }
 
 std::string reportText(const QVRepairPermissionsRepresentableResult& result) {
-    return "   File: " + result.fileSystemResourcePath + "\n" +
-           " Reason: " + result.attributeMismatchedTypeString + "\n" +
-           "Current: " + decimalText(result.currentAttribute) + "\n" +
-           "Correct: " + decimalText(result.correctAttribute) + "\n" +
-           (result.hasNewAttribute() ? "    New: " + decimalText(result.newAttribute) + "\n"
-                                     : std::string("    New: N/A\n")) +
-           " Status: " + result.attributeStatusString;
+    const std::string newText = result.hasNewAttribute() ? decimalText(result.newAttribute)
+                                                         : std::string(kNoNewAttributeText);
+    return std::string(kFileLabel) + result.fileSystemResourcePath + "\n" +
+           std::string(kReasonLabel) + result.attributeMismatchedTypeString + "\n" +
+           std::string(kCurrentLabel) + decimalText(result.currentAttribute) + "\n" +
+           std::string(kCorrectLabel) + decimalText(result.correctAttribute) + "\n" +
+           std::string(kNewLabel) + newText + "\n" + std::string(kStatusLabel) +
+           result.attributeStatusString;
 }
 
 std::string reportText(const std::vector<QVRepairPermissionsRepresentableResult>& results) {
@@ -120,6 +135,123 @@ std::string reportText(const std::vector<QVRepairPermissionsRepresentableResult>
         text += reportText(result);
     }
     return results.empty() ? text : text + "\n";
+}
+
+namespace {
+
+/// Walks the lines of a report; the first fault is kept and every later read is skipped.
+class ReportReader {
+public:
+    explicit ReportReader(std::string_view text) {
+        if (text.ends_with('\n'))
+            text.remove_suffix(1);
+        for (std::size_t start = 0; !text.empty();) {
+            const std::size_t end = text.find('\n', start);
+            lines_.push_back(text.substr(start, end - start));
+            if (end == std::string_view::npos)
+                break;
+            start = end + 1;
+        }
+    }
+
+    std::expected<std::vector<QVRepairPermissionsRepresentableResult>, std::string> read() {
+        std::vector<QVRepairPermissionsRepresentableResult> results;
+        while (next_ < lines_.size() && !error_) {
+            if (!results.empty())
+                blankLine();
+            results.push_back(result());
+        }
+        if (error_)
+            return std::unexpected(*error_);
+        return results;
+    }
+
+private:
+    QVRepairPermissionsRepresentableResult result() {
+        QVRepairPermissionsRepresentableResult result;
+        result.identifier = makeUUIDString();
+        result.fileSystemResourcePath = field(kFileLabel);
+        result.attributeMismatchedTypeString = listedField(
+            kReasonLabel,
+            {displayText(QVFileSystemResourceAttributeMismatchedType::ownerIDMismatched),
+             displayText(QVFileSystemResourceAttributeMismatchedType::groupIDMismatched),
+             displayText(QVFileSystemResourceAttributeMismatchedType::posixPermissionsMismatched)});
+        result.currentAttribute = integerField(kCurrentLabel);
+        result.correctAttribute = integerField(kCorrectLabel);
+        result.newAttribute = integerField(kNewLabel);
+        result.attributeStatusString =
+            listedField(kStatusLabel, {displayText(QVFileSystemResourceAttributeStatus::verified),
+                                       displayText(QVFileSystemResourceAttributeStatus::fixed),
+                                       displayText(QVFileSystemResourceAttributeStatus::failed)});
+        return result;
+    }
+
+    void fail(std::size_t line, std::string_view what) {
+        if (!error_)
+            error_ = "line " + std::to_string(line + 1) + ": " + std::string(what);
+    }
+
+    static std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
+
+    void blankLine() {
+        if (!lines_[next_].empty())
+            return fail(next_,
+                        "expected a blank line between results, found " + quoted(lines_[next_]));
+        if (++next_ == lines_.size())
+            fail(next_,
+                 "expected " + quoted(kFileLabel) + " after a blank line, but the report ends");
+    }
+
+    /// The text after the label, which must begin the next line.
+    std::string field(std::string_view label) {
+        if (error_)
+            return {};
+        if (next_ == lines_.size()) {
+            fail(next_, "expected " + quoted(label) + ", but the report ends");
+            return {};
+        }
+        if (!lines_[next_].starts_with(label)) {
+            fail(next_, "expected " + quoted(label) + ", found " + quoted(lines_[next_]));
+            return {};
+        }
+        return std::string(lines_[next_++].substr(label.size()));
+    }
+
+    std::string listedField(std::string_view label, std::initializer_list<std::string_view> texts) {
+        const std::size_t line = next_;
+        std::string text = field(label);
+        if (!error_ && std::find(texts.begin(), texts.end(), text) == texts.end())
+            fail(line, "unknown text after " + quoted(label) + ": " + quoted(text));
+        return text;
+    }
+
+    std::int64_t integerField(std::string_view label) {
+        const std::size_t line = next_;
+        const std::string text = field(label);
+        if (error_)
+            return 0;
+        // Verification results carry no new value and print it as "N/A".
+        if (label == kNewLabel && text == kNoNewAttributeText)
+            return QVRepairPermissionsRepresentableResult::noNewAttribute;
+        std::int64_t value = 0;
+        const char* const last = text.data() + text.size();
+        const auto [end, status] = std::from_chars(text.data(), last, value);
+        if (text.empty() || status != std::errc() || end != last)
+            fail(line,
+                 "expected a decimal integer after " + quoted(label) + ", found " + quoted(text));
+        return value;
+    }
+
+    std::vector<std::string_view> lines_;
+    std::size_t next_ = 0;
+    std::optional<std::string> error_;
+};
+
+} // namespace
+
+std::expected<std::vector<QVRepairPermissionsRepresentableResult>, std::string>
+parseReportText(std::string_view text) {
+    return ReportReader(text).read();
 }
 
 } // namespace quelm

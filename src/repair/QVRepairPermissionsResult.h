@@ -87,6 +87,10 @@ struct QVRepairPermissionsRepresentableResult {
 std::string reportText(const QVRepairPermissionsRepresentableResult& result);
 /// The texts of all results separated by blank lines, ending with a line break.
 std::string reportText(const std::vector<QVRepairPermissionsRepresentableResult>& results);
+/// Reads a report back: results in their order, each with a fresh identifier. The error names
+/// the line (counted from 1) and what it should hold. A missing final line break is accepted.
+[[nodiscard]] std::expected<std::vector<QVRepairPermissionsRepresentableResult>, std::string>
+parseReportText(std::string_view text);
 
 /// A new random UUID's string: "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".
 std::string makeUUIDString();

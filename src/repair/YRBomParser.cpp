@@ -2,12 +2,19 @@
 #include "repair/YRBomParser.h"
 
 #include "support/ByteReader.h"
-#include "support/Files.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <memory>
+#include <new>
 #include <optional>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <unordered_map>
+#include <utility>
 
 namespace quelm {
 namespace {
@@ -16,12 +23,111 @@ constexpr std::size_t headerSize = 32;
 constexpr std::size_t nodeHeaderSize = 12;
 constexpr std::size_t entrySize = 8;
 constexpr std::size_t attributesSize = 14;
-constexpr std::size_t arenaChunkSize = std::size_t{1} << 20;
-// Block addresses are 32-bit, so nothing of a BOM lies past 4 GiB.
+constexpr std::size_t hugePageSize = std::size_t{2} << 20;
+constexpr std::size_t minArenaChunk = std::size_t{64} << 10;
+constexpr std::size_t maxArenaChunk = std::size_t{8} << 20;
+// Block addresses are 32-bit: a larger file is no BOM that could be read whole.
 constexpr std::uintmax_t maxFileSize = std::uintmax_t{1} << 32;
 // Real BOMs hold less path text than file bytes. Far more can only come from blocks that
 // alias one another, so such a file is refused rather than allowed to exhaust memory.
 constexpr std::size_t maxPathTextPerFileByte = 64;
+
+/// Anonymous memory for the parser's large arrays. From 2 MiB on it asks for transparent huge
+/// pages: a million records then cost hundreds of page faults rather than tens of thousands.
+class Pages {
+public:
+    Pages() = default;
+    explicit Pages(std::size_t size);
+    Pages(Pages&& other) noexcept { swap(other); }
+    Pages& operator=(Pages&& other) noexcept {
+        swap(other);
+        return *this;
+    }
+    ~Pages() {
+        if (mapping_)
+            ::munmap(mapping_, mappedSize_);
+    }
+
+    char* data() const { return data_; }
+
+private:
+    void swap(Pages& other) noexcept {
+        std::swap(mapping_, other.mapping_);
+        std::swap(mappedSize_, other.mappedSize_);
+        std::swap(data_, other.data_);
+    }
+
+    void* mapping_ = nullptr;
+    std::size_t mappedSize_ = 0;
+    char* data_ = nullptr;
+};
+
+Pages::Pages(std::size_t size) {
+    if (size == 0)
+        return;
+    const bool huge = size >= hugePageSize;
+    // Huge pages need a 2 MiB-aligned start, so map one more and start at the boundary.
+    const std::size_t mappedSize = size + (huge ? hugePageSize : 0);
+    void* mapping =
+        ::mmap(nullptr, mappedSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED)
+        throw std::bad_alloc();
+    mapping_ = mapping;
+    mappedSize_ = mappedSize;
+    auto address = reinterpret_cast<std::uintptr_t>(mapping);
+    if (huge) {
+        address = (address + hugePageSize - 1) & ~(hugePageSize - 1);
+        ::madvise(reinterpret_cast<void*>(address), size, MADV_HUGEPAGE);
+    }
+    data_ = reinterpret_cast<char*>(address);
+}
+
+/// count objects of a trivially destructible type in Pages.
+template <typename T> class PageArray {
+public:
+    PageArray() = default;
+    explicit PageArray(std::size_t count) : pages_(count * sizeof(T)) {
+        std::uninitialized_value_construct_n(data(), count);
+    }
+
+    T* data() const { return reinterpret_cast<T*>(pages_.data()); }
+    T& operator[](std::size_t index) const { return data()[index]; }
+
+private:
+    Pages pages_;
+};
+
+bool readAll(int fd, char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t count = ::read(fd, data, size);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        data += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+/// The bytes and size of a regular file, read whole; nothing when any step fails.
+std::optional<std::pair<Pages, std::size_t>> readFile(const std::string& name) {
+    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat status {};
+    std::optional<std::pair<Pages, std::size_t>> file;
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<std::uintmax_t>(status.st_size) <= maxFileSize) {
+        const auto size = static_cast<std::size_t>(status.st_size);
+        Pages pages(size);
+        if (readAll(fd, pages.data(), size))
+            file.emplace(std::move(pages), size);
+    }
+    if (::close(fd) != 0)
+        return std::nullopt;
+    return file;
+}
 
 /// The container: header checked, block table located.
 class BomStore {
@@ -160,7 +266,8 @@ std::optional<std::uint32_t> countEntries(const BomStore& store,
     for (const std::uint32_t first : trees) {
         const bool walked = forEachLeaf(store, first, [&](const Node& leaf) {
             total += leaf.count;
-            return total <= store.file().size() / entrySize;
+            return total <= store.file().size() / entrySize &&
+                   total <= std::numeric_limits<std::uint32_t>::max();
         });
         if (!walked)
             return std::nullopt;
@@ -171,7 +278,9 @@ std::optional<std::uint32_t> countEntries(const BomStore& store,
 /// Room for path text that never moves, within a total budget.
 class PathArena {
 public:
-    explicit PathArena(std::size_t budget) : budget_(budget) {}
+    /// Chunks sized for a file of fileSize bytes, whose paths may take budget bytes in all.
+    PathArena(std::size_t fileSize, std::size_t budget)
+        : chunkSize_(std::clamp(fileSize, minArenaChunk, maxArenaChunk)), budget_(budget) {}
 
     /// length bytes, or null once the budget is spent.
     [[nodiscard]] char* allocate(std::size_t length) {
@@ -179,9 +288,9 @@ public:
             return nullptr;
         budget_ -= length;
         if (length > left_) {
-            left_ = std::max(length, arenaChunkSize);
-            chunks_.push_back(std::make_unique_for_overwrite<char[]>(left_));
-            next_ = chunks_.back().get();
+            left_ = std::max(length, chunkSize_);
+            chunks_.emplace_back(left_);
+            next_ = chunks_.back().data();
         }
         char* text = next_;
         next_ += length;
@@ -190,9 +299,10 @@ public:
     }
 
 private:
-    std::vector<std::unique_ptr<char[]>> chunks_;
+    std::vector<Pages> chunks_;
     char* next_ = nullptr;
     std::size_t left_ = 0;
+    std::size_t chunkSize_;
     std::size_t budget_;
 };
 
@@ -200,10 +310,10 @@ private:
 /// paths) and live in a vector; others go to a hash map. A data() of null marks an unseen id.
 class PathIndex {
 public:
-    explicit PathIndex(std::size_t denseSize) : dense_(denseSize) {}
+    explicit PathIndex(std::size_t denseSize) : dense_(denseSize), denseSize_(denseSize) {}
 
     std::string_view find(std::uint32_t id) const {
-        if (id < dense_.size())
+        if (id < denseSize_)
             return dense_[id];
         const auto found = sparse_.find(id);
         return found == sparse_.end() ? std::string_view() : found->second;
@@ -211,7 +321,7 @@ public:
 
     /// False when id was already seen: path ids name one path each.
     [[nodiscard]] bool insert(std::uint32_t id, std::string_view path) {
-        if (id >= dense_.size())
+        if (id >= denseSize_)
             return sparse_.try_emplace(id, path).second;
         if (dense_[id].data())
             return false;
@@ -220,7 +330,8 @@ public:
     }
 
 private:
-    std::vector<std::string_view> dense_;
+    PageArray<std::string_view> dense_;
+    std::size_t denseSize_;
     std::unordered_map<std::uint32_t, std::string_view> sparse_;
 };
 
@@ -232,6 +343,8 @@ struct PathEntry {
     YRFileSystemResource attributes;
 };
 
+/// Entry index of a leaf with its key, value and attribute records; nothing when one of them is
+/// missing or too short.
 std::optional<PathEntry> readEntry(const BomStore& store, const Node& leaf, std::size_t index) {
     const auto valueId = leaf.block.u32(nodeHeaderSize + entrySize * index);
     const auto keyId = leaf.block.u32(nodeHeaderSize + entrySize * index + 4);
@@ -303,14 +416,39 @@ private:
 } // namespace
 
 struct YRBomParser::State {
-    explicit State(std::string bytes)
-        : buffer(std::move(bytes)), arena(maxPathTextPerFileByte * buffer.size()) {}
+    State(Pages pages, std::string owned, std::size_t size)
+        : filePages(std::move(pages)), ownedBytes(std::move(owned)),
+          bytes(filePages.data() ? filePages.data() : ownedBytes.data(), size),
+          arena(size, maxPathTextPerFileByte * size) {}
 
-    std::string buffer;
+    Pages filePages;
+    std::string ownedBytes;
+    std::string_view bytes;
     PathArena arena;
-    std::unique_ptr<YRFileSystemResource[]> records;
+    PageArray<YRFileSystemResource> records;
     std::uint32_t total = 0;
+
+    /// Lists the paths of bytes; false when they are not a sound BOM store.
+    [[nodiscard]] bool list();
 };
+
+bool YRBomParser::State::list() {
+    const auto store = BomStore::open(bytes);
+    const auto trees = store ? pathsTrees(*store) : std::nullopt;
+    const auto count = trees ? countEntries(*store, *trees) : std::nullopt;
+    if (!count)
+        return false;
+    records = PageArray<YRFileSystemResource>(*count);
+    YRFileSystemResource* out = records.data();
+    for (const std::uint32_t first : *trees) {
+        TreeFiller filler(*store, arena, out, std::size_t{*count} + 1);
+        if (!forEachLeaf(*store, first, [&](const Node& leaf) { return filler.addLeaf(leaf); }))
+            return false;
+        out = filler.end();
+    }
+    total = *count;
+    return true;
+}
 
 YRBomParser::YRBomParser(std::string fileName) : fileName_(std::move(fileName)) {
 }
@@ -318,31 +456,23 @@ YRBomParser::YRBomParser(std::string fileName) : fileName_(std::move(fileName)) 
 YRBomParser::~YRBomParser() = default;
 
 YRBomParser::Status YRBomParser::parse() {
-    auto bytes = readFileBytes(fileName_, maxFileSize);
-    if (!bytes) {
-        state_.reset();
+    state_.reset();
+    auto file = readFile(fileName_);
+    if (!file)
         return unreadable;
-    }
-    return parseBytes(std::move(*bytes));
+    auto state = std::make_unique<State>(std::move(file->first), std::string(), file->second);
+    if (!state->list())
+        return notABomStore;
+    state_ = std::move(state);
+    return success;
 }
 
 YRBomParser::Status YRBomParser::parseBytes(std::string bytes) {
     state_.reset();
-    auto state = std::make_unique<State>(std::move(bytes));
-    const auto store = BomStore::open(state->buffer);
-    const auto trees = store ? pathsTrees(*store) : std::nullopt;
-    const auto total = trees ? countEntries(*store, *trees) : std::nullopt;
-    if (!total)
+    const std::size_t size = bytes.size();
+    auto state = std::make_unique<State>(Pages(), std::move(bytes), size);
+    if (!state->list())
         return notABomStore;
-    state->records = std::make_unique_for_overwrite<YRFileSystemResource[]>(*total);
-    YRFileSystemResource* out = state->records.get();
-    for (const std::uint32_t first : *trees) {
-        TreeFiller filler(*store, state->arena, out, std::size_t{*total} + 1);
-        if (!forEachLeaf(*store, first, [&](const Node& leaf) { return filler.addLeaf(leaf); }))
-            return notABomStore;
-        out = filler.end();
-    }
-    state->total = *total;
     state_ = std::move(state);
     return success;
 }
@@ -352,7 +482,7 @@ std::uint32_t YRBomParser::total() const {
 }
 
 const YRFileSystemResource* YRBomParser::resources() const {
-    return state_ ? state_->records.get() : nullptr;
+    return state_ ? state_->records.data() : nullptr;
 }
 
 std::unique_ptr<YRBomParserWrapper> YRBomParserWrapper::initWithFileName(std::string fileName) {

@@ -47,8 +47,8 @@ protected:
 
     TemporaryFolder volume;
     std::shared_ptr<const VolumeRoot> root;
-    const std::int64_t uid = ::getuid();
-    const std::int64_t gid = ::getgid();
+    const std::int64_t myUid = ::getuid();
+    const std::int64_t myGid = ::getgid();
 };
 
 TEST(QVFileSystemResourceModeTest, PermissionDigitsFromMode) {
@@ -62,7 +62,7 @@ TEST(QVFileSystemResourceModeTest, PermissionDigitsFromMode) {
 
 TEST_F(QVFileSystemResourceTest, MatchingFolderVerifiesClean) {
     makeFolder("bin", 0755);
-    const auto folder = resource("/bin", uid, gid, 755);
+    const auto folder = resource("/bin", myUid, myGid, 755);
     ASSERT_TRUE(folder);
     EXPECT_EQ(folder->path(), volume.path().string() + "/bin");
     EXPECT_TRUE(folder->verify().empty());
@@ -70,7 +70,7 @@ TEST_F(QVFileSystemResourceTest, MatchingFolderVerifiesClean) {
 
 TEST_F(QVFileSystemResourceTest, PermissionsMismatchIsVerifiedThenFixed) {
     makeFolder("bin", 0775);
-    const auto folder = resource("/bin", uid, gid, 755);
+    const auto folder = resource("/bin", myUid, myGid, 755);
     ASSERT_TRUE(folder);
     const auto found = folder->verify();
     ASSERT_EQ(found.size(), 1u);
@@ -95,13 +95,13 @@ TEST_F(QVFileSystemResourceTest, MissingOrEscapingPathsMakeNoResource) {
     std::filesystem::create_directory_symlink(outside.path(), volume / "escape");
     for (const auto* path : {"/missing", "/escape/secret", "/real/../escape/secret", "real",
                              "/real//x", "/./real", ""})
-        EXPECT_FALSE(resource(path, uid, gid, 644)) << path;
+        EXPECT_FALSE(resource(path, myUid, myGid, 644)) << path;
 }
 
 TEST_F(QVFileSystemResourceTest, AttributeVanishingBeforeRepairFails) {
     test::writeText(volume / "file", "x");
     ::chmod((volume / "file").c_str(), 0600);
-    const auto file = resource("/file", uid, gid, 644);
+    const auto file = resource("/file", myUid, myGid, 644);
     ASSERT_TRUE(file);
     std::filesystem::remove(volume / "file");
     const auto failed = repair(*file);

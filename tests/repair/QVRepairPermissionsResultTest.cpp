@@ -55,6 +55,57 @@ TEST(QVRepairPermissionsResultTest, RepresentableArchiveKeepsAllSevenFields) {
     EXPECT_FALSE(unarchive<QVRepairPermissionsRepresentableResult>(broken));
 }
 
+TEST(QVRepairPermissionsResultTest, ParsedReportGivesBackEveryResultWithFreshIdentifiers) {
+    const auto fixed =
+        QVRepairPermissionsResult(QVRepairPermissionsJobType::repairPermissions, "/V/a b/ New: 1",
+                                  Type::groupIDMismatched, 20, 0, 0, Status::fixed)
+            .representable();
+    const std::vector results{ownerResult(), fixed, ownerResult()};
+    const std::string text = reportText(results);
+    for (const auto& input : {text, text.substr(0, text.size() - 1)}) {
+        const auto parsed = parseReportText(input);
+        ASSERT_TRUE(parsed) << parsed.error();
+        ASSERT_EQ(parsed->size(), results.size());
+        EXPECT_EQ(reportText(*parsed), text);
+        for (std::size_t i = 0; i < results.size(); ++i) {
+            auto withSameIdentifier = (*parsed)[i];
+            EXPECT_NE(withSameIdentifier.identifier, results[i].identifier);
+            withSameIdentifier.identifier = results[i].identifier;
+            EXPECT_EQ(withSameIdentifier, results[i]);
+        }
+    }
+    EXPECT_EQ((*parseReportText(text))[0].newAttribute,
+              QVRepairPermissionsRepresentableResult::noNewAttribute);
+    EXPECT_EQ(parseReportText("")->size(), 0u);
+}
+
+TEST(QVRepairPermissionsResultTest, DamagedReportIsRefusedNamingTheLine) {
+    const std::string good = reportText(std::vector{ownerResult(), ownerResult()});
+    const auto errorOf = [&](std::string_view from, std::string_view to) {
+        std::string text = good;
+        text.replace(text.find(from), from.size(), to);
+        const auto parsed = parseReportText(text);
+        return parsed ? std::string("accepted") : parsed.error();
+    };
+    EXPECT_EQ(errorOf("Owner ID Mismatched", "Owner Mismatched"),
+              "line 2: unknown text after \" Reason: \": \"Owner Mismatched\"");
+    EXPECT_EQ(errorOf("Current: 501", "Current: 5x1"),
+              "line 3: expected a decimal integer after \"Current: \", found \"5x1\"");
+    EXPECT_EQ(errorOf("Correct: 0", "Correct: 99999999999999999999"),
+              "line 4: expected a decimal integer after \"Correct: \", found "
+              "\"99999999999999999999\"");
+    EXPECT_EQ(errorOf("    New: N/A", "    New:"),
+              "line 5: expected \"    New: \", found \"    New:\"");
+    EXPECT_EQ(errorOf("Verified\n\n", "Verified\n"),
+              "line 7: expected a blank line between results, found \"   File: "
+              "/Volumes/Mac HD/usr/bin/login\"");
+    EXPECT_EQ(errorOf("Verified\n\n", "Verified\n\n\n"),
+              "line 8: expected \"   File: \", found \"\"");
+    const auto cut = parseReportText(good.substr(0, good.find("Correct")));
+    ASSERT_FALSE(cut);
+    EXPECT_EQ(cut.error(), "line 4: expected \"Correct: \", but the report ends");
+}
+
 TEST(QVRepairPermissionsResultTest, IdentifiersAreFreshVersion4UUIDs) {
     const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
     const auto first = makeUUIDString();

@@ -1,7 +1,11 @@
 // The quelmctl commands: each adds its subcommand, whose callback sets the exit status.
 #pragma once
 
+#include "kexts/QVSmartTableManager.h"
+
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <optional>
 #include <string_view>
 
 namespace quelm::ctl {
@@ -13,6 +17,13 @@ void addPermissionsCommands(CLI::App& app, int& status);
 void addMakeDemoVolumeCommand(CLI::App& app, int& status);
 void addListBomCommand(CLI::App& app, int& status);
 void addMakeBomCommand(CLI::App& app, int& status);
+
+void addInstallCommand(CLI::App& app, int& status);
+void addRebuildCachesCommand(CLI::App& app, int& status);
+
+/// The user's smart table in folder, made or refreshed first as the application does at
+/// launch; nothing (and a message) when that fails.
+std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder);
 
 /// One line on stderr, prefixed with the program name.
 void printError(std::string_view message);

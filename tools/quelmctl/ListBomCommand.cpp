@@ -40,10 +40,11 @@ int listBom(const std::string& file) {
     std::string out;
     out.reserve(flushSize + 4096);
     const YRFileSystemResource* records = parser.resources();
-    for (std::uint32_t index = 0; index < parser.total(); ++index) {
+    const std::uint32_t total = parser.total();
+    for (std::uint32_t index = 0; index < total; ++index) {
         const YRFileSystemResource& record = records[index];
         appendListingLine(out, record.path, record.mode, record.uid, record.gid);
-        if (out.size() >= flushSize || index + 1 == parser.total()) {
+        if (out.size() >= flushSize || index + 1 == total) {
             if (!writeAll(STDOUT_FILENO, out)) {
                 printError(std::string("cannot write the listing: ") + std::strerror(errno));
                 return 1;

@@ -10,7 +10,8 @@
 namespace quelm::ctl {
 namespace {
 
-/// The loaded user copy, made or refreshed first as the application does at launch.
+} // namespace
+
 std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder) {
     std::error_code error;
     std::filesystem::create_directories(folder, error);
@@ -27,6 +28,8 @@ std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path&
     }
     return QVSmartTableManager(folder, Bundle::main(), manager.userCopyPath());
 }
+
+namespace {
 
 int show(const std::filesystem::path& folder) {
     const auto table = preparedUserCopy(folder);

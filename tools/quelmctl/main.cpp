@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
     quelm::ctl::addSmartTableCommand(app, status);
     quelm::ctl::addPermissionsCommands(app, status);
     quelm::ctl::addMakeDemoVolumeCommand(app, status);
+    quelm::ctl::addInstallCommand(app, status);
+    quelm::ctl::addRebuildCachesCommand(app, status);
     quelm::ctl::addListBomCommand(app, status);
     quelm::ctl::addMakeBomCommand(app, status);
     CLI11_PARSE(app, argc, argv);

@@ -1,0 +1,80 @@
+// Frames on the channel: a 4-byte big-endian length, then a binary property list.
+#include "helper/Channel.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+constexpr std::size_t kHeaderSize = 4;
+
+std::uint32_t frameLength(std::string_view header) {
+    std::uint32_t length = 0;
+    for (std::size_t i = 0; i < kHeaderSize; ++i)
+        length = (length << 8) | static_cast<unsigned char>(header[i]);
+    return length;
+}
+
+} // namespace
+
+std::string encodeFrame(const PlistValue& message) {
+    const std::string body = serializePlist(message, PlistFormat::binary).value_or("");
+    const auto length = static_cast<std::uint32_t>(body.size());
+    std::string frame;
+    frame.reserve(kHeaderSize + body.size());
+    for (int shift = 24; shift >= 0; shift -= 8)
+        frame += static_cast<char>((length >> shift) & 0xFF);
+    return frame + body;
+}
+
+std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& buffer) {
+    if (buffer.size() < kHeaderSize)
+        return std::nullopt;
+    const std::uint32_t length = frameLength(buffer);
+    if (length > kMaxFrameSize)
+        return std::unexpected(
+            ChannelError{"frame of " + std::to_string(length) + " bytes is over the limit"});
+    if (buffer.size() - kHeaderSize < length)
+        return std::nullopt;
+    auto message = parsePlist(std::string_view(buffer).substr(kHeaderSize, length));
+    buffer.erase(0, kHeaderSize + length);
+    if (!message)
+        return std::unexpected(ChannelError{"frame is not a property list"});
+    return std::optional(std::move(*message));
+}
+
+bool FrameWriter::write(const PlistValue& message) {
+    const std::string frame = encodeFrame(message);
+    std::lock_guard lock(mutex_);
+    for (std::string_view rest = frame; !rest.empty();) {
+        const ssize_t count = ::write(fd_, rest.data(), rest.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        rest.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+std::expected<std::optional<PlistValue>, ChannelError> FrameReader::read() {
+    char chunk[65536];
+    for (;;) {
+        auto frame = takeFrame(buffer_);
+        if (!frame || *frame)
+            return frame;
+        const ssize_t count = ::read(fd_, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return std::unexpected(ChannelError{"cannot read the channel"});
+        if (count == 0)
+            return buffer_.empty()
+                       ? std::expected<std::optional<PlistValue>, ChannelError>()
+                       : std::unexpected(ChannelError{"the channel ended within a frame"});
+        buffer_.append(chunk, static_cast<std::size_t>(count));
+    }
+}
+
+} // namespace quelm

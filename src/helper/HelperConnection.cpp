@@ -1,0 +1,231 @@
+// The application's side of the channel: a helper process and the calls waiting for replies.
+#include "helper/HelperConnection.h"
+
+#include "helper/Channel.h"
+#include "support/Log.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <future>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+
+extern char** environ;
+
+namespace quelm {
+namespace {
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+std::string exitDescription(int pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid)
+        return "the helper closed the connection";
+    if (WIFSIGNALED(status))
+        return "the helper was killed by signal " + std::to_string(WTERMSIG(status));
+    return "the helper exited with status " + std::to_string(WEXITSTATUS(status));
+}
+
+} // namespace
+
+std::shared_ptr<HelperConnection>
+HelperConnection::launch(const std::string& program, const std::vector<std::string>& arguments,
+                         Handlers handlers) {
+    // A helper that dies must show as a connection error, not end the application.
+    std::signal(SIGPIPE, SIG_IGN);
+    int input[2] = {-1, -1}, output[2] = {-1, -1}, wake[2] = {-1, -1};
+    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
+        ::pipe2(wake, O_CLOEXEC) != 0) {
+        for (const int fd : {input[0], input[1], output[0], output[1], wake[0], wake[1]})
+            if (fd >= 0)
+                ::close(fd);
+        return nullptr;
+    }
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const auto& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int spawned =
+        ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::close(input[0]);
+    ::close(output[1]);
+    if (spawned != 0) {
+        for (const int fd : {input[1], output[0], wake[0], wake[1]})
+            ::close(fd);
+        return nullptr;
+    }
+    std::shared_ptr<HelperConnection> connection(
+        new HelperConnection(input[1], output[0], wake[0], wake[1], pid, std::move(handlers)));
+    std::thread([connection] {
+        connection->readerId_ = std::this_thread::get_id();
+        connection->readLoop();
+        connection->markReaderDone();
+    }).detach();
+    return connection;
+}
+
+HelperConnection::HelperConnection(int toHelper, int fromHelper, int wake, int wakeWriter, int pid,
+                                   Handlers handlers)
+    : toHelper_(toHelper), fromHelper_(fromHelper), wake_(wake), wakeWriter_(wakeWriter), pid_(pid),
+      handlers_(std::move(handlers)) {
+}
+
+HelperConnection::~HelperConnection() {
+    invalidate();
+    for (const int fd : {toHelper_, fromHelper_, wake_, wakeWriter_})
+        ::close(fd);
+}
+
+void HelperConnection::invalidate() {
+    if (invalidated_.exchange(true))
+        return;
+    // The helper sees the end of its input and exits once its calls are done; a waiter reaps it.
+    {
+        std::lock_guard lock(mutex_);
+        ::close(std::exchange(toHelper_, -1));
+    }
+    writeAll(wakeWriter_, "x");
+    if (std::this_thread::get_id() != readerId_) {
+        std::unique_lock lock(mutex_);
+        readerStopped_.wait(lock, [this] { return readerDone_; });
+    }
+    failPending();
+    std::thread([pid = pid_] { ::waitpid(pid, nullptr, 0); }).detach();
+}
+
+void HelperConnection::call(std::string_view selector, std::vector<RemoteValue> arguments,
+                            ReplyHandler reply) {
+    const auto* operation = findRemoteOperation(selector);
+    if (!operation)
+        fatalError("HelperConnection::call() FatalError: unknown operation " +
+                   std::string(selector));
+    std::optional<std::int64_t> id;
+    {
+        std::lock_guard lock(mutex_);
+        if (operation->reply) {
+            id = nextId_++;
+            pending_.emplace(*id, Pending{operation, std::move(reply)});
+        }
+    }
+    const auto frame = encodeFrame(encodeCall({id, operation, std::move(arguments)}));
+    bool sent = false;
+    {
+        std::lock_guard lock(mutex_);
+        sent = !failed_ && !invalidated_ && writeAll(toHelper_, frame);
+    }
+    if (!sent && !invalidated_)
+        fail("cannot write to the helper");
+    if (!sent)
+        failPending();
+}
+
+std::optional<RemoteValue> HelperConnection::callAndWait(std::string_view selector,
+                                                         std::vector<RemoteValue> arguments) {
+    std::promise<std::optional<RemoteValue>> promise;
+    auto future = promise.get_future();
+    call(selector, std::move(arguments),
+         [&promise](const std::optional<RemoteValue>& value) { promise.set_value(value); });
+    return future.get();
+}
+
+void HelperConnection::markReaderDone() {
+    std::lock_guard lock(mutex_);
+    readerDone_ = true;
+    readerStopped_.notify_all();
+}
+
+void HelperConnection::readLoop() {
+    std::string buffer;
+    char chunk[65536];
+    for (;;) {
+        pollfd fds[2] = {{fromHelper_, POLLIN, 0}, {wake_, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0 && errno == EINTR)
+            continue;
+        if (fds[1].revents)
+            return;
+        const ssize_t count = ::read(fromHelper_, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return fail(exitDescription(pid_));
+        buffer.append(chunk, static_cast<std::size_t>(count));
+        for (;;) {
+            auto frame = takeFrame(buffer);
+            if (!frame)
+                return fail(frame.error().message);
+            if (!*frame)
+                break;
+            handle(**frame);
+            if (failed_ || invalidated_)
+                return;
+        }
+    }
+}
+
+void HelperConnection::handle(const PlistValue& message) {
+    if (!isReply(message)) {
+        auto call = decodeCall(message, Sender::helper);
+        if (!call)
+            return fail(call.error().message);
+        if (handlers_.progress)
+            handlers_.progress(std::get<double>(call->arguments.front()));
+        return;
+    }
+    auto reply = decodeReplyEnvelope(message);
+    if (!reply)
+        return fail(reply.error().message);
+    Pending pending;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = pending_.find(reply->id);
+        if (found == pending_.end())
+            return fail("a reply to no call");
+        pending = std::move(found->second);
+        pending_.erase(found);
+    }
+    auto value = decodeValue(reply->value, *pending.operation->reply);
+    if (!value)
+        return fail(std::string(pending.operation->selector) + ": " + value.error().message);
+    if (pending.reply)
+        pending.reply(*value);
+}
+
+void HelperConnection::fail(const std::string& message) {
+    if (failed_.exchange(true))
+        return;
+    if (!invalidated_ && handlers_.error)
+        handlers_.error(message);
+    failPending();
+}
+
+void HelperConnection::failPending() {
+    std::map<std::int64_t, Pending> abandoned;
+    {
+        std::lock_guard lock(mutex_);
+        abandoned.swap(pending_);
+    }
+    for (auto& [id, pending] : abandoned)
+        if (pending.reply)
+            pending.reply(std::nullopt);
+}
+
+} // namespace quelm

@@ -1,0 +1,81 @@
+// The application's side of the channel: a helper process and the calls waiting for replies.
+#pragma once
+
+#include "helper/RemoteProtocol.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quelm {
+
+class HelperConnection {
+public:
+    /// Runs on the connection's reader thread, never on the caller's.
+    struct Handlers {
+        std::function<void(double)> progress;
+        /// Once, when the channel breaks: the helper exits, crashes or sends garbage.
+        std::function<void(const std::string&)> error;
+    };
+    /// The reply's value, or nothing when the connection broke before it came.
+    using ReplyHandler = std::function<void(const std::optional<RemoteValue>&)>;
+
+    /// Starts program with arguments; its stdin and stdout are the channel, its stderr the
+    /// application's. Nothing when the process cannot be started. The reader thread shares the
+    /// connection, so that a handler may drop the last other reference.
+    static std::shared_ptr<HelperConnection> launch(const std::string& program,
+                                                    const std::vector<std::string>& arguments,
+                                                    Handlers handlers);
+    ~HelperConnection();
+    HelperConnection(const HelperConnection&) = delete;
+    HelperConnection& operator=(const HelperConnection&) = delete;
+
+    /// Sends the call; reply runs once with its value. One-way operations take no reply.
+    void call(std::string_view selector, std::vector<RemoteValue> arguments,
+              ReplyHandler reply = {});
+    /// The same, waiting for the reply on the calling thread.
+    std::optional<RemoteValue> callAndWait(std::string_view selector,
+                                           std::vector<RemoteValue> arguments);
+    /// Closes the channel and stops the reader; no handler runs after it returns (or, when a
+    /// handler calls it, after that handler).
+    void invalidate();
+
+private:
+    struct Pending {
+        const RemoteOperation* operation;
+        ReplyHandler reply;
+    };
+
+    HelperConnection(int toHelper, int fromHelper, int wake, int wakeWriter, int pid,
+                     Handlers handlers);
+    void readLoop();
+    void markReaderDone();
+    void handle(const PlistValue& message);
+    void fail(const std::string& message);
+    void failPending();
+
+    int toHelper_;
+    int fromHelper_;
+    int wake_;
+    int wakeWriter_;
+    int pid_;
+    Handlers handlers_;
+    std::mutex mutex_;
+    std::map<std::int64_t, Pending> pending_;
+    std::int64_t nextId_ = 1;
+    std::atomic<bool> failed_ = false;
+    std::atomic<bool> invalidated_ = false;
+    std::atomic<std::thread::id> readerId_;
+    bool readerDone_ = false;
+    std::condition_variable readerStopped_;
+};
+
+} // namespace quelm

@@ -1,0 +1,195 @@
+// The application's side of the helper: authorise, install, connect, check and report.
+#include "helper/QVXPCHelperManager.h"
+
+#include "helper/HelperInstallation.h"
+#include "support/Bundle.h"
+#include "support/Files.h"
+#include "support/Log.h"
+#include "support/Process.h"
+
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+using AuthError = QVXPCHelperManagerPreAuthenticationError;
+
+constexpr int kLauncherCancelled = 126;
+constexpr int kLauncherDenied = 127;
+constexpr std::int64_t kTestAnswer = 1234567890;
+
+void post(const NotificationName<NoObject>& name) {
+    NotificationCenter::defaultCenter().post(name, NoObject{});
+}
+
+} // namespace
+
+QVXPCHelperManager& QVXPCHelperManager::shared() {
+    const auto& bundle = Bundle::main();
+    static QVXPCHelperManager manager(
+        {.runningAsRoot = ::geteuid() == 0,
+         .shippedHelper = (executableFolder() / "quelm-helper").string(),
+         .policyTemplate = bundle.resourcePath("org.quelm.veskp.quelm.helper.policy.in").string()},
+        QVXPCHelper(bundle.infoDictionary()));
+    return manager;
+}
+
+QVXPCHelperManager::QVXPCHelperManager(Settings settings, std::optional<QVXPCHelper> helper)
+    : settings_(std::move(settings)), helper_(std::move(helper)) {
+}
+
+QVXPCHelperManager::~QVXPCHelperManager() {
+    invalidate();
+}
+
+void QVXPCHelperManager::start(std::optional<std::string> prompt) {
+    prompt_ = std::move(prompt);
+    if (!helper_)
+        fatalError("QVXPCHelperManager::start() FatalError: no helper to start.");
+    if (helper_->installed(settings_.root)) {
+        connect();
+        checkHelperVersion();
+    } else {
+        blessAndConnect(kHelperFailedToInstall);
+    }
+}
+
+void QVXPCHelperManager::blessAndConnect(const NotificationName<NoObject>& failed) {
+    const auto blessed = blessHelper();
+    if (!blessed) {
+        post(kHelperFailedToAuthenticate);
+        return;
+    }
+    if (!*blessed) {
+        post(failed);
+        return;
+    }
+    connect();
+    testConnection();
+}
+
+std::expected<bool, QVXPCHelperManagerPreAuthenticationError> QVXPCHelperManager::blessHelper() {
+    if (settings_.runningAsRoot) {
+        const auto policy = readFileBytes(settings_.policyTemplate, 1u << 20);
+        return policy &&
+               installHelperFiles(*helper_, settings_.shippedHelper, *policy, settings_.root);
+    }
+    const int status =
+        runTool(settings_.launcher, {settings_.shippedHelper, "--install", settings_.policyTemplate,
+                                     "--root", settings_.root});
+    if (status == kLauncherCancelled)
+        return std::unexpected(AuthError::authRequestErrorCanceled);
+    if (status == kLauncherDenied)
+        return std::unexpected(AuthError::authRequestErrorDenied);
+    if (status < 0)
+        return std::unexpected(AuthError::authReferenceFailedToCreate);
+    return status == 0;
+}
+
+void QVXPCHelperManager::connect() {
+    invalidate();
+    const std::string tool = helper_->toolPath(settings_.root);
+    const std::vector<std::string> serve{"--serve", "--root", settings_.root};
+    HelperConnection::Handlers handlers{
+        [this](double value) { updateProgressWithDoubleValue(value); },
+        [this](const std::string& error) {
+            delegate_->helperManagerConnectionFailed(error);
+        }};
+    if (settings_.runningAsRoot) {
+        connection_ = HelperConnection::launch(tool, serve, std::move(handlers));
+    } else {
+        std::vector<std::string> arguments{tool};
+        arguments.insert(arguments.end(), serve.begin(), serve.end());
+        connection_ = HelperConnection::launch(settings_.launcher, arguments, std::move(handlers));
+    }
+    if (!connection_)
+        delegate_->helperManagerConnectionFailed("cannot start " + tool);
+}
+
+void QVXPCHelperManager::testConnection() {
+    if (!connection_)
+        return;
+    delegate_->helperManagerWillTestConnection();
+    connection_->call("test:", {}, [this](const std::optional<RemoteValue>& reply) {
+        if (reply && std::get<std::int64_t>(*reply) == kTestAnswer)
+            delegate_->helperManagerConnectionTestPassed();
+    });
+}
+
+void QVXPCHelperManager::checkHelperVersion() {
+    if (!connection_)
+        return;
+    delegate_->helperManagerWillCheckHelperVersion();
+    connection_->call(
+        "getHelperBundleVersion:", {}, [this](const std::optional<RemoteValue>& reply) {
+            if (!reply)
+                return;
+            const auto& running = std::get<std::string>(*reply);
+            if (running == helper_->bundleVersion())
+                delegate_->helperManagerHelperVersionMatches(running);
+            else
+                delegate_->helperManagerHelperVersionDiffers(running, helper_->bundleVersion());
+        });
+}
+
+void QVXPCHelperManager::removeHelper() {
+    if (!connection_)
+        return;
+    delegate_->helperManagerWillRemoveHelper();
+    connection_->call("uninstallHelper:", {}, [this](const std::optional<RemoteValue>& reply) {
+        if (!reply)
+            return;
+        const auto& failed = std::get<std::vector<std::string>>(*reply);
+        if (failed.empty())
+            delegate_->helperManagerDidRemoveHelper();
+        else
+            delegate_->helperManagerFailedToRemoveHelper(failed);
+    });
+}
+
+void QVXPCHelperManager::reblessHelper() {
+    terminateHelper();
+    invalidate();
+    blessAndConnect(kHelperFailedToReinstall);
+}
+
+void QVXPCHelperManager::terminateHelper() {
+    if (connection_)
+        connection_->call("terminateHelper", {});
+}
+
+void QVXPCHelperManager::invalidate() {
+    if (connection_)
+        connection_->invalidate();
+    connection_.reset();
+}
+
+void QVXPCHelperManager::updateProgressWithDoubleValue(double value) {
+    NotificationCenter::defaultCenter().post(kDidReceiveRemoteProgress, value);
+}
+
+void QVXPCHelperManager::helperManagerDidRemoveHelper() {
+    reblessHelper();
+}
+
+void QVXPCHelperManager::helperManagerFailedToRemoveHelper(const std::vector<std::string>&) {
+    post(kHelperFailedToRemove);
+}
+
+void QVXPCHelperManager::helperManagerHelperVersionMatches(const std::string&) {
+    post(kHelperDidConnect);
+}
+
+void QVXPCHelperManager::helperManagerHelperVersionDiffers(const std::string&, const std::string&) {
+    removeHelper();
+}
+
+void QVXPCHelperManager::helperManagerConnectionTestPassed() {
+    post(kHelperDidConnect);
+}
+
+void QVXPCHelperManager::helperManagerConnectionFailed(const std::string& error) {
+    NotificationCenter::defaultCenter().post(kHelperFailedToConnect, error);
+}
+
+} // namespace quelm

@@ -1,0 +1,212 @@
+// The privileged helper's operations: everything the application asks of root.
+#include "helper/QVXPCVESKHelper.h"
+
+#include "helper/BooterConfig.h"
+#include "kexts/KextInstallation.h"
+#include "repair/QVCPU.h"
+#include "repair/YRRepairPermissions.h"
+#include "support/Log.h"
+#include "support/PathValidation.h"
+#include "support/Process.h"
+#include "support/VolumePaths.h"
+
+#include <chrono>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uid_t kUserOwner = 501;
+constexpr gid_t kAdminGroup = 80;
+
+template <class T> const T& argument(const RemoteCall& call, std::size_t index) {
+    return std::get<T>(call.arguments[index]);
+}
+
+bool removeIfPresent(const std::string& path) {
+    std::error_code error;
+    fs::remove_all(path, error);
+    return !error;
+}
+
+void stopRepairTool() {
+    startTool(SystemTools::host().killall, {"RepairPermissions"});
+}
+
+} // namespace
+
+bool isAcceptableVolume(const QVOSVolume& volume) {
+    std::error_code error;
+    return isCleanAbsolutePath(volume.mountPoint()) && fs::is_directory(volume.mountPoint(), error);
+}
+
+QVXPCVESKHelper::QVXPCVESKHelper(const PlistValue::Dict& info, Settings settings)
+    : QVXPCHelper(info), info_(info), settings_(std::move(settings)) {
+    progressObserver_ = NotificationCenter::defaultCenter().addObserver(
+        kRepairPermissionsProgressDidChange,
+        [this](const double& progress) { sendRepairPermissionsReport(progress); });
+}
+
+QVXPCVESKHelper::~QVXPCVESKHelper() {
+    NotificationCenter::defaultCenter().removeObserver(progressObserver_);
+}
+
+void QVXPCVESKHelper::sendRepairPermissionsReport(double progress) {
+    FrameWriter* connection = connection_.load();
+    if (!connection)
+        return;
+    connection->write(encodeCall(
+        {std::nullopt, findRemoteOperation("updateProgressWithDoubleValue:"), {progress}}));
+}
+
+std::vector<std::string> QVXPCVESKHelper::uninstallHelper() const {
+    std::vector<std::string> failed;
+    for (const auto& path : {toolPath(settings_.root), launchPolicyPath(settings_.root)}) {
+        std::error_code error;
+        if (!fs::remove(path, error))
+            failed.push_back(path);
+    }
+    return failed;
+}
+
+std::string QVXPCVESKHelper::getHelperBundleVersion() const {
+    const auto found = info_.find("CFBundleVersion");
+    if (found == info_.end() || !found->second.string())
+        fatalError("QVXPCHelper::getHelperBundleVersion() CFBundleVersion key is not defined in "
+                   "main bundle's Info.plist file.");
+    return *found->second.string();
+}
+
+bool QVXPCVESKHelper::repairWithFolder(const std::string& folder, const QVOSVolume& volume) const {
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder))
+        return false;
+    const auto root = VolumeRoot::open(volume.mountPoint());
+    std::string inside = folder;
+    while (inside.size() > 1 && inside.back() == '/')
+        inside.pop_back();
+    VolumeWalker walker(root);
+    if (!root || !walker.parentOf(inside))
+        return false;
+    const std::string path = volume.mountPoint() + folder;
+    const auto& tools = SystemTools::host();
+    const bool owned = runTool(tools.chown, {"-R", "0:0", path}) == 0;
+    const bool moded = runTool(tools.chmod, {"-R", "755", path}) == 0;
+    return owned && moded;
+}
+
+std::vector<QVRepairPermissionsRepresentableResult>
+QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) const {
+    if (!isAcceptableVolume(volume))
+        return {};
+    YRRepairPermissions job(volume, QVRepairPermissionsJobType::repairPermissions);
+    job.run();
+    std::vector<QVRepairPermissionsRepresentableResult> results;
+    for (const auto& result : job.results())
+        results.push_back(result.representable());
+    return results;
+}
+
+bool QVXPCVESKHelper::rebuildCachesOnTargetVolume(const QVOSVolume& volume) const {
+    return isAcceptableVolume(volume) && rebuildCaches(volume);
+}
+
+std::vector<QVKernelExtension>
+QVXPCVESKHelper::installWithKernelExtensions(const std::vector<QVKernelExtension>& kexts,
+                                             const std::string& folder,
+                                             const QVOSVolume& volume) const {
+    if (!isAcceptableVolume(volume))
+        return kexts;
+    return installKernelExtensions(kexts, folder, volume);
+}
+
+std::vector<QVKernelExtension> QVXPCVESKHelper::backupWithKernelExtensions(
+    const std::vector<QVKernelExtension>& kexts, const std::string& installedInFolder,
+    const QVOSVolume& volume, const std::string& destinationFolder) const {
+    if (!isAcceptableVolume(volume))
+        return kexts;
+    return backupKernelExtensions(kexts, installedInFolder, volume, destinationFolder,
+                                  std::chrono::system_clock::now());
+}
+
+bool QVXPCVESKHelper::changeMaximumThreadsNumber(std::int64_t count) const {
+    // Zero threads would stop the next pass: refuse it rather than let a later job die.
+    if (count < 1)
+        return false;
+    QVCPU::shared().setMaxthread(count);
+    return QVCPU::shared().maxthread() == count;
+}
+
+bool QVXPCVESKHelper::installRepairPermissionFromSourcePath(const std::string& source,
+                                                            const std::string& destination) const {
+    if (!isCleanAbsolutePath(source) || !isCleanAbsolutePath(destination))
+        return false;
+    stopRepairTool();
+    if (!removeIfPresent(destination))
+        return false;
+    std::error_code error;
+    fs::copy(source, destination, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
+             error);
+    return !error && ::lchown(destination.c_str(), kUserOwner, kAdminGroup) == 0 &&
+           ::chmod(destination.c_str(), 0755) == 0;
+}
+
+bool QVXPCVESKHelper::uninstallRepairPermissionsFromPath(const std::string& path) const {
+    if (!isCleanAbsolutePath(path))
+        return false;
+    stopRepairTool();
+    std::error_code error;
+    if (!fs::exists(fs::symlink_status(path, error)))
+        return false;
+    return removeIfPresent(path);
+}
+
+bool QVXPCVESKHelper::applyBooterConfigViaNVRAMWithNewBooterConfig(std::int64_t value) const {
+    return applyBooterConfig(value, settings_.efivarsFolder);
+}
+
+RemoteValue QVXPCVESKHelper::perform(const RemoteCall& call) {
+    const std::string_view op = call.operation->selector;
+    const auto volumeAt = [&](std::size_t i) -> const QVOSVolume& {
+        return argument<QVOSVolume>(call, i);
+    };
+    const auto stringAt = [&](std::size_t i) -> const std::string& {
+        return argument<std::string>(call, i);
+    };
+    const auto kextsAt = [&](std::size_t i) -> const std::vector<QVKernelExtension>& {
+        return argument<std::vector<QVKernelExtension>>(call, i);
+    };
+    if (op == "test:")
+        return test();
+    if (op == "test2:")
+        return test2();
+    if (op == "uninstallHelper:")
+        return uninstallHelper();
+    if (op == "getHelperBundleVersion:")
+        return getHelperBundleVersion();
+    if (op == "repairWithFolder:onTargetVolume:reply:")
+        return repairWithFolder(stringAt(0), volumeAt(1));
+    if (op == "repairDiskPermissionsOnTargetVolume:reply:")
+        return repairDiskPermissionsOnTargetVolume(volumeAt(0));
+    if (op == "rebuildCachesOnTargetVolume:reply:")
+        return rebuildCachesOnTargetVolume(volumeAt(0));
+    if (op == "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:")
+        return installWithKernelExtensions(kextsAt(0), stringAt(1), volumeAt(2));
+    if (op == "backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:"
+              "reply:")
+        return backupWithKernelExtensions(kextsAt(0), stringAt(1), volumeAt(2), stringAt(3));
+    if (op == "changeMaximumThreadsNumber:reply:")
+        return changeMaximumThreadsNumber(argument<std::int64_t>(call, 0));
+    if (op == "installRepairPermissionFromSourcePath:toDestinationPath:reply:")
+        return installRepairPermissionFromSourcePath(stringAt(0), stringAt(1));
+    if (op == "uninstallRepairPermissionsFromPath:reply:")
+        return uninstallRepairPermissionsFromPath(stringAt(0));
+    if (op == "applyBooterConfigViaNVRAMWithNewBooterConfig:reply:")
+        return applyBooterConfigViaNVRAMWithNewBooterConfig(argument<std::int64_t>(call, 0));
+    fatalError("QVXPCVESKHelper::perform() FatalError: no handler for " + std::string(op));
+}
+
+} // namespace quelm

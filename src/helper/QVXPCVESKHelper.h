@@ -1,0 +1,73 @@
+// The privileged helper's operations: everything the application asks of root.
+#pragma once
+
+#include "helper/Channel.h"
+#include "helper/QVXPCHelper.h"
+#include "helper/RemoteProtocol.h"
+#include "support/NotificationCenter.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quelm {
+
+class QVXPCVESKHelper : public QVXPCHelper {
+public:
+    struct Settings {
+        /// Where the installed helper lies: "/" outside tests.
+        std::string root = "/";
+        /// Where the firmware variables are, on hosts without an nvram tool.
+        std::string efivarsFolder = "/sys/firmware/efi/efivars";
+    };
+
+    /// info is the helper's own Info.plist. Progress of repair jobs goes to connection, when
+    /// there is one, as one-way "updateProgressWithDoubleValue:" calls.
+    QVXPCVESKHelper(const PlistValue::Dict& info, Settings settings);
+    ~QVXPCVESKHelper();
+    QVXPCVESKHelper(const QVXPCVESKHelper&) = delete;
+    QVXPCVESKHelper& operator=(const QVXPCVESKHelper&) = delete;
+
+    void setConnection(FrameWriter* connection) { connection_ = connection; }
+
+    /// Runs one decoded call that has a reply and gives the reply's value. terminateHelper is
+    /// the server's: it ends the process.
+    RemoteValue perform(const RemoteCall& call);
+
+    std::int64_t test() const { return 1234567890; }
+    std::int64_t test2() const { return 9999999999; }
+    /// The paths of the tool and of its launch policy that could not be removed.
+    std::vector<std::string> uninstallHelper() const;
+    std::string getHelperBundleVersion() const;
+    bool repairWithFolder(const std::string& folder, const QVOSVolume& volume) const;
+    std::vector<QVRepairPermissionsRepresentableResult>
+    repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) const;
+    bool rebuildCachesOnTargetVolume(const QVOSVolume& volume) const;
+    std::vector<QVKernelExtension>
+    installWithKernelExtensions(const std::vector<QVKernelExtension>& kexts,
+                                const std::string& folder, const QVOSVolume& volume) const;
+    std::vector<QVKernelExtension>
+    backupWithKernelExtensions(const std::vector<QVKernelExtension>& kexts,
+                               const std::string& installedInFolder, const QVOSVolume& volume,
+                               const std::string& destinationFolder) const;
+    bool changeMaximumThreadsNumber(std::int64_t count) const;
+    bool installRepairPermissionFromSourcePath(const std::string& source,
+                                               const std::string& destination) const;
+    bool uninstallRepairPermissionsFromPath(const std::string& path) const;
+    bool applyBooterConfigViaNVRAMWithNewBooterConfig(std::int64_t value) const;
+
+    /// Relays one progress value of the repair job to the application.
+    void sendRepairPermissionsReport(double progress);
+
+private:
+    PlistValue::Dict info_;
+    Settings settings_;
+    std::atomic<FrameWriter*> connection_ = nullptr;
+    NotificationCenter::Token progressObserver_;
+};
+
+/// A volume argument the helper accepts: a clean absolute mount point of an existing folder.
+bool isAcceptableVolume(const QVOSVolume& volume);
+
+} // namespace quelm

@@ -1,0 +1,88 @@
+// The one table of remote operations between the application and the helper, and the
+// encoding of calls, replies and their values as property lists.
+#pragma once
+
+#include "kexts/QVKernelExtension.h"
+#include "repair/QVRepairPermissionsResult.h"
+#include "support/PropertyList.h"
+#include "volumes/QVOSVolume.h"
+
+#include <array>
+#include <cstdint>
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace quelm {
+
+enum class ValueType {
+    boolean,
+    integer,
+    real,
+    string,
+    stringArray,
+    volume,
+    kextArray,
+    resultArray
+};
+
+/// One argument or reply value as it crosses the channel.
+using RemoteValue = std::variant<bool, std::int64_t, double, std::string, std::vector<std::string>,
+                                 QVOSVolume, std::vector<QVKernelExtension>,
+                                 std::vector<QVRepairPermissionsRepresentableResult>>;
+
+/// Who sends a call: the application calls the helper; the helper only reports progress.
+enum class Sender { application, helper };
+
+struct RemoteOperation {
+    /// The full selector, which is the operation's name on the wire.
+    std::string_view selector;
+    Sender sender;
+    std::vector<ValueType> arguments;
+    /// The type of the reply's one value; none for a one-way call.
+    std::optional<ValueType> reply;
+};
+
+/// Every operation, in one place: the encoder, the decoder and the dispatcher use it.
+const std::vector<RemoteOperation>& remoteOperations();
+/// The operation with that selector, or null.
+const RemoteOperation* findRemoteOperation(std::string_view selector);
+
+struct RemoteCall {
+    /// None for a one-way call.
+    std::optional<std::int64_t> id;
+    const RemoteOperation* operation;
+    std::vector<RemoteValue> arguments;
+};
+
+struct RemoteReply {
+    std::int64_t id;
+    PlistValue value;
+};
+
+struct ChannelError {
+    std::string message;
+};
+
+/// {"id": n, "op": selector, "args": [...]}, without "id" for a one-way call.
+PlistValue encodeCall(const RemoteCall& call);
+/// {"id": n, "reply": [value]}.
+PlistValue encodeReply(std::int64_t id, const RemoteValue& value);
+
+/// A call sent by sender: a known operation of that sender, a well-typed "id" exactly when it
+/// expects a reply, and every argument of its type and allowed class.
+[[nodiscard]] std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message,
+                                                                 Sender sender);
+/// Whether the message is a reply (no "op") rather than a call.
+bool isReply(const PlistValue& message);
+/// The id of a reply and its value still encoded, to be decoded against the pending call.
+[[nodiscard]] std::expected<RemoteReply, ChannelError>
+decodeReplyEnvelope(const PlistValue& message);
+/// A value of the given type, refusing anything else (wrong class, missing or mistyped key).
+[[nodiscard]] std::expected<RemoteValue, ChannelError> decodeValue(const PlistValue& value,
+                                                                   ValueType type);
+
+} // namespace quelm
