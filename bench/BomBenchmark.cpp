@@ -6,7 +6,6 @@
 #include <array>
 #include <benchmark/benchmark.h>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <iostream>

@@ -40,6 +40,8 @@ int main(int argc, char** argv) {
             return 1;
         }
         const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+        // Named first, so that the input of a crash is the last name printed.
+        std::cout << file.string() << std::endl;
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
     std::cout << "replayed " << files.size() << " inputs\n";

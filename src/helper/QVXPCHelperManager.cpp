@@ -22,12 +22,22 @@ void post(const NotificationName<NoObject>& name) {
     NotificationCenter::defaultCenter().post(name, NoObject{});
 }
 
+std::string& sharedRoot() {
+    static std::string root = "/";
+    return root;
+}
+
 } // namespace
+
+void QVXPCHelperManager::setSharedRoot(std::string root) {
+    sharedRoot() = std::move(root);
+}
 
 QVXPCHelperManager& QVXPCHelperManager::shared() {
     const auto& bundle = Bundle::main();
     static QVXPCHelperManager manager(
-        {.runningAsRoot = ::geteuid() == 0,
+        {.root = sharedRoot(),
+         .runningAsRoot = ::geteuid() == 0,
          .shippedHelper = (executableFolder() / "quelm-helper").string(),
          .policyTemplate = bundle.resourcePath("org.quelm.veskp.quelm.helper.policy.in").string()},
         QVXPCHelper(bundle.infoDictionary()));

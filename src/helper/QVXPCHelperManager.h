@@ -74,6 +74,8 @@ public:
 
     /// The manager of the running application, with the helper named by its Info.plist.
     static QVXPCHelperManager& shared();
+    /// Where the shared manager installs the helper; only before its first use ("/" else).
+    static void setSharedRoot(std::string root);
     explicit QVXPCHelperManager(Settings settings, std::optional<QVXPCHelper> helper = {});
     ~QVXPCHelperManager() override;
     QVXPCHelperManager(const QVXPCHelperManager&) = delete;

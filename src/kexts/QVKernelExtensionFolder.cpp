@@ -20,4 +20,9 @@ std::optional<QVKernelExtensionFolder> kernelExtensionFolderFromRawValue(std::st
     return kRawValues.fromRawValue(raw);
 }
 
+bool isConcreteFolder(QVKernelExtensionFolder folder) {
+    return folder != QVKernelExtensionFolder::AskMeEveryTime &&
+           folder != QVKernelExtensionFolder::UseSmartTable;
+}
+
 } // namespace quelm

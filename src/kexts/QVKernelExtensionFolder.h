@@ -22,5 +22,7 @@ inline constexpr std::string_view kDefaultAppearanceModeKey = "QVDefaultAppearan
 /// "QVKextFolderAskMeEveryTime" or "QVKextFolderUseSmartTable".
 std::string_view rawValue(QVKernelExtensionFolder folder);
 std::optional<QVKernelExtensionFolder> kernelExtensionFolderFromRawValue(std::string_view raw);
+/// True for the three cases that name a folder of the target volume.
+bool isConcreteFolder(QVKernelExtensionFolder folder);
 
 } // namespace quelm

@@ -25,7 +25,8 @@ struct BomWriteError {
 
 /// A complete BOMStore file listing records in the given order: "." first, each directory
 /// before its contents. Refuses records whose parent is not listed before them.
-[[nodiscard]] std::expected<std::string, BomWriteError> writeBom(std::span<const BomRecord> records);
+[[nodiscard]] std::expected<std::string, BomWriteError>
+writeBom(std::span<const BomRecord> records);
 
 /// Parses a whole listing; the error names the line at fault.
 [[nodiscard]] std::expected<std::vector<BomRecord>, BomWriteError>

@@ -26,7 +26,7 @@ std::string_view displayText(QVFileSystemResourceAttributeStatus status);
 /// "Owner ID Mismatched", "Group ID Mismatched", "POSIX Permissions Mismatched".
 std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type);
 
-class QVRepairPermissionsRepresentableResult;
+struct QVRepairPermissionsRepresentableResult;
 
 /// A result inside the engine. Attribute values are ids, or permissions as their octal digits
 /// read as a decimal number (755).

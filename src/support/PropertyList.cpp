@@ -1,6 +1,7 @@
 // Conversion between PlistValue and libplist nodes, and the file reading and writing.
 #include "support/PropertyList.h"
 
+#include "support/BinaryPlistCheck.h"
 #include "support/Files.h"
 
 #include <cmath>
@@ -169,7 +170,7 @@ const std::string* PlistValue::stringForKey(std::string_view key) const {
 }
 
 std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes) {
-    if (bytes.empty() || bytes.size() > kMaxPlistFileSize)
+    if (bytes.empty() || bytes.size() > kMaxPlistFileSize || !binaryPlistStringsAreSafe(bytes))
         return failure(PlistError::Kind::malformed, "not a property list");
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);

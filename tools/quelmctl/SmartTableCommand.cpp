@@ -8,9 +8,7 @@
 #include <optional>
 
 namespace quelm::ctl {
-namespace {
-
-} // namespace
+namespace {} // namespace
 
 std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder) {
     std::error_code error;

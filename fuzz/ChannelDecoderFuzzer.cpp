@@ -1,0 +1,33 @@
+// libFuzzer target: the channel's frame and message decoders on arbitrary bytes, as the
+// helper reads calls and as the application reads replies, must refuse or decode, never crash.
+#include "helper/Channel.h"
+#include "helper/RemoteProtocol.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace {
+
+void decodeEveryWay(const quelm::PlistValue& message) {
+    (void)quelm::decodeCall(message, quelm::Sender::application);
+    (void)quelm::decodeCall(message, quelm::Sender::helper);
+    const auto reply = quelm::decodeReplyEnvelope(message);
+    if (!reply)
+        return;
+    for (const auto& operation : quelm::remoteOperations())
+        if (operation.reply)
+            (void)quelm::decodeValue(reply->value, *operation.reply);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::string buffer(reinterpret_cast<const char*>(data), size);
+    for (;;) {
+        auto frame = quelm::takeFrame(buffer);
+        if (!frame || !*frame)
+            return 0;
+        decodeEveryWay(**frame);
+    }
+}

@@ -1,0 +1,60 @@
+// The application controller: launch, intake of opened files, screen choice, the helper's
+// start and failures, and quitting.
+#pragma once
+
+#include "support/NotificationCenter.h"
+
+#include <QObject>
+#include <QStringList>
+#include <QTimer>
+#include <chrono>
+#include <vector>
+
+class QMenuBar;
+
+namespace quelm {
+
+class QVMainQuelmWindowController;
+
+class AppDelegate : public QObject {
+    Q_OBJECT
+public:
+    /// intakeDelay: how long after the last batch of opened files they are handed on.
+    explicit AppDelegate(QVMainQuelmWindowController& window,
+                         std::chrono::milliseconds intakeDelay = std::chrono::seconds(3));
+    ~AppDelegate() override;
+
+    /// Menu titles, helper observers, the single-instance rule, defaults, the Application
+    /// Support folder and the smart table. False when the application must quit.
+    bool applicationWillFinishLaunching(QMenuBar& menu);
+    /// One batch of opened files; restarts the intake timer.
+    void openFiles(const QStringList& paths);
+    /// The timer's action: hands every path collected so far on.
+    void start();
+    /// Shows the installation screen and starts the helper when files were opened, else the
+    /// preferences.
+    void applicationDidFinishLaunching();
+    void applicationWillTerminate();
+    bool applicationShouldTerminateAfterLastWindowClosed() const;
+    /// Brings the main window back, as a second start without files asks.
+    void applicationShouldHandleReopen();
+
+    const QStringList& files() const { return files_; }
+
+signals:
+    /// The application must end, after an alert or when its job is over.
+    void terminate();
+
+private:
+    void observeHelperManager();
+    void failWithAlert(const std::string& log, const QString& message);
+    bool makeApplicationSupportFolder();
+    bool prepareSmartTable();
+
+    QVMainQuelmWindowController& window_;
+    QTimer timer_;
+    QStringList files_;
+    std::vector<NotificationCenter::Token> observers_;
+};
+
+} // namespace quelm

@@ -1,0 +1,196 @@
+// The whole start of the desktop application, from its command line to its event loop.
+#include "app/Launch.h"
+
+#include "app/AppDelegate.h"
+#include "app/QVMainAbstractMaintenanceViewController.h"
+#include "app/QVMainQuelmWindowController.h"
+#include "helper/QVXPCHelperManager.h"
+#include "support/Log.h"
+#include "ui/QVMainQuelmAppearanceMode.h"
+#include "ui/QVViewExtensions.h"
+#include "ui/Translations.h"
+#include "ui/UserDefaults.h"
+#include "volumes/QVOSVolumeManager.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QFile>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QMenuBar>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+struct Arguments {
+    QString volume;
+    QString results;
+    QString helperRoot;
+    QStringList files;
+};
+
+Arguments parseArguments(const QApplication& application) {
+    QCommandLineParser parser;
+    //% "Installs kexts onto a macOS volume and repairs the volume so that it boots."
+    parser.setApplicationDescription(qtTrId("kQVAppDescription"));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    //% "The mount point of the macOS volume to work on."
+    parser.addOption({"volume", qtTrId("kQVAppOptionVolume"), "PATH"});
+    //% "Show the results of a saved repair report."
+    parser.addOption({"results", qtTrId("kQVAppOptionResults"), "FILE"});
+    //% "Install and start the helper under this folder instead of / (for tests)."
+    parser.addOption({"helper-root", qtTrId("kQVAppOptionHelperRoot"), "DIR"});
+    //% "The kext bundles to install."
+    parser.addPositionalArgument("KEXT", qtTrId("kQVAppArgumentKexts"), "[KEXT...]");
+    parser.process(application);
+    return {parser.value("volume"), parser.value("results"), parser.value("helper-root"),
+            parser.positionalArguments()};
+}
+
+QString instanceName() {
+    return QString::fromLatin1(kIdentifierPrefix) + ".veskp.quelm." + QString::number(::getuid());
+}
+
+/// Hands the paths to a Quelm already running; true when one took them.
+bool handToRunningInstance(const QStringList& files) {
+    QLocalSocket socket;
+    socket.connectToServer(instanceName());
+    if (!socket.waitForConnected(500))
+        return false;
+    socket.write((files.join('\n') + '\n').toUtf8());
+    socket.waitForBytesWritten(2000);
+    socket.disconnectFromServer();
+    return true;
+}
+
+/// Later starts of quelm deliver their paths here, one batch per start; a start without
+/// paths brings the window back.
+void listenForLaterStarts(QLocalServer& server, AppDelegate& delegate) {
+    QLocalServer::removeServer(instanceName());
+    server.listen(instanceName());
+    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate] {
+        QLocalSocket* socket = server.nextPendingConnection();
+        QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate] {
+            const auto lines = QString::fromUtf8(socket->readAll()).split('\n', Qt::SkipEmptyParts);
+            if (lines.isEmpty())
+                delegate.applicationShouldHandleReopen();
+            else
+                delegate.openFiles(lines);
+            socket->deleteLater();
+        });
+    });
+}
+
+/// Where no macOS runs the host, the target is the one named, else the last one used.
+bool chooseStartingVolume(const QString& named) {
+    auto& volumes = QVOSVolumeManager::shared();
+    const std::string path = named.isEmpty() ? userDefaultString(kLastTargetVolumeKey).value_or("")
+                                             : named.toStdString();
+    if (path.empty())
+        return true;
+    const auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(path));
+    if (!volume || !volume->majorVersion()) {
+        logLine("quelm: " + path + " is not a macOS volume");
+        return named.isEmpty();
+    }
+    volumes.setStartingOSVolume(*volume);
+    return true;
+}
+
+int showResults(const QString& file) {
+    QFile report(file);
+    const auto results = report.open(QIODevice::ReadOnly)
+                             ? parseReportText(report.readAll().toStdString())
+                             : std::unexpected(std::string("cannot read the file"));
+    if (!results) {
+        logLine("quelm: " + file.toStdString() + ": " + results.error());
+        return 1;
+    }
+    QVMainAbstractMaintenanceViewController source;
+    //% "Permissions repair report"
+    source.setResult(QVDetailedRepresentableResult(QPixmap(":/quelm/QVUIVolume.svg"),
+                                                   qtTrId("kQVDetailedResultsVCReportTitle"), file,
+                                                   *results));
+    auto window = source.prepareForSegue("QVSBSegueIDMaintenance2DetailedResults");
+    window->show();
+    return QApplication::exec();
+}
+
+void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
+    const auto item = [](QMenu* parent, int tag) {
+        auto* action = parent->addAction(QString());
+        action->setProperty("tag", tag);
+        return action;
+    };
+    auto* app = menu.addMenu("Quelm");
+    item(app, 0);
+    item(app, 1)->setEnabled(false);
+    item(app, 2)->setEnabled(false);
+    QObject::connect(item(app, 3), &QAction::triggered, &window, &QWidget::hide);
+    item(app, 4)->setEnabled(false);
+    item(app, 5)->setEnabled(false);
+    QObject::connect(item(app, 6), &QAction::triggered, &application, &QApplication::quit);
+    auto* view = menu.addMenu(QString());
+    view->menuAction()->setProperty("tag", 7);
+    item(view, 8)->setEnabled(false);
+    item(view, 9)->setEnabled(false);
+    auto* windows = menu.addMenu(QString());
+    windows->menuAction()->setProperty("tag", 10);
+    QObject::connect(item(windows, 11), &QAction::triggered, &window, &QWidget::showMinimized);
+    item(windows, 12)->setEnabled(false);
+    QObject::connect(item(windows, 13), &QAction::triggered, &window, &QWidget::raise);
+    auto* help = menu.addMenu(QString());
+    help->menuAction()->setProperty("tag", 14);
+    item(help, 15)->setEnabled(false);
+}
+
+} // namespace
+
+int runQuelm(int argc, char** argv) {
+    QApplication application(argc, argv);
+    QApplication::setOrganizationName("org.quelm");
+    QApplication::setApplicationName("Quelm");
+    QApplication::setApplicationVersion(QUELM_VERSION);
+    QApplication::setWindowIcon(QIcon(":/quelm/quelm.svg"));
+    (void)installTranslations(application);
+    const Arguments arguments = parseArguments(application);
+    if (!arguments.results.isEmpty())
+        return showResults(arguments.results);
+    if (handToRunningInstance(arguments.files))
+        return 0;
+    if (!arguments.helperRoot.isEmpty())
+        QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
+    if (!chooseStartingVolume(arguments.volume))
+        return 2;
+    if (const auto mode =
+            appearanceModeFromRawValue(userDefaultString(kDefaultAppearanceModeKey).value_or("")))
+        applyAppearance(application, *mode);
+
+    QVMainQuelmWindowController window;
+    AppDelegate delegate(window);
+    buildMainMenu(*window.menuBar(), application, window);
+    if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
+        return 1;
+    QLocalServer server;
+    listenForLaterStarts(server, delegate);
+    QApplication::setQuitOnLastWindowClosed(false);
+    QObject::connect(&window, &QVMainQuelmWindowController::filesDropped, &delegate,
+                     &AppDelegate::openFiles);
+    QObject::connect(&window, &QVMainQuelmWindowController::jobFinished, &application,
+                     &QApplication::quit);
+    QObject::connect(&window, &QVMainQuelmWindowController::windowClosed, &application, [&] {
+        if (delegate.applicationShouldTerminateAfterLastWindowClosed())
+            QApplication::quit();
+    });
+    QObject::connect(&delegate, &AppDelegate::terminate, &application, &QApplication::quit);
+    QObject::connect(&application, &QApplication::aboutToQuit, &delegate,
+                     &AppDelegate::applicationWillTerminate);
+    if (!arguments.files.isEmpty())
+        delegate.openFiles(arguments.files);
+    QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
+    return QApplication::exec();
+}
+
+} // namespace quelm

@@ -1,0 +1,88 @@
+// The choice of the target volume, the status line, the progress display and the wrappers of
+// the helper's remote operations, shared by every working screen.
+#pragma once
+
+#include "app/QVMainAbstractViewController.h"
+#include "helper/HelperConnection.h"
+#include "kexts/QVKernelExtension.h"
+#include "kexts/QVKernelExtensionFolder.h"
+#include "ui/QVDetailedResultsViewController.h"
+
+#include <memory>
+#include <optional>
+
+namespace quelm {
+
+/// The will/did events around each remote operation, delivered on the main thread.
+class QVAbstractMaintenaceDelegate {
+public:
+    virtual ~QVAbstractMaintenaceDelegate() = default;
+    virtual void willRepairDiskPermissions() = 0;
+    virtual void didRepairDiskPermissionsWithResults(
+        const std::vector<QVRepairPermissionsRepresentableResult>& results) = 0;
+    virtual void willRebuildCaches() = 0;
+    virtual void didRebuildCaches() = 0;
+    virtual void willBackupKexts() = 0;
+    virtual void didBackupKexts(const std::vector<QVKernelExtension>& failed) = 0;
+    virtual void willInstallKexts() = 0;
+    virtual void didInstallKexts(const std::vector<QVKernelExtension>& failed) = 0;
+};
+
+/// Posted with whether the accepted volume has an Extra folder.
+inline const auto kDidSelectAValidOSVolume =
+    notificationName<bool>(".veskp.abstract.didSelectAValidOSVolume");
+/// The setting that remembers the last target volume where no macOS runs the host.
+inline constexpr std::string_view kLastTargetVolumeKey = "QVLastTargetVolume";
+
+class QVMainAbstractMaintenanceViewController : public QVMainAbstractViewController {
+    Q_OBJECT
+public:
+    explicit QVMainAbstractMaintenanceViewController(QWidget* parent = nullptr);
+
+    void setDelegate(QVAbstractMaintenaceDelegate* delegate) { delegate_ = delegate; }
+    void updateStatusWithLocalizedString(const QString& text);
+    void renderLocalizedOutlets();
+
+    void callRepairDiskPermissions();
+    void callRebuidCaches();
+    /// Installs the kexts into one of the three concrete folders.
+    void callInstallKexts(const std::vector<QVKernelExtension>& kexts,
+                          QVKernelExtensionFolder folder);
+
+    /// Asks for the volume's folder, then accepts it or says why not.
+    void selectVolume();
+    /// Accepts the volume at path, or refuses it with an alert; true when accepted.
+    bool acceptVolume(const QString& path);
+    void reset();
+    void execute() {}
+
+    void setResult(std::optional<QVDetailedRepresentableResult> result) {
+        result_ = std::move(result);
+    }
+    /// The results window for a segue to it, given this screen's result; null for any other.
+    std::unique_ptr<QVDetailedResultsViewController> prepareForSegue(const QString& identifier);
+
+protected:
+    QLabel* statusField = nullptr;
+    QPushButton* resetButton = nullptr;
+    QPushButton* executeButton = nullptr;
+    QLabel* volumeInfoField = nullptr;
+
+    void viewDidLoad() override;
+    void showEvent(QShowEvent* event) override;
+    HelperConnection* proxy() const { return proxy_; }
+    /// Takes the helper manager's connection again.
+    void refreshProxy();
+
+private:
+    void showVolume(const QVOSVolume& volume);
+    /// Runs on the main thread once the reply arrives.
+    void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
+                     std::function<void(const RemoteValue&)> handler);
+
+    QVAbstractMaintenaceDelegate* delegate_ = nullptr;
+    HelperConnection* proxy_ = nullptr;
+    std::optional<QVDetailedRepresentableResult> result_;
+};
+
+} // namespace quelm

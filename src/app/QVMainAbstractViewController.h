@@ -1,0 +1,54 @@
+// The base of the working screens: their common widgets and their window style.
+#pragma once
+
+#include "support/NotificationCenter.h"
+
+#include <QWidget>
+#include <vector>
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+
+namespace quelm {
+
+class QVMainAbstractViewController : public QWidget {
+    Q_OBJECT
+public:
+    explicit QVMainAbstractViewController(QWidget* parent = nullptr);
+    ~QVMainAbstractViewController() override;
+
+protected:
+    /// Set by the subclass from its form: the volume picture, the headline, the volume's mount
+    /// point and the indicator that spins or shows the helper's progress.
+    QPushButton* imageButton = nullptr;
+    QLabel* mainTitle = nullptr;
+    QLabel* pathField = nullptr;
+    QProgressBar* circularIndicator = nullptr;
+
+    virtual void viewDidLoad();
+    /// Observes a notification for as long as the screen is shown; the handler runs on the
+    /// main thread whatever thread posts.
+    template <class Payload>
+    void observe(const NotificationName<Payload>& name,
+                 std::function<void(const Payload&)> handler);
+
+    /// Closing the window ends the screen's observations.
+    void hideEvent(QHideEvent* event) override;
+
+private:
+    void viewDidDisappear();
+    std::vector<NotificationCenter::Token> observers_;
+};
+
+template <class Payload>
+void QVMainAbstractViewController::observe(const NotificationName<Payload>& name,
+                                           std::function<void(const Payload&)> handler) {
+    observers_.push_back(NotificationCenter::defaultCenter().addObserver(
+        name, [this, handler = std::move(handler)](const Payload& object) {
+            QMetaObject::invokeMethod(
+                this, [handler, object] { handler(object); }, Qt::QueuedConnection);
+        }));
+}
+
+} // namespace quelm

@@ -1,0 +1,236 @@
+// The installation screen, and the conductor of one job: install, repair, rebuild, report.
+#include "app/QVMainQuelmViewController.h"
+
+#include "app/QVUserNotification.h"
+#include "helper/QVXPCHelperManager.h"
+#include "kexts/QVKernelExtensionsManager.h"
+#include "support/Files.h"
+#include "support/Log.h"
+#include "support/Paths.h"
+#include "support/Strings.h"
+#include "ui/QVViewExtensions.h"
+#include "ui/UserDefaults.h"
+#include "ui_QVMainQuelmViewController.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <chrono>
+
+namespace quelm {
+namespace {
+
+QColor inverted(const QColor& color) {
+    return QColor(255 - color.red(), 255 - color.green(), 255 - color.blue(), color.alpha());
+}
+
+} // namespace
+
+QVMainQuelmViewController::QVMainQuelmViewController(QWidget* parent)
+    : QVMainAbstractMaintenanceViewController(parent),
+      ui_(std::make_unique<Ui::QVMainQuelmViewController>()) {
+    ui_->setupUi(this);
+    imageButton = ui_->imageButton;
+    mainTitle = ui_->mainTitle;
+    pathField = ui_->pathField;
+    circularIndicator = ui_->circularIndicator;
+    statusField = ui_->statusField;
+    resetButton = ui_->resetButton;
+    executeButton = ui_->executeButton;
+    volumeInfoField = ui_->volumeInfoField;
+    viewDidLoad();
+}
+
+QVMainQuelmViewController::~QVMainQuelmViewController() = default;
+
+void QVMainQuelmViewController::viewDidLoad() {
+    QVMainAbstractMaintenanceViewController::viewDidLoad();
+    setDelegate(this);
+    observe<std::vector<std::string>>(kDidCollectAllFiles,
+                                      [this](const auto& files) { runWithANotification(files); });
+    startBusyIndicator(*circularIndicator);
+    //% "Preparing..."
+    updateStatusWithLocalizedString(qtTrId("kQVMainQLMVCPreparing"));
+    const auto policy = userDefaultString(kDefaultKextInstallationFolderKey);
+    if (const auto folder = kernelExtensionFolderFromRawValue(policy.value_or("")))
+        QVKernelExtensionsManager::shared().setInstallationFolder(*folder);
+}
+
+void QVMainQuelmViewController::showEvent(QShowEvent* event) {
+    QVMainAbstractMaintenanceViewController::showEvent(event);
+    applyAppearanceMode(userDefaultString(kDefaultAppearanceModeKey).value_or(""));
+}
+
+void QVMainQuelmViewController::applyAppearanceMode(const std::string& mode) {
+    if (mode != "LightMode" && mode != "DarkMode")
+        return;
+    const bool dark = mode == "DarkMode";
+    QPalette palette = this->palette();
+    palette.setColor(QPalette::Window, dark ? QColor(0, 0, 0, 210) : QColor(255, 255, 255, 200));
+    palette.setColor(QPalette::WindowText, dark ? Qt::white : Qt::black);
+    setPalette(palette);
+    setAutoFillBackground(true);
+    QPalette indicator = QApplication::palette(circularIndicator);
+    if (dark)
+        for (const auto role : {QPalette::Highlight, QPalette::Base, QPalette::Window})
+            indicator.setColor(role, inverted(indicator.color(role)));
+    circularIndicator->setPalette(indicator);
+}
+
+void QVMainQuelmViewController::runWithANotification(const std::vector<std::string>& files) {
+    files_ = files;
+    auto& kexts = QVKernelExtensionsManager::shared();
+    kexts.addKernelExtensions(files_);
+    if (kexts.installationFolder() == QVKernelExtensionFolder::UseSmartTable) {
+        const QVSmartTableManager paths(applicationSupportFolder(), Bundle::main());
+        smartTable_.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
+    }
+    if (proxy()) {
+        installKexts();
+        return;
+    }
+    // The helper may still be asking for authorisation: the job starts once it answers.
+    observe<NoObject>(kHelperDidConnect, [this](const NoObject&) {
+        refreshProxy();
+        installKexts();
+    });
+}
+
+void QVMainQuelmViewController::installKexts() {
+    auto& kexts = QVKernelExtensionsManager::shared();
+    const auto folder = kexts.installationFolder();
+    if (isConcreteFolder(folder)) {
+        sent_ = kexts.kextsTBI().size();
+        callInstallKexts(kexts.kextsTBI(), folder);
+    } else {
+        didInstallKexts({});
+    }
+}
+
+void QVMainQuelmViewController::willBackupKexts() {
+    //% "Backing up kexts..."
+    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractBackingUpKexts"));
+}
+
+void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtension>&) {
+    installKexts();
+}
+
+void QVMainQuelmViewController::willInstallKexts() {
+    //% "Installing kexts..."
+    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractInstallingKexts"));
+}
+
+void QVMainQuelmViewController::didInstallKexts(const std::vector<QVKernelExtension>& failed) {
+    failed_.insert(failed_.end(), failed.begin(), failed.end());
+    auto& manager = QVKernelExtensionsManager::shared();
+    const auto& kexts = manager.kextsTBI();
+    if (index_ >= kexts.size() || isConcreteFolder(manager.installationFolder())) {
+        callRepairDiskPermissions();
+        return;
+    }
+    const auto kext = kexts[index_++];
+    if (const auto folder = folderForKext(kext)) {
+        ++sent_;
+        callInstallKexts({kext}, *folder);
+    } else {
+        logLine("QVMainQuelmVC::Info: skipped " + kext.name());
+        didInstallKexts({});
+    }
+}
+
+std::optional<QVKernelExtensionFolder>
+QVMainQuelmViewController::folderForKext(const QVKernelExtension& kext) {
+    if (QVKernelExtensionsManager::shared().installationFolder() ==
+        QVKernelExtensionFolder::AskMeEveryTime)
+        return askFolder(kext);
+    const auto& table = smartTable_ ? smartTable_->table() : QVSmartTableManager::Table{};
+    const auto found = table.find(kext.name());
+    const auto folder =
+        found == table.end() ? std::nullopt : kernelExtensionFolderFromRawValue(found->second);
+    return folder && isConcreteFolder(*folder) ? folder : std::nullopt;
+}
+
+std::optional<QVKernelExtensionFolder>
+QVMainQuelmViewController::askFolder(const QVKernelExtension& kext) {
+    QMessageBox box(QMessageBox::Information,
+                    //% "Select the installation folder for "
+                    qtTrId("kQVMainQuelmVCSelectInstallationFolderForKext") +
+                        QString::fromStdString(kext.name()),
+                    //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must
+                    //load from /System/Library/Extensions/."
+                    qtTrId("kQVMainQuelmVCSelectInstallationFolderForKextDescription"),
+                    QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, this);
+    box.button(QMessageBox::Yes)->setText("/Library/Extensions/");
+    box.button(QMessageBox::No)->setText("/System/Library/Extensions/");
+    //% "Cancel"
+    box.button(QMessageBox::Cancel)->setText(qtTrId("kQVMainQuelmVCCancel"));
+    switch (QVModalAnswers::run(box)) {
+    case QMessageBox::Yes:
+        return QVKernelExtensionFolder::LibraryExtensions;
+    case QMessageBox::No:
+        return QVKernelExtensionFolder::SystemLibraryExtensions;
+    default:
+        return std::nullopt;
+    }
+}
+
+void QVMainQuelmViewController::willRepairDiskPermissions() {
+    circularIndicator->setRange(0, 100);
+    circularIndicator->setValue(0);
+    circularIndicator->show();
+    //% "Repairing permissions..."
+    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRepairingPermissions"));
+}
+
+void QVMainQuelmViewController::didRepairDiskPermissionsWithResults(
+    const std::vector<QVRepairPermissionsRepresentableResult>& results) {
+    saveReport(results);
+    callRebuidCaches();
+}
+
+void QVMainQuelmViewController::saveReport(
+    const std::vector<QVRepairPermissionsRepresentableResult>& results) {
+    const auto folder = applicationSupportFolder() / "Reports";
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    const auto path = folder / (compactTimestamp(std::chrono::system_clock::now()) + ".txt");
+    if (error || !writeFileAtomically(path, reportText(results)))
+        logLine("QVMainQuelmVC::Error: Unable to save the repair report to " + path.string());
+    else
+        logLine("QVMainQuelmVC::Info: repair report saved to " + path.string());
+}
+
+void QVMainQuelmViewController::willRebuildCaches() {
+    startBusyIndicator(*circularIndicator);
+    //% "Rebuilding caches..."
+    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRebuildingCaches"));
+}
+
+void QVMainQuelmViewController::didRebuildCaches() {
+    stopBusyIndicator(*circularIndicator);
+    deliverFinalNotification();
+    emit jobFinished();
+}
+
+void QVMainQuelmViewController::deliverFinalNotification() {
+    QStringList failedNames;
+    for (const auto& kext : failed_)
+        failedNames << QString::fromStdString(kext.name());
+    const auto installed = static_cast<qsizetype>(sent_) - failedNames.size();
+    //% "Failed: "
+    const QString failedLabel = qtTrId("kQVMainQuelmVCFailed");
+    //% "The selected kexts have been installed."
+    QString informative = qtTrId("kQVMainQuelmVCSelectedKextsHaveBeenInstalled");
+    if (!failedNames.isEmpty())
+        informative = failedLabel + failedNames.join(", ");
+    //% "Finished"
+    const QString title = "Quelm - " + qtTrId("kQVMainQuelmVCFinished");
+    //% "Installed: "
+    const QString subtitle = qtTrId("kQVMainQuelmVCInstalled") + QString::number(installed) + " " +
+                             failedLabel + QString::number(failedNames.size());
+    deliverUserNotification({title, subtitle, informative});
+}
+
+} // namespace quelm

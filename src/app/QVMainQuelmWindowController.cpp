@@ -1,0 +1,82 @@
+// The single main window: hidden until the application says which screen it shows.
+#include "app/QVMainQuelmWindowController.h"
+
+#include "app/QVMainQuelmViewController.h"
+#include "ui/QVMainQuelmPreferenceViewController.h"
+
+#include <QCloseEvent>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QMimeData>
+
+namespace quelm {
+namespace {
+
+QStringList kextPaths(const QMimeData* data) {
+    QStringList paths;
+    for (const auto& url : data->urls())
+        if (url.isLocalFile() && url.toLocalFile().endsWith(".kext"))
+            paths << url.toLocalFile();
+    return paths;
+}
+
+} // namespace
+
+QVMainQuelmWindowController::QVMainQuelmWindowController(QWidget* parent) : QMainWindow(parent) {
+    setWindowTitle("Quelm");
+    setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint);
+    setAcceptDrops(true);
+    observer_ = NotificationCenter::defaultCenter().addObserver(
+        kPresentViewController, [this](const bool& installation) {
+            QMetaObject::invokeMethod(
+                this, [this, installation] { switchViewController(installation); },
+                Qt::QueuedConnection);
+        });
+}
+
+QVMainQuelmWindowController::~QVMainQuelmWindowController() {
+    NotificationCenter::defaultCenter().removeObserver(observer_);
+}
+
+void QVMainQuelmWindowController::switchViewController(bool installation) {
+    if (!chosen_) {
+        chosen_ = true;
+        if (installation) {
+            auto* screen = new QVMainQuelmViewController(this);
+            connect(screen, &QVMainQuelmViewController::jobFinished, this,
+                    &QVMainQuelmWindowController::jobFinished);
+            setCentralWidget(screen);
+        } else {
+            setCentralWidget(new QVMainQuelmPreferenceViewController(this));
+        }
+    }
+    show();
+    raise();
+    activateWindow();
+}
+
+QString QVMainQuelmWindowController::contentViewControllerIdentifier() const {
+    if (qobject_cast<QVMainQuelmViewController*>(centralWidget()))
+        return "QVSBIDMainQuelm";
+    return centralWidget() ? "QVSBIDMainQuelmPreference" : QString();
+}
+
+void QVMainQuelmWindowController::closeEvent(QCloseEvent* event) {
+    QMainWindow::closeEvent(event);
+    emit windowClosed();
+}
+
+void QVMainQuelmWindowController::dragEnterEvent(QDragEnterEvent* event) {
+    if (!kextPaths(event->mimeData()).isEmpty())
+        event->acceptProposedAction();
+}
+
+void QVMainQuelmWindowController::dropEvent(QDropEvent* event) {
+    const auto paths = kextPaths(event->mimeData());
+    if (paths.isEmpty())
+        return;
+    event->acceptProposedAction();
+    emit filesDropped(paths);
+}
+
+} // namespace quelm

@@ -1,0 +1,143 @@
+// The preferences window: where kexts are installed by default, and the appearance.
+#include "ui/QVMainQuelmPreferenceViewController.h"
+
+#include "kexts/QVKernelExtensionFolder.h"
+#include "kexts/QVKernelExtensionsManager.h"
+#include "support/Log.h"
+#include "ui/QVMainQuelmAppearanceMode.h"
+#include "ui/UserDefaults.h"
+#include "ui_QVMainQuelmPreferenceViewController.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+namespace quelm {
+namespace {
+
+constexpr std::string_view kFatalMessage =
+    "QVMainQLInstallationPreferenceVC::FatalError: You should never reach at here.";
+
+/// The installation pop-up's items in order. "/Extra/Extensions/" is left out on purpose: kexts
+/// go there through the smart table, or a setting written by hand.
+constexpr std::array kOfferedFolders{
+    QVKernelExtensionFolder::LibraryExtensions, QVKernelExtensionFolder::SystemLibraryExtensions,
+    QVKernelExtensionFolder::AskMeEveryTime, QVKernelExtensionFolder::UseSmartTable};
+
+constexpr std::array kOfferedModes{QVMainQuelmAppearanceMode::LightMode,
+                                   QVMainQuelmAppearanceMode::DarkMode};
+
+QString folderItemTitle(QVKernelExtensionFolder folder) {
+    switch (folder) {
+    case QVKernelExtensionFolder::AskMeEveryTime:
+        //% "Ask me every time"
+        return qtTrId("kQVMainQuelmPreferenceVCAskMeEveryTime");
+    case QVKernelExtensionFolder::UseSmartTable:
+        //% "Use the default smart table"
+        return qtTrId("kQVMainQuelmPreferenceVCUseTheDefaultSmartTable");
+    default:
+        // The folders are shown as the paths they are.
+        return QString::fromUtf8(rawValue(folder).data(),
+                                 static_cast<qsizetype>(rawValue(folder).size()));
+    }
+}
+
+/// The stored setting, which the application has written at launch.
+std::string storedValue(std::string_view key) {
+    auto value = userDefaultString(key);
+    if (!value)
+        fatalError("QVMainQLInstallationPreferenceVC::FatalError: the setting " + std::string(key) +
+                   " is missing.");
+    return *value;
+}
+
+[[noreturn]] void unknownValue(std::string_view key, std::string_view value) {
+    fatalError("QVMainQLInstallationPreferenceVC::FatalError: the setting " + std::string(key) +
+               " holds the unknown value \"" + std::string(value) + "\".");
+}
+
+/// The position of value in items, or -1 (no selection).
+template <class Items, class Value> int indexOf(const Items& items, Value value) {
+    const auto found = std::find(items.begin(), items.end(), value);
+    return found == items.end() ? -1 : static_cast<int>(found - items.begin());
+}
+
+template <class Items> auto itemAt(const Items& items, int index) {
+    if (index < 0 || index >= static_cast<int>(items.size()))
+        fatalError(kFatalMessage);
+    return items[static_cast<std::size_t>(index)];
+}
+
+} // namespace
+
+QVMainQuelmPreferenceViewController::QVMainQuelmPreferenceViewController(QWidget* parent)
+    : QWidget(parent, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                          Qt::WindowCloseButtonHint),
+      ui_(std::make_unique<Ui::QVMainQuelmPreferenceViewController>()) {
+    ui_->setupUi(this);
+    viewDidLoad();
+}
+
+QVMainQuelmPreferenceViewController::~QVMainQuelmPreferenceViewController() = default;
+
+void QVMainQuelmPreferenceViewController::viewDidLoad() {
+    ui_->outletButtonEditDefaultTable->setHidden(true);
+    //% "Default Installation Preference"
+    ui_->outletBoxDefaultPreference->setTitle(
+        qtTrId("kQVMainQuelmPreferenceVCDefaultInstallationPreference"));
+    //% "Default Appearance"
+    ui_->outletBoxDefaultAppearance->setTitle(qtTrId("kQVMainQuelmPreferenceVCDefaultAppearance"));
+    //% "Install kexts to:"
+    ui_->outletFieldInstallKexts->setText(qtTrId("kQVMainQuelmPreferenceVCInstallKextsTo"));
+    //% "Edit"
+    ui_->outletButtonEditDefaultTable->setText(qtTrId("kQVMainQuelmPreferenceVCEdit"));
+    fillPopUps();
+    selectStoredChoices();
+    // activated, unlike currentIndexChanged, comes only from the user's choices.
+    connect(ui_->outletButtonPopUpSelectInstallationFolder, &QComboBox::activated, this,
+            &QVMainQuelmPreferenceViewController::actionButtonSelectInstallationFolder);
+    connect(ui_->outletButtonEditDefaultTable, &QPushButton::clicked, this,
+            &QVMainQuelmPreferenceViewController::actionButtonEditDefaultTable);
+    connect(ui_->outletButtonPopUpSelectDefaultAppearance, &QComboBox::activated, this,
+            &QVMainQuelmPreferenceViewController::actionButtonSelectDefaultAppearance);
+}
+
+void QVMainQuelmPreferenceViewController::fillPopUps() {
+    ui_->outletButtonPopUpSelectInstallationFolder->clear();
+    for (const auto folder : kOfferedFolders)
+        ui_->outletButtonPopUpSelectInstallationFolder->addItem(folderItemTitle(folder));
+    ui_->outletButtonPopUpSelectDefaultAppearance->clear();
+    for (const auto mode : kOfferedModes)
+        ui_->outletButtonPopUpSelectDefaultAppearance->addItem(displayText(mode));
+}
+
+void QVMainQuelmPreferenceViewController::selectStoredChoices() {
+    const std::string modeValue = storedValue(kDefaultAppearanceModeKey);
+    const auto mode = appearanceModeFromRawValue(modeValue);
+    if (!mode)
+        unknownValue(kDefaultAppearanceModeKey, modeValue);
+    ui_->outletButtonPopUpSelectDefaultAppearance->setCurrentIndex(indexOf(kOfferedModes, *mode));
+
+    const std::string folderValue = storedValue(kDefaultKextInstallationFolderKey);
+    const auto folder = kernelExtensionFolderFromRawValue(folderValue);
+    if (!folder)
+        unknownValue(kDefaultKextInstallationFolderKey, folderValue);
+    QVKernelExtensionsManager::shared().setInstallationFolder(*folder);
+    ui_->outletButtonPopUpSelectInstallationFolder->setCurrentIndex(
+        indexOf(kOfferedFolders, *folder));
+}
+
+void QVMainQuelmPreferenceViewController::actionButtonSelectInstallationFolder(int index) {
+    const QVKernelExtensionFolder folder = itemAt(kOfferedFolders, index);
+    QVKernelExtensionsManager::shared().setInstallationFolder(folder);
+    setUserDefaultString(kDefaultKextInstallationFolderKey, rawValue(folder));
+}
+
+void QVMainQuelmPreferenceViewController::actionButtonEditDefaultTable() {
+}
+
+void QVMainQuelmPreferenceViewController::actionButtonSelectDefaultAppearance(int index) {
+    setUserDefaultString(kDefaultAppearanceModeKey, rawValue(itemAt(kOfferedModes, index)));
+}
+
+} // namespace quelm

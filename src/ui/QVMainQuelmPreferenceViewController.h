@@ -1,0 +1,40 @@
+// The preferences window: where kexts are installed by default, and the appearance.
+#pragma once
+
+#include <QWidget>
+#include <memory>
+
+namespace Ui {
+class QVMainQuelmPreferenceViewController;
+}
+
+namespace quelm {
+
+/// Two pop-ups whose choices are written to the settings at once, with no OK or Cancel. The
+/// installation folder also goes to QVKernelExtensionsManager::shared(). The settings must
+/// hold both values (the application writes missing ones at launch); an unknown value, like
+/// an index outside a pop-up, is a fatal error.
+class QVMainQuelmPreferenceViewController : public QWidget {
+    Q_OBJECT
+
+public:
+    explicit QVMainQuelmPreferenceViewController(QWidget* parent = nullptr);
+    ~QVMainQuelmPreferenceViewController() override;
+
+    /// 0 "/Library/Extensions/", 1 "/System/Library/Extensions/", 2 ask every time,
+    /// 3 the smart table.
+    void actionButtonSelectInstallationFolder(int index);
+    /// Hidden: the smart table is edited by hand in its file for now.
+    void actionButtonEditDefaultTable();
+    /// 0 light, 1 dark; only stored: the application applies it.
+    void actionButtonSelectDefaultAppearance(int index);
+
+private:
+    void viewDidLoad();
+    void fillPopUps();
+    void selectStoredChoices();
+
+    std::unique_ptr<Ui::QVMainQuelmPreferenceViewController> ui_;
+};
+
+} // namespace quelm

@@ -1,0 +1,319 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="en_US">
+<context>
+    <name></name>
+    <message id="kQVDetailedResultsVCPath">
+        <source>Path</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCReason">
+        <source>Reason</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCCurrentValue">
+        <source>Current Value</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCCorrectValue">
+        <source>Correct Value</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCNewValue">
+        <source>New Value</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCFileStatus">
+        <source>Status</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Owner ID Mismatched">
+        <source>Owner ID Mismatched</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Group ID Mismatched">
+        <source>Group ID Mismatched</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="POSIX Permissions Mismatched">
+        <source>POSIX Permissions Mismatched</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Verified">
+        <source>Verified</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Fixed">
+        <source>Fixed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Failed">
+        <source>Failed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCRepairPermissionsResults">
+        <source>Repair Permissions Results</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCOK">
+        <source>OK</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCReport">
+        <source>Report</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmAppearanceModeLightMode">
+        <source>Light</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmAppearanceModeDarkMode">
+        <source>Dark</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCAskMeEveryTime">
+        <source>Ask me every time</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCUseTheDefaultSmartTable">
+        <source>Use the default smart table</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCDefaultInstallationPreference">
+        <source>Default Installation Preference</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCDefaultAppearance">
+        <source>Default Appearance</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCInstallKextsTo">
+        <source>Install kexts to:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCEdit">
+        <source>Edit</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainAboutVESKP">
+        <source>About Quelm</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainCheckForUpdates">
+        <source>Check for Updates...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainPreferences">
+        <source>Preferences...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainHideVESKP">
+        <source>Hide Quelm</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainHideOthers">
+        <source>Hide Others</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainShowAll">
+        <source>Show All</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainQuitVESKP">
+        <source>Quit Quelm</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainView">
+        <source>View</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainShowToolbar">
+        <source>Show Toolbar</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainCustomize">
+        <source>Customize Toolbar...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainWindow">
+        <source>Window</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainMinimize">
+        <source>Minimize</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainZoom">
+        <source>Zoom</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainBringAllToFront">
+        <source>Bring All to Front</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainHelp">
+        <source>Help</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainVESKPHelp">
+        <source>Quelm Help</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVQLMainIsRunning">
+        <source>Quelm cannot run now</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVQLMainIsRunningDescription">
+        <source>Another application of the family is running. Quit it, then open Quelm again.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmAnErrorOccured">
+        <source>An error occurred</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmUnableToCreateApplicationSupportDirectory">
+        <source>Quelm cannot create its folder for your files.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmUnableToAllocateDefaultSmartTable">
+        <source>Quelm cannot prepare your copy of the smart table.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVQLMainRequestAuthorization">
+        <source>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerAnErrorOccured">
+        <source>An error occurred</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerFailedToConnectToHelper">
+        <source>Quelm cannot talk to its helper: </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerFailedToInstallHelper">
+        <source>Quelm cannot install its helper.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerFailedToReinstallHelper">
+        <source>Quelm cannot install the new version of its helper.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerFailedToRemoveHelper">
+        <source>Quelm cannot remove the old version of its helper.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVXPCHelperManagerFailedToAuthenticate">
+        <source>Quelm was not allowed to install its helper.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppDescription">
+        <source>Installs kexts onto a macOS volume and repairs the volume so that it boots.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppOptionVolume">
+        <source>The mount point of the macOS volume to work on.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppOptionResults">
+        <source>Show the results of a saved repair report.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppOptionHelperRoot">
+        <source>Install and start the helper under this folder instead of / (for tests).</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppArgumentKexts">
+        <source>The kext bundles to install.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCReportTitle">
+        <source>Permissions repair report</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCSelectTargetSystemVolume">
+        <source>Select the target system volume</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCReady">
+        <source>Ready</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCExecute">
+        <source>Execute</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCReset">
+        <source>Reset</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCStatus">
+        <source>Status: </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractVCSelect">
+        <source>Select</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractVCAnErrorOccured">
+        <source>An error occurred</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCSelectedVolumeIsNotValid">
+        <source>The selected folder is not a valid macOS system volume.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCSelectedVolumeIsRecoveryVolume">
+        <source>The selected volume is a recovery volume, which cannot be the target.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQLMVCPreparing">
+        <source>Preparing...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractBackingUpKexts">
+        <source>Backing up kexts...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractInstallingKexts">
+        <source>Installing kexts...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCSelectInstallationFolderForKext">
+        <source>Select the installation folder for </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCSelectInstallationFolderForKextDescription">
+        <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCCancel">
+        <source>Cancel</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractRepairingPermissions">
+        <source>Repairing permissions...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractRebuildingCaches">
+        <source>Rebuilding caches...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCFailed">
+        <source>Failed: </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCFinished">
+        <source>Finished</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCInstalled">
+        <source>Installed: </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCSelectedKextsHaveBeenInstalled">
+        <source>The selected kexts have been installed.</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+</TS>

@@ -1,0 +1,138 @@
+// The application controller and the installation screen, offscreen: intake timing, menus,
+// defaults, screen choice, appearance, and a job answered in advance against the real helper.
+#include "app/AppDelegate.h"
+
+#include "TestSupport.h"
+#include "app/QVMainQuelmViewController.h"
+#include "app/QVMainQuelmWindowController.h"
+#include "helper/QVXPCHelperManager.h"
+#include "support/Paths.h"
+#include "ui/QVViewExtensions.h"
+#include "ui/Translations.h"
+#include "ui/UserDefaults.h"
+#include "volumes/QVOSVolumeManager.h"
+
+#include <QAction>
+#include <QLabel>
+#include <QMenuBar>
+#include <QSettings>
+#include <QtTest>
+#include <unistd.h>
+
+namespace quelm {
+
+using namespace std::chrono_literals;
+
+class AppDelegateTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        QVERIFY(installTranslations(*QCoreApplication::instance()));
+        // The home of the test program outlives a run: start from no settings at all.
+        QSettings("org.quelm", "Quelm").clear();
+    }
+
+    void batchesWithinTheDelayAreDeliveredOnceInOrder() {
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window, 300ms);
+        std::vector<std::vector<std::string>> deliveries;
+        const auto token = NotificationCenter::defaultCenter().addObserver(
+            kDidCollectAllFiles, [&](const auto& paths) { deliveries.push_back(paths); });
+        delegate.openFiles({"/k/A.kext"});
+        QTest::qWait(100);
+        delegate.openFiles({"/k/B.kext", "/k/C.kext"});
+        QTest::qWait(100);
+        delegate.openFiles({"/k/D.kext"});
+        QTest::qWait(200);
+        QVERIFY(deliveries.empty());
+        QTRY_COMPARE_WITH_TIMEOUT(deliveries.size(), std::size_t{1}, 2000);
+        QCOMPARE(deliveries[0],
+                 (std::vector<std::string>{"/k/A.kext", "/k/B.kext", "/k/C.kext", "/k/D.kext"}));
+        delegate.openFiles({"/k/E.kext"});
+        QTRY_COMPARE_WITH_TIMEOUT(deliveries.size(), std::size_t{2}, 2000);
+        QCOMPARE(deliveries[1].size(), std::size_t{5});
+        NotificationCenter::defaultCenter().removeObserver(token);
+    }
+
+    void launchTitlesTheMenuAndKeepsTheUsersDefaults() {
+        setUserDefaultString(kDefaultAppearanceModeKey, "DarkMode");
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window);
+        QMenuBar menu;
+        auto* quit = menu.addMenu("App")->addAction(QString());
+        quit->setProperty("tag", 6);
+        auto* help = menu.addMenu("Help")->addAction(QString());
+        help->setProperty("tag", 15);
+        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        QCOMPARE(quit->text(), QString("Quit Quelm"));
+        QCOMPARE(help->text(), QString("Quelm Help"));
+        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey),
+                 std::optional<std::string>("DarkMode"));
+        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
+                 std::optional<std::string>("QVKextFolderUseSmartTable"));
+        QVERIFY(
+            std::filesystem::exists(applicationSupportFolder() / "QVUserDefaultSmartTable.plist"));
+    }
+
+    void launchWithoutFilesShowsThePreferencesAndQuitsWithTheirWindow() {
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window);
+        delegate.applicationDidFinishLaunching();
+        QTRY_VERIFY(window.isVisible());
+        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
+        QVERIFY(delegate.applicationShouldTerminateAfterLastWindowClosed());
+        // The screen is chosen once per run.
+        window.switchViewController(true);
+        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
+    }
+
+    void darkModeTurnsTheStatusWhite() {
+        QVMainQuelmViewController screen;
+        screen.applyAppearanceMode("DarkMode");
+        auto* status = screen.findChild<QLabel*>("statusField");
+        QVERIFY(status);
+        QCOMPARE(status->palette().color(QPalette::WindowText), QColor(Qt::white));
+        screen.applyAppearanceMode("LightMode");
+        QCOMPARE(status->palette().color(QPalette::WindowText), QColor(Qt::black));
+        QCOMPARE(status->text(), QString("Status: Preparing..."));
+    }
+
+    void askEveryTimeInstallsWhatTheDialogAnswers() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Mac HD";
+        test::makeVolume(volume, "10.12.6", "16G29");
+        std::filesystem::create_directories(volume / "Library/Extensions");
+        std::filesystem::create_directories(volume / "System/Library/Extensions");
+        const auto first = test::makeKext(folder / "kexts", "First.kext", PlistValue::Dict{});
+        const auto second = test::makeKext(folder / "kexts", "Second.kext", PlistValue::Dict{});
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "QVKextFolderAskMeEveryTime");
+        QVXPCHelperManager::setSharedRoot((folder / "root").string());
+        QVXPCHelperManager::shared().start(std::nullopt);
+
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        bool finished = false;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
+        QVModalAnswers::preset(QMessageBox::No);
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        QTest::qWait(100);
+        NotificationCenter::defaultCenter().post(
+            kDidCollectAllFiles,
+            std::vector<std::string>{first.string(), second.string(), "/x.txt"});
+        QTRY_VERIFY_WITH_TIMEOUT(finished, 30000);
+        QVERIFY(std::filesystem::exists(volume / "System/Library/Extensions/First.kext"));
+        QVERIFY(!std::filesystem::exists(volume / "Library/Extensions/Second.kext"));
+        QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions/Second.kext"));
+        QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
+        QVXPCHelperManager::shared().terminateHelper();
+    }
+};
+
+} // namespace quelm
+
+QTEST_MAIN(quelm::AppDelegateTest)
+#include "AppDelegateTest.moc"

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# The whole job through the desktop application: quelm with kext paths against a demo volume,
+# the real helper, and a private session bus whose notification service records what arrives.
+# Usage: end-to-end.sh QUELM QUELMCTL RECORDER
+set -euo pipefail
+quelm=$1 quelmctl=$2 recorder=$3
+if [[ $(id -u) -ne 0 ]]; then
+    echo "skipped: the helper installs kexts as root"
+    exit 0
+fi
+work=$(mktemp -d "${TMPDIR:-/tmp}/quelm-e2e.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+export XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" QT_QPA_PLATFORM=offscreen
+"$quelmctl" make-demo-volume "$work" >/dev/null
+volume="$work/Macintosh HD"
+fail() { echo "FAIL: $*"; exit 1; }
+
+# dbus-run-session ends the bus, and with it the recorder, once quelm has quit by itself.
+timeout 120 dbus-run-session -- bash -c '
+    "$1" "$2/notifications" &
+    for _ in $(seq 50); do
+        dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
+            org.freedesktop.DBus.NameHasOwner string:org.freedesktop.Notifications 2>/dev/null |
+            grep -q "boolean true" && break
+        sleep 0.1
+    done
+    "$3" --volume "$4" --helper-root "$2/root" "$2"/kexts/*.kext' \
+    _ "$recorder" "$work" "$quelm" "$volume" >"$work/log" 2>&1 || { cat "$work/log"; fail "quelm did not quit by itself with status 0"; }
+
+for kext in "Library/Extensions/IntelMausiEthernet.kext" "System/Library/Extensions/FakeSMC.kext"; do
+    [[ -d "$volume/$kext" ]] || fail "$kext was not installed"
+    bad=$(find "$volume/$kext" \( ! -user 0 -o ! -group 0 -o \( ! -type l ! -perm 755 \) \) -print)
+    [[ -z $bad ]] || fail "not root:wheel 755: $bad"
+done
+[[ ! -e "$volume/Library/Extensions/My Driver.kext" ]] || fail "a kext missing from the smart table was installed"
+"$quelmctl" verify-permissions --volume "$volume" >/dev/null || fail "the volume was not repaired"
+report=$(ls "$work"/data/Quelm/Reports/*.txt) || fail "no report was saved"
+grep -q "Status: Fixed" "$report" || fail "the report holds no fixed result"
+grep -q "Quelm - Finished" "$work/notifications" || fail "no notification reached the bus"
+grep -q "Installed: 2 Failed: 0" "$work/notifications" || fail "wrong counts: $(cat "$work/notifications")"
+grep -q "Quelm - Finished" "$work/log" || fail "the notification was not logged"
+echo "end-to-end: ok"

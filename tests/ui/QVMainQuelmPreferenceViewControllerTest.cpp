@@ -1,0 +1,113 @@
+// The preferences window against real settings (in the test's own home), and the appearance.
+#include "ui/QVMainQuelmPreferenceViewController.h"
+
+#include "kexts/QVKernelExtensionFolder.h"
+#include "kexts/QVKernelExtensionsManager.h"
+#include "ui/QVMainQuelmAppearanceMode.h"
+#include "ui/Translations.h"
+#include "ui/UserDefaults.h"
+
+#include <QApplication>
+#include <QComboBox>
+#include <QPushButton>
+#include <QtTest>
+
+namespace quelm {
+
+using Folder = QVKernelExtensionFolder;
+
+class QVMainQuelmPreferenceViewControllerTest : public QObject {
+    Q_OBJECT
+
+    static QStringList items(const QComboBox& popUp) {
+        QStringList texts;
+        for (int index = 0; index < popUp.count(); ++index)
+            texts << popUp.itemText(index);
+        return texts;
+    }
+
+    static void storeDefaults(std::string_view folder, std::string_view mode) {
+        setUserDefaultString(kDefaultKextInstallationFolderKey, folder);
+        setUserDefaultString(kDefaultAppearanceModeKey, mode);
+    }
+
+private slots:
+    void initTestCase() { QVERIFY(installTranslations(*QCoreApplication::instance())); }
+
+    void popUpsShowTheStoredChoices_data() {
+        QTest::addColumn<QString>("folderValue");
+        QTest::addColumn<QString>("modeValue");
+        QTest::addColumn<int>("folderIndex");
+        QTest::addColumn<int>("modeIndex");
+        QTest::addColumn<Folder>("plannerFolder");
+        QTest::newRow("library, light") << "/Library/Extensions/"
+                                        << "LightMode" << 0 << 0 << Folder::LibraryExtensions;
+        QTest::newRow("system, dark") << "/System/Library/Extensions/"
+                                      << "DarkMode" << 1 << 1 << Folder::SystemLibraryExtensions;
+        QTest::newRow("ask") << "QVKextFolderAskMeEveryTime"
+                             << "LightMode" << 2 << 0 << Folder::AskMeEveryTime;
+        QTest::newRow("smart table") << "QVKextFolderUseSmartTable"
+                                     << "DarkMode" << 3 << 1 << Folder::UseSmartTable;
+        QTest::newRow("extra: not offered") << "/Extra/Extensions/"
+                                            << "LightMode" << -1 << 0 << Folder::ExtraExtensions;
+    }
+
+    void popUpsShowTheStoredChoices() {
+        QFETCH(QString, folderValue);
+        QFETCH(QString, modeValue);
+        storeDefaults(folderValue.toStdString(), modeValue.toStdString());
+        QVKernelExtensionsManager::shared().setInstallationFolder(Folder::LibraryExtensions);
+        QVMainQuelmPreferenceViewController controller;
+        QTEST(controller.findChild<QComboBox*>("outletButtonPopUpSelectInstallationFolder")
+                  ->currentIndex(),
+              "folderIndex");
+        QTEST(controller.findChild<QComboBox*>("outletButtonPopUpSelectDefaultAppearance")
+                  ->currentIndex(),
+              "modeIndex");
+        QTEST(QVKernelExtensionsManager::shared().installationFolder(), "plannerFolder");
+        QVERIFY(controller.findChild<QPushButton*>("outletButtonEditDefaultTable")->isHidden());
+    }
+
+    void choicesAreWrittenAtOnce() {
+        storeDefaults("/Library/Extensions/", "LightMode");
+        QVMainQuelmPreferenceViewController controller;
+        controller.show();
+        auto* folders =
+            controller.findChild<QComboBox*>("outletButtonPopUpSelectInstallationFolder");
+        auto* modes = controller.findChild<QComboBox*>("outletButtonPopUpSelectDefaultAppearance");
+        QCOMPARE(items(*folders),
+                 QStringList({"/Library/Extensions/", "/System/Library/Extensions/",
+                              "Ask me every time", "Use the default smart table"}));
+        QCOMPARE(items(*modes), QStringList({"Light", "Dark"}));
+
+        QTest::keyClick(folders, Qt::Key_Down);
+        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
+                 "/System/Library/Extensions/");
+        QCOMPARE(QVKernelExtensionsManager::shared().installationFolder(),
+                 Folder::SystemLibraryExtensions);
+        QTest::keyClick(folders, Qt::Key_End);
+        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey), "QVKextFolderUseSmartTable");
+        QCOMPARE(QVKernelExtensionsManager::shared().installationFolder(), Folder::UseSmartTable);
+
+        QTest::keyClick(modes, Qt::Key_Down);
+        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "DarkMode");
+        QTest::keyClick(modes, Qt::Key_Up);
+        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "LightMode");
+    }
+
+    void darkModeGivesTheApplicationADarkPalette() {
+        applyAppearance(*qApp, QVMainQuelmAppearanceMode::DarkMode);
+        QVERIFY(qApp->palette().color(QPalette::Window).lightness() < 100);
+        QVERIFY(qApp->palette().color(QPalette::Base).lightness() < 100);
+        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() > 180);
+        QVERIFY(qApp->palette().color(QPalette::Text).lightness() > 180);
+        applyAppearance(*qApp, QVMainQuelmAppearanceMode::LightMode);
+        QVERIFY(qApp->palette().color(QPalette::Window).lightness() > 180);
+        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() < 100);
+    }
+};
+
+} // namespace quelm
+
+QTEST_MAIN(quelm::QVMainQuelmPreferenceViewControllerTest)
+#include "QVMainQuelmPreferenceViewControllerTest.moc"
