@@ -20,6 +20,9 @@
 #include <QMenuBar>
 #include <unistd.h>
 
+// The images are compiled into the static GUI library, which must register them itself.
+static void initialiseResources() { Q_INIT_RESOURCE(app); }
+
 namespace quelm {
 namespace {
 
@@ -150,6 +153,7 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
 
 int runQuelm(int argc, char** argv) {
     QApplication application(argc, argv);
+    initialiseResources();
     QApplication::setOrganizationName("org.quelm");
     QApplication::setApplicationName("Quelm");
     QApplication::setApplicationVersion(QUELM_VERSION);

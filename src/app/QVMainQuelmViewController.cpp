@@ -79,6 +79,10 @@ void QVMainQuelmViewController::applyAppearanceMode(const std::string& mode) {
 }
 
 void QVMainQuelmViewController::runWithANotification(const std::vector<std::string>& files) {
+    // One job per run: paths that arrive later are not installed.
+    if (filesReceived_)
+        return;
+    filesReceived_ = true;
     files_ = files;
     auto& kexts = QVKernelExtensionsManager::shared();
     kexts.addKernelExtensions(files_);
@@ -86,6 +90,7 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         const QVSmartTableManager paths(applicationSupportFolder(), Bundle::main());
         smartTable_.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
     }
+    refreshProxy();
     if (proxy()) {
         installKexts();
         return;
@@ -93,11 +98,13 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
     // The helper may still be asking for authorisation: the job starts once it answers.
     observe<NoObject>(kHelperDidConnect, [this](const NoObject&) {
         refreshProxy();
-        installKexts();
+        if (!jobStarted_)
+            installKexts();
     });
 }
 
 void QVMainQuelmViewController::installKexts() {
+    jobStarted_ = true;
     auto& kexts = QVKernelExtensionsManager::shared();
     const auto folder = kexts.installationFolder();
     if (isConcreteFolder(folder)) {

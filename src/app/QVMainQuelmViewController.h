@@ -61,6 +61,8 @@ private:
     std::size_t index_ = 0;
     std::vector<std::string> files_;
     std::optional<QVSmartTableManager> smartTable_;
+    bool filesReceived_ = false;
+    bool jobStarted_ = false;
     std::size_t sent_ = 0;
     std::vector<QVKernelExtension> failed_;
 };

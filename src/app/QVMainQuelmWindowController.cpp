@@ -47,7 +47,10 @@ void QVMainQuelmWindowController::switchViewController(bool installation) {
                     &QVMainQuelmWindowController::jobFinished);
             setCentralWidget(screen);
         } else {
-            setCentralWidget(new QVMainQuelmPreferenceViewController(this));
+            auto* screen = new QVMainQuelmPreferenceViewController(this);
+            // The screen also serves as a window of its own; here it is the window's content.
+            screen->setWindowFlags(Qt::Widget);
+            setCentralWidget(screen);
         }
     }
     show();

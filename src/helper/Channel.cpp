@@ -1,6 +1,8 @@
 // Frames on the channel: a 4-byte big-endian length, then a binary property list.
 #include "helper/Channel.h"
 
+#include "support/Files.h"
+
 #include <cerrno>
 #include <unistd.h>
 
@@ -47,15 +49,7 @@ std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& bu
 bool FrameWriter::write(const PlistValue& message) {
     const std::string frame = encodeFrame(message);
     std::lock_guard lock(mutex_);
-    for (std::string_view rest = frame; !rest.empty();) {
-        const ssize_t count = ::write(fd_, rest.data(), rest.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        rest.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
+    return writeAll(fd_, frame);
 }
 
 std::expected<std::optional<PlistValue>, ChannelError> FrameReader::read() {

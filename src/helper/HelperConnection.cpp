@@ -2,6 +2,7 @@
 #include "helper/HelperConnection.h"
 
 #include "helper/Channel.h"
+#include "support/Files.h"
 #include "support/Log.h"
 
 #include <csignal>
@@ -17,18 +18,6 @@ extern char** environ;
 
 namespace quelm {
 namespace {
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
 
 std::string exitDescription(int pid) {
     int status = 0;
@@ -103,7 +92,8 @@ void HelperConnection::invalidate() {
         std::lock_guard lock(mutex_);
         ::close(std::exchange(toHelper_, -1));
     }
-    writeAll(wakeWriter_, "x");
+    // The wake pipe is ours and empty: this one byte always fits.
+    (void)writeAll(wakeWriter_, "x");
     if (std::this_thread::get_id() != readerId_) {
         std::unique_lock lock(mutex_);
         readerStopped_.wait(lock, [this] { return readerDone_; });

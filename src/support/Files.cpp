@@ -15,6 +15,8 @@ std::unexpected<FileError> failure(const std::filesystem::path& path, std::strin
     return std::unexpected(FileError{path.string() + ": " + std::string(what)});
 }
 
+} // namespace
+
 bool writeAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t count = ::write(fd, bytes.data(), bytes.size());
@@ -26,8 +28,6 @@ bool writeAll(int fd, std::string_view bytes) {
     }
     return true;
 }
-
-} // namespace
 
 std::expected<std::string, FileError> readFileBytes(const std::filesystem::path& path,
                                                     std::uintmax_t maxSize) {

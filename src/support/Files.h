@@ -17,6 +17,9 @@ struct FileError {
 [[nodiscard]] std::expected<std::string, FileError> readFileBytes(const std::filesystem::path& path,
                                                                   std::uintmax_t maxSize);
 
+/// Writes every byte to fd, going on after interruptions; false when the other end is gone.
+[[nodiscard]] bool writeAll(int fd, std::string_view bytes);
+
 /// Writes beside the target under a temporary name, then renames it over the target, so a
 /// reader sees the old file or the whole new one and a failure leaves the target untouched.
 [[nodiscard]] std::expected<void, FileError> writeFileAtomically(const std::filesystem::path& path,

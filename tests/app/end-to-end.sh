@@ -13,7 +13,11 @@ trap 'rm -rf "$work"' EXIT
 export XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" QT_QPA_PLATFORM=offscreen
 "$quelmctl" make-demo-volume "$work" >/dev/null
 volume="$work/Macintosh HD"
-fail() { echo "FAIL: $*"; exit 1; }
+fail() {
+    echo "FAIL: $*"
+    cat "$work/log" 2>/dev/null || true
+    exit 1
+}
 
 # dbus-run-session ends the bus, and with it the recorder, once quelm has quit by itself.
 timeout 120 dbus-run-session -- bash -c '
@@ -25,7 +29,7 @@ timeout 120 dbus-run-session -- bash -c '
         sleep 0.1
     done
     "$3" --volume "$4" --helper-root "$2/root" "$2"/kexts/*.kext' \
-    _ "$recorder" "$work" "$quelm" "$volume" >"$work/log" 2>&1 || { cat "$work/log"; fail "quelm did not quit by itself with status 0"; }
+    _ "$recorder" "$work" "$quelm" "$volume" >"$work/log" 2>&1 || fail "quelm did not quit by itself with status 0"
 
 for kext in "Library/Extensions/IntelMausiEthernet.kext" "System/Library/Extensions/FakeSMC.kext"; do
     [[ -d "$volume/$kext" ]] || fail "$kext was not installed"

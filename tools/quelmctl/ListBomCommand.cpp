@@ -2,6 +2,7 @@
 #include "quelmctl/Commands.h"
 #include "repair/BomWriter.h"
 #include "repair/YRBomParser.h"
+#include "support/Files.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,18 +12,6 @@ namespace quelm::ctl {
 namespace {
 
 constexpr std::size_t flushSize = std::size_t{1} << 20;
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
 
 int listBom(const std::string& file) {
     YRBomParser parser(file);
