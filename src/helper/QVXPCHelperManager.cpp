@@ -7,6 +7,7 @@
 #include "support/Log.h"
 #include "support/Process.h"
 
+#include <filesystem>
 #include <unistd.h>
 
 namespace quelm {
@@ -20,6 +21,16 @@ constexpr std::int64_t kTestAnswer = 1234567890;
 
 void post(const NotificationName<NoObject>& name) {
     NotificationCenter::defaultCenter().post(name, NoObject{});
+}
+
+/// The helper shipped with the application: beside it in the build tree, in libexec once
+/// installed.
+std::string shippedHelperPath() {
+    const auto folder = executableFolder();
+    std::error_code error;
+    if (std::filesystem::exists(folder / "quelm-helper", error))
+        return (folder / "quelm-helper").string();
+    return (folder.parent_path() / "libexec" / "quelm" / "quelm-helper").string();
 }
 
 std::string& sharedRoot() {
@@ -38,7 +49,7 @@ QVXPCHelperManager& QVXPCHelperManager::shared() {
     static QVXPCHelperManager manager(
         {.root = sharedRoot(),
          .runningAsRoot = ::geteuid() == 0,
-         .shippedHelper = (executableFolder() / "quelm-helper").string(),
+         .shippedHelper = shippedHelperPath(),
          .policyTemplate = bundle.resourcePath("org.quelm.veskp.quelm.helper.policy.in").string()},
         QVXPCHelper(bundle.infoDictionary()));
     return manager;

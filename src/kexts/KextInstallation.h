@@ -32,8 +32,8 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
 /// of System/Library/Extensions (and Library/Extensions, when present) to now.
 bool rebuildCaches(const QVOSVolume& volume);
 
-/// Whether path is a bundle folder the installation accepts as a source: a clean absolute path
-/// to a folder whose name ends in ".kext".
+/// Whether the installation accepts the kext as a source: its path is clean and absolute and
+/// its name a plain file name ending in ".kext".
 bool isInstallableKext(const QVKernelExtension& kext);
 
 } // namespace quelm
