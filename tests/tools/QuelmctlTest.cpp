@@ -65,6 +65,42 @@ TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
     EXPECT_NE(result.output.find("Lilu.kext\t/System/Library/Extensions/"), std::string::npos);
 }
 
+TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "installed kexts belong to root";
+    TemporaryFolder folder;
+    const auto volume = folder / "Mac HD";
+    test::makeVolume(volume, "10.12.6", "16G29");
+    std::filesystem::create_directories(volume / "Library/Extensions");
+    test::writeText(volume / "System/Library/Extensions/Lilu.kext/Old", "old");
+    const auto lilu = test::makeKext(folder / "in", "Lilu.kext", PlistValue::Dict{});
+    const auto unknown = test::makeKext(folder / "in", "Unknown.kext", PlistValue::Dict{});
+    const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
+    const auto result = runCommand(
+        env + quelmctl("install --volume " + shellQuote(volume.string()) + " --backup-to " +
+                       shellQuote((folder / "backups").string()) + " " + shellQuote(lilu.string()) +
+                       " " + shellQuote(unknown.string())));
+    EXPECT_EQ(result.status, 1) << result.output;
+    EXPECT_NE(result.output.find("installed Lilu.kext into /System/Library/Extensions/"),
+              std::string::npos);
+    EXPECT_NE(result.output.find("skipped Unknown.kext: not in the smart table"),
+              std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(volume / "System/Library/Extensions/Lilu.kext/Old"));
+    const auto backups = std::filesystem::directory_iterator(folder / "backups");
+    ASSERT_NE(backups, std::filesystem::directory_iterator());
+    EXPECT_TRUE(std::filesystem::exists(backups->path() / "Lilu.kext/Old"));
+
+    const auto library =
+        runCommand(env + quelmctl("install --volume " + shellQuote(volume.string()) +
+                                  " --folder library " + shellQuote(unknown.string())));
+    EXPECT_EQ(library.status, 0) << library.output;
+    EXPECT_TRUE(std::filesystem::exists(volume / "Library/Extensions/Unknown.kext"));
+    EXPECT_EQ(runCommand(quelmctl("install --volume " + shellQuote(folder.path().string()) + " " +
+                                  shellQuote(unknown.string())))
+                  .status,
+              2);
+}
+
 TEST(QuelmctlTest, EveryCommandHasHelp) {
     for (const auto* command :
          {"", "volume-info", "kext-info", "smart-table", "smart-table show"}) {
