@@ -152,7 +152,9 @@ QVMainQuelmViewController::folderForKext(const QVKernelExtension& kext) {
     if (QVKernelExtensionsManager::shared().installationFolder() ==
         QVKernelExtensionFolder::AskMeEveryTime)
         return askFolder(kext);
-    const auto& table = smartTable_ ? smartTable_->table() : QVSmartTableManager::Table{};
+    if (!smartTable_)
+        return std::nullopt;
+    const auto& table = smartTable_->table();
     const auto found = table.find(kext.name());
     const auto folder =
         found == table.end() ? std::nullopt : kernelExtensionFolderFromRawValue(found->second);
