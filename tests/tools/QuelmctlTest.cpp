@@ -101,6 +101,34 @@ TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
               2);
 }
 
+TEST(QuelmctlTest, VerifyRepairAndVerifyAgainOnTheDemoVolume) {
+    TemporaryFolder folder;
+    ASSERT_EQ(runCommand(quelmctl("make-demo-volume " + shellQuote(folder.path().string()))).status,
+              0);
+    const std::string volume = " --volume " + shellQuote((folder / "Macintosh HD").string());
+
+    const auto json = runCommand(quelmctl("verify-permissions --json" + volume));
+    EXPECT_EQ(json.status, 1) << "the demo volume is damaged";
+    for (const auto* key : {"\"identifier\": ", "\"fileSystemResourcePath\": ",
+                            "\"attributeMismatchedTypeString\": \"POSIX Permissions Mismatched\"",
+                            "\"currentAttribute\": 777", "\"correctAttribute\": 755",
+                            "\"newAttribute\": null", "\"attributeStatusString\": \"Verified\""})
+        EXPECT_NE(json.output.find(key), std::string::npos) << key;
+
+    const auto report = folder / "report.txt";
+    const auto repair = runCommand(quelmctl("repair-permissions --threads 2 --report " +
+                                            shellQuote(report.string()) + volume));
+    EXPECT_EQ(repair.status, 0) << repair.output;
+    EXPECT_NE(test::readText(report).find(" Status: Fixed"), std::string::npos);
+    const auto again = runCommand(quelmctl("verify-permissions" + volume));
+    EXPECT_EQ(again.status, 0);
+    EXPECT_NE(again.output.find("0 mismatched"), std::string::npos) << again.output;
+    EXPECT_EQ(
+        runCommand(quelmctl("verify-permissions --volume " + shellQuote(folder.path().string())))
+            .status,
+        2);
+}
+
 TEST(QuelmctlTest, EveryCommandHasHelp) {
     for (const auto* command :
          {"", "volume-info", "kext-info", "smart-table", "smart-table show"}) {
