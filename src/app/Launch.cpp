@@ -21,7 +21,9 @@
 #include <unistd.h>
 
 // The images are compiled into the static GUI library, which must register them itself.
-static void initialiseResources() { Q_INIT_RESOURCE(app); }
+static void initialiseResources() {
+    Q_INIT_RESOURCE(app);
+}
 
 namespace quelm {
 namespace {

@@ -92,7 +92,7 @@ void QVMainAbstractMaintenanceViewController::updateStatusWithLocalizedString(co
     logLine(line.toStdString());
 }
 
-void QVMainAbstractMaintenanceViewController::selectVolume() {
+bool QVMainAbstractMaintenanceViewController::selectVolume() {
     if (circularIndicator)
         startBusyIndicator(*circularIndicator);
     //% "Select"
@@ -101,9 +101,9 @@ void QVMainAbstractMaintenanceViewController::selectVolume() {
     if (folder.isEmpty()) {
         if (circularIndicator)
             stopBusyIndicator(*circularIndicator);
-        return;
+        return false;
     }
-    acceptVolume(folder);
+    return acceptVolume(folder);
 }
 
 bool QVMainAbstractMaintenanceViewController::acceptVolume(const QString& folder) {

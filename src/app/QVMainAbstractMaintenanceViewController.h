@@ -49,8 +49,8 @@ public:
     void callInstallKexts(const std::vector<QVKernelExtension>& kexts,
                           QVKernelExtensionFolder folder);
 
-    /// Asks for the volume's folder, then accepts it or says why not.
-    void selectVolume();
+    /// Asks for the volume's folder, then accepts it or says why not; true when accepted.
+    bool selectVolume();
     /// Accepts the volume at path, or refuses it with an alert; true when accepted.
     bool acceptVolume(const QString& path);
     void reset();

@@ -11,6 +11,7 @@
 #include "ui/QVViewExtensions.h"
 #include "ui/UserDefaults.h"
 #include "ui_QVMainQuelmViewController.h"
+#include "volumes/QVOSVolumeManager.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -84,6 +85,13 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         return;
     filesReceived_ = true;
     files_ = files;
+    // Where no macOS runs the host and no volume was named, the user picks one now; without
+    // one the job ends with nothing changed.
+    if (!QVOSVolumeManager::shared().selectedOSVolume() && !selectVolume()) {
+        logLine("QVMainQuelmVC::Info: no target volume was chosen; nothing was changed.");
+        emit jobFinished();
+        return;
+    }
     auto& kexts = QVKernelExtensionsManager::shared();
     kexts.addKernelExtensions(files_);
     if (kexts.installationFolder() == QVKernelExtensionFolder::UseSmartTable) {
@@ -168,7 +176,7 @@ QVMainQuelmViewController::askFolder(const QVKernelExtension& kext) {
                     qtTrId("kQVMainQuelmVCSelectInstallationFolderForKext") +
                         QString::fromStdString(kext.name()),
                     //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must
-                    //load from /System/Library/Extensions/."
+                    // load from /System/Library/Extensions/."
                     qtTrId("kQVMainQuelmVCSelectInstallationFolderForKextDescription"),
                     QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, this);
     box.button(QMessageBox::Yes)->setText("/Library/Extensions/");

@@ -32,7 +32,8 @@ public:
     void applyAppearanceMode(const std::string& mode);
 
 signals:
-    /// The job is over and its notification delivered: the application may quit.
+    /// The job is over (its notification delivered), or ended before it changed anything: the
+    /// application may quit.
     void jobFinished();
 
 private:

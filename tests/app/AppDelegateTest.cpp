@@ -6,6 +6,7 @@
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
+#include "kexts/QVKernelExtensionsManager.h"
 #include "support/Paths.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
@@ -13,6 +14,8 @@
 #include "volumes/QVOSVolumeManager.h"
 
 #include <QAction>
+#include <QApplication>
+#include <QFileDialog>
 #include <QLabel>
 #include <QMenuBar>
 #include <QSettings>
@@ -96,6 +99,20 @@ private slots:
         screen.applyAppearanceMode("LightMode");
         QCOMPARE(status->palette().color(QPalette::WindowText), QColor(Qt::black));
         QCOMPARE(status->text(), QString("Status: Preparing..."));
+    }
+
+    void withoutAVolumeACancelledChoiceEndsTheJobUnchanged() {
+        QVERIFY(!QVOSVolumeManager::shared().selectedOSVolume());
+        QVMainQuelmViewController screen;
+        bool finished = false;
+        connect(&screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
+        QTimer::singleShot(200, [] {
+            if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget()))
+                dialog->reject();
+        });
+        screen.runWithANotification({"/k/A.kext"});
+        QVERIFY(finished);
+        QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
     }
 
     void askEveryTimeInstallsWhatTheDialogAnswers() {

@@ -180,7 +180,9 @@
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVQLMainRequestAuthorization">
-        <source>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</source>
+        <source>Quelm needs your permission to install its helper, which installs kexts and repairs
+</source>
+        <oldsource>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVXPCHelperManagerAnErrorOccured">
@@ -284,7 +286,9 @@
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVMainQuelmVCSelectInstallationFolderForKextDescription">
-        <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</source>
+        <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must
+</source>
+        <oldsource>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVMainQuelmVCCancel">
