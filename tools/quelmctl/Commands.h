@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kexts/QVSmartTableManager.h"
+#include "volumes/QVOSVolume.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -24,6 +25,9 @@ void addRebuildCachesCommand(CLI::App& app, int& status);
 /// The user's smart table in folder, made or refreshed first as the application does at
 /// launch; nothing (and a message) when that fails.
 std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder);
+
+/// The macOS volume mounted at path (made absolute), or nothing after a message naming it.
+std::optional<QVOSVolume> openVolume(const std::string& path);
 
 /// One line on stderr, prefixed with the program name.
 void printError(std::string_view message);

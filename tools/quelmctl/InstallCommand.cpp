@@ -92,12 +92,13 @@ bool backupReplaced(const Options& options, const QVOSVolume& volume, const std:
 
 int install(const Options& options) {
     const auto policy = policyNamed(options.folder);
-    const auto volume = QVOSVolume::initWithMountPoint(fs::absolute(options.volume));
-    if (!policy || !volume) {
-        printError(!policy ? options.folder + " is not a folder policy"
-                           : options.volume + " is not a macOS volume");
+    if (!policy) {
+        printError(options.folder + " is not a folder policy");
         return 2;
     }
+    const auto volume = openVolume(options.volume);
+    if (!volume)
+        return 2;
     if (::geteuid() != 0) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;

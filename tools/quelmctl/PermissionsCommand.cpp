@@ -97,12 +97,9 @@ std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType t
 }
 
 int runJob(const Options& options, QVRepairPermissionsJobType type) {
-    const auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(options.volume));
-    if (!volume) {
-        printError(options.volume + " is not a macOS volume: it has no readable " +
-                   "System/Library/CoreServices/SystemVersion.plist");
+    const auto volume = openVolume(options.volume);
+    if (!volume)
         return 2;
-    }
     if (options.threads > 0)
         QVCPU::shared().setMaxthread(options.threads);
     if (type == QVRepairPermissionsJobType::repairPermissions && ::geteuid() != 0)

@@ -8,11 +8,9 @@ namespace quelm::ctl {
 namespace {
 
 int rebuild(const std::string& path) {
-    const auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(path));
-    if (!volume) {
-        printError(path + " is not a macOS volume");
+    const auto volume = openVolume(path);
+    if (!volume)
         return 2;
-    }
     if (!rebuildCaches(*volume)) {
         printError("cannot rebuild the kext caches of " + volume->mountPoint());
         return 1;

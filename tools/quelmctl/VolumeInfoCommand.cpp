@@ -8,13 +8,9 @@ namespace quelm::ctl {
 namespace {
 
 int showVolume(const std::string& path) {
-    const auto volume = QVOSVolume::initWithMountPoint(path);
-    if (!volume) {
-        printError(path + " is not a macOS volume: it has no readable " +
-                   "System/Library/CoreServices/SystemVersion.plist with ProductVersion and " +
-                   "ProductBuildVersion");
+    const auto volume = openVolume(path);
+    if (!volume)
         return 1;
-    }
     const auto major = volume->majorVersion();
     std::cout << volume->getFullNameVersionString() << '\n'
               << "mountPoint: " << volume->mountPoint() << '\n'

@@ -9,6 +9,15 @@ void printError(std::string_view message) {
     std::cerr << "quelmctl: " << message << '\n';
 }
 
+std::optional<QVOSVolume> openVolume(const std::string& path) {
+    auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(path));
+    if (!volume)
+        printError(path + " is not a macOS volume: it has no readable " +
+                   "System/Library/CoreServices/SystemVersion.plist with ProductVersion and " +
+                   "ProductBuildVersion");
+    return volume;
+}
+
 } // namespace quelm::ctl
 
 int main(int argc, char** argv) {
