@@ -6,6 +6,7 @@
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
 #include "support/Log.h"
+#include "support/PathValidation.h"
 #include "ui/QVMainQuelmAppearanceMode.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
@@ -95,7 +96,7 @@ bool chooseStartingVolume(const QString& named) {
                                              : named.toStdString();
     if (path.empty())
         return true;
-    const auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(path));
+    const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(path));
     if (!volume || !volume->majorVersion()) {
         logLine("quelm: " + path + " is not a macOS volume");
         return named.isEmpty();

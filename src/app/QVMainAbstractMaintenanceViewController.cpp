@@ -107,8 +107,7 @@ bool QVMainAbstractMaintenanceViewController::selectVolume() {
 }
 
 bool QVMainAbstractMaintenanceViewController::acceptVolume(const QString& folder) {
-    // The chosen folder travels as a folder URL and comes back by the narrow rule: only
-    // blanks are decoded, so a name with other escaped characters is refused.
+    // The chosen folder travels as a folder URL and comes back whole, "é" and "#" included.
     std::string path = FileURL::fromPath(folder.toStdString(), true).path();
     if (path.size() > 1)
         path.pop_back();
@@ -189,6 +188,17 @@ void QVMainAbstractMaintenanceViewController::callRebuidCaches() {
         if (delegate_)
             delegate_->didRebuildCaches();
     });
+}
+
+void QVMainAbstractMaintenanceViewController::callCheckWritableTargetVolume(
+    std::function<void(const std::string&)> handler) {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    if (!proxy_ || !volume)
+        return;
+    whenReplied("checkWritableTargetVolume:reply:", {*volume},
+                [handler = std::move(handler)](const auto& reply) {
+                    handler(std::get<std::string>(reply));
+                });
 }
 
 void QVMainAbstractMaintenanceViewController::callInstallKexts(

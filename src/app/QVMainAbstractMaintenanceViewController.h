@@ -73,6 +73,9 @@ protected:
     HelperConnection* proxy() const { return proxy_; }
     /// Takes the helper manager's connection again.
     void refreshProxy();
+    /// Asks the helper whether root can write to the selected volume; the handler gets "" or
+    /// the one sentence that says why not, on the main thread.
+    void callCheckWritableTargetVolume(std::function<void(const std::string&)> handler);
 
 private:
     void showVolume(const QVOSVolume& volume);

@@ -100,19 +100,44 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
     }
     refreshProxy();
     if (proxy()) {
-        installKexts();
+        startJob();
         return;
     }
     // The helper may still be asking for authorisation: the job starts once it answers.
     observe<NoObject>(kHelperDidConnect, [this](const NoObject&) {
         refreshProxy();
         if (!jobStarted_)
-            installKexts();
+            startJob();
     });
 }
 
-void QVMainQuelmViewController::installKexts() {
+void QVMainQuelmViewController::startJob() {
     jobStarted_ = true;
+    const auto folder = QVKernelExtensionsManager::shared().installationFolder();
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    if (const auto refusal =
+            isConcreteFolder(folder) ? folderRefusal(rawValue(folder), volume) : std::nullopt) {
+        refuseJob(*refusal);
+        return;
+    }
+    callCheckWritableTargetVolume([this](const std::string& refusal) {
+        if (refusal.empty())
+            installKexts();
+        else
+            refuseJob(refusal);
+    });
+}
+
+void QVMainQuelmViewController::refuseJob(const std::string& reason) {
+    logLine("QVMainQuelmVC::Error: " + reason + " Nothing was changed.");
+    stopBusyIndicator(*circularIndicator);
+    //% "The target volume cannot be changed"
+    showAlert(this, qtTrId("kQVMainQuelmVCVolumeCannotBeChanged"),
+              QString::fromStdString(reason));
+    emit jobFinished();
+}
+
+void QVMainQuelmViewController::installKexts() {
     auto& kexts = QVKernelExtensionsManager::shared();
     const auto folder = kexts.installationFolder();
     if (isConcreteFolder(folder)) {
@@ -146,7 +171,14 @@ void QVMainQuelmViewController::didInstallKexts(const std::vector<QVKernelExtens
         return;
     }
     const auto kext = kexts[index_++];
-    if (const auto folder = folderForKext(kext)) {
+    const auto folder = folderForKext(kext);
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    if (const auto refusal = folder ? folderRefusal(rawValue(*folder), volume) : std::nullopt) {
+        //% "An error occurred"
+        showAlert(this, qtTrId("kQVMainQuelmAnErrorOccured"), QString::fromStdString(*refusal));
+        ++sent_;
+        didInstallKexts({kext});
+    } else if (folder) {
         ++sent_;
         callInstallKexts({kext}, *folder);
     } else {
@@ -164,8 +196,10 @@ QVMainQuelmViewController::folderForKext(const QVKernelExtension& kext) {
         return std::nullopt;
     const auto& table = smartTable_->table();
     const auto found = table.find(kext.name());
-    const auto folder =
-        found == table.end() ? std::nullopt : kernelExtensionFolderFromRawValue(found->second);
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    const auto folder = found == table.end() ? std::nullopt
+                                             : kernelExtensionFolderFromRawValue(
+                                                   folderOnVolume(found->second, volume));
     return folder && isConcreteFolder(*folder) ? folder : std::nullopt;
 }
 

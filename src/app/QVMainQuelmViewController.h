@@ -49,6 +49,11 @@ private:
 
     void viewDidLoad() override;
     void showEvent(QShowEvent* event) override;
+    /// Asks the helper first whether the volume can be written: a refusal ends the job before
+    /// anything changes.
+    void startJob();
+    /// Ends the job unchanged, after an alert with the one sentence that says why.
+    void refuseJob(const std::string& reason);
     /// Sends the whole list to a concrete folder, or starts the one-by-one installation.
     void installKexts();
     /// The folder for the next kext under ask-every-time or the smart table; none skips it.

@@ -2,6 +2,7 @@
 #include "helper/QVXPCVESKHelper.h"
 
 #include "helper/BooterConfig.h"
+#include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
 #include "repair/QVCPU.h"
 #include "repair/YRRepairPermissions.h"
@@ -9,6 +10,7 @@
 #include "support/PathValidation.h"
 #include "support/Process.h"
 #include "support/VolumePaths.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <chrono>
 #include <filesystem>
@@ -132,6 +134,12 @@ std::vector<QVKernelExtension> QVXPCVESKHelper::backupWithKernelExtensions(
                                   std::chrono::system_clock::now());
 }
 
+std::string QVXPCVESKHelper::checkWritableTargetVolume(const QVOSVolume& volume) const {
+    if (!isAcceptableVolume(volume))
+        return volume.mountPoint() + " is not a folder that can be the target volume.";
+    return writeRefusal(volume).value_or("");
+}
+
 bool QVXPCVESKHelper::changeMaximumThreadsNumber(std::int64_t count) const {
     // Zero threads would stop the next pass: refuse it rather than let a later job die.
     if (count < 1)
@@ -206,6 +214,8 @@ RemoteValue QVXPCVESKHelper::perform(const RemoteCall& call) {
         return uninstallRepairPermissionsFromPath(stringAt(0));
     if (op == "applyBooterConfigViaNVRAMWithNewBooterConfig:reply:")
         return applyBooterConfigViaNVRAMWithNewBooterConfig(argument<std::int64_t>(call, 0));
+    if (op == "checkWritableTargetVolume:reply:")
+        return checkWritableTargetVolume(volumeAt(0));
     fatalError("QVXPCVESKHelper::perform() FatalError: no handler for " + std::string(op));
 }
 

@@ -56,6 +56,9 @@ public:
                                                const std::string& destination) const;
     bool uninstallRepairPermissionsFromPath(const std::string& path) const;
     bool applyBooterConfigViaNVRAMWithNewBooterConfig(std::int64_t value) const;
+    /// Why nothing can be written to the volume as root, in one sentence; "" when it can.
+    /// Asked before the first write of a job, so that a read-only disk is refused whole.
+    std::string checkWritableTargetVolume(const QVOSVolume& volume) const;
 
     /// Relays one progress value of the repair job to the application.
     void sendRepairPermissionsReport(double progress);

@@ -117,6 +117,7 @@ const std::vector<RemoteOperation>& remoteOperations() {
          boolean},
         {"uninstallRepairPermissionsFromPath:reply:", application, {string}, boolean},
         {"applyBooterConfigViaNVRAMWithNewBooterConfig:reply:", application, {integer}, boolean},
+        {"checkWritableTargetVolume:reply:", application, {volume}, string},
         {"updateProgressWithDoubleValue:", helper, {real}, std::nullopt},
     };
     return operations;

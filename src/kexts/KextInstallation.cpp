@@ -1,161 +1,123 @@
 // Backing up and installing kext bundles on a volume: the privileged file operations.
 #include "kexts/KextInstallation.h"
 
+#include "kexts/QVKernelExtensionFolder.h"
+#include "support/FolderTrees.h"
 #include "support/Log.h"
 #include "support/PathValidation.h"
-#include "support/Process.h"
 #include "support/Strings.h"
-#include "support/VolumePaths.h"
+#include "volumes/MountedFileSystem.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <filesystem>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace quelm {
 namespace {
 
-namespace fs = std::filesystem;
+constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
+constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
-constexpr uid_t kSystemOwner = 0;
-constexpr gid_t kSystemGroup = 0;
-constexpr uid_t kBackupOwner = 501;
-constexpr gid_t kBackupGroup = 80;
-constexpr mode_t kBundleMode = 0755;
-
-/// Whether volumePath's folder is reached from the volume root without any link.
-bool isBeneathVolume(const QVOSVolume& volume, const std::string& volumePath) {
-    const auto root = VolumeRoot::open(volume.mountPoint());
-    if (!root)
-        return false;
-    VolumeWalker walker(root);
-    return walker.parentOf(volumePath).has_value();
+/// A bundle put aside while its replacement takes its place.
+std::string asideName(const std::string& name) {
+    return "." + name + ".quelm-previous";
 }
 
-bool setOwnerAndMode(const fs::path& path, uid_t owner, gid_t group, mode_t mode) {
-    struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0 || ::lchown(path.c_str(), owner, group) != 0)
+/// Renames the installed bundle aside, puts the staged one in place, and puts the old one back
+/// if that fails: for file systems without an atomic exchange, and for names that differ in
+/// case only, where the new spelling must win.
+bool replaceThroughAside(int folder, const std::string& staging, const std::string& installed,
+                         const std::string& name) {
+    const std::string aside = asideName(name);
+    if (::renameat(folder, installed.c_str(), folder, aside.c_str()) != 0)
         return false;
-    return S_ISLNK(info.st_mode) || ::chmod(path.c_str(), mode) == 0;
-}
-
-/// Owner 0, group 0 and mode 755 on the bundle and on every item below it, links included
-/// (their owner only: a link's own mode means nothing here).
-bool applySystemAttributes(const fs::path& bundle) {
-    if (!setOwnerAndMode(bundle, kSystemOwner, kSystemGroup, kBundleMode))
+    if (::renameat(folder, staging.c_str(), folder, name.c_str()) != 0) {
+        if (::renameat(folder, aside.c_str(), folder, installed.c_str()) != 0)
+            logLine("KextInstallation::Error: Unable to put back " + installed + " from " + aside);
         return false;
-    std::error_code error;
-    for (auto it = fs::recursive_directory_iterator(bundle, error);
-         !error && it != fs::recursive_directory_iterator(); it.increment(error))
-        if (!setOwnerAndMode(it->path(), kSystemOwner, kSystemGroup, kBundleMode))
-            return false;
-    return !error;
-}
-
-/// Copies the bundle folder, its inner links as links.
-bool copyBundle(const fs::path& source, const fs::path& destination) {
-    std::error_code error;
-    if (!fs::is_directory(source, error))
-        return false;
-    fs::create_directory(destination, error);
-    if (error)
-        return false;
-    fs::copy(source, destination, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
-             error);
-    return !error;
-}
-
-/// Puts staging where destination is, and the old bundle, if any, where staging was.
-bool swapIntoPlace(const fs::path& staging, const fs::path& destination) {
-    struct stat info {};
-    if (::lstat(destination.c_str(), &info) != 0)
-        return ::rename(staging.c_str(), destination.c_str()) == 0;
-#if defined(__APPLE__)
-    return ::renamex_np(staging.c_str(), destination.c_str(), RENAME_SWAP) == 0;
-#else
-    return ::renameat2(AT_FDCWD, staging.c_str(), AT_FDCWD, destination.c_str(), RENAME_EXCHANGE) ==
-           0;
-#endif
-}
-
-bool installOne(const QVKernelExtension& kext, const std::string& folder,
-                const QVOSVolume& volume) {
-    const std::string name = kext.name();
-    if (!isInstallableKext(kext) || !isBeneathVolume(volume, folder + name))
-        return false;
-    const fs::path destination = volume.mountPoint() + folder + name;
-    const fs::path staging = volume.mountPoint() + folder + "." + name + ".quelm-staging";
-    std::error_code error;
-    fs::remove_all(staging, error);
-    const bool installed = !error && copyBundle(kext.path(), staging) &&
-                           applySystemAttributes(staging) && swapIntoPlace(staging, destination);
-    // After a swap the staging name holds the old bundle; after a failure, the partial copy.
-    fs::remove_all(staging, error);
-    if (error)
-        logLine("KextInstallation::Error: Unable to remove " + staging.string());
-    return installed;
-}
-
-/// Makes folder and its missing parents, each with the backup owner, group and mode.
-bool makeBackupFolder(const fs::path& folder) {
-    std::vector<fs::path> missing;
-    std::error_code error;
-    for (auto path = folder; !path.empty() && !fs::exists(path, error); path = path.parent_path()) {
-        missing.push_back(path);
-        if (path == path.parent_path())
-            break;
     }
-    fs::create_directories(folder, error);
-    if (error || !fs::is_directory(folder, error))
-        return false;
-    for (const auto& path : missing)
-        if (!setOwnerAndMode(path, kBackupOwner, kBackupGroup, kBundleMode))
-            return false;
+    if (!removeTreeAt(folder, aside))
+        logLine("KextInstallation::Error: Unable to remove " + aside);
     return true;
 }
 
-bool backupOne(const QVKernelExtension& kext, const std::string& installedIn,
-               const QVOSVolume& volume, const fs::path& backupPath) {
-    const std::string name = kext.name();
-    if (!isPlainFileName(name) || !isBeneathVolume(volume, installedIn + name))
-        return false;
-    std::error_code error;
-    const fs::path source = volume.mountPoint() + installedIn + name;
-    if (!fs::is_directory(fs::symlink_status(source, error)))
-        return false;
-    fs::copy(source, backupPath / name,
-             fs::copy_options::recursive | fs::copy_options::copy_symlinks |
-                 fs::copy_options::overwrite_existing,
-             error);
-    return !error;
+bool exchange(int folder, const std::string& staging, const std::string& name) {
+#if defined(__APPLE__)
+    return ::renameatx_np(folder, staging.c_str(), folder, name.c_str(), RENAME_SWAP) == 0;
+#else
+    return ::renameat2(folder, staging.c_str(), folder, name.c_str(), RENAME_EXCHANGE) == 0;
+#endif
 }
 
-/// Sets the modification time of the volume's folder to now, without following links.
-bool touchFolder(VolumeWalker& walker, std::string_view folder) {
-    const auto parent = walker.parentOf(folder);
-    if (!parent)
+/// Puts staging where name is. With an atomic exchange the old bundle ends under the staging
+/// name; without one (HFS+ and APFS on Linux) it goes through an aside name.
+bool swapIntoPlace(int folder, const std::string& staging, const std::string& name) {
+    const auto installed = listedNameAt(folder, name);
+    if (!installed)
+        return ::renameat(folder, staging.c_str(), folder, name.c_str()) == 0;
+    if (*installed == name) {
+        if (exchange(folder, staging, name))
+            return true;
+        if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
+            return false;
+    }
+    return replaceThroughAside(folder, staging, *installed, name);
+}
+
+/// A swap cut short leaves the old bundle aside: put it back when nothing took its place.
+void recoverInterruptedSwap(int folder, const std::string& name) {
+    const std::string aside = asideName(name);
+    if (!listedNameAt(folder, aside))
+        return;
+    if (!listedNameAt(folder, name) && ::renameat(folder, aside.c_str(), folder, name.c_str()) == 0)
+        return;
+    if (!removeTreeAt(folder, aside))
+        logLine("KextInstallation::Error: Unable to remove " + aside);
+}
+
+bool installOne(const QVKernelExtension& kext, const std::string& folderPath,
+                const QVOSVolume& volume) {
+    if (!isInstallableKext(kext))
         return false;
-    const std::string name(parent->second);
-    return ::utimensat(parent->first, name.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0;
+    // Missing folders are made root:wheel 755, as macOS has them.
+    const UniqueFd folder = openFolderBelow(volume.mountPoint(), folderPath, kSystemAttributes);
+    if (!folder)
+        return false;
+    const std::string name = kext.name();
+    recoverInterruptedSwap(folder.get(), name);
+    const UniqueFd source(::open(kext.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!source)
+        return false;
+    const std::string staging = "." + name + ".quelm-staging";
+    const bool installed =
+        removeTreeAt(folder.get(), staging) &&
+        copyTreeAt(source.get(), ".", folder.get(), staging, kSystemAttributes) &&
+        swapIntoPlace(folder.get(), staging, name);
+    // After an exchange the staging name holds the old bundle; after a failure, the partial copy.
+    if (!removeTreeAt(folder.get(), staging))
+        logLine("KextInstallation::Error: Unable to remove " + volume.mountPoint() + folderPath +
+                staging);
+    return installed;
+}
+
+bool backupOne(const QVKernelExtension& kext, const std::string& installedIn,
+               const QVOSVolume& volume, int backupFolder) {
+    const std::string name = kext.name();
+    const UniqueFd installed = openFolderBelow(volume.mountPoint(), installedIn, std::nullopt);
+    const auto listed =
+        isPlainFileName(name) && installed ? listedNameAt(installed.get(), name) : std::nullopt;
+    return listed && removeTreeAt(backupFolder, *listed) &&
+           copyTreeAt(installed.get(), *listed, backupFolder, *listed, std::nullopt);
 }
 
 } // namespace
 
-bool rebuildCaches(const QVOSVolume& volume) {
-    if (!isCleanAbsolutePath(volume.mountPoint()))
-        return false;
-    if (const auto& kextcache = SystemTools::host().kextcache)
-        return runTool(*kextcache, {"-i", volume.mountPoint()}) == 0;
-    const auto root = VolumeRoot::open(volume.mountPoint());
-    if (!root)
-        return false;
-    VolumeWalker walker(root);
-    std::error_code error;
-    const bool hasLibraryExtensions =
-        std::filesystem::is_directory(volume.mountPoint() + "/Library/Extensions", error);
-    return touchFolder(walker, "/System/Library/Extensions") &&
-           (!hasLibraryExtensions || touchFolder(walker, "/Library/Extensions"));
+std::optional<std::string> installationRefusal(const QVOSVolume& volume, const std::string& folder) {
+    if (!isVolumeFolder(folder))
+        return folder + " is not a folder of the volume such as /Library/Extensions/";
+    if (auto refusal = folderRefusal(folder, volume))
+        return refusal;
+    return writeRefusal(volume);
 }
 
 bool isInstallableKext(const QVKernelExtension& kext) {
@@ -167,10 +129,12 @@ bool isInstallableKext(const QVKernelExtension& kext) {
 std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
                                                        const std::string& destinationFolder,
                                                        const QVOSVolume& volume) {
+    const auto refusal = installationRefusal(volume, destinationFolder);
+    if (refusal)
+        logLine("KextInstallation::Error: " + *refusal);
     std::vector<QVKernelExtension> failed;
-    const bool validFolder = isVolumeFolder(destinationFolder);
     for (const auto& kext : kexts)
-        if (!validFolder || !installOne(kext, destinationFolder, volume))
+        if (refusal || !installOne(kext, destinationFolder, volume))
             failed.push_back(kext);
     return failed;
 }
@@ -182,13 +146,15 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
                                                       std::chrono::system_clock::time_point now) {
     if (kexts.empty())
         return {};
-    const fs::path backupPath = destinationFolder + compactTimestamp(now);
-    if (!isVolumeFolder(installedInFolder) || !isVolumeFolder(destinationFolder) ||
-        !makeBackupFolder(backupPath))
+    const std::string backupPath = destinationFolder + compactTimestamp(now) + "/";
+    if (!isVolumeFolder(installedInFolder) || !isVolumeFolder(backupPath))
+        return kexts;
+    const UniqueFd backupFolder = openFolderBelow("/", backupPath, kBackupAttributes);
+    if (!backupFolder)
         return kexts;
     std::vector<QVKernelExtension> failed;
     for (const auto& kext : kexts)
-        if (!backupOne(kext, installedInFolder, volume, backupPath))
+        if (!backupOne(kext, installedInFolder, volume, backupFolder.get()))
             failed.push_back(kext);
     return failed;
 }

@@ -5,15 +5,18 @@
 #include "volumes/QVOSVolume.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace quelm {
 
 /// Copies each kext to mount point + destinationFolder + its name, replacing a bundle that is
-/// there. The copy is made under a hidden name beside the destination, given owner 0, group 0
-/// and mode 755 on every item, and only then swapped with the old bundle, so a kext that fails
-/// leaves the old one in place. Returns the kexts that failed, in list order.
+/// there, also one whose name differs in case only on a case-insensitive volume. The copy is
+/// made under a hidden name beside the destination, with owner 0, group 0 and mode 755 on
+/// every item, and only then swapped with the old bundle, so a kext that fails leaves the old
+/// one in place. Missing folders are made; nothing is reached through a link. Returns the
+/// kexts that failed, in list order: all of them when installationRefusal answers.
 std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
                                                        const std::string& destinationFolder,
                                                        const QVOSVolume& volume);
@@ -27,10 +30,10 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
                                                       const std::string& destinationFolder,
                                                       std::chrono::system_clock::time_point now);
 
-/// Rebuilds the volume's kext caches with kextcache where the host has it; elsewhere marks
-/// them stale so that macOS rebuilds them at its next start, by setting the modification time
-/// of System/Library/Extensions (and Library/Extensions, when present) to now.
-bool rebuildCaches(const QVOSVolume& volume);
+/// Why nothing may be installed into folder of the volume, in one sentence: a folder that is
+/// not one, a system folder that the volume's macOS keeps read-only, a volume that cannot be
+/// written as root. Nothing when installing may go ahead.
+std::optional<std::string> installationRefusal(const QVOSVolume& volume, const std::string& folder);
 
 /// Whether the installation accepts the kext as a source: its path is clean and absolute and
 /// its name a plain file name ending in ".kext".

@@ -29,7 +29,7 @@ public:
 
     /// The bundle folder name, extension included.
     std::string name() const { return url_.lastPathComponent(); }
-    /// The path by the narrow URL rule: only "%20" is decoded.
+    /// The path of the bundle, every escape decoded.
     std::string path() const { return url_.path(); }
     /// The first present of: version.plist's then Info.plist's "CFBundleShortVersionString",
     /// then version.plist's then Info.plist's "CFBundleVersion"; nothing when that one is

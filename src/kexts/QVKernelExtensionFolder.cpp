@@ -10,7 +10,26 @@ constexpr RawValueTable<QVKernelExtensionFolder, 5> kRawValues{
     {"/Extra/Extensions/", "/Library/Extensions/", "/System/Library/Extensions/",
      "QVKextFolderAskMeEveryTime", "QVKextFolderUseSmartTable"}};
 
+bool isReadOnlySystemFolder(std::string_view folder, const QVOSVolume& volume) {
+    return folder == rawValue(QVKernelExtensionFolder::SystemLibraryExtensions) &&
+           volume.majorVersion().value_or(0) >= kReadOnlySystemFolderMajorVersion;
+}
+
 } // namespace
+
+std::string folderOnVolume(std::string_view folder, const QVOSVolume& volume) {
+    return std::string(isReadOnlySystemFolder(folder, volume)
+                           ? rawValue(QVKernelExtensionFolder::LibraryExtensions)
+                           : folder);
+}
+
+std::optional<std::string> folderRefusal(std::string_view folder, const QVOSVolume& volume) {
+    if (!isReadOnlySystemFolder(folder, volume))
+        return std::nullopt;
+    return volume.mountPoint() + " holds macOS " + volume.version().value_or("10.15 or later") +
+           ", whose /System/Library/Extensions/ lies on a read-only system volume (sealed from "
+           "macOS 11): install into /Library/Extensions/ instead.";
+}
 
 std::string_view rawValue(QVKernelExtensionFolder folder) {
     return kRawValues.rawValue(folder);

@@ -76,7 +76,7 @@ std::expected<void, QVSmartTableManagerError> QVSmartTableManager::prepare() con
         if (*localVersion >= *shippedVersion)
             return {};
     }
-    if (!writePlistFileAtomically(userCopyURL_.fileSystemPath(), *shipped))
+    if (!writePlistFileAtomically(userCopyURL_.path(), *shipped))
         return std::unexpected(Error::failedToAllocateDefaultSmartTable);
     return {};
 }
@@ -85,14 +85,14 @@ bool QVSmartTableManager::save() const {
     PlistValue::Dict entries;
     for (const auto& [name, folder] : table_)
         entries.emplace(name, folder);
-    return writePlistFileAtomically(userCopyURL_.fileSystemPath(), entries).has_value();
+    return writePlistFileAtomically(userCopyURL_.path(), entries).has_value();
 }
 
 bool QVSmartTableManager::reset() const {
     // The shipped file is read first so that a missing resource leaves the user copy alone;
     // the rename then removes and replaces the old copy in one step.
     const auto shipped = readFileBytes(bundle_->resourcePath(resourceName), kMaxPlistFileSize);
-    return shipped && writeFileAtomically(userCopyURL_.fileSystemPath(), *shipped).has_value();
+    return shipped && writeFileAtomically(userCopyURL_.path(), *shipped).has_value();
 }
 
 } // namespace quelm

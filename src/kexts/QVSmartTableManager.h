@@ -49,7 +49,7 @@ public:
     [[nodiscard]] bool reset() const;
 
     const FileURL& userCopyURL() const { return userCopyURL_; }
-    /// The user copy's path by the narrow URL rule, used for existence tests.
+    /// The user copy's path, used for existence tests.
     std::string userCopyPath() const { return userCopyURL_.path(); }
 
     const std::optional<std::string>& version() const { return version_; }

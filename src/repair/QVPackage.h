@@ -19,7 +19,7 @@ public:
 
     const std::string& identifier() const { return identifier_; }
     const std::vector<std::string>& groups() const { return groups_; }
-    /// The receipt's path with "bom" for its extension, by the narrow URL rule.
+    /// The receipt's path with "bom" for its extension.
     const std::string& bomPathString() const { return bomPathString_; }
 
 protected:

@@ -1,7 +1,7 @@
-// File URLs as their absolute strings, and the narrow URL-to-path rule.
+// File URLs as their absolute strings, and the way back to a path.
 #include "support/FileURL.h"
 
-#include <filesystem>
+#include "support/PathValidation.h"
 
 namespace quelm {
 namespace {
@@ -61,16 +61,11 @@ std::string percentEncodePath(std::string_view path) {
 std::string pathFromFileURLString(std::string_view urlText) {
     if (urlText.size() <= kScheme.size())
         return {};
-    std::string path(urlText.substr(kScheme.size()));
-    for (std::size_t at = path.find("%20"); at != std::string::npos; at = path.find("%20", at))
-        path.replace(at, 3, " ");
-    return path;
+    return percentDecode(urlText.substr(kScheme.size()));
 }
 
 FileURL FileURL::fromPath(std::string_view path, bool isDirectory) {
-    std::string absolute(path);
-    if (absolute.empty() || absolute.front() != '/')
-        absolute = (std::filesystem::current_path() / absolute).string();
+    std::string absolute = absoluteNormalPath(path);
     if (isDirectory && absolute.back() != '/')
         absolute += '/';
     return FileURL(std::string(kScheme) + percentEncodePath(absolute));
@@ -84,10 +79,6 @@ std::optional<FileURL> FileURL::fromAbsoluteString(std::string text) {
 
 std::string FileURL::path() const {
     return pathFromFileURLString(text_);
-}
-
-std::string FileURL::fileSystemPath() const {
-    return percentDecode(std::string_view(text_).substr(kScheme.size()));
 }
 
 std::string FileURL::lastPathComponent() const {

@@ -34,14 +34,17 @@ std::expected<std::string, FileError> readFileBytes(const std::filesystem::path&
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error))
         return failure(path, error ? error.message() : "not a regular file");
-    const auto size = std::filesystem::file_size(path, error);
-    if (error)
-        return failure(path, error.message());
-    if (size > maxSize)
-        return failure(path, "file too large");
+    // Read to the end rather than trust the size: /proc files say 0 and a disk may change.
     std::ifstream in(path, std::ios::binary);
-    std::string bytes(size, '\0');
-    if (!in.read(bytes.data(), static_cast<std::streamsize>(size)))
+    std::string bytes;
+    std::string chunk(64 * 1024, '\0');
+    while (in) {
+        in.read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        bytes.append(chunk.data(), static_cast<std::size_t>(in.gcount()));
+        if (bytes.size() > maxSize)
+            return failure(path, "file too large");
+    }
+    if (in.bad() || !in.eof())
         return failure(path, "cannot read");
     return bytes;
 }

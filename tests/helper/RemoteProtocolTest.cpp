@@ -33,7 +33,7 @@ PlistValue withEntry(PlistValue message, const std::string& key, PlistValue valu
 }
 
 TEST(RemoteProtocolTest, EveryOperationIsInTheTableOnce) {
-    EXPECT_EQ(remoteOperations().size(), 15u);
+    EXPECT_EQ(remoteOperations().size(), 16u);
     for (const auto& operation : remoteOperations())
         EXPECT_EQ(findRemoteOperation(operation.selector), &operation);
     EXPECT_EQ(findRemoteOperation("nope:"), nullptr);

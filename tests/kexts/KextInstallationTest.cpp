@@ -1,4 +1,5 @@
 // Kext installation and backup on real folders: staged replacement, attributes, failures.
+#include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
 
 #include "TestSupport.h"
@@ -82,10 +83,76 @@ TEST_F(KextInstallationTest, RefusesFoldersOutsideOrThroughLinks) {
     TemporaryFolder outside;
     fs::create_directory_symlink(outside.path(), volumeRoot / "Escape");
     const auto kext = newKext("A.kext", "1");
-    for (const auto* destination : {"/Escape/", "/Library/../Escape/", "Library/Extensions/",
-                                    "/Library/Extensions", "/Missing/"})
+    for (const auto* destination : {"/Escape/", "/Escape/Extensions/", "/Library/../Escape/",
+                                    "Library/Extensions/", "/Library/Extensions"})
         EXPECT_EQ(installKernelExtensions({kext}, destination, *volume).size(), 1u) << destination;
     EXPECT_TRUE(fs::is_empty(outside.path()));
+}
+
+TEST_F(KextInstallationTest, MissingFoldersAreMadeRootOwned) {
+    const auto kext = newKext("A.kext", "1");
+    ASSERT_TRUE(installKernelExtensions({kext}, "/Extra/Extensions/", *volume).empty());
+    for (const auto* made : {"Extra", "Extra/Extensions", "Extra/Extensions/A.kext"}) {
+        const auto info = statOf(volumeRoot / made);
+        EXPECT_EQ(info.st_uid, 0u) << made;
+        EXPECT_EQ(info.st_gid, 0u) << made;
+        EXPECT_EQ(info.st_mode & 07777, 0755u) << made;
+    }
+}
+
+TEST_F(KextInstallationTest, NamesAndPathsAsUsersTypeThem) {
+    const auto downloads = sources / "Téléchargements #2 100%";
+    fs::create_directories(downloads / "sub");
+    test::makeKext(downloads, "Réseau.kext", PlistValue::Dict{});
+    test::makeKext(downloads, "Plain.kext", PlistValue::Dict{});
+    const fs::path before = fs::current_path();
+    fs::current_path(downloads / "sub");
+    QVKernelExtensionsManager manager;
+    manager.addKernelExtensions(std::vector<std::string>{"../Réseau.kext", "./../Plain.kext/"});
+    fs::current_path(before);
+
+    ASSERT_EQ(manager.kextsTBI().size(), 2u);
+    EXPECT_TRUE(
+        installKernelExtensions(manager.kextsTBI(), "/Library/Extensions/", *volume).empty());
+    EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Réseau.kext/Contents"));
+    EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Plain.kext/Contents"));
+}
+
+TEST_F(KextInstallationTest, AnInterruptedSwapGivesTheOldBundleBack) {
+    // A swap cut short (power lost) leaves the old bundle under its aside name only.
+    const auto extensions = volumeRoot / "Library/Extensions";
+    test::writeText(extensions / ".Lilu.kext.quelm-previous/Contents/Info.plist", "old");
+    const QVKernelExtension missing(FileURL::fromPath((sources / "Lilu.kext").string(), false));
+
+    EXPECT_EQ(installKernelExtensions({missing}, "/Library/Extensions/", *volume).size(), 1u);
+    EXPECT_EQ(test::readText(extensions / "Lilu.kext/Contents/Info.plist"), "old");
+    EXPECT_FALSE(fs::exists(extensions / ".Lilu.kext.quelm-previous"));
+
+    test::writeText(extensions / ".Lilu.kext.quelm-previous/Contents/Info.plist", "older");
+    EXPECT_TRUE(installKernelExtensions({newKext("Lilu.kext", "2")}, "/Library/Extensions/",
+                                        *volume)
+                    .empty());
+    EXPECT_EQ(test::readText(extensions / "Lilu.kext/Contents/MacOS/driver"), "new");
+    EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 1);
+}
+
+TEST_F(KextInstallationTest, ABundleWithADeviceOrFifoInsideIsRefused) {
+    const auto kext = newKext("Odd.kext", "1");
+    ASSERT_EQ(::mkfifo((fs::path(kext.path()) / "Contents/pipe").c_str(), 0600), 0);
+    EXPECT_EQ(installKernelExtensions({kext}, "/Library/Extensions/", *volume).size(), 1u);
+    EXPECT_TRUE(fs::is_empty(volumeRoot / "Library/Extensions"));
+}
+
+TEST_F(KextInstallationTest, SystemFolderOfAReadOnlySystemVolumeIsRefused) {
+    test::makeVolume(volumeRoot, "10.15.7", "19H2");
+    const auto catalina = *QVOSVolume::initWithMountPoint(volumeRoot.string());
+    const auto kext = newKext("A.kext", "1");
+    const auto refusal = installationRefusal(catalina, "/System/Library/Extensions/");
+    ASSERT_TRUE(refusal);
+    EXPECT_NE(refusal->find("read-only system volume"), std::string::npos) << *refusal;
+    EXPECT_EQ(installKernelExtensions({kext}, "/System/Library/Extensions/", catalina).size(), 1u);
+    EXPECT_FALSE(fs::exists(volumeRoot / "System/Library/Extensions/A.kext"));
+    EXPECT_FALSE(installationRefusal(*volume, "/System/Library/Extensions/"));
 }
 
 TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
@@ -117,11 +184,56 @@ TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
               1u);
 }
 
+TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {
+    const PlistValue bootCaches = PlistValue::Dict{
+        {"PostBootPaths",
+         PlistValue::Dict{{"Kernelcache v1.3",
+                           PlistValue::Dict{{"ExtensionsDir",
+                                             PlistValue::Array{"/System/Library/Extensions",
+                                                               "/Library/Apple/Extensions"}}}}}}};
+    EXPECT_EQ(kernelCacheFolders(bootCaches),
+              (std::vector<std::string>{"/System/Library/Extensions", "/Library/Apple/Extensions"}));
+    const PlistValue single = PlistValue::Dict{
+        {"PostBootPaths",
+         PlistValue::Dict{{"Kernelcache v1.1", PlistValue::Dict{{"ExtensionsDir", "/S/E"}}}}}};
+    EXPECT_EQ(kernelCacheFolders(single), std::vector<std::string>{"/S/E"});
+    for (const PlistValue& none :
+         {PlistValue(PlistValue::Dict{}), PlistValue("text"),
+          PlistValue(PlistValue::Dict{{"PostBootPaths", PlistValue::Array{}}})})
+        EXPECT_EQ(kernelCacheFolders(none),
+                  (std::vector<std::string>{"/System/Library/Extensions", "/Library/Extensions"}));
+}
+
+TEST(KextCachesTest, InvalidationOutrunsACacheNewerThanTheClock) {
+    TemporaryFolder volumeRoot;
+    test::makeVolume(volumeRoot.path(), "10.14.6", "18G103");
+    const auto cache = volumeRoot / "System/Library/PrelinkedKernels/prelinkedkernel";
+    test::writeText(cache, "cache");
+    const auto future = fs::file_time_type::clock::now() + std::chrono::hours(24 * 365);
+    fs::last_write_time(cache, future);
+    test::writePlist(volumeRoot / "usr/standalone/bootcaches.plist",
+                     PlistValue::Dict{{"PostBootPaths",
+                                       PlistValue::Dict{{"Kernelcache v1.4",
+                                                         PlistValue::Dict{{"ExtensionsDir",
+                                                                           PlistValue::Array{
+                                                                               "/Custom/Ext"}}}}}}},
+                     PlistFormat::binary);
+    fs::create_directories(volumeRoot / "Custom/Ext");
+    fs::create_directories(volumeRoot / "System/Library/Extensions");
+    const auto before = fs::last_write_time(volumeRoot / "System/Library/Extensions");
+    const auto volume = *QVOSVolume::initWithMountPoint(volumeRoot.path().string());
+
+    ASSERT_TRUE(rebuildCaches(volume));
+    EXPECT_GT(fs::last_write_time(volumeRoot / "Custom/Ext"), future);
+    EXPECT_EQ(fs::last_write_time(volumeRoot / "System/Library/Extensions"), before)
+        << "only the folders that the boot caches name";
+}
+
 TEST(KextCachesTest, InvalidationTouchesBothExtensionsFolders) {
     TemporaryFolder volumeRoot;
     test::makeVolume(volumeRoot.path(), "10.12.6", "16G29");
     const auto volume = *QVOSVolume::initWithMountPoint(volumeRoot.path().string());
-    EXPECT_FALSE(rebuildCaches(volume)) << "no System/Library/Extensions";
+    EXPECT_FALSE(rebuildCaches(volume)) << "no Extensions folder at all";
     for (const auto* folder : {"System/Library/Extensions", "Library/Extensions"}) {
         fs::create_directories(volumeRoot / folder);
         fs::last_write_time(volumeRoot / folder,

@@ -14,12 +14,13 @@ QVKernelExtension kextAt(const std::filesystem::path& path) {
     return QVKernelExtension(FileURL::fromPath(path.string(), false));
 }
 
-TEST(QVKernelExtensionTest, PathKeepsEveryEscapeButBlanks) {
+TEST(QVKernelExtensionTest, PathIsTheOneOnDiskWhateverTheName) {
     const auto spaced = kextAt("/Volumes/My Disk/Fake SMC.kext");
     EXPECT_EQ(spaced.path(), "/Volumes/My Disk/Fake SMC.kext");
     EXPECT_EQ(spaced.name(), "Fake SMC.kext");
     const auto accented = kextAt("/k/Réseau.kext");
-    EXPECT_EQ(accented.path(), "/k/R%C3%A9seau.kext");
+    EXPECT_EQ(accented.path(), "/k/Réseau.kext");
+    EXPECT_EQ(kextAt("/k/#1/100%.kext").path(), "/k/#1/100%.kext");
     EXPECT_EQ(accented.name(), "Réseau.kext");
 }
 

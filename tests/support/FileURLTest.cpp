@@ -1,5 +1,6 @@
-// File URLs: which bytes are escaped, and the narrow way back to a path.
+// File URLs: which bytes are escaped, and the way back to the path the disk knows.
 #include "support/FileURL.h"
+#include "support/PathValidation.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -18,18 +19,26 @@ TEST(FileURLTest, EncodesEverythingOutsideThePathCharacters) {
     EXPECT_EQ(FileURL::fromPath("/Library/", true).absoluteString(), "file:///Library/");
 }
 
-TEST(FileURLTest, RelativePathsStartAtTheWorkingFolder) {
-    const auto url = FileURL::fromPath("a.kext", false);
-    EXPECT_EQ(url.fileSystemPath(), (std::filesystem::current_path() / "a.kext").string());
+TEST(FileURLTest, RelativeAndDottedPathsBecomeAbsoluteAndNormal) {
+    const auto here = std::filesystem::current_path();
+    EXPECT_EQ(FileURL::fromPath("a.kext", false).path(), (here / "a.kext").string());
+    EXPECT_EQ(FileURL::fromPath("./a.kext", false).path(), (here / "a.kext").string());
+    EXPECT_EQ(FileURL::fromPath("../a.kext/", false).path(),
+              (here.parent_path() / "a.kext").string());
+    EXPECT_EQ(FileURL::fromPath("/x/./y/../Réseau.kext", false).lastPathComponent(),
+              "Réseau.kext");
+    EXPECT_EQ(absoluteNormalPath("/media/u/../Macintosh HD/"), "/media/Macintosh HD");
+    EXPECT_EQ(absoluteNormalPath("/.."), "/");
 }
 
-TEST(FileURLTest, NarrowRuleDecodesOnlyBlanks) {
-    EXPECT_EQ(pathFromFileURLString("file:///a%20b/%C3%A9%2520"), "/a b/%C3%A9%2520");
+TEST(FileURLTest, PathsComeBackWithEveryEscapeDecoded) {
+    EXPECT_EQ(pathFromFileURLString("file:///a%20b/%C3%A9%2520"), "/a b/é%20");
     EXPECT_EQ(pathFromFileURLString("file://"), "");
     EXPECT_EQ(pathFromFileURLString("file:"), "");
     EXPECT_EQ(FileURL::fromPath("/Library", true).path(), "/Library/");
-    EXPECT_EQ(FileURL::fromPath("/x/é y", false).path(), "/x/%C3%A9 y");
-    EXPECT_EQ(FileURL::fromPath("/x/é y", false).fileSystemPath(), "/x/é y");
+    for (const char* path : {"/Téléchargements/Réseau.kext", "/x/#1 100%.kext", "/x/%41"})
+        EXPECT_EQ(FileURL::fromPath(path, false).path(), path);
+    EXPECT_EQ(FileURL::fromAbsoluteString("file:///%2")->path(), "/%2");
 }
 
 TEST(FileURLTest, ComponentsAreDecoded) {
@@ -40,7 +49,6 @@ TEST(FileURLTest, ComponentsAreDecoded) {
     EXPECT_EQ(FileURL::fromPath("/x/a", true).appending("b c.plist", false).absoluteString(),
               "file:///x/a/b%20c.plist");
     EXPECT_FALSE(FileURL::fromAbsoluteString("http://x/a"));
-    EXPECT_EQ(FileURL::fromAbsoluteString("file:///%2")->fileSystemPath(), "/%2");
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "kexts/QVKernelExtensionsManager.h"
 #include "quelmctl/Commands.h"
 #include "support/Paths.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <chrono>
 #include <iostream>
@@ -50,7 +51,8 @@ std::optional<std::string> askFolder(const QVKernelExtension& kext) {
 /// Each kext's folder by the policy; nothing for a kext that is skipped, with the reason.
 std::map<std::string, std::vector<QVKernelExtension>>
 planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder policy,
-            const std::optional<QVSmartTableManager>& table, int& skipped) {
+            const std::optional<QVSmartTableManager>& table, const QVOSVolume& volume,
+            int& skipped) {
     std::map<std::string, std::vector<QVKernelExtension>> plan;
     for (const auto& kext : kexts) {
         std::optional<std::string> folder;
@@ -59,7 +61,7 @@ planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder
         else if (policy != QVKernelExtensionFolder::UseSmartTable)
             folder = std::string(rawValue(policy));
         else if (const auto found = table->table().find(kext.name()); found != table->table().end())
-            folder = found->second;
+            folder = folderOnVolume(found->second, volume);
         if (folder) {
             plan[*folder].push_back(kext);
             continue;
@@ -78,7 +80,7 @@ bool backupReplaced(const Options& options, const QVOSVolume& volume, const std:
                     const std::vector<QVKernelExtension>& kexts) {
     std::vector<QVKernelExtension> replaced;
     for (const auto& kext : kexts)
-        if (fs::exists(volume.mountPoint() + folder + kext.name()))
+        if (std::error_code error; fs::exists(volume.mountPoint() + folder + kext.name(), error))
             replaced.push_back(kext);
     std::string destination = fs::absolute(options.backupTo).string();
     if (destination.back() != '/')
@@ -103,6 +105,16 @@ int install(const Options& options) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;
     }
+    if (const auto refusal = writeRefusal(*volume)) {
+        printError(*refusal);
+        return 2;
+    }
+    if (const auto refusal = isConcreteFolder(*policy)
+                                 ? folderRefusal(rawValue(*policy), *volume)
+                                 : std::nullopt) {
+        printError(*refusal);
+        return 2;
+    }
     auto& manager = QVKernelExtensionsManager::shared();
     manager.addKernelExtensions(options.kexts);
     std::optional<QVSmartTableManager> table;
@@ -111,7 +123,12 @@ int install(const Options& options) {
         return 2;
     int notInstalled = static_cast<int>(options.kexts.size() - manager.kextsTBI().size());
     for (const auto& [folder, kexts] :
-         planFolders(manager.kextsTBI(), *policy, table, notInstalled)) {
+         planFolders(manager.kextsTBI(), *policy, table, *volume, notInstalled)) {
+        if (const auto refusal = installationRefusal(*volume, folder)) {
+            printError(*refusal);
+            notInstalled += static_cast<int>(kexts.size());
+            continue;
+        }
         if (!options.backupTo.empty() && !backupReplaced(options, *volume, folder, kexts))
             return 1;
         const auto failed = installKernelExtensions(kexts, folder, *volume);
@@ -140,8 +157,11 @@ void addInstallCommand(CLI::App& app, int& status) {
     command->add_option("--backup-to", options->backupTo,
                         "Back up the kexts about to be replaced into a dated folder in DIR");
     command->add_option("KEXT", options->kexts, "The .kext bundles to install")->required();
-    command->footer("Exit status: 0 when every kext was installed, 1 when one was skipped or "
-                    "failed, 2 on an error such as a folder that is no macOS volume.");
+    command->footer("A missing Extensions folder is made (root:wheel 755). On a case-insensitive "
+                    "volume, lilu.kext replaces an installed Lilu.kext.\n"
+                    "Exit status: 0 when every kext was installed, 1 when one was skipped or "
+                    "failed, 2 when nothing could be done: a folder that is no macOS volume, a "
+                    "volume mounted read-only, a system folder that its macOS keeps read-only.");
     command->callback([options, &status] { status = install(*options); });
 }
 

@@ -15,7 +15,7 @@ int showKext(const std::string& path) {
         return 1;
     }
     std::error_code error;
-    if (!std::filesystem::is_directory(kext.url().fileSystemPath(), error)) {
+    if (!std::filesystem::is_directory(kext.url().path(), error)) {
         printError(path + ": no such bundle folder");
         return 1;
     }

@@ -1,5 +1,5 @@
 // quelmctl rebuild-caches: rebuild, or mark stale, the kext caches of a volume.
-#include "kexts/KextInstallation.h"
+#include "kexts/KextCaches.h"
 #include "quelmctl/Commands.h"
 
 #include <iostream>

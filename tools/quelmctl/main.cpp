@@ -1,5 +1,6 @@
 // quelmctl: Quelm's jobs on the command line, in process.
 #include "quelmctl/Commands.h"
+#include "support/PathValidation.h"
 
 #include <iostream>
 
@@ -10,7 +11,7 @@ void printError(std::string_view message) {
 }
 
 std::optional<QVOSVolume> openVolume(const std::string& path) {
-    auto volume = QVOSVolume::initWithMountPoint(std::filesystem::absolute(path));
+    auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(path));
     if (!volume)
         printError(path + " is not a macOS volume: it has no readable " +
                    "System/Library/CoreServices/SystemVersion.plist with ProductVersion and " +

@@ -1,0 +1,132 @@
+// The kext caches of a volume: rebuilt with kextcache where the host has it, else marked stale.
+#include "kexts/KextCaches.h"
+
+#include "support/FolderTrees.h"
+#include "support/PathValidation.h"
+#include "support/Process.h"
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace quelm {
+namespace {
+
+constexpr std::size_t kMaxBootCachesSize = 1u << 20;
+constexpr std::array<std::string_view, 2> kDefaultFolders{"/System/Library/Extensions",
+                                                          "/Library/Extensions"};
+/// Where macOS 10.11 to 10.15 keep their kernel caches, besides the one the plist names.
+constexpr std::array<std::string_view, 3> kKnownKernelCaches{
+    "/System/Library/PrelinkedKernels/prelinkedkernel",
+    "/System/Library/Caches/com.apple.kext.caches/Startup/kernelcache",
+    "/Library/Apple/System/Library/PrelinkedKernels/prelinkedkernel"};
+
+/// The "Kernelcache v1.3" (or similar) entry of the plist's "PostBootPaths" (or of another of
+/// its path groups: releases have moved it).
+const PlistValue::Dict* kernelCacheEntry(const PlistValue& bootCaches) {
+    const auto* groups = bootCaches.dict();
+    if (!groups)
+        return nullptr;
+    for (const auto& [group, paths] : *groups) {
+        if (!paths.dict())
+            continue;
+        for (const auto& [key, value] : *paths.dict())
+            if (key.starts_with("Kernelcache") && value.dict())
+                return value.dict();
+    }
+    return nullptr;
+}
+
+std::vector<std::string> stringsOf(const PlistValue& value) {
+    if (const auto* text = value.string())
+        return {*text};
+    std::vector<std::string> strings;
+    if (const auto* items = value.array())
+        for (const auto& item : *items)
+            if (item.string())
+                strings.push_back(*item.string());
+    return strings;
+}
+
+std::optional<PlistValue> readBootCaches(const QVOSVolume& volume) {
+    const UniqueFd folder = openFolderBelow(volume.mountPoint(), "/usr/standalone");
+    const auto bytes =
+        folder ? readFileAt(folder.get(), "bootcaches.plist", kMaxBootCachesSize) : std::nullopt;
+    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    return plist ? std::optional(std::move(*plist)) : std::nullopt;
+}
+
+/// The folder holding path's last component, and that name; nothing through a link.
+std::optional<std::pair<UniqueFd, std::string>> parentAndName(const QVOSVolume& volume,
+                                                              std::string_view path) {
+    auto names = pathComponents(path);
+    if (names.empty() || !isCleanAbsolutePath(path))
+        return std::nullopt;
+    const std::string name = names.back();
+    UniqueFd parent = openFolderBelow(volume.mountPoint(), path.substr(0, path.rfind('/')));
+    if (!parent)
+        return std::nullopt;
+    return std::pair{std::move(parent), name};
+}
+
+/// The newest modification time among the volume's kernel caches; zero when there is none.
+timespec newestKernelCache(const QVOSVolume& volume, const PlistValue::Dict* entry) {
+    std::vector<std::string> caches(kKnownKernelCaches.begin(), kKnownKernelCaches.end());
+    if (entry)
+        if (const auto found = entry->find("Path"); found != entry->end() && found->second.string())
+            caches.push_back(*found->second.string());
+    timespec newest{};
+    for (const auto& cache : caches) {
+        struct stat info {};
+        const auto place = parentAndName(volume, cache);
+        if (place &&
+            ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            info.st_mtim.tv_sec > newest.tv_sec)
+            newest = info.st_mtim;
+    }
+    return newest;
+}
+
+} // namespace
+
+std::vector<std::string> kernelCacheFolders(const PlistValue& bootCaches) {
+    std::vector<std::string> folders;
+    if (const auto* entry = kernelCacheEntry(bootCaches))
+        if (const auto found = entry->find("ExtensionsDir"); found != entry->end())
+            folders = stringsOf(found->second);
+    if (folders.empty())
+        folders.assign(kDefaultFolders.begin(), kDefaultFolders.end());
+    return folders;
+}
+
+bool rebuildCaches(const QVOSVolume& volume) {
+    if (!isCleanAbsolutePath(volume.mountPoint()))
+        return false;
+    if (const auto& kextcache = SystemTools::host().kextcache)
+        return runTool(*kextcache, {"-i", volume.mountPoint()}) == 0;
+    const auto bootCaches = readBootCaches(volume);
+    const auto folders = kernelCacheFolders(bootCaches.value_or(PlistValue::Dict{}));
+    const auto* entry = bootCaches ? kernelCacheEntry(*bootCaches) : nullptr;
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const timespec newest = newestKernelCache(volume, entry);
+    // One second past the newest cache: macOS compares whole seconds on some file systems.
+    const timespec stamp = now.tv_sec > newest.tv_sec ? now : timespec{newest.tv_sec + 1, 0};
+    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, stamp};
+    int marked = 0;
+    for (const auto& folder : folders) {
+        const auto place = parentAndName(volume, folder);
+        struct stat info {};
+        if (!place || ::fstatat(place->first.get(), place->second.c_str(), &info,
+                                AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (!S_ISDIR(info.st_mode) || ::utimensat(place->first.get(), place->second.c_str(),
+                                                  times.data(), AT_SYMLINK_NOFOLLOW) != 0)
+            return false;
+        ++marked;
+    }
+    return marked > 0;
+}
+
+} // namespace quelm

@@ -1,0 +1,228 @@
+// Folder trees handled through descriptors: opened, copied and removed without following links.
+#include "support/FolderTrees.h"
+
+#include "support/Files.h"
+#include "support/PathValidation.h"
+
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace quelm {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+struct Entry {
+    std::string name;
+    ino_t inode;
+};
+
+/// The entries of an open folder, "." and ".." left out; nothing when it cannot be read.
+std::optional<std::vector<Entry>> entriesOf(int folder) {
+    const int copy = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* listing = copy < 0 ? nullptr : ::fdopendir(copy);
+    if (!listing) {
+        if (copy >= 0)
+            ::close(copy);
+        return std::nullopt;
+    }
+    std::vector<Entry> entries;
+    errno = 0;
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            entries.push_back({name, entry->d_ino});
+    }
+    const bool complete = errno == 0;
+    ::closedir(listing);
+    return complete ? std::optional(std::move(entries)) : std::nullopt;
+}
+
+bool applyAttributes(int fd, const std::optional<ItemAttributes>& attributes, mode_t keptMode) {
+    if (!attributes)
+        return ::fchmod(fd, keptMode & 07777) == 0;
+    return ::fchown(fd, attributes->owner, attributes->group) == 0 &&
+           ::fchmod(fd, attributes->mode) == 0;
+}
+
+bool copyFileAt(int sourceFolder, const std::string& name, int destinationFolder,
+                const std::optional<ItemAttributes>& attributes) {
+    const UniqueFd in(::openat(sourceFolder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!in || ::fstat(in.get(), &info) != 0 || !S_ISREG(info.st_mode))
+        return false;
+    const UniqueFd out(::openat(destinationFolder, name.c_str(),
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!out)
+        return false;
+    std::vector<char> buffer(256 * 1024);
+    for (;;) {
+        const ssize_t count = ::read(in.get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return false;
+        if (count == 0)
+            break;
+        if (!writeAll(out.get(), std::string_view(buffer.data(), static_cast<std::size_t>(count))))
+            return false;
+    }
+    return applyAttributes(out.get(), attributes, info.st_mode);
+}
+
+bool copyLinkAt(int sourceFolder, const std::string& name, int destinationFolder,
+                const std::optional<ItemAttributes>& attributes) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t length = ::readlinkat(sourceFolder, name.c_str(), target.data(), target.size());
+    if (length < 0 || static_cast<std::size_t>(length) >= target.size())
+        return false;
+    target.resize(static_cast<std::size_t>(length));
+    if (::symlinkat(target.c_str(), destinationFolder, name.c_str()) != 0)
+        return false;
+    return !attributes || ::fchownat(destinationFolder, name.c_str(), attributes->owner,
+                                     attributes->group, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool copyFolder(int source, int destinationParent, const std::string& destinationName,
+                const std::optional<ItemAttributes>& attributes, int depth);
+
+bool copyEntry(int sourceFolder, const std::string& name, int destinationFolder,
+               const std::optional<ItemAttributes>& attributes, int depth) {
+    struct stat info {};
+    if (::fstatat(sourceFolder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (S_ISREG(info.st_mode))
+        return copyFileAt(sourceFolder, name, destinationFolder, attributes);
+    if (S_ISLNK(info.st_mode))
+        return copyLinkAt(sourceFolder, name, destinationFolder, attributes);
+    if (!S_ISDIR(info.st_mode))
+        return false;
+    const UniqueFd inner = openFolderAt(sourceFolder, name);
+    return inner && copyFolder(inner.get(), destinationFolder, name, attributes, depth + 1);
+}
+
+bool copyFolder(int source, int destinationParent, const std::string& destinationName,
+                const std::optional<ItemAttributes>& attributes, int depth) {
+    struct stat info {};
+    if (depth > kMaxTreeDepth || ::fstat(source, &info) != 0 ||
+        ::mkdirat(destinationParent, destinationName.c_str(), 0700) != 0)
+        return false;
+    const UniqueFd destination = openFolderAt(destinationParent, destinationName);
+    const auto entries = entriesOf(source);
+    if (!destination || !entries)
+        return false;
+    for (const auto& entry : *entries)
+        if (!copyEntry(source, entry.name, destination.get(), attributes, depth))
+            return false;
+    // The mode comes last: a folder without write permission would refuse its own entries.
+    return applyAttributes(destination.get(), attributes, info.st_mode);
+}
+
+bool removeTree(int parent, const std::string& name, int depth) {
+    struct stat info {};
+    if (::fstatat(parent, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    if (!S_ISDIR(info.st_mode))
+        return ::unlinkat(parent, name.c_str(), 0) == 0;
+    const UniqueFd folder = openFolderAt(parent, name);
+    const auto entries = folder ? entriesOf(folder.get()) : std::nullopt;
+    if (depth > kMaxTreeDepth || !entries)
+        return false;
+    for (const auto& entry : *entries)
+        if (!removeTree(folder.get(), entry.name, depth + 1))
+            return false;
+    return ::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0;
+}
+
+} // namespace
+
+UniqueFd::~UniqueFd() {
+    if (fd_ >= 0)
+        ::close(fd_);
+}
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+UniqueFd openFolderAt(int parent, const std::string& name) {
+    return UniqueFd(::openat(parent, name.c_str(), kFolderFlags));
+}
+
+UniqueFd openOrMakeFolderAt(int parent, const std::string& name, const ItemAttributes& attributes) {
+    if (::mkdirat(parent, name.c_str(), 0700) != 0)
+        return errno == EEXIST ? openFolderAt(parent, name) : UniqueFd();
+    UniqueFd folder = openFolderAt(parent, name);
+    if (!folder || !applyAttributes(folder.get(), attributes, 0))
+        return UniqueFd();
+    return folder;
+}
+
+UniqueFd openFolderBelow(const std::string& base, std::string_view path,
+                         const std::optional<ItemAttributes>& makeWith) {
+    UniqueFd current(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (const auto& name : pathComponents(path)) {
+        if (!current)
+            break;
+        current = makeWith ? openOrMakeFolderAt(current.get(), name, *makeWith)
+                           : openFolderAt(current.get(), name);
+    }
+    return current;
+}
+
+std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize) {
+    const UniqueFd file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info {};
+    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        static_cast<std::size_t>(info.st_size) > maxSize)
+        return std::nullopt;
+    std::string bytes(static_cast<std::size_t>(info.st_size), '\0');
+    const ssize_t count = ::pread(file.get(), bytes.data(), bytes.size(), 0);
+    if (count != static_cast<ssize_t>(bytes.size()))
+        return std::nullopt;
+    return bytes;
+}
+
+bool copyTreeAt(int sourceParent, const std::string& sourceName, int destinationParent,
+                const std::string& destinationName,
+                const std::optional<ItemAttributes>& attributes) {
+    const UniqueFd source = openFolderAt(sourceParent, sourceName);
+    return source && copyFolder(source.get(), destinationParent, destinationName, attributes, 0);
+}
+
+bool removeTreeAt(int parent, const std::string& name) {
+    return removeTree(parent, name, 0);
+}
+
+std::optional<std::string> listedNameAt(int parent, const std::string& name) {
+    struct stat wanted {};
+    if (::fstatat(parent, name.c_str(), &wanted, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    const auto entries = entriesOf(parent);
+    if (!entries)
+        return std::nullopt;
+    for (const auto& entry : *entries)
+        if (entry.name == name)
+            return name;
+    for (const auto& entry : *entries) {
+        struct stat info {};
+        if (entry.inode == wanted.st_ino &&
+            ::fstatat(parent, entry.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            info.st_ino == wanted.st_ino && info.st_dev == wanted.st_dev)
+            return entry.name;
+    }
+    // Something answers to the name though no listed entry matched it: take it as spelled.
+    return name;
+}
+
+} // namespace quelm

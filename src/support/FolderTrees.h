@@ -1,0 +1,73 @@
+// Folder trees handled through descriptors: opened, copied and removed without following links.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <utility>
+
+namespace quelm {
+
+/// An owned file descriptor, closed when it goes.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd();
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+
+/// Owner, group and mode given to items as they are made (a link gets the owner only).
+struct ItemAttributes {
+    uid_t owner;
+    gid_t group;
+    mode_t mode;
+};
+
+/// Deeper trees are refused: no kext nests anywhere near this, a hostile disk may.
+inline constexpr int kMaxTreeDepth = 64;
+
+/// The folder name inside parent, opened without following a link; invalid when it is not one.
+UniqueFd openFolderAt(int parent, const std::string& name);
+
+/// The folder name inside parent, made with the attributes when it is missing; never
+/// through a link.
+UniqueFd openOrMakeFolderAt(int parent, const std::string& name, const ItemAttributes& attributes);
+
+/// base + the folders of path, opened one at a time below base without following links; with
+/// attributes, missing folders are made with them.
+UniqueFd openFolderBelow(const std::string& base, std::string_view path,
+                         const std::optional<ItemAttributes>& makeWith = std::nullopt);
+
+/// The bytes of the regular file name in folder, reached without following a link; nothing
+/// when it is not one, cannot be read or holds more than maxSize bytes.
+std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize);
+
+/// Copies the folder sourceName of sourceParent to destinationName of destinationParent, which
+/// must not exist yet. Folders, regular files and links are copied (links as links); anything
+/// else fails the copy. With attributes, every item is made with them; without, each keeps
+/// its mode. Nothing outside the two trees is read or changed.
+[[nodiscard]] bool copyTreeAt(int sourceParent, const std::string& sourceName,
+                              int destinationParent, const std::string& destinationName,
+                              const std::optional<ItemAttributes>& attributes);
+
+/// Removes name from parent, with everything beneath it when it is a folder; links are removed,
+/// never followed. True when nothing is left under that name.
+[[nodiscard]] bool removeTreeAt(int parent, const std::string& name);
+
+/// The name under which parent lists the entry that name reaches there: itself, or on a
+/// case-insensitive volume the listed spelling ("Lilu.kext" for "lilu.kext"). Nothing when no
+/// entry answers to name.
+std::optional<std::string> listedNameAt(int parent, const std::string& name);
+
+} // namespace quelm
