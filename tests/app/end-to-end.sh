@@ -35,7 +35,7 @@ timeout 120 dbus-run-session -- bash -c '
     "$3" --volume "$4" --helper-root "$2/root" "$2"/kexts/*.kext' \
     _ "$recorder" "$work" "$quelm" "$volume" >"$work/log" 2>&1 || fail "quelm did not quit by itself with status 0"
 
-for kext in "Library/Extensions/IntelMausiEthernet.kext" "System/Library/Extensions/FakeSMC.kext"; do
+for kext in "Library/Extensions/IntelMausiEthernet.kext" "Library/Extensions/FakeSMC.kext"; do
     [[ -d "$volume/$kext" ]] || fail "$kext was not installed"
     bad=$(find "$volume/$kext" \( ! -user 0 -o ! -group 0 -o \( ! -type l ! -perm 755 \) \) -print)
     [[ -z $bad ]] || fail "not root:wheel 755: $bad"

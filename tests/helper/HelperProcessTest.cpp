@@ -83,6 +83,8 @@ TEST_F(HelperProcessTest, InstallsRepairsAndInvalidatesCachesAsRoot) {
     EXPECT_TRUE(std::get<std::vector<QVKernelExtension>>(failed).empty());
     EXPECT_FALSE(fs::exists(volumeRoot / "Library/Extensions/Fake SMC.kext/OldOnly"));
 
+    EXPECT_EQ(std::get<std::string>(call("checkWritableTargetVolume:reply:", {volume()})), "");
+
     const auto escaping =
         call("installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
              {kexts, std::string("/../../"), volume()});

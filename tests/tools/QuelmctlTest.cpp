@@ -21,12 +21,14 @@ TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
     std::filesystem::create_directory(root / "Extra");
     const auto result = runCommand(quelmctl("volume-info " + shellQuote(root.string() + "/")));
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "macOS Sierra 10.12.6 (16G29)\n"
-                             "mountPoint: " +
-                                 root.string() +
-                                 "\n"
-                                 "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
-                                 "isRecovery: false\nhasExtraFolder: true\n");
+    EXPECT_TRUE(result.output.starts_with("macOS Sierra 10.12.6 (16G29)\n"
+                                          "mountPoint: " +
+                                          root.string() +
+                                          "\n"
+                                          "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
+                                          "isRecovery: false\nhasExtraFolder: true\nfileSystem: "))
+        << result.output;
+    EXPECT_TRUE(result.output.ends_with("\nreadOnly: no\nwritable: yes\n")) << result.output;
 }
 
 TEST(QuelmctlTest, VolumeInfoRefusesAFolderThatIsNoVolume) {
@@ -53,7 +55,7 @@ TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
     const std::string env = "XDG_DATA_HOME=" + shellQuote(data.path().string()) + " ";
     auto result = runCommand(env + quelmctl("smart-table lookup FakeSMC.kext"));
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "/System/Library/Extensions/\n");
+    EXPECT_EQ(result.output, "/Library/Extensions/\n");
     EXPECT_TRUE(std::filesystem::exists(data / "Quelm/QVUserDefaultSmartTable.plist"));
     EXPECT_EQ(runCommand(env + quelmctl("smart-table lookup Unknown.kext")).status, 1);
 
@@ -62,7 +64,7 @@ TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
     EXPECT_EQ(runCommand(env + quelmctl("smart-table reset")).status, 0);
     result = runCommand(env + quelmctl("smart-table show"));
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.output.find("Lilu.kext\t/System/Library/Extensions/"), std::string::npos);
+    EXPECT_NE(result.output.find("Lilu.kext\t/Library/Extensions/"), std::string::npos);
 }
 
 TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
@@ -71,8 +73,7 @@ TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
     TemporaryFolder folder;
     const auto volume = folder / "Mac HD";
     test::makeVolume(volume, "10.12.6", "16G29");
-    std::filesystem::create_directories(volume / "Library/Extensions");
-    test::writeText(volume / "System/Library/Extensions/Lilu.kext/Old", "old");
+    test::writeText(volume / "Library/Extensions/Lilu.kext/Old", "old");
     const auto lilu = test::makeKext(folder / "in", "Lilu.kext", PlistValue::Dict{});
     const auto unknown = test::makeKext(folder / "in", "Unknown.kext", PlistValue::Dict{});
     const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
@@ -81,11 +82,11 @@ TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
                        shellQuote((folder / "backups").string()) + " " + shellQuote(lilu.string()) +
                        " " + shellQuote(unknown.string())));
     EXPECT_EQ(result.status, 1) << result.output;
-    EXPECT_NE(result.output.find("installed Lilu.kext into /System/Library/Extensions/"),
+    EXPECT_NE(result.output.find("installed Lilu.kext into /Library/Extensions/"),
               std::string::npos);
     EXPECT_NE(result.output.find("skipped Unknown.kext: not in the smart table"),
               std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(volume / "System/Library/Extensions/Lilu.kext/Old"));
+    EXPECT_FALSE(std::filesystem::exists(volume / "Library/Extensions/Lilu.kext/Old"));
     const auto backups = std::filesystem::directory_iterator(folder / "backups");
     ASSERT_NE(backups, std::filesystem::directory_iterator());
     EXPECT_TRUE(std::filesystem::exists(backups->path() / "Lilu.kext/Old"));
@@ -99,6 +100,31 @@ TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
                                   shellQuote(unknown.string())))
                   .status,
               2);
+}
+
+TEST(QuelmctlTest, InstallKeepsOutOfTheSystemFolderFromCatalinaOn) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "installed kexts belong to root";
+    TemporaryFolder folder;
+    const auto volume = folder / "Macintosh HD";
+    test::makeVolume(volume, "10.15.7", "19H2");
+    const auto kext = test::makeKext(folder / "in", "Custom.kext", PlistValue::Dict{});
+    test::writePlist(folder / "data/Quelm/QVUserDefaultSmartTable.plist",
+                     PlistValue::Dict{{"Version", "9"},
+                                      {"Contents", PlistValue::Dict{{"Custom.kext",
+                                                                     "/System/Library/Extensions/"}}}});
+    const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
+    const std::string install = "install --volume " + shellQuote(volume.string()) + " ";
+
+    const auto system =
+        runCommand(env + quelmctl(install + "--folder system " + shellQuote(kext.string())));
+    EXPECT_EQ(system.status, 2) << system.output;
+    EXPECT_NE(system.output.find("lies on a read-only system volume"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(volume / "System/Library/Extensions"));
+
+    const auto smart = runCommand(env + quelmctl(install + shellQuote(kext.string())));
+    EXPECT_EQ(smart.status, 0) << smart.output;
+    EXPECT_TRUE(std::filesystem::exists(volume / "Library/Extensions/Custom.kext"));
 }
 
 TEST(QuelmctlTest, VerifyRepairAndVerifyAgainOnTheDemoVolume) {

@@ -1,0 +1,69 @@
+// How volumes are mounted: the kernel's mount table, HFS+ journals, read-only refusals.
+#include "volumes/MountedFileSystem.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/mount.h>
+
+namespace quelm {
+namespace {
+
+TEST(MountedFileSystemTest, TheDeepestAndLatestMountHoldsThePath) {
+    const std::string table =
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "40 22 8:17 / /media/u/Macintosh\\040HD ro,nosuid master:7 - hfsplus /dev/sdb2 "
+        "rw,umask=22\n"
+        "41 22 0:50 / /mnt/apfs rw shared:9 - apfs /dev/sdc1 ro\n"
+        "42 22 0:51 / /mnt/apfs rw - fuse.apfs-fuse apfs-fuse rw,user_id=0\n"
+        "not a mount line\n";
+    const auto hfs = findMount(table, "/media/u/Macintosh HD/Library");
+    ASSERT_TRUE(hfs);
+    EXPECT_EQ(hfs->type, "hfsplus");
+    EXPECT_EQ(hfs->source, "/dev/sdb2");
+    EXPECT_EQ(hfs->mountPoint, "/media/u/Macintosh HD");
+    EXPECT_TRUE(hfs->readOnly) << "ro in the mount's own options";
+
+    const auto fuse = findMount(table, "/mnt/apfs");
+    ASSERT_TRUE(fuse);
+    EXPECT_EQ(fuse->type, "fuse.apfs-fuse") << "the later mount hides the earlier one";
+    EXPECT_FALSE(fuse->readOnly);
+
+    EXPECT_EQ(findMount(table, "/media/u/Macintosh HD2")->type, "ext4");
+    EXPECT_FALSE(findMount("", "/x"));
+}
+
+TEST(MountedFileSystemTest, TheVolumeHeaderTellsAJournaledHFSPlusVolume) {
+    std::string start(1536, '\0');
+    EXPECT_FALSE(isJournaledHFSPlus(start)) << "no signature";
+    start.replace(1024, 2, "H+");
+    EXPECT_EQ(isJournaledHFSPlus(start), false);
+    start[1024 + 6] = 0x20; // attributes 0x00002000: kHFSVolumeJournaledBit
+    EXPECT_EQ(isJournaledHFSPlus(start), true);
+    start.replace(1024, 2, "HX");
+    EXPECT_EQ(isJournaledHFSPlus(start), true) << "case-sensitive HFSX";
+    EXPECT_FALSE(isJournaledHFSPlus(start.substr(0, 1030)));
+}
+
+TEST(MountedFileSystemTest, AReadOnlyMountIsRefusedWithItsReason) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "mounting takes root";
+    test::TemporaryFolder folder;
+    const auto root = folder / "Mac HD";
+    std::filesystem::create_directories(root);
+    if (::mount("quelm-test", root.c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "this host does not let tests mount";
+    const std::unique_ptr<const char, int (*)(const char*)> unmount(root.c_str(), ::umount);
+    test::makeVolume(root, "10.13.6", "17G66");
+    const auto volume = *QVOSVolume::initWithMountPoint(root.string());
+    EXPECT_FALSE(writeRefusal(volume));
+    ASSERT_EQ(::mount("quelm-test", root.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    const auto refusal = writeRefusal(volume);
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(*refusal, root.string() + " is mounted read-only (tmpfs on quelm-test): remount "
+                                        "it read-write and try again.");
+}
+
+} // namespace
+} // namespace quelm
