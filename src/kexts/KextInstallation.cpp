@@ -50,17 +50,15 @@ bool exchange(int folder, const std::string& staging, const std::string& name) {
 }
 
 /// Puts staging where name is. With an atomic exchange the old bundle ends under the staging
-/// name; without one (HFS+ and APFS on Linux) it goes through an aside name.
+/// name; without one (hfsplus and apfs on Linux have none) it goes through an aside name.
 bool swapIntoPlace(int folder, const std::string& staging, const std::string& name) {
     const auto installed = listedNameAt(folder, name);
     if (!installed)
         return ::renameat(folder, staging.c_str(), folder, name.c_str()) == 0;
-    if (*installed == name) {
-        if (exchange(folder, staging, name))
-            return true;
-        if (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP)
-            return false;
-    }
+    // Drivers refuse an exchange in their own ways: EINVAL from hfsplus, ENOTEMPTY from apfs
+    // (it tries a plain rename). The aside path puts the old bundle back if it fails too.
+    if (*installed == name && exchange(folder, staging, name))
+        return true;
     return replaceThroughAside(folder, staging, *installed, name);
 }
 

@@ -24,15 +24,17 @@ PlistValue receiptWith(PlistValue::Array groups) {
 TEST(QVPackageTest, ReadsBothEncodingsAndPlacesTheBomBeside) {
     TemporaryFolder folder;
     for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
+        // A volume named as users name them: the BOM path must come back unescaped.
         const auto path =
-            writeReceipt(folder / "Mac HD/System/Library/Receipts/com.apple.pkg.Foo.plist",
+            writeReceipt(folder / "Système #1 100%/System/Library/Receipts/com.apple.pkg.Foo.plist",
                          receiptWith({"a", test::kRepairGroup}), format);
         const auto package = QVStandardPackage::initWithReceiptPath(path.string());
         ASSERT_TRUE(package);
         EXPECT_EQ(package->identifier(), "com.apple.pkg.Foo");
         EXPECT_EQ(package->groups(), (std::vector<std::string>{"a", test::kRepairGroup}));
         EXPECT_EQ(package->bomPathString(),
-                  (folder / "Mac HD/System/Library/Receipts/com.apple.pkg.Foo.bom").string());
+                  (folder / "Système #1 100%/System/Library/Receipts/com.apple.pkg.Foo.bom")
+                      .string());
     }
 }
 
