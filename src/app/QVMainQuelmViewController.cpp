@@ -93,6 +93,13 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         return;
     }
     auto& kexts = QVKernelExtensionsManager::shared();
+    const auto folder = kexts.installationFolder();
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    if (const auto refusal =
+            isConcreteFolder(folder) ? folderRefusal(rawValue(folder), volume) : std::nullopt) {
+        refuseJob(*refusal);
+        return;
+    }
     kexts.addKernelExtensions(files_);
     if (kexts.installationFolder() == QVKernelExtensionFolder::UseSmartTable) {
         const QVSmartTableManager paths(applicationSupportFolder(), Bundle::main());
@@ -113,13 +120,6 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
 
 void QVMainQuelmViewController::startJob() {
     jobStarted_ = true;
-    const auto folder = QVKernelExtensionsManager::shared().installationFolder();
-    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
-    if (const auto refusal =
-            isConcreteFolder(folder) ? folderRefusal(rawValue(folder), volume) : std::nullopt) {
-        refuseJob(*refusal);
-        return;
-    }
     callCheckWritableTargetVolume([this](const std::string& refusal) {
         if (refusal.empty())
             installKexts();
@@ -132,8 +132,7 @@ void QVMainQuelmViewController::refuseJob(const std::string& reason) {
     logLine("QVMainQuelmVC::Error: " + reason + " Nothing was changed.");
     stopBusyIndicator(*circularIndicator);
     //% "The target volume cannot be changed"
-    showAlert(this, qtTrId("kQVMainQuelmVCVolumeCannotBeChanged"),
-              QString::fromStdString(reason));
+    showAlert(this, qtTrId("kQVMainQuelmVCVolumeCannotBeChanged"), QString::fromStdString(reason));
     emit jobFinished();
 }
 
@@ -197,9 +196,10 @@ QVMainQuelmViewController::folderForKext(const QVKernelExtension& kext) {
     const auto& table = smartTable_->table();
     const auto found = table.find(kext.name());
     const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
-    const auto folder = found == table.end() ? std::nullopt
-                                             : kernelExtensionFolderFromRawValue(
-                                                   folderOnVolume(found->second, volume));
+    const auto folder =
+        found == table.end()
+            ? std::nullopt
+            : kernelExtensionFolderFromRawValue(folderOnVolume(found->second, volume));
     return folder && isConcreteFolder(*folder) ? folder : std::nullopt;
 }
 

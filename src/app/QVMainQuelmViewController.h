@@ -49,8 +49,8 @@ private:
 
     void viewDidLoad() override;
     void showEvent(QShowEvent* event) override;
-    /// Asks the helper first whether the volume can be written: a refusal ends the job before
-    /// anything changes.
+    /// Asks the helper first whether root can write to the volume: a refusal ends the job
+    /// before anything changes.
     void startJob();
     /// Ends the job unchanged, after an alert with the one sentence that says why.
     void refuseJob(const std::string& reason);

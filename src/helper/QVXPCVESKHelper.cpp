@@ -39,6 +39,14 @@ void stopRepairTool() {
     startTool(SystemTools::host().killall, {"RepairPermissions"});
 }
 
+/// Logs why root cannot write to the volume, when it cannot.
+bool refusesWrites(const QVOSVolume& volume) {
+    const auto refusal = writeRefusal(volume);
+    if (refusal)
+        logLine("QVXPCVESKHelper::Error: " + *refusal);
+    return refusal.has_value();
+}
+
 } // namespace
 
 bool isAcceptableVolume(const QVOSVolume& volume) {
@@ -102,7 +110,7 @@ bool QVXPCVESKHelper::repairWithFolder(const std::string& folder, const QVOSVolu
 
 std::vector<QVRepairPermissionsRepresentableResult>
 QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) const {
-    if (!isAcceptableVolume(volume))
+    if (!isAcceptableVolume(volume) || refusesWrites(volume))
         return {};
     YRRepairPermissions job(volume, QVRepairPermissionsJobType::repairPermissions);
     job.run();
@@ -113,7 +121,7 @@ QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) c
 }
 
 bool QVXPCVESKHelper::rebuildCachesOnTargetVolume(const QVOSVolume& volume) const {
-    return isAcceptableVolume(volume) && rebuildCaches(volume);
+    return isAcceptableVolume(volume) && !refusesWrites(volume) && rebuildCaches(volume);
 }
 
 std::vector<QVKernelExtension>

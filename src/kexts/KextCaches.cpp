@@ -118,8 +118,8 @@ bool rebuildCaches(const QVOSVolume& volume) {
     for (const auto& folder : folders) {
         const auto place = parentAndName(volume, folder);
         struct stat info {};
-        if (!place || ::fstatat(place->first.get(), place->second.c_str(), &info,
-                                AT_SYMLINK_NOFOLLOW) != 0)
+        if (!place ||
+            ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         if (!S_ISDIR(info.st_mode) || ::utimensat(place->first.get(), place->second.c_str(),
                                                   times.data(), AT_SYMLINK_NOFOLLOW) != 0)

@@ -8,7 +8,6 @@
 #include "support/Strings.h"
 #include "volumes/MountedFileSystem.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -55,8 +54,8 @@ bool swapIntoPlace(int folder, const std::string& staging, const std::string& na
     const auto installed = listedNameAt(folder, name);
     if (!installed)
         return ::renameat(folder, staging.c_str(), folder, name.c_str()) == 0;
-    // Drivers refuse an exchange in their own ways: EINVAL from hfsplus, ENOTEMPTY from apfs
-    // (it tries a plain rename). The aside path puts the old bundle back if it fails too.
+    // Drivers refuse an exchange in their own ways (EINVAL from hfsplus, ENOTEMPTY from apfs
+    // when the target holds files): whatever the answer, the aside path is safe to try.
     if (*installed == name && exchange(folder, staging, name))
         return true;
     return replaceThroughAside(folder, staging, *installed, name);
@@ -110,7 +109,8 @@ bool backupOne(const QVKernelExtension& kext, const std::string& installedIn,
 
 } // namespace
 
-std::optional<std::string> installationRefusal(const QVOSVolume& volume, const std::string& folder) {
+std::optional<std::string> installationRefusal(const QVOSVolume& volume,
+                                               const std::string& folder) {
     if (!isVolumeFolder(folder))
         return folder + " is not a folder of the volume such as /Library/Extensions/";
     if (auto refusal = folderRefusal(folder, volume))

@@ -22,7 +22,9 @@ constexpr std::uint32_t kHFSPlusJournaledBit = 1u << 13;
 std::string unescapeMountField(std::string_view field) {
     std::string text;
     for (std::size_t i = 0; i < field.size(); ++i) {
-        const auto isOctal = [&](std::size_t at) { return field[at] >= '0' && field[at] <= '7'; };
+        const auto isOctal = [&](std::size_t at) {
+            return field[at] >= '0' && field[at] <= '7';
+        };
         if (field[i] == '\\' && i + 3 < field.size() && isOctal(i + 1) && isOctal(i + 2) &&
             isOctal(i + 3)) {
             text += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
@@ -92,7 +94,8 @@ std::optional<std::string> volumeStart(const std::string& source) {
     return bytes;
 }
 
-std::string readOnlySentence(const std::string& where, const std::optional<MountedFileSystem>& mount) {
+std::string readOnlySentence(const std::string& where,
+                             const std::optional<MountedFileSystem>& mount) {
     const std::string type = mount ? mount->type : "";
     if (type == "hfsplus" && mount->journaled.value_or(false))
         return where + " is a journaled HFS+ volume, which Linux mounts read-only: remount it "
@@ -105,7 +108,8 @@ std::string readOnlySentence(const std::string& where, const std::optional<Mount
     if (type == "apfs")
         return where + " is mounted read-only: Linux's apfs driver writes only to a volume "
                        "mounted with -o readwrite, and never to a snapshot.";
-    return where + " is mounted read-only" + (mount ? " (" + type + " on " + mount->source + ")" : "") +
+    return where + " is mounted read-only" +
+           (mount ? " (" + type + " on " + mount->source + ")" : "") +
            ": remount it read-write and try again.";
 }
 

@@ -115,6 +115,24 @@ private slots:
         QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
     }
 
+    void aSystemFolderThatTheVolumeKeepsReadOnlyEndsTheJobUnchanged() {
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Macintosh HD";
+        test::makeVolume(volume, "10.15.7", "19H2");
+        const auto kext = test::makeKext(folder / "kexts", "A.kext", PlistValue::Dict{});
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/System/Library/Extensions/");
+        QVMainQuelmViewController screen;
+        bool finished = false;
+        connect(&screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
+        QVModalAnswers::preset(QMessageBox::Ok);
+        screen.runWithANotification({kext.string()});
+        QVERIFY(finished);
+        QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
+        QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions"));
+        QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
+    }
+
     void askEveryTimeInstallsWhatTheDialogAnswers() {
         if (::geteuid() != 0)
             QSKIP("the helper installs kexts as root");

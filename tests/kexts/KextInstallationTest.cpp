@@ -1,8 +1,8 @@
 // Kext installation and backup on real folders: staged replacement, attributes, failures.
-#include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
 
 #include "TestSupport.h"
+#include "kexts/KextCaches.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "support/Strings.h"
 
@@ -129,9 +129,9 @@ TEST_F(KextInstallationTest, AnInterruptedSwapGivesTheOldBundleBack) {
     EXPECT_FALSE(fs::exists(extensions / ".Lilu.kext.quelm-previous"));
 
     test::writeText(extensions / ".Lilu.kext.quelm-previous/Contents/Info.plist", "older");
-    EXPECT_TRUE(installKernelExtensions({newKext("Lilu.kext", "2")}, "/Library/Extensions/",
-                                        *volume)
-                    .empty());
+    EXPECT_TRUE(
+        installKernelExtensions({newKext("Lilu.kext", "2")}, "/Library/Extensions/", *volume)
+            .empty());
     EXPECT_EQ(test::readText(extensions / "Lilu.kext/Contents/MacOS/driver"), "new");
     EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 1);
 }
@@ -191,8 +191,9 @@ TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {
                            PlistValue::Dict{{"ExtensionsDir",
                                              PlistValue::Array{"/System/Library/Extensions",
                                                                "/Library/Apple/Extensions"}}}}}}};
-    EXPECT_EQ(kernelCacheFolders(bootCaches),
-              (std::vector<std::string>{"/System/Library/Extensions", "/Library/Apple/Extensions"}));
+    EXPECT_EQ(
+        kernelCacheFolders(bootCaches),
+        (std::vector<std::string>{"/System/Library/Extensions", "/Library/Apple/Extensions"}));
     const PlistValue single = PlistValue::Dict{
         {"PostBootPaths",
          PlistValue::Dict{{"Kernelcache v1.1", PlistValue::Dict{{"ExtensionsDir", "/S/E"}}}}}};
@@ -211,13 +212,14 @@ TEST(KextCachesTest, InvalidationOutrunsACacheNewerThanTheClock) {
     test::writeText(cache, "cache");
     const auto future = fs::file_time_type::clock::now() + std::chrono::hours(24 * 365);
     fs::last_write_time(cache, future);
-    test::writePlist(volumeRoot / "usr/standalone/bootcaches.plist",
-                     PlistValue::Dict{{"PostBootPaths",
-                                       PlistValue::Dict{{"Kernelcache v1.4",
-                                                         PlistValue::Dict{{"ExtensionsDir",
-                                                                           PlistValue::Array{
-                                                                               "/Custom/Ext"}}}}}}},
-                     PlistFormat::binary);
+    test::writePlist(
+        volumeRoot / "usr/standalone/bootcaches.plist",
+        PlistValue::Dict{
+            {"PostBootPaths",
+             PlistValue::Dict{
+                 {"Kernelcache v1.4",
+                  PlistValue::Dict{{"ExtensionsDir", PlistValue::Array{"/Custom/Ext"}}}}}}},
+        PlistFormat::binary);
     fs::create_directories(volumeRoot / "Custom/Ext");
     fs::create_directories(volumeRoot / "System/Library/Extensions");
     const auto before = fs::last_write_time(volumeRoot / "System/Library/Extensions");

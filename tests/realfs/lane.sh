@@ -105,6 +105,8 @@ umount /mnt/apfs && mount -t apfs /dev/vdb /mnt/apfs
 before=$(find /mnt/apfs | wc -l)
 check "apfs read-only: install refused with status 2" [ "$(status_of "$quelmctl" install --volume "/mnt/apfs/Macintosh HD" --folder library /mnt/apfs/kexts/FakeSMC.kext)" = 2 ]
 check "apfs read-only: the reason names -o readwrite" says "mounted with -o readwrite"
+check "apfs read-only: repair refused with status 2" [ "$(status_of "$quelmctl" repair-permissions --volume "/mnt/apfs/Macintosh HD")" = 2 ]
+check "apfs read-only: cache rebuild refused with status 2" [ "$(status_of "$quelmctl" rebuild-caches --volume "/mnt/apfs/Macintosh HD")" = 2 ]
 # The application logs the reason, then waits on its alert for a user who is not there.
 "$bin/quelm" --volume "/mnt/apfs/Macintosh HD" --helper-root /tmp/helper-root /mnt/apfs/kexts/FakeSMC.kext >/tmp/out 2>&1 &
 app=$!

@@ -32,9 +32,9 @@ TEST(QVPackageTest, ReadsBothEncodingsAndPlacesTheBomBeside) {
         ASSERT_TRUE(package);
         EXPECT_EQ(package->identifier(), "com.apple.pkg.Foo");
         EXPECT_EQ(package->groups(), (std::vector<std::string>{"a", test::kRepairGroup}));
-        EXPECT_EQ(package->bomPathString(),
-                  (folder / "Système #1 100%/System/Library/Receipts/com.apple.pkg.Foo.bom")
-                      .string());
+        EXPECT_EQ(
+            package->bomPathString(),
+            (folder / "Système #1 100%/System/Library/Receipts/com.apple.pkg.Foo.bom").string());
     }
 }
 

@@ -1,5 +1,6 @@
 // File URLs: which bytes are escaped, and the way back to the path the disk knows.
 #include "support/FileURL.h"
+
 #include "support/PathValidation.h"
 
 #include <filesystem>
@@ -25,8 +26,7 @@ TEST(FileURLTest, RelativeAndDottedPathsBecomeAbsoluteAndNormal) {
     EXPECT_EQ(FileURL::fromPath("./a.kext", false).path(), (here / "a.kext").string());
     EXPECT_EQ(FileURL::fromPath("../a.kext/", false).path(),
               (here.parent_path() / "a.kext").string());
-    EXPECT_EQ(FileURL::fromPath("/x/./y/../Réseau.kext", false).lastPathComponent(),
-              "Réseau.kext");
+    EXPECT_EQ(FileURL::fromPath("/x/./y/../Réseau.kext", false).lastPathComponent(), "Réseau.kext");
     EXPECT_EQ(absoluteNormalPath("/media/u/../Macintosh HD/"), "/media/Macintosh HD");
     EXPECT_EQ(absoluteNormalPath("/.."), "/");
 }

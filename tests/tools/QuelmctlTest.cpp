@@ -21,12 +21,13 @@ TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
     std::filesystem::create_directory(root / "Extra");
     const auto result = runCommand(quelmctl("volume-info " + shellQuote(root.string() + "/")));
     EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(result.output.starts_with("macOS Sierra 10.12.6 (16G29)\n"
-                                          "mountPoint: " +
-                                          root.string() +
-                                          "\n"
-                                          "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
-                                          "isRecovery: false\nhasExtraFolder: true\nfileSystem: "))
+    EXPECT_TRUE(
+        result.output.starts_with("macOS Sierra 10.12.6 (16G29)\n"
+                                  "mountPoint: " +
+                                  root.string() +
+                                  "\n"
+                                  "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
+                                  "isRecovery: false\nhasExtraFolder: true\nfileSystem: "))
         << result.output;
     EXPECT_TRUE(result.output.ends_with("\nreadOnly: no\nwritable: yes\n")) << result.output;
 }
@@ -109,10 +110,11 @@ TEST(QuelmctlTest, InstallKeepsOutOfTheSystemFolderFromCatalinaOn) {
     const auto volume = folder / "Macintosh HD";
     test::makeVolume(volume, "10.15.7", "19H2");
     const auto kext = test::makeKext(folder / "in", "Custom.kext", PlistValue::Dict{});
-    test::writePlist(folder / "data/Quelm/QVUserDefaultSmartTable.plist",
-                     PlistValue::Dict{{"Version", "9"},
-                                      {"Contents", PlistValue::Dict{{"Custom.kext",
-                                                                     "/System/Library/Extensions/"}}}});
+    test::writePlist(
+        folder / "data/Quelm/QVUserDefaultSmartTable.plist",
+        PlistValue::Dict{
+            {"Version", "9"},
+            {"Contents", PlistValue::Dict{{"Custom.kext", "/System/Library/Extensions/"}}}});
     const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
     const std::string install = "install --volume " + shellQuote(volume.string()) + " ";
 

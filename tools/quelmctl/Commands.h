@@ -29,6 +29,10 @@ std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path&
 /// The macOS volume mounted at path (made absolute), or nothing after a message naming it.
 std::optional<QVOSVolume> openVolume(const std::string& path);
 
+/// Says why root cannot write to the volume, when it cannot: commands that change a volume
+/// stop there with status 2, before their first write.
+bool refusesWrites(const QVOSVolume& volume);
+
 /// One line on stderr, prefixed with the program name.
 void printError(std::string_view message);
 

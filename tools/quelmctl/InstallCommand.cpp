@@ -3,7 +3,6 @@
 #include "kexts/QVKernelExtensionsManager.h"
 #include "quelmctl/Commands.h"
 #include "support/Paths.h"
-#include "volumes/MountedFileSystem.h"
 
 #include <chrono>
 #include <iostream>
@@ -105,13 +104,10 @@ int install(const Options& options) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;
     }
-    if (const auto refusal = writeRefusal(*volume)) {
-        printError(*refusal);
+    if (refusesWrites(*volume))
         return 2;
-    }
-    if (const auto refusal = isConcreteFolder(*policy)
-                                 ? folderRefusal(rawValue(*policy), *volume)
-                                 : std::nullopt) {
+    if (const auto refusal =
+            isConcreteFolder(*policy) ? folderRefusal(rawValue(*policy), *volume) : std::nullopt) {
         printError(*refusal);
         return 2;
     }

@@ -102,7 +102,10 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
         return 2;
     if (options.threads > 0)
         QVCPU::shared().setMaxthread(options.threads);
-    if (type == QVRepairPermissionsJobType::repairPermissions && ::geteuid() != 0)
+    const bool repairs = type == QVRepairPermissionsJobType::repairPermissions;
+    if (repairs && refusesWrites(*volume))
+        return 2;
+    if (repairs && ::geteuid() != 0)
         printError("not running as root: owners and groups cannot be repaired");
     YRRepairPermissions job(*volume, type);
     {

@@ -9,7 +9,7 @@ namespace {
 
 int rebuild(const std::string& path) {
     const auto volume = openVolume(path);
-    if (!volume)
+    if (!volume || refusesWrites(*volume))
         return 2;
     if (!rebuildCaches(*volume)) {
         printError("cannot rebuild the kext caches of " + volume->mountPoint());

@@ -48,7 +48,8 @@ int showVolume(const std::string& path) {
 
 void addVolumeInfoCommand(CLI::App& app, int& status) {
     auto* command = app.add_subcommand(
-        "volume-info", "Show the macOS version, build and kind of the volume mounted at PATH, its file "
+        "volume-info",
+        "Show the macOS version, build and kind of the volume mounted at PATH, its file "
         "system, and whether Quelm can write to it.");
     auto path = std::make_shared<std::string>();
     command->add_option("PATH", *path, "Mount point of the volume")->required();

@@ -1,6 +1,7 @@
 // quelmctl: Quelm's jobs on the command line, in process.
 #include "quelmctl/Commands.h"
 #include "support/PathValidation.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <iostream>
 
@@ -17,6 +18,13 @@ std::optional<QVOSVolume> openVolume(const std::string& path) {
                    "System/Library/CoreServices/SystemVersion.plist with ProductVersion and " +
                    "ProductBuildVersion");
     return volume;
+}
+
+bool refusesWrites(const QVOSVolume& volume) {
+    const auto refusal = writeRefusal(volume);
+    if (refusal)
+        printError(*refusal);
+    return refusal.has_value();
 }
 
 } // namespace quelm::ctl

@@ -319,5 +319,9 @@
         <source>The selected kexts have been installed.</source>
         <translation type="unfinished"></translation>
     </message>
+    <message id="kQVMainQuelmVCVolumeCannotBeChanged">
+        <source>The target volume cannot be changed</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 </TS>
