@@ -6,10 +6,14 @@
 #include "support/Log.h"
 
 #include <csignal>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -19,13 +23,16 @@ extern char** environ;
 namespace quelm {
 namespace {
 
-std::string exitDescription(int pid) {
+/// Why the helper's end closed, and its exit status when it exited.
+std::pair<std::string, std::optional<int>> exitDescription(int pid) {
     int status = 0;
     if (::waitpid(pid, &status, 0) != pid)
-        return "the helper closed the connection";
+        return {"the helper closed the connection", std::nullopt};
     if (WIFSIGNALED(status))
-        return "the helper was killed by signal " + std::to_string(WTERMSIG(status));
-    return "the helper exited with status " + std::to_string(WEXITSTATUS(status));
+        return {"the helper was killed by signal " + std::to_string(WTERMSIG(status)),
+                std::nullopt};
+    return {"the helper exited with status " + std::to_string(WEXITSTATUS(status)),
+            WEXITSTATUS(status)};
 }
 
 } // namespace
@@ -35,18 +42,23 @@ HelperConnection::launch(const std::string& program, const std::vector<std::stri
                          Handlers handlers) {
     // A helper that dies must show as a connection error, not end the application.
     std::signal(SIGPIPE, SIG_IGN);
-    int input[2] = {-1, -1}, output[2] = {-1, -1}, wake[2] = {-1, -1};
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
+#if defined(__linux__)
+    // No other process of this user may reach the channel through /proc/PID/fd or ptrace.
+    if (::prctl(PR_SET_DUMPABLE, 0) != 0)
+        return nullptr;
+#endif
+    int channel[2] = {-1, -1}, wake[2] = {-1, -1};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0 ||
         ::pipe2(wake, O_CLOEXEC) != 0) {
-        for (const int fd : {input[0], input[1], output[0], output[1], wake[0], wake[1]})
+        for (const int fd : {channel[0], channel[1], wake[0], wake[1]})
             if (fd >= 0)
                 ::close(fd);
         return nullptr;
     }
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, channel[1], STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, channel[1], STDOUT_FILENO);
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const auto& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -55,15 +67,14 @@ HelperConnection::launch(const std::string& program, const std::vector<std::stri
     const int spawned =
         ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
-    ::close(input[0]);
-    ::close(output[1]);
+    ::close(channel[1]);
     if (spawned != 0) {
-        for (const int fd : {input[1], output[0], wake[0], wake[1]})
+        for (const int fd : {channel[0], wake[0], wake[1]})
             ::close(fd);
         return nullptr;
     }
     std::shared_ptr<HelperConnection> connection(
-        new HelperConnection(input[1], output[0], wake[0], wake[1], pid, std::move(handlers)));
+        new HelperConnection(channel[0], wake[0], wake[1], pid, std::move(handlers)));
     std::thread([connection] {
         connection->readerId_ = std::this_thread::get_id();
         connection->readLoop();
@@ -72,15 +83,15 @@ HelperConnection::launch(const std::string& program, const std::vector<std::stri
     return connection;
 }
 
-HelperConnection::HelperConnection(int toHelper, int fromHelper, int wake, int wakeWriter, int pid,
+HelperConnection::HelperConnection(int channel, int wake, int wakeWriter, int pid,
                                    Handlers handlers)
-    : toHelper_(toHelper), fromHelper_(fromHelper), wake_(wake), wakeWriter_(wakeWriter), pid_(pid),
+    : channel_(channel), wake_(wake), wakeWriter_(wakeWriter), pid_(pid),
       handlers_(std::move(handlers)) {
 }
 
 HelperConnection::~HelperConnection() {
     invalidate();
-    for (const int fd : {toHelper_, fromHelper_, wake_, wakeWriter_})
+    for (const int fd : {channel_, wake_, wakeWriter_})
         ::close(fd);
 }
 
@@ -90,7 +101,7 @@ void HelperConnection::invalidate() {
     // The helper sees the end of its input and exits once its calls are done; a waiter reaps it.
     {
         std::lock_guard lock(mutex_);
-        ::close(std::exchange(toHelper_, -1));
+        ::shutdown(channel_, SHUT_WR);
     }
     // The wake pipe is ours and empty: this one byte always fits.
     (void)writeAll(wakeWriter_, "x");
@@ -120,7 +131,7 @@ void HelperConnection::call(std::string_view selector, std::vector<RemoteValue> 
     bool sent = false;
     {
         std::lock_guard lock(mutex_);
-        sent = !failed_ && !invalidated_ && writeAll(toHelper_, frame);
+        sent = !failed_ && !invalidated_ && writeAll(channel_, frame);
     }
     if (!sent && !invalidated_)
         fail("cannot write to the helper");
@@ -147,16 +158,16 @@ void HelperConnection::readLoop() {
     std::string buffer;
     char chunk[65536];
     for (;;) {
-        pollfd fds[2] = {{fromHelper_, POLLIN, 0}, {wake_, POLLIN, 0}};
+        pollfd fds[2] = {{channel_, POLLIN, 0}, {wake_, POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0 && errno == EINTR)
             continue;
         if (fds[1].revents)
             return;
-        const ssize_t count = ::read(fromHelper_, chunk, sizeof chunk);
+        const ssize_t count = ::read(channel_, chunk, sizeof chunk);
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
-            return fail(exitDescription(pid_));
+            return failWithExit();
         buffer.append(chunk, static_cast<std::size_t>(count));
         for (;;) {
             auto frame = takeFrame(buffer);
@@ -199,11 +210,16 @@ void HelperConnection::handle(const PlistValue& message) {
         pending.reply(*value);
 }
 
-void HelperConnection::fail(const std::string& message) {
+void HelperConnection::failWithExit() {
+    const auto [message, status] = exitDescription(pid_);
+    fail(message, status);
+}
+
+void HelperConnection::fail(const std::string& message, std::optional<int> exitStatus) {
     if (failed_.exchange(true))
         return;
     if (!invalidated_ && handlers_.error)
-        handlers_.error(message);
+        handlers_.error(message, exitStatus);
     failPending();
 }
 

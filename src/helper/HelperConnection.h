@@ -22,15 +22,18 @@ public:
     /// Runs on the connection's reader thread, never on the caller's.
     struct Handlers {
         std::function<void(double)> progress;
-        /// Once, when the channel breaks: the helper exits, crashes or sends garbage.
-        std::function<void(const std::string&)> error;
+        /// Once, when the channel breaks: the helper exits, crashes or sends garbage. The exit
+        /// status comes along when the helper (or the launcher before it) exited.
+        std::function<void(const std::string&, std::optional<int>)> error;
     };
     /// The reply's value, or nothing when the connection broke before it came.
     using ReplyHandler = std::function<void(const std::optional<RemoteValue>&)>;
 
-    /// Starts program with arguments; its stdin and stdout are the channel, its stderr the
-    /// application's. Nothing when the process cannot be started. The reader thread shares the
-    /// connection, so that a handler may drop the last other reference.
+    /// Starts program with arguments; its stdin and stdout are one end of a socket pair, the
+    /// channel, and its stderr the application's. This process becomes non-dumpable first, so
+    /// that no other process of the user can reach the channel. Nothing when the process cannot
+    /// be started. The reader thread shares the connection, so that a handler may drop the
+    /// last other reference.
     static std::shared_ptr<HelperConnection> launch(const std::string& program,
                                                     const std::vector<std::string>& arguments,
                                                     Handlers handlers);
@@ -44,6 +47,8 @@ public:
     /// The same, waiting for the reply on the calling thread.
     std::optional<RemoteValue> callAndWait(std::string_view selector,
                                            std::vector<RemoteValue> arguments);
+    /// The helper's process (or its launcher's).
+    int pid() const { return pid_; }
     /// Closes the channel and stops the reader; no handler runs after it returns (or, when a
     /// handler calls it, after that handler).
     void invalidate();
@@ -54,16 +59,15 @@ private:
         ReplyHandler reply;
     };
 
-    HelperConnection(int toHelper, int fromHelper, int wake, int wakeWriter, int pid,
-                     Handlers handlers);
+    HelperConnection(int channel, int wake, int wakeWriter, int pid, Handlers handlers);
     void readLoop();
     void markReaderDone();
     void handle(const PlistValue& message);
-    void fail(const std::string& message);
+    void fail(const std::string& message, std::optional<int> exitStatus = std::nullopt);
+    void failWithExit();
     void failPending();
 
-    int toHelper_;
-    int fromHelper_;
+    int channel_;
     int wake_;
     int wakeWriter_;
     int pid_;

@@ -3,19 +3,62 @@
 
 #include "support/Log.h"
 
+#include <atomic>
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <list>
+#include <memory>
+#include <string_view>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
 namespace quelm {
+namespace {
+
+/// One call under way; done once its reply is written.
+struct RunningCall {
+    std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
+    std::jthread thread;
+};
+
+/// Joins the calls that have replied, so that a long session keeps no thread per call.
+void joinFinished(std::list<RunningCall>& calls) {
+    calls.remove_if([](const RunningCall& call) { return call.done->load(); });
+}
+
+} // namespace
+
+uid_t callerUid() {
+    const char* text = std::getenv("PKEXEC_UID");
+    const std::string_view value = text ? text : "";
+    uid_t uid = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), uid);
+    return text && error == std::errc() && end == value.data() + value.size() ? uid : ::getuid();
+}
+
+bool peerIsAllowed(int channel) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (::getsockopt(channel, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        logLine("QVXPCHelper::Error: the channel is not a socket of the application; exiting.");
+        return false;
+    }
+    if (peer.uid != callerUid()) {
+        logLine("QVXPCHelper::Error: the channel's peer (uid " + std::to_string(peer.uid) +
+                ") is not the user who started the helper; exiting.");
+        return false;
+    }
+    return true;
+}
 
 int serveHelper(QVXPCVESKHelper& helper, int in, int out) {
     FrameWriter writer(out);
     FrameReader reader(in);
     helper.setConnection(&writer);
     // Declared after the writer: calls still under way finish before it goes.
-    std::list<std::jthread> calls;
+    std::list<RunningCall> calls;
     for (;;) {
         auto message = reader.read();
         if (message && !*message)
@@ -33,9 +76,13 @@ int serveHelper(QVXPCVESKHelper& helper, int in, int out) {
             std::fflush(stderr);
             ::_exit(0);
         }
-        calls.emplace_back([&helper, &writer, call = std::move(*call)] {
-            writer.write(encodeReply(*call.id, helper.perform(call)));
-        });
+        joinFinished(calls);
+        auto& running = calls.emplace_back();
+        running.thread =
+            std::jthread([&helper, &writer, done = running.done, call = std::move(*call)] {
+                writer.write(encodeReply(*call.id, helper.perform(call)));
+                *done = true;
+            });
     }
     calls.clear();
     helper.setConnection(nullptr);

@@ -3,7 +3,17 @@
 
 #include "helper/QVXPCVESKHelper.h"
 
+#include <sys/types.h>
+
 namespace quelm {
+
+/// The user on whose behalf the helper runs: the one pkexec authorised (PKEXEC_UID), else
+/// whoever started this process.
+uid_t callerUid();
+
+/// Whether the process at the other end of the channel socket is the user whom pkexec
+/// authorised (PKEXEC_UID), or without pkexec the user who started the helper. Says why not.
+bool peerIsAllowed(int channel);
 
 /// Serves calls read from in, replying on out, until the application closes the channel (0)
 /// or sends something malformed (1: the channel is closed at once, calls under way finish).

@@ -90,11 +90,9 @@ void QVXPCHelperManager::blessAndConnect(const NotificationName<NoObject>& faile
 }
 
 std::expected<bool, QVXPCHelperManagerPreAuthenticationError> QVXPCHelperManager::blessHelper() {
-    if (settings_.runningAsRoot) {
-        const auto policy = readFileBytes(settings_.policyTemplate, 1u << 20);
-        return policy &&
-               installHelperFiles(*helper_, settings_.shippedHelper, *policy, settings_.root);
-    }
+    if (settings_.runningAsRoot)
+        return installHelperFiles(*helper_, settings_.shippedHelper, settings_.policyTemplate,
+                                  settings_.root, ::getuid());
     const int status =
         runTool(settings_.launcher, {settings_.shippedHelper, "--install", settings_.policyTemplate,
                                      "--root", settings_.root});
@@ -110,11 +108,18 @@ std::expected<bool, QVXPCHelperManagerPreAuthenticationError> QVXPCHelperManager
 void QVXPCHelperManager::connect() {
     invalidate();
     const std::string tool = helper_->toolPath(settings_.root);
-    const std::vector<std::string> serve{"--serve", "--root", settings_.root};
+    // The installed helper knows its root from where it lies, and takes no other option.
+    const std::vector<std::string> serve{"--serve"};
     HelperConnection::Handlers handlers{
         [this](double value) { updateProgressWithDoubleValue(value); },
-        [this](const std::string& error) {
-            delegate_->helperManagerConnectionFailed(error);
+        [this](const std::string& error, std::optional<int> exitStatus) {
+            // pkexec answers a cancelled or refused password prompt with these statuses
+            // before any helper runs: that is an authentication failure, not a broken channel.
+            if (!settings_.runningAsRoot &&
+                (exitStatus == kLauncherCancelled || exitStatus == kLauncherDenied))
+                post(kHelperFailedToAuthenticate);
+            else
+                delegate_->helperManagerConnectionFailed(error);
         }};
     if (settings_.runningAsRoot) {
         connection_ = HelperConnection::launch(tool, serve, std::move(handlers));

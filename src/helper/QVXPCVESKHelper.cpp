@@ -2,17 +2,21 @@
 #include "helper/QVXPCVESKHelper.h"
 
 #include "helper/BooterConfig.h"
+#include "helper/HelperInstallation.h"
+#include "helper/HelperServer.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
 #include "repair/QVCPU.h"
 #include "repair/YRRepairPermissions.h"
+#include "support/Files.h"
+#include "support/FolderTrees.h"
 #include "support/Log.h"
 #include "support/PathValidation.h"
 #include "support/Process.h"
-#include "support/VolumePaths.h"
 #include "volumes/MountedFileSystem.h"
 
 #include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,10 +33,20 @@ template <class T> const T& argument(const RemoteCall& call, std::size_t index) 
     return std::get<T>(call.arguments[index]);
 }
 
-bool removeIfPresent(const std::string& path) {
-    std::error_code error;
-    fs::remove_all(path, error);
-    return !error;
+constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
+constexpr std::size_t kMaxRepairToolSize = 256u << 20;
+
+/// The folder holding path's last component, opened from "/" without following links, and
+/// that component.
+std::optional<std::pair<UniqueFd, std::string>> parentAndName(const std::string& path) {
+    const auto slash = path.rfind('/');
+    const std::string name = path.substr(slash + 1);
+    if (!isPlainFileName(name))
+        return std::nullopt;
+    UniqueFd folder = openFolderBelow("/", path.substr(0, slash));
+    if (!folder)
+        return std::nullopt;
+    return std::pair{std::move(folder), name};
 }
 
 void stopRepairTool() {
@@ -92,20 +106,11 @@ std::string QVXPCVESKHelper::getHelperBundleVersion() const {
 }
 
 bool QVXPCVESKHelper::repairWithFolder(const std::string& folder, const QVOSVolume& volume) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder))
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder) || refusesWrites(volume))
         return false;
-    const auto root = VolumeRoot::open(volume.mountPoint());
-    std::string inside = folder;
-    while (inside.size() > 1 && inside.back() == '/')
-        inside.pop_back();
-    VolumeWalker walker(root);
-    if (!root || !walker.parentOf(inside))
-        return false;
-    const std::string path = volume.mountPoint() + folder;
-    const auto& tools = SystemTools::host();
-    const bool owned = runTool(tools.chown, {"-R", "0:0", path}) == 0;
-    const bool moded = runTool(tools.chmod, {"-R", "755", path}) == 0;
-    return owned && moded;
+    // Walked beneath the volume: a link anywhere on the way, or inside, is never followed.
+    const UniqueFd opened = openFolderBelow(volume.mountPoint(), folder);
+    return opened && applyTreeAttributes(opened.get(), kSystemAttributes);
 }
 
 std::vector<QVRepairPermissionsRepresentableResult>
@@ -160,24 +165,28 @@ bool QVXPCVESKHelper::installRepairPermissionFromSourcePath(const std::string& s
                                                             const std::string& destination) const {
     if (!isCleanAbsolutePath(source) || !isCleanAbsolutePath(destination))
         return false;
-    stopRepairTool();
-    if (!removeIfPresent(destination))
+    // Root copies only what the user could not have slipped in: see readTrustedFile.
+    const auto tool = readTrustedFile(source, callerUid(), kMaxRepairToolSize);
+    const auto place = parentAndName(destination);
+    if (!tool || !place)
         return false;
-    std::error_code error;
-    fs::copy(source, destination, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
-             error);
-    return !error && ::lchown(destination.c_str(), kUserOwner, kAdminGroup) == 0 &&
-           ::chmod(destination.c_str(), 0755) == 0;
+    stopRepairTool();
+    const auto& [folder, name] = *place;
+    if (!removeTreeAt(folder.get(), name))
+        return false;
+    const UniqueFd file(::openat(folder.get(), name.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return file && writeAll(file.get(), *tool) &&
+           ::fchown(file.get(), kUserOwner, kAdminGroup) == 0 && ::fchmod(file.get(), 0755) == 0;
 }
 
 bool QVXPCVESKHelper::uninstallRepairPermissionsFromPath(const std::string& path) const {
     if (!isCleanAbsolutePath(path))
         return false;
     stopRepairTool();
-    std::error_code error;
-    if (!fs::exists(fs::symlink_status(path, error)))
-        return false;
-    return removeIfPresent(path);
+    const auto place = parentAndName(path);
+    return place && listedNameAt(place->first.get(), place->second) &&
+           removeTreeAt(place->first.get(), place->second);
 }
 
 bool QVXPCVESKHelper::applyBooterConfigViaNVRAMWithNewBooterConfig(std::int64_t value) const {

@@ -9,20 +9,24 @@
 
 namespace quelm {
 
-std::filesystem::path executableFolder() {
+std::filesystem::path executablePath() {
 #if defined(__APPLE__)
     char buffer[4096];
     uint32_t size = sizeof buffer;
     if (_NSGetExecutablePath(buffer, &size) != 0)
         fatalError("Bundle::FatalError: cannot find the running executable.");
-    return std::filesystem::weakly_canonical(buffer).parent_path();
+    return std::filesystem::weakly_canonical(buffer);
 #else
     std::error_code error;
-    const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
+    auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
     if (error)
         fatalError("Bundle::FatalError: cannot find the running executable.");
-    return executable.parent_path();
+    return executable;
 #endif
+}
+
+std::filesystem::path executableFolder() {
+    return executablePath().parent_path();
 }
 
 const Bundle& Bundle::main() {

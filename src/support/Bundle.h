@@ -30,6 +30,8 @@ private:
     PlistValue::Dict info_;
 };
 
+/// The running executable.
+std::filesystem::path executablePath();
 /// The folder of the running executable.
 std::filesystem::path executableFolder();
 

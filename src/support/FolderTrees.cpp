@@ -123,6 +123,38 @@ bool copyFolder(int source, int destinationParent, const std::string& destinatio
     return applyAttributes(destination.get(), attributes, info.st_mode);
 }
 
+bool applyEntryAttributes(int folder, const std::string& name, const ItemAttributes& attributes,
+                          int depth);
+
+bool applyFolderAttributes(int folder, const ItemAttributes& attributes, int depth) {
+    const auto entries = entriesOf(folder);
+    if (depth > kMaxTreeDepth || !entries)
+        return false;
+    bool all = true;
+    for (const auto& entry : *entries)
+        all = applyEntryAttributes(folder, entry.name, attributes, depth) && all;
+    return applyAttributes(folder, attributes, 0) && all;
+}
+
+bool applyEntryAttributes(int folder, const std::string& name, const ItemAttributes& attributes,
+                          int depth) {
+    struct stat info {};
+    if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (S_ISDIR(info.st_mode)) {
+        const UniqueFd inner = openFolderAt(folder, name);
+        return inner && applyFolderAttributes(inner.get(), attributes, depth + 1);
+    }
+    if (!S_ISREG(info.st_mode))
+        return ::fchownat(folder, name.c_str(), attributes.owner, attributes.group,
+                          AT_SYMLINK_NOFOLLOW) == 0;
+    const UniqueFd file(
+        ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat opened {};
+    return file && ::fstat(file.get(), &opened) == 0 && opened.st_ino == info.st_ino &&
+           applyAttributes(file.get(), attributes, 0);
+}
+
 bool removeTree(int parent, const std::string& name, int depth) {
     struct stat info {};
     if (::fstatat(parent, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
@@ -198,6 +230,10 @@ bool copyTreeAt(int sourceParent, const std::string& sourceName, int destination
                 const std::optional<ItemAttributes>& attributes) {
     const UniqueFd source = openFolderAt(sourceParent, sourceName);
     return source && copyFolder(source.get(), destinationParent, destinationName, attributes, 0);
+}
+
+bool applyTreeAttributes(int folder, const ItemAttributes& attributes) {
+    return applyFolderAttributes(folder, attributes, 0);
 }
 
 bool removeTreeAt(int parent, const std::string& name) {

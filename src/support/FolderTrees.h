@@ -61,6 +61,11 @@ std::optional<std::string> readFileAt(int folder, const std::string& name, std::
                               int destinationParent, const std::string& destinationName,
                               const std::optional<ItemAttributes>& attributes);
 
+/// Gives the open folder and everything beneath it the attributes, never following a link:
+/// links get the owner only, devices, FIFOs and sockets the owner only too (changing their
+/// mode would mean opening them or naming them again). True when every item took them.
+[[nodiscard]] bool applyTreeAttributes(int folder, const ItemAttributes& attributes);
+
 /// Removes name from parent, with everything beneath it when it is a folder; links are removed,
 /// never followed. True when nothing is left under that name.
 [[nodiscard]] bool removeTreeAt(int parent, const std::string& name);

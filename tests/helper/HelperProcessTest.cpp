@@ -3,10 +3,18 @@
 #include "helper/BooterConfig.h"
 #include "helper/Channel.h"
 #include "helper/HelperConnection.h"
+#include "helper/HelperInstallation.h"
 
 #include <atomic>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -26,7 +34,7 @@ protected:
             QUELM_HELPER_PATH,
             {"--serve", "--root", (folder / "root").string(), "--efivars", efivars.string()},
             {[this](double value) { progress.push_back(value); },
-             [this](const std::string&) {
+             [this](const std::string&, std::optional<int>) {
                  ++errors;
              }});
         ASSERT_TRUE(connection);
@@ -136,14 +144,139 @@ TEST_F(HelperProcessTest, InstallsAndRemovesTheRepairToolForTheUser) {
         call("uninstallRepairPermissionsFromPath:reply:", {std::string("relative/path")})));
 }
 
-/// The helper's exit status after reading bytes as its whole input.
-int serveBytes(const std::string& bytes) {
+TEST_F(HelperProcessTest, NoLinkLeadsTheRootHelperOutsideWhatItWasGiven) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "the helper runs as root";
+    TemporaryFolder outside;
+    const auto secret = outside / "secret";
+    test::writeText(secret, "secret");
+    ::chown(secret.c_str(), 4242, 4242);
+    ::chmod(secret.c_str(), 0600);
+    const auto untouched = [&] {
+        struct stat info {};
+        return ::stat(secret.c_str(), &info) == 0 && info.st_uid == 4242 &&
+               (info.st_mode & 07777) == 0600;
+    };
+    // A folder of the volume that is a link out of it, and a link inside a folder that is not.
+    fs::remove(volumeRoot / "Library/Extensions");
+    fs::create_directory_symlink(outside.path(), volumeRoot / "Library/Extensions");
+    EXPECT_FALSE(std::get<bool>(call("repairWithFolder:onTargetVolume:reply:",
+                                     {std::string("/Library/Extensions/"), volume()})));
+    test::writeText(volumeRoot / "Extra/Extensions/A.kext/Info.plist", "x");
+    fs::create_symlink(secret, volumeRoot / "Extra/Extensions/A.kext/link");
+    EXPECT_TRUE(std::get<bool>(call("repairWithFolder:onTargetVolume:reply:",
+                                    {std::string("/Extra/Extensions/"), volume()})));
+    EXPECT_TRUE(untouched());
+
+    // The repair tool: a source that is a link, or that others could have written, is refused.
+    fs::create_directories(folder / "Applications");
+    const std::string destination = (folder / "Applications/RepairPermissions").string();
+    const auto install = [&](const fs::path& source, const std::string& to) {
+        return std::get<bool>(call("installRepairPermissionFromSourcePath:toDestinationPath:reply:",
+                                   {source.string(), to}));
+    };
+    fs::create_symlink(secret, folder / "linked");
+    EXPECT_FALSE(install(folder / "linked", destination));
+    test::writeText(folder / "writable", "tool");
+    ::chmod((folder / "writable").c_str(), 0666);
+    EXPECT_FALSE(install(folder / "writable", destination));
+    EXPECT_FALSE(install(secret, destination)) << "owned by someone else";
+    test::writeText(folder / "tool", "tool");
+    fs::create_directory_symlink(outside.path(), folder / "Elsewhere");
+    EXPECT_FALSE(install(folder / "tool", (folder / "Elsewhere/RepairPermissions").string()));
+    EXPECT_FALSE(std::get<bool>(call("uninstallRepairPermissionsFromPath:reply:",
+                                     {(folder / "Elsewhere/secret").string()})));
+    EXPECT_TRUE(untouched());
+    EXPECT_FALSE(fs::exists(outside / "RepairPermissions"));
+}
+
+TEST_F(HelperProcessTest, CallsLeaveNoThreadBehind) {
+    const auto virtualSize = [&] {
+        std::ifstream status("/proc/" + std::to_string(connection->pid()) + "/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.starts_with("VmSize:"))
+                return std::stol(line.substr(7));
+        return 0L;
+    };
+    for (int i = 0; i < 10; ++i)
+        call("test:");
+    const long before = virtualSize();
+    for (int i = 0; i < 100; ++i)
+        call("test:");
+    // Each thread left unjoined keeps its stack: 100 of them would add hundreds of megabytes.
+    EXPECT_LT(virtualSize() - before, 64L * 1024) << "kB";
+}
+
+TEST(HelperInstallationTest, TheInstalledHelperServesAndTakesNoOtherOption) {
+    TemporaryFolder root, files;
+    const QVXPCHelper helper("org.quelm.veskp.quelm.helper", QUELM_VERSION_TEXT);
+    test::writeText(files / "policy.in", "<policy exec=\"@HELPER_PATH@\"/>\n");
+    // Made as with a careless umask: the folders must not come out writable by others.
+    const auto installed =
+        test::runCommand("umask 000; " + std::string(QUELM_HELPER_PATH) + " --install " +
+                         test::shellQuote((files / "policy.in").string()) + " --root " +
+                         test::shellQuote(root.path().string()));
+    ASSERT_EQ(installed.status, 0) << installed.output;
+    for (auto path = fs::path(helper.toolPath(root.path().string())).parent_path();
+         path != root.path(); path = path.parent_path()) {
+        struct stat info {};
+        ::stat(path.c_str(), &info);
+        EXPECT_EQ(info.st_mode & 07777, 0755u) << path;
+    }
+    const std::string tool = test::shellQuote(helper.toolPath(root.path().string()));
+    for (const auto* options :
+         {"--install /etc/passwd", "--serve --root /", "--serve --efivars /", ""})
+        EXPECT_NE(test::runCommand(tool + " " + options + " </dev/null").status, 0) << options;
+}
+
+TEST(HelperInstallationTest, OnlyFilesNoOneElseCouldHaveWrittenAreCopied) {
     TemporaryFolder folder;
-    test::writeText(folder / "input", bytes);
-    return test::runCommand(std::string(QUELM_HELPER_PATH) + " --serve --root " +
-                            test::shellQuote(folder.path().string()) + " < " +
-                            test::shellQuote((folder / "input").string()))
-        .status;
+    const auto file = folder / "tool";
+    test::writeText(file, "tool");
+    ::chmod(file.c_str(), 0644);
+    EXPECT_EQ(readTrustedFile(file.string(), ::getuid(), 100), "tool");
+    EXPECT_FALSE(readTrustedFile(file.string(), ::getuid(), 3)) << "larger than allowed";
+    for (const mode_t mode : {0664, 0646}) {
+        ::chmod(file.c_str(), mode);
+        EXPECT_FALSE(readTrustedFile(file.string(), ::getuid(), 100)) << std::oct << mode;
+    }
+    ::chmod(file.c_str(), 0644);
+    fs::create_symlink(file, folder / "link");
+    EXPECT_FALSE(readTrustedFile((folder / "link").string(), ::getuid(), 100));
+    EXPECT_FALSE(readTrustedFile(folder.path().string(), ::getuid(), 100)) << "a folder";
+    if (!test::runningAsRoot())
+        return;
+    ::chown(file.c_str(), 4242, 4242);
+    EXPECT_FALSE(readTrustedFile(file.string(), 0, 100)) << "another user's file";
+    EXPECT_EQ(readTrustedFile(file.string(), 4242, 100), "tool") << "the caller's own file";
+}
+
+/// The helper's exit status after reading bytes as its whole input from a socket pair of ours,
+/// with environment entries ("PKEXEC_UID=...") added for it.
+int serveBytes(const std::string& bytes, const std::vector<std::string>& environment = {}) {
+    TemporaryFolder folder;
+    int channel[2] = {-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(channel[1], STDIN_FILENO);
+        ::dup2(channel[1], STDOUT_FILENO);
+        for (const auto& entry : environment)
+            ::putenv(const_cast<char*>(entry.c_str()));
+        ::execl(QUELM_HELPER_PATH, QUELM_HELPER_PATH, "--serve", "--root", folder.path().c_str(),
+                static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(channel[1]);
+    (void)::send(channel[0], bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ::shutdown(channel[0], SHUT_WR);
+    char sink[4096];
+    while (::read(channel[0], sink, sizeof sink) > 0) {
+    }
+    ::close(channel[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string frameOf(PlistValue message) {
@@ -179,16 +312,70 @@ TEST(HelperHostileInputTest, EveryMalformedFrameClosesTheConnection) {
         EXPECT_EQ(serveBytes(test + hostile[i]), 1) << "case " << i;
 }
 
+TEST(HelperChannelTest, OnlyTheUserWhoStartedTheHelperCanDriveIt) {
+    const auto test = frameOf(encodeCall({1, findRemoteOperation("test:"), {}}));
+    EXPECT_EQ(serveBytes(test), 0);
+    EXPECT_EQ(serveBytes(test, {"PKEXEC_UID=" + std::to_string(::getuid() + 1)}), 1)
+        << "a peer that is not the user pkexec authorised";
+    EXPECT_EQ(serveBytes(test, {"PKEXEC_UID=" + std::to_string(::getuid())}), 0);
+    TemporaryFolder folder;
+    test::writeText(folder / "input", test);
+    EXPECT_EQ(test::runCommand(std::string(QUELM_HELPER_PATH) + " --serve < " +
+                               test::shellQuote((folder / "input").string()))
+                  .status,
+              1)
+        << "a channel that is not a socket has no peer to check";
+}
+
+/// In a child of the given user: the application's side launches a channel, and another process
+/// of that user tries to reach it through /proc. The child's exit status: 0 when it could not.
+int reachChannelAs(uid_t user) {
+    const pid_t application = ::fork();
+    if (application != 0) {
+        int status = 0;
+        ::waitpid(application, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 100;
+    }
+    if (::geteuid() == 0 && (::setgid(user) != 0 || ::setuid(user) != 0))
+        ::_exit(90);
+    // As any program the user starts; setuid just made this process non-dumpable by itself.
+    ::prctl(PR_SET_DUMPABLE, 1);
+    auto connection = HelperConnection::launch("/bin/sleep", {"30"}, {});
+    if (!connection)
+        ::_exit(91);
+    const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd";
+    const pid_t other = ::fork();
+    if (other == 0) {
+        DIR* listing = ::opendir(fds.c_str());
+        if (listing)
+            ::_exit(1);
+        for (int fd = 0; fd < 64; ++fd) {
+            const int opened = ::open((fds + "/" + std::to_string(fd)).c_str(), O_RDWR);
+            if (opened >= 0)
+                ::_exit(2);
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(other, &status, 0);
+    ::kill(connection->pid(), SIGKILL);
+    ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 99);
+}
+
+TEST(HelperChannelTest, AnotherProcessOfTheSameUserCannotReachTheChannel) {
+    EXPECT_EQ(reachChannelAs(65534), 0);
+}
+
 TEST(HelperConnectionFailureTest, AHelperThatDiesOrBabblesIsOneConnectionError) {
     for (const auto* script : {"head -c 20 >/dev/null; exit 3",
                                "printf '\\000\\000\\000\\005hello'; sleep 5", "kill -9 $$"}) {
         std::atomic<int> errors = 0;
         std::string message;
-        auto connection =
-            HelperConnection::launch("/bin/sh", {"-c", script}, {{}, [&](const std::string& error) {
-                                                                     message = error;
-                                                                     ++errors;
-                                                                 }});
+        auto connection = HelperConnection::launch(
+            "/bin/sh", {"-c", script}, {{}, [&](const std::string& error, std::optional<int>) {
+                                            message = error;
+                                            ++errors;
+                                        }});
         ASSERT_TRUE(connection);
         EXPECT_EQ(connection->callAndWait("test:", {}), std::nullopt) << script;
         EXPECT_EQ(connection->callAndWait("test2:", {}), std::nullopt) << script;

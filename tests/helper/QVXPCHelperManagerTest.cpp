@@ -153,6 +153,21 @@ TEST_F(QVXPCHelperManagerTest, RefusedAuthorisationIsNotAnInstallFailure) {
     }
 }
 
+TEST_F(QVXPCHelperManagerTest, APasswordPromptRefusedAtConnectionIsAnAuthenticationFailure) {
+    for (const auto* status : {"126", "127"}) {
+        TemporaryFolder place;
+        auto refusing = settings(false, launcher(std::string("[ \"$2\" = --serve ] && exit ") +
+                                                 status + "; exec \"$@\""));
+        refusing.root = place.path().string();
+        Outcomes seen;
+        QVXPCHelperManager manager(refusing, helper);
+        manager.start("prompt");
+        EXPECT_EQ(seen.first(), kHelperFailedToAuthenticate.name) << status;
+        EXPECT_TRUE(helper.installed(place.path().string()));
+        EXPECT_EQ(std::ranges::count(seen.all(), kHelperFailedToConnect.name), 0);
+    }
+}
+
 TEST_F(QVXPCHelperManagerTest, LauncherPathInstallsAndStartsTheHelper) {
     QVXPCHelperManager manager(settings(false, launcher("exec \"$@\"")), helper);
     manager.start("prompt");

@@ -3,11 +3,11 @@
 #include "helper/HelperInstallation.h"
 #include "helper/HelperServer.h"
 #include "support/Bundle.h"
-#include "support/Files.h"
 #include "support/Log.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -19,43 +19,71 @@ quelm::PlistValue::Dict helperInfo() {
     return *info->dict();
 }
 
-/// Installs this very executable as the helper, with its launch policy.
-int installSelf(const quelm::QVXPCHelper& helper, const std::string& policyTemplatePath,
-                const std::string& root) {
-    const auto policyTemplate = quelm::readFileBytes(policyTemplatePath, 1u << 20);
-    const auto self = quelm::executableFolder() / "quelm-helper";
-    if (!policyTemplate ||
-        !quelm::installHelperFiles(helper, self.string(), *policyTemplate, root)) {
-        quelm::logLine("quelm-helper: cannot install the helper under " + root);
-        return 1;
-    }
-    return 0;
+/// The root folder under which this executable is the installed helper, or nothing for the
+/// copy shipped with the application.
+std::optional<std::string> installedUnder(const quelm::QVXPCHelper& helper) {
+    const std::string self = quelm::executablePath().string();
+    const std::string installed = helper.toolPath("/");
+    if (!self.ends_with(installed))
+        return std::nullopt;
+    const std::string root = self.substr(0, self.size() - installed.size());
+    return root.empty() ? "/" : root;
 }
 
-} // namespace
+int serve(const quelm::PlistValue::Dict& info, const quelm::QVXPCVESKHelper::Settings& settings) {
+    if (!quelm::peerIsAllowed(STDIN_FILENO))
+        return 1;
+    // A closed channel must end the helper through the reader, not through a signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    quelm::QVXPCVESKHelper helper(info, settings);
+    return quelm::serveHelper(helper, STDIN_FILENO, STDOUT_FILENO);
+}
 
-int main(int argc, char** argv) {
-    CLI::App app{"Quelm's privileged helper: installs kexts, repairs permissions and rebuilds "
-                 "caches for the Quelm application, which starts it. Not meant to be run by hand.",
+/// The installed helper serves, and does nothing else: no option of it names a file.
+int runInstalled(int argc, char** argv, const quelm::PlistValue::Dict& info,
+                 const std::string& root) {
+    CLI::App app{"Quelm's installed privileged helper: serves the Quelm application, which "
+                 "starts it. Not meant to be run by hand.",
                  "quelm-helper"};
-    bool serve = false;
-    std::string install;
+    bool serving = false;
+    app.add_flag("--serve", serving, "Serve the channel on stdin and stdout")->required();
+    CLI11_PARSE(app, argc, argv);
+    return serve(info, {.root = root});
+}
+
+/// The copy shipped with the application installs itself, or serves for tests and the demo.
+int runShipped(int argc, char** argv, const quelm::PlistValue::Dict& info) {
+    CLI::App app{"Quelm's privileged helper as shipped: installs itself for the Quelm "
+                 "application. Not meant to be run by hand.",
+                 "quelm-helper"};
+    bool serving = false;
+    std::string policyTemplate;
     quelm::QVXPCVESKHelper::Settings settings;
     auto* mode = app.add_option_group("mode");
-    mode->add_flag("--serve", serve, "Serve the channel on stdin and stdout");
-    mode->add_option("--install", install,
+    mode->add_flag("--serve", serving, "Serve the channel on stdin and stdout");
+    mode->add_option("--install", policyTemplate,
                      "Install this executable as the helper, with the launch policy made from "
                      "the given template file");
     mode->require_option(1);
     app.add_option("--root", settings.root, "Root folder of the installation (tests)");
     app.add_option("--efivars", settings.efivarsFolder, "Folder of the firmware variables");
     CLI11_PARSE(app, argc, argv);
+    if (serving)
+        return serve(info, settings);
+    if (quelm::installHelperFiles(quelm::QVXPCHelper(info), quelm::executablePath().string(),
+                                  policyTemplate, settings.root, quelm::callerUid()))
+        return 0;
+    quelm::logLine("quelm-helper: cannot install the helper under " + settings.root);
+    return 1;
+}
 
+} // namespace
+
+int main(int argc, char** argv) {
+    // Whatever the caller's umask, nothing the helper makes may be writable by others.
+    ::umask(022);
     const auto info = helperInfo();
-    if (!install.empty())
-        return installSelf(quelm::QVXPCHelper(info), install, settings.root);
-    // A closed channel must end the helper through the reader, not through a signal.
-    std::signal(SIGPIPE, SIG_IGN);
-    quelm::QVXPCVESKHelper helper(info, settings);
-    return quelm::serveHelper(helper, STDIN_FILENO, STDOUT_FILENO);
+    if (const auto root = installedUnder(quelm::QVXPCHelper(info)))
+        return runInstalled(argc, argv, info, *root);
+    return runShipped(argc, argv, info);
 }
