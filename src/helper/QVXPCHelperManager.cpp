@@ -67,12 +67,18 @@ void QVXPCHelperManager::start(std::optional<std::string> prompt) {
     prompt_ = std::move(prompt);
     if (!helper_)
         fatalError("QVXPCHelperManager::start() FatalError: no helper to start.");
-    if (helper_->installed(settings_.root)) {
+    if (runsFromPackage() || helper_->installed(settings_.root)) {
         connect();
         checkHelperVersion();
     } else {
         blessAndConnect(kHelperFailedToInstall);
     }
+}
+
+bool QVXPCHelperManager::runsFromPackage() const {
+    std::error_code error;
+    return settings_.shippedHelper == settings_.packagedHelper &&
+           std::filesystem::exists(helper_->launchPolicyPath(settings_.root), error);
 }
 
 void QVXPCHelperManager::blessAndConnect(const NotificationName<NoObject>& failed) {
@@ -107,7 +113,8 @@ std::expected<bool, QVXPCHelperManagerPreAuthenticationError> QVXPCHelperManager
 
 void QVXPCHelperManager::connect() {
     invalidate();
-    const std::string tool = helper_->toolPath(settings_.root);
+    const std::string tool =
+        runsFromPackage() ? settings_.packagedHelper : helper_->toolPath(settings_.root);
     // The installed helper knows its root from where it lies, and takes no other option.
     const std::vector<std::string> serve{"--serve"};
     HelperConnection::Handlers handlers{
@@ -206,8 +213,15 @@ void QVXPCHelperManager::helperManagerHelperVersionMatches(const std::string&) {
     post(kHelperDidConnect);
 }
 
-void QVXPCHelperManager::helperManagerHelperVersionDiffers(const std::string&, const std::string&) {
-    removeHelper();
+void QVXPCHelperManager::helperManagerHelperVersionDiffers(const std::string& running,
+                                                           const std::string& expected) {
+    // The package's files are the package manager's to replace, not ours.
+    if (runsFromPackage())
+        delegate_->helperManagerConnectionFailed(
+            "the installed helper " + settings_.packagedHelper + " is version " + running +
+            " but Quelm expects " + expected + ": the quelm package is broken; reinstall it.");
+    else
+        removeHelper();
 }
 
 void QVXPCHelperManager::helperManagerConnectionTestPassed() {

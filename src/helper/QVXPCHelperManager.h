@@ -70,6 +70,9 @@ public:
         std::string shippedHelper;
         /// The launch policy template shipped with the application.
         std::string policyTemplate;
+        /// Where an installed package keeps the helper. When the shipped helper is that one
+        /// and the package's launch policy is in place, nothing is installed at run time.
+        std::string packagedHelper = QUELM_PACKAGED_HELPER_PATH;
     };
 
     /// The manager of the running application, with the helper named by its Info.plist.
@@ -84,11 +87,16 @@ public:
     const std::optional<QVXPCHelper>& helper() const { return helper_; }
     void setDelegate(QVXPCHelperManagerDelegate* delegate) { delegate_ = delegate; }
 
-    /// Installed: connect and check the version. Otherwise install, connect and test.
+    /// From an installed package: connect to the package's helper and check its version.
+    /// Installed at run time: connect and check the version. Otherwise install, connect and
+    /// test.
     void start(std::optional<std::string> prompt);
+    /// Whether the helper is the installed package's own, with the package's launch policy.
+    bool runsFromPackage() const;
     /// Nothing as root; otherwise an authorised run of the launcher installs the helper.
     /// True when installed, false when installing failed, or why authorisation failed.
     [[nodiscard]] std::expected<bool, QVXPCHelperManagerPreAuthenticationError> blessHelper();
+    /// Starts the helper installed at run time, or the package's.
     void connect();
     void testConnection();
     void checkHelperVersion();

@@ -168,6 +168,25 @@ TEST_F(QVXPCHelperManagerTest, APasswordPromptRefusedAtConnectionIsAnAuthenticat
     }
 }
 
+TEST_F(QVXPCHelperManagerTest, APackagedHelperIsUsedAsItIsAndNeverReinstalled) {
+    // As an installed package has it: the shipped helper is the package's, beside its policy.
+    auto packaged = settings(false, launcher("exec \"$@\""));
+    packaged.packagedHelper = packaged.shippedHelper;
+    test::writeText(helper.launchPolicyPath(root.path().string()), "<policy/>");
+    QVXPCHelperManager manager(packaged, helper);
+    EXPECT_TRUE(manager.runsFromPackage());
+    manager.start("prompt");
+    EXPECT_EQ(outcomes.first(), kHelperDidConnect.name);
+    EXPECT_FALSE(fs::exists(helper.toolPath(root.path().string()))) << "nothing installed";
+
+    Outcomes seen;
+    QVXPCHelperManager older(packaged, QVXPCHelper(helper.bundleIdentifier(), "0.0.0"));
+    older.start("prompt");
+    EXPECT_EQ(seen.first(), kHelperFailedToConnect.name) << "a broken package is reported";
+    EXPECT_EQ(test::readText(helper.launchPolicyPath(root.path().string())), "<policy/>");
+    EXPECT_FALSE(fs::exists(helper.toolPath(root.path().string())));
+}
+
 TEST_F(QVXPCHelperManagerTest, LauncherPathInstallsAndStartsTheHelper) {
     QVXPCHelperManager manager(settings(false, launcher("exec \"$@\"")), helper);
     manager.start("prompt");

@@ -19,10 +19,12 @@ quelm::PlistValue::Dict helperInfo() {
     return *info->dict();
 }
 
-/// The root folder under which this executable is the installed helper, or nothing for the
-/// copy shipped with the application.
+/// The root folder under which this executable is the installed helper (by a package, or at
+/// run time), or nothing for the copy shipped with the application in a build tree.
 std::optional<std::string> installedUnder(const quelm::QVXPCHelper& helper) {
     const std::string self = quelm::executablePath().string();
+    if (self == QUELM_PACKAGED_HELPER_PATH)
+        return "/";
     const std::string installed = helper.toolPath("/");
     if (!self.ends_with(installed))
         return std::nullopt;
