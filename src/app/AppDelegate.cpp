@@ -151,7 +151,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     }
     center.post(kPresentViewController, true);
     //% "Quelm needs your permission to install its helper, which installs kexts and repairs
-    // permissions."
+    //permissions."
     QVXPCHelperManager::shared().start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
 }
 

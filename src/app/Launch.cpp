@@ -3,6 +3,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/QVMainAbstractMaintenanceViewController.h"
+#include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
 #include "support/Log.h"
@@ -15,10 +16,14 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QDialog>
 #include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QMenuBar>
+#include <QMessageBox>
+#include <QTextBrowser>
+#include <QVBoxLayout>
 #include <unistd.h>
 
 // The images are compiled into the static GUI library, which must register them itself.
@@ -59,31 +64,65 @@ QString instanceName() {
     return QString::fromLatin1(kIdentifierPrefix) + ".veskp.quelm." + QString::number(::getuid());
 }
 
-/// Hands the paths to a Quelm already running; true when one took them.
-bool handToRunningInstance(const QStringList& files) {
+/// Hands the paths, made absolute here where they were typed, and the volume named, to a Quelm
+/// already running; true when one took them.
+bool handToRunningInstance(const QStringList& files, const QString& volume) {
     QLocalSocket socket;
     socket.connectToServer(instanceName());
     if (!socket.waitForConnected(500))
         return false;
-    socket.write((files.join('\n') + '\n').toUtf8());
+    QString message;
+    if (!volume.isEmpty())
+        message +=
+            "volume=" + QString::fromStdString(absoluteNormalPath(volume.toStdString())) + '\n';
+    for (const auto& file : files)
+        message += QString::fromStdString(absoluteNormalPath(file.toStdString())) + '\n';
+    socket.write(message.toUtf8());
     socket.waitForBytesWritten(2000);
     socket.disconnectFromServer();
     return true;
 }
 
+/// One later start's paths: they join the intake, or make a job of their own when a job runs
+/// or they name another volume.
+void takeLaterStart(const QStringList& lines, AppDelegate& delegate,
+                    QVMainQuelmWindowController& window) {
+    std::optional<std::string> volume;
+    QStringList files;
+    for (const auto& line : lines) {
+        if (line.startsWith("volume="))
+            volume = line.mid(7).toStdString();
+        else
+            files << line;
+    }
+    if (files.isEmpty()) {
+        delegate.applicationShouldHandleReopen();
+        return;
+    }
+    auto* screen = window.installationScreen();
+    const auto& selected = QVOSVolumeManager::shared().selectedOSVolume();
+    const bool otherVolume = volume && (!selected || selected->mountPoint() != *volume);
+    if (screen && (screen->jobUnderWay() || otherVolume)) {
+        std::vector<std::string> paths;
+        for (const auto& file : files)
+            paths.push_back(file.toStdString());
+        screen->enqueueJob(std::move(paths), volume);
+        return;
+    }
+    delegate.openFiles(files);
+}
+
 /// Later starts of quelm deliver their paths here, one batch per start; a start without
 /// paths brings the window back.
-void listenForLaterStarts(QLocalServer& server, AppDelegate& delegate) {
+void listenForLaterStarts(QLocalServer& server, AppDelegate& delegate,
+                          QVMainQuelmWindowController& window) {
     QLocalServer::removeServer(instanceName());
     server.listen(instanceName());
-    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate] {
+    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate, &window] {
         QLocalSocket* socket = server.nextPendingConnection();
-        QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate] {
-            const auto lines = QString::fromUtf8(socket->readAll()).split('\n', Qt::SkipEmptyParts);
-            if (lines.isEmpty())
-                delegate.applicationShouldHandleReopen();
-            else
-                delegate.openFiles(lines);
+        QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate, &window] {
+            takeLaterStart(QString::fromUtf8(socket->readAll()).split('\n', Qt::SkipEmptyParts),
+                           delegate, window);
             socket->deleteLater();
         });
     });
@@ -124,6 +163,30 @@ int showResults(const QString& file) {
     return QApplication::exec();
 }
 
+void showAbout(QWidget& window) {
+    //% "About Quelm"
+    QMessageBox::about(&window, qtTrId("kQVAppMainAboutVESKP"),
+                       "<b>Quelm " + QApplication::applicationVersion() + "</b><p>" +
+                           qtTrId("kQVAppDescription") + "</p>");
+}
+
+/// The README, which says what Quelm does and how to use it, in a window of its own.
+void showHelp(QWidget& window) {
+    QFile readme(":/quelm/README.md");
+    auto* dialog = new QDialog(&window);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    //% "Quelm Help"
+    dialog->setWindowTitle(qtTrId("kQVAppMainVESKPHelp"));
+    auto* text = new QTextBrowser(dialog);
+    text->setOpenExternalLinks(true);
+    if (readme.open(QIODevice::ReadOnly))
+        text->setMarkdown(QString::fromUtf8(readme.readAll()));
+    auto* layout = new QVBoxLayout(dialog);
+    layout->addWidget(text);
+    dialog->resize(720, 560);
+    dialog->show();
+}
+
 void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
     const auto item = [](QMenu* parent, int tag) {
         auto* action = parent->addAction(QString());
@@ -131,17 +194,13 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
         return action;
     };
     auto* app = menu.addMenu("Quelm");
-    item(app, 0);
+    QObject::connect(item(app, 0), &QAction::triggered, &window, [&window] { showAbout(window); });
     item(app, 1)->setEnabled(false);
     item(app, 2)->setEnabled(false);
     QObject::connect(item(app, 3), &QAction::triggered, &window, &QWidget::hide);
     item(app, 4)->setEnabled(false);
     item(app, 5)->setEnabled(false);
     QObject::connect(item(app, 6), &QAction::triggered, &application, &QApplication::quit);
-    auto* view = menu.addMenu(QString());
-    view->menuAction()->setProperty("tag", 7);
-    item(view, 8)->setEnabled(false);
-    item(view, 9)->setEnabled(false);
     auto* windows = menu.addMenu(QString());
     windows->menuAction()->setProperty("tag", 10);
     QObject::connect(item(windows, 11), &QAction::triggered, &window, &QWidget::showMinimized);
@@ -149,7 +208,7 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
     QObject::connect(item(windows, 13), &QAction::triggered, &window, &QWidget::raise);
     auto* help = menu.addMenu(QString());
     help->menuAction()->setProperty("tag", 14);
-    item(help, 15)->setEnabled(false);
+    QObject::connect(item(help, 15), &QAction::triggered, &window, [&window] { showHelp(window); });
 }
 
 } // namespace
@@ -165,7 +224,7 @@ int runQuelm(int argc, char** argv) {
     const Arguments arguments = parseArguments(application);
     if (!arguments.results.isEmpty())
         return showResults(arguments.results);
-    if (handToRunningInstance(arguments.files))
+    if (handToRunningInstance(arguments.files, arguments.volume))
         return 0;
     if (!arguments.helperRoot.isEmpty())
         QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
@@ -181,7 +240,7 @@ int runQuelm(int argc, char** argv) {
     if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
         return 1;
     QLocalServer server;
-    listenForLaterStarts(server, delegate);
+    listenForLaterStarts(server, delegate, window);
     QApplication::setQuitOnLastWindowClosed(false);
     QObject::connect(&window, &QVMainQuelmWindowController::filesDropped, &delegate,
                      &AppDelegate::openFiles);

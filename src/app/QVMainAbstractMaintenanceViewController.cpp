@@ -71,8 +71,8 @@ void QVMainAbstractMaintenanceViewController::renderLocalizedOutlets() {
     if (mainTitle)
         //% "Select the target system volume"
         mainTitle->setText(qtTrId("kQVMainAbstractMaintenanceVCSelectTargetSystemVolume"));
-    if (const auto& volume = QVOSVolumeManager::shared().selectedOSVolume(); volume && pathField)
-        pathField->setText(QString::fromStdString(volume->mountPoint()));
+    if (const auto& volume = QVOSVolumeManager::shared().selectedOSVolume())
+        showPath(QString::fromStdString(volume->mountPoint()));
     //% "Ready"
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));
     if (executeButton)
@@ -93,21 +93,26 @@ void QVMainAbstractMaintenanceViewController::updateStatusWithLocalizedString(co
 }
 
 bool QVMainAbstractMaintenanceViewController::selectVolume() {
-    if (circularIndicator)
-        startBusyIndicator(*circularIndicator);
-    //% "Select"
-    const QString folder =
-        QFileDialog::getExistingDirectory(this, qtTrId("kQVMainAbstractVCSelect"), volumesFolder());
-    if (folder.isEmpty()) {
+    // A refused folder asks again; only a cancel ends the choice.
+    for (;;) {
         if (circularIndicator)
-            stopBusyIndicator(*circularIndicator);
-        return false;
+            startBusyIndicator(*circularIndicator);
+        //% "Select"
+        const QString folder = QFileDialog::getExistingDirectory(
+            this, qtTrId("kQVMainAbstractVCSelect"), volumesFolder());
+        if (folder.isEmpty()) {
+            if (circularIndicator)
+                stopBusyIndicator(*circularIndicator);
+            return false;
+        }
+        if (acceptVolume(folder))
+            return true;
     }
-    return acceptVolume(folder);
 }
 
 bool QVMainAbstractMaintenanceViewController::acceptVolume(const QString& folder) {
-    // The chosen folder travels as a folder URL and comes back whole, "é" and "#" included.
+    // The chosen folder travels as a folder URL and comes back whole, "é" and "#" included,
+    // absolute and without "." or "..".
     std::string path = FileURL::fromPath(folder.toStdString(), true).path();
     if (path.size() > 1)
         path.pop_back();
@@ -135,19 +140,35 @@ bool QVMainAbstractMaintenanceViewController::acceptVolume(const QString& folder
 }
 
 void QVMainAbstractMaintenanceViewController::showVolume(const QVOSVolume& volume) {
-    if (pathField)
-        pathField->setText(QString::fromStdString(volume.mountPoint()));
+    showPath(QString::fromStdString(volume.mountPoint()));
     if (volumeInfoField)
         volumeInfoField->setText(volumeInfoText(volume));
+}
+
+void QVMainAbstractMaintenanceViewController::showPath(const QString& path) {
+    if (!pathField)
+        return;
+    // A long mount point is elided in the middle, never widening the window; the whole path
+    // is in the tooltip.
+    pathField->setSizePolicy(QSizePolicy::Ignored, pathField->sizePolicy().verticalPolicy());
+    pathField->setToolTip(path);
+    pathField->setText(pathField->fontMetrics().elidedText(path, Qt::ElideMiddle,
+                                                           std::max(pathField->width(), 320)));
+}
+
+void QVMainAbstractMaintenanceViewController::setControlsEnabled(bool enabled) {
+    for (QWidget* control : {static_cast<QWidget*>(imageButton), static_cast<QWidget*>(resetButton),
+                             static_cast<QWidget*>(executeButton)})
+        if (control)
+            control->setEnabled(enabled);
 }
 
 void QVMainAbstractMaintenanceViewController::reset() {
     auto& manager = QVOSVolumeManager::shared();
     manager.resetSelectedOSVolume();
-    if (pathField)
-        pathField->setText(manager.selectedOSVolume()
-                               ? QString::fromStdString(manager.selectedOSVolume()->mountPoint())
-                               : QString());
+    showPath(manager.selectedOSVolume()
+                 ? QString::fromStdString(manager.selectedOSVolume()->mountPoint())
+                 : QString());
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));

@@ -77,8 +77,12 @@ protected:
     /// the one sentence that says why not, on the main thread.
     void callCheckWritableTargetVolume(std::function<void(const std::string&)> handler);
 
+    /// While a job runs, the controls that would change its target or its state are off.
+    void setControlsEnabled(bool enabled);
+
 private:
     void showVolume(const QVOSVolume& volume);
+    void showPath(const QString& path);
     /// Runs on the main thread once the reply arrives.
     void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
                      std::function<void(const RemoteValue&)> handler);

@@ -19,12 +19,6 @@ void QVMainAbstractViewController::viewDidLoad() {
         stopBusyIndicator(*circularIndicator);
 }
 
-void QVMainAbstractViewController::hideEvent(QHideEvent* event) {
-    QWidget::hideEvent(event);
-    if (!window()->isVisible())
-        viewDidDisappear();
-}
-
 void QVMainAbstractViewController::viewDidDisappear() {
     for (const auto token : observers_)
         NotificationCenter::defaultCenter().removeObserver(token);

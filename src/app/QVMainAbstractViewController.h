@@ -27,14 +27,12 @@ protected:
     QProgressBar* circularIndicator = nullptr;
 
     virtual void viewDidLoad();
-    /// Observes a notification for as long as the screen is shown; the handler runs on the
-    /// main thread whatever thread posts.
+    /// Observes a notification for as long as the screen lives, shown or hidden, so that a job
+    /// goes on behind a closed window; the handler runs on the main thread whatever thread
+    /// posts.
     template <class Payload>
     void observe(const NotificationName<Payload>& name,
                  std::function<void(const Payload&)> handler);
-
-    /// Closing the window ends the screen's observations.
-    void hideEvent(QHideEvent* event) override;
 
 private:
     void viewDidDisappear();

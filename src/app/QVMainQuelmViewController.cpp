@@ -4,8 +4,10 @@
 #include "app/QVUserNotification.h"
 #include "helper/QVXPCHelperManager.h"
 #include "kexts/QVKernelExtensionsManager.h"
+#include "support/FileURL.h"
 #include "support/Files.h"
 #include "support/Log.h"
+#include "support/PathValidation.h"
 #include "support/Paths.h"
 #include "support/Strings.h"
 #include "ui/QVViewExtensions.h"
@@ -17,7 +19,9 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <algorithm>
 #include <chrono>
+#include <unistd.h>
 
 namespace quelm {
 namespace {
@@ -51,8 +55,14 @@ void QVMainQuelmViewController::viewDidLoad() {
     observe<std::vector<std::string>>(kDidCollectAllFiles,
                                       [this](const auto& files) { runWithANotification(files); });
     startBusyIndicator(*circularIndicator);
-    //% "Preparing..."
-    updateStatusWithLocalizedString(qtTrId("kQVMainQLMVCPreparing"));
+    // Without root the helper starts after a password prompt: say here why it comes.
+    if (::geteuid() != 0)
+        //% "Quelm needs your permission to install its helper, which installs kexts and repairs
+        //permissions."
+        updateStatusWithLocalizedString(qtTrId("kQVQLMainRequestAuthorization"));
+    else
+        //% "Preparing..."
+        updateStatusWithLocalizedString(qtTrId("kQVMainQLMVCPreparing"));
     const auto policy = userDefaultString(kDefaultKextInstallationFolderKey);
     if (const auto folder = kernelExtensionFolderFromRawValue(policy.value_or("")))
         QVKernelExtensionsManager::shared().setInstallationFolder(*folder);
@@ -80,16 +90,44 @@ void QVMainQuelmViewController::applyAppearanceMode(const std::string& mode) {
 }
 
 void QVMainQuelmViewController::runWithANotification(const std::vector<std::string>& files) {
-    // One job per run: paths that arrive later are not installed.
-    if (filesReceived_)
+    // The intake hands on every path collected so far: those already taken make no new job.
+    std::vector<std::string> fresh;
+    for (const auto& file : files)
+        if (std::ranges::find(seen_, file) == seen_.end())
+            fresh.push_back(file);
+    seen_.insert(seen_.end(), fresh.begin(), fresh.end());
+    if (fresh.empty())
         return;
+    if (filesReceived_) {
+        enqueueJob(fresh, std::nullopt);
+        return;
+    }
     filesReceived_ = true;
+    beginJob(fresh);
+}
+
+void QVMainQuelmViewController::enqueueJob(std::vector<std::string> files,
+                                           std::optional<std::string> volume) {
+    logLine("QVMainQuelmVC::Info: " + std::to_string(files.size()) +
+            " more paths arrived; they are installed in a job of their own after this one.");
+    pending_.push_back({std::move(files), std::move(volume)});
+    if (!filesReceived_) {
+        filesReceived_ = true;
+        startNextJob();
+    }
+}
+
+bool QVMainQuelmViewController::jobUnderWay() const {
+    return filesReceived_;
+}
+
+void QVMainQuelmViewController::beginJob(const std::vector<std::string>& files) {
     files_ = files;
     // Where no macOS runs the host and no volume was named, the user picks one now; without
     // one the job ends with nothing changed.
     if (!QVOSVolumeManager::shared().selectedOSVolume() && !selectVolume()) {
         logLine("QVMainQuelmVC::Info: no target volume was chosen; nothing was changed.");
-        emit jobFinished();
+        finishJob();
         return;
     }
     auto& kexts = QVKernelExtensionsManager::shared();
@@ -101,10 +139,15 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         return;
     }
     kexts.addKernelExtensions(files_);
+    for (const auto& file : files_)
+        if (FileURL::fromPath(file, false).pathExtension() != "kext")
+            //% "not a kext"
+            skip(std::filesystem::path(file).filename().string(), qtTrId("kQVMainQuelmVCNotAKext"));
     if (kexts.installationFolder() == QVKernelExtensionFolder::UseSmartTable) {
         const QVSmartTableManager paths(applicationSupportFolder(), Bundle::main());
         smartTable_.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
     }
+    setControlsEnabled(false);
     refreshProxy();
     if (proxy()) {
         startJob();
@@ -116,6 +159,47 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         if (!jobStarted_)
             startJob();
     });
+}
+
+void QVMainQuelmViewController::finishJob() {
+    // The list belongs to one job: the next one, or the next run, starts from none.
+    QVKernelExtensionsManager::shared().kextsTBI().clear();
+    if (pending_.empty()) {
+        emit jobFinished();
+        return;
+    }
+    startNextJob();
+}
+
+void QVMainQuelmViewController::startNextJob() {
+    auto batch = std::move(pending_.front());
+    pending_.pop_front();
+    index_ = 0;
+    sent_ = 0;
+    failed_.clear();
+    skipped_.clear();
+    jobStarted_ = false;
+    if (batch.volume) {
+        const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(*batch.volume));
+        if (!volume || !volume->majorVersion()) {
+            logLine("QVMainQuelmVC::Error: " + *batch.volume +
+                    " is not a macOS volume; these kexts were not installed.");
+            for (const auto& file : batch.files)
+                //% "its volume is not a macOS volume"
+                skip(std::filesystem::path(file).filename().string(),
+                     qtTrId("kQVMainQuelmVCNotAVolume"));
+            deliverFinalNotification();
+            finishJob();
+            return;
+        }
+        QVOSVolumeManager::shared().setSelectedOSVolume(*volume);
+    }
+    beginJob(batch.files);
+}
+
+void QVMainQuelmViewController::skip(const std::string& name, const QString& reason) {
+    logLine("QVMainQuelmVC::Info: skipped " + name + ": " + reason.toStdString());
+    skipped_ << QString::fromStdString(name) + " (" + reason + ")";
 }
 
 void QVMainQuelmViewController::startJob() {
@@ -133,7 +217,7 @@ void QVMainQuelmViewController::refuseJob(const std::string& reason) {
     stopBusyIndicator(*circularIndicator);
     //% "The target volume cannot be changed"
     showAlert(this, qtTrId("kQVMainQuelmVCVolumeCannotBeChanged"), QString::fromStdString(reason));
-    emit jobFinished();
+    finishJob();
 }
 
 void QVMainQuelmViewController::installKexts() {
@@ -181,7 +265,12 @@ void QVMainQuelmViewController::didInstallKexts(const std::vector<QVKernelExtens
         ++sent_;
         callInstallKexts({kext}, *folder);
     } else {
-        logLine("QVMainQuelmVC::Info: skipped " + kext.name());
+        //% "no folder was chosen"
+        const QString cancelled = qtTrId("kQVMainQuelmVCNoFolderChosen");
+        //% "not in the smart table"
+        const QString unlisted = qtTrId("kQVMainQuelmVCNotInSmartTable");
+        const bool asked = manager.installationFolder() == QVKernelExtensionFolder::AskMeEveryTime;
+        skip(kext.name(), asked ? cancelled : unlisted);
         didInstallKexts({});
     }
 }
@@ -205,14 +294,15 @@ QVMainQuelmViewController::folderForKext(const QVKernelExtension& kext) {
 
 std::optional<QVKernelExtensionFolder>
 QVMainQuelmViewController::askFolder(const QVKernelExtension& kext) {
-    QMessageBox box(QMessageBox::Information,
+    // The question names the kext in the text itself: a window title may not be shown at all.
+    QMessageBox box(QMessageBox::Information, "Quelm",
                     //% "Select the installation folder for "
                     qtTrId("kQVMainQuelmVCSelectInstallationFolderForKext") +
                         QString::fromStdString(kext.name()),
-                    //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must
-                    // load from /System/Library/Extensions/."
-                    qtTrId("kQVMainQuelmVCSelectInstallationFolderForKextDescription"),
                     QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, this);
+    //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must load from
+    ///System/Library/Extensions/."
+    box.setInformativeText(qtTrId("kQVMainQuelmVCSelectInstallationFolderForKextDescription"));
     box.button(QMessageBox::Yes)->setText("/Library/Extensions/");
     box.button(QMessageBox::No)->setText("/System/Library/Extensions/");
     //% "Cancel"
@@ -262,7 +352,7 @@ void QVMainQuelmViewController::willRebuildCaches() {
 void QVMainQuelmViewController::didRebuildCaches() {
     stopBusyIndicator(*circularIndicator);
     deliverFinalNotification();
-    emit jobFinished();
+    finishJob();
 }
 
 void QVMainQuelmViewController::deliverFinalNotification() {
@@ -272,16 +362,24 @@ void QVMainQuelmViewController::deliverFinalNotification() {
     const auto installed = static_cast<qsizetype>(sent_) - failedNames.size();
     //% "Failed: "
     const QString failedLabel = qtTrId("kQVMainQuelmVCFailed");
-    //% "The selected kexts have been installed."
-    QString informative = qtTrId("kQVMainQuelmVCSelectedKextsHaveBeenInstalled");
+    QStringList lines;
     if (!failedNames.isEmpty())
-        informative = failedLabel + failedNames.join(", ");
+        lines << failedLabel + failedNames.join(", ");
+    if (!skipped_.isEmpty())
+        //% "Skipped: "
+        lines << qtTrId("kQVMainQuelmVCSkipped") + skipped_.join(", ");
+    if (lines.isEmpty() && installed > 0)
+        //% "The selected kexts have been installed."
+        lines << qtTrId("kQVMainQuelmVCSelectedKextsHaveBeenInstalled");
+    if (lines.isEmpty())
+        //% "No kext was installed."
+        lines << qtTrId("kQVMainQuelmVCNoKextInstalled");
     //% "Finished"
     const QString title = "Quelm - " + qtTrId("kQVMainQuelmVCFinished");
     //% "Installed: "
     const QString subtitle = qtTrId("kQVMainQuelmVCInstalled") + QString::number(installed) + " " +
                              failedLabel + QString::number(failedNames.size());
-    deliverUserNotification({title, subtitle, informative});
+    deliverUserNotification({title, subtitle, lines.join("\n")});
 }
 
 } // namespace quelm

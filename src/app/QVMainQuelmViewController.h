@@ -5,6 +5,8 @@
 #include "kexts/QVSmartTableManager.h"
 
 #include <QString>
+#include <QStringList>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -26,8 +28,14 @@ public:
     explicit QVMainQuelmViewController(QWidget* parent = nullptr);
     ~QVMainQuelmViewController() override;
 
-    /// Starts the job with the paths the application collected.
+    /// Starts the job with the paths the application collected; paths not seen before that
+    /// arrive once a job runs make a job of their own after it.
     void runWithANotification(const std::vector<std::string>& files);
+    /// Paths handed over while a job runs, or for another volume (none: the current one):
+    /// installed in a job of their own once the jobs before it end.
+    void enqueueJob(std::vector<std::string> files, std::optional<std::string> volume);
+    /// Whether a job has been given its paths (it may still wait for the helper).
+    bool jobUnderWay() const;
     /// Applies "LightMode" or "DarkMode": window background, indicator and status colours.
     void applyAppearanceMode(const std::string& mode);
 
@@ -49,6 +57,12 @@ private:
 
     void viewDidLoad() override;
     void showEvent(QShowEvent* event) override;
+    void beginJob(const std::vector<std::string>& files);
+    /// The job is over: the next one queued starts, or the application may quit.
+    void finishJob();
+    void startNextJob();
+    /// Records a path that the job does not install, with the reason, for the notification.
+    void skip(const std::string& name, const QString& reason);
     /// Asks the helper first whether root can write to the volume: a refusal ends the job
     /// before anything changes.
     void startJob();
@@ -71,6 +85,13 @@ private:
     bool jobStarted_ = false;
     std::size_t sent_ = 0;
     std::vector<QVKernelExtension> failed_;
+    QStringList skipped_;
+    std::vector<std::string> seen_;
+    struct Batch {
+        std::vector<std::string> files;
+        std::optional<std::string> volume;
+    };
+    std::deque<Batch> pending_;
 };
 
 } // namespace quelm

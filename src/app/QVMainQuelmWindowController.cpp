@@ -2,6 +2,7 @@
 #include "app/QVMainQuelmWindowController.h"
 
 #include "app/QVMainQuelmViewController.h"
+#include "support/Log.h"
 #include "ui/QVMainQuelmPreferenceViewController.h"
 
 #include <QCloseEvent>
@@ -58,6 +59,10 @@ void QVMainQuelmWindowController::switchViewController(bool installation) {
     activateWindow();
 }
 
+QVMainQuelmViewController* QVMainQuelmWindowController::installationScreen() const {
+    return qobject_cast<QVMainQuelmViewController*>(centralWidget());
+}
+
 QString QVMainQuelmWindowController::contentViewControllerIdentifier() const {
     if (qobject_cast<QVMainQuelmViewController*>(centralWidget()))
         return "QVSBIDMainQuelm";
@@ -66,6 +71,8 @@ QString QVMainQuelmWindowController::contentViewControllerIdentifier() const {
 
 void QVMainQuelmWindowController::closeEvent(QCloseEvent* event) {
     QMainWindow::closeEvent(event);
+    if (installationScreen())
+        logLine("Quelm: the window is closed; the job goes on. Run quelm again to show it.");
     emit windowClosed();
 }
 

@@ -9,6 +9,8 @@
 
 namespace quelm {
 
+class QVMainQuelmViewController;
+
 /// true shows the installation screen, false the preferences.
 inline const auto kPresentViewController = notificationName<bool>(".veskp.quelm.presentvc");
 
@@ -22,6 +24,8 @@ public:
     /// per run; later choices only show the window.
     void switchViewController(bool installation);
     /// The object name of the screen shown: "QVSBIDMainQuelm" or "QVSBIDMainQuelmPreference".
+    /// The installation screen, when the window shows it.
+    QVMainQuelmViewController* installationScreen() const;
     QString contentViewControllerIdentifier() const;
 
 signals:

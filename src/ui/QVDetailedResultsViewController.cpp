@@ -3,9 +3,16 @@
 
 #include "support/Log.h"
 #include "support/Strings.h"
+#include "ui/QVViewExtensions.h"
 #include "ui_QVDetailedResultsViewController.h"
 
+#include <QAction>
+#include <QClipboard>
+#include <QDir>
+#include <QFileDialog>
+#include <QGuiApplication>
 #include <QHeaderView>
+#include <QSaveFile>
 #include <algorithm>
 #include <iterator>
 #include <span>
@@ -54,6 +61,8 @@ const char* const kReasonIds[] = {
     QT_TRID_NOOP("Group ID Mismatched"),
     //% "POSIX Permissions Mismatched"
     QT_TRID_NOOP("POSIX Permissions Mismatched"),
+    //% "Bill of Materials Unreadable"
+    QT_TRID_NOOP("Bill of Materials Unreadable"),
 };
 
 const char* const kStatusIds[] = {
@@ -65,25 +74,90 @@ const char* const kStatusIds[] = {
     QT_TRID_NOOP("Failed"),
 };
 
-/// The translation of text, which must be one of ids.
-QString listedText(const std::string& text, std::span<const char* const> ids) {
+// Folders at the top of a macOS volume. A saved report does not name its volume, so its mount
+// point is taken as what the paths have before the first of these folders, when all paths that
+// hold one agree; otherwise every path is shown as stored. tmp, var and etc are left out because
+// volumes are often mounted below the host's own.
+constexpr std::string_view kVolumeTopFolders[] = {"Applications", "Library", "System", "Users",
+                                                  "bin",          "private", "sbin",   "usr"};
+
+/// The position of text in ids, which must hold it.
+int listedIndex(const std::string& text, std::span<const char* const> ids) {
     const auto found = std::find(ids.begin(), ids.end(), text);
     if (found == ids.end())
         fatalError(kFatalMessage);
-    return qtTrId(*found);
+    return static_cast<int>(found - ids.begin());
 }
 
-QString decimal(std::int64_t value) {
-    return QString::fromStdString(decimalText(value));
+QStringList translated(std::span<const char* const> ids) {
+    QStringList texts;
+    for (const char* id : ids)
+        texts << qtTrId(id);
+    return texts;
+}
+
+/// The path before its first component that is a volume's top folder, if it has one.
+std::optional<std::string_view> prefixBeforeTopFolder(std::string_view path) {
+    for (std::size_t slash = path.find('/'); slash != std::string_view::npos;
+         slash = path.find('/', slash + 1)) {
+        const std::string_view rest = path.substr(slash + 1);
+        if (std::ranges::find(kVolumeTopFolders, rest.substr(0, rest.find('/'))) !=
+            std::end(kVolumeTopFolders))
+            return path.substr(0, slash);
+    }
+    return std::nullopt;
+}
+
+std::string derivedMountPoint(const std::vector<QVRepairPermissionsRepresentableResult>& results) {
+    std::optional<std::string_view> agreed;
+    for (const auto& result : results) {
+        const auto prefix = prefixBeforeTopFolder(result.fileSystemResourcePath);
+        if (!prefix)
+            continue;
+        if (agreed && *agreed != *prefix)
+            return {};
+        agreed = prefix;
+    }
+    return std::string(agreed.value_or(""));
+}
+
+std::string mountPointOf(const QVDetailedRepresentableResult& result) {
+    return result.volumeMountPoint() ? *result.volumeMountPoint()
+                                     : derivedMountPoint(result.results());
+}
+
+/// The path without the mount point (which has no final "/") when it lies below it.
+QString pathOnVolume(std::string_view path, std::string_view mountPoint) {
+    if (!mountPoint.empty() && path.starts_with(mountPoint) &&
+        path.substr(mountPoint.size()).starts_with('/'))
+        path.remove_prefix(mountPoint.size());
+    return QString::fromUtf8(path.data(), static_cast<qsizetype>(path.size()));
+}
+
+bool isValueColumn(int column) {
+    return column >= currentColumn && column <= newColumn;
+}
+
+std::int64_t attributeValue(const QVRepairPermissionsRepresentableResult& result, int column) {
+    switch (column) {
+    case currentColumn:
+        return result.currentAttribute;
+    case correctColumn:
+        return result.correctAttribute;
+    case newColumn:
+        return result.newAttribute;
+    }
+    fatalError(kFatalMessage);
 }
 
 } // namespace
 
 QVDetailedRepresentableResult::QVDetailedRepresentableResult(
     QPixmap image, QString title, QString description,
-    std::vector<QVRepairPermissionsRepresentableResult> results)
+    std::vector<QVRepairPermissionsRepresentableResult> results,
+    std::optional<std::string> volumeMountPoint)
     : image_(std::move(image)), title_(std::move(title)), description_(std::move(description)),
-      results_(std::move(results)) {
+      results_(std::move(results)), volumeMountPoint_(std::move(volumeMountPoint)) {
 }
 
 int QVDetailedResultsTableModel::columnWithIdentifier(QStringView identifier) {
@@ -94,13 +168,27 @@ int QVDetailedResultsTableModel::columnWithIdentifier(QStringView identifier) {
     return found == std::end(kColumns) ? -1 : static_cast<int>(found - std::begin(kColumns));
 }
 
+QStringList QVDetailedResultsTableModel::statusTexts() {
+    return translated(kStatusIds);
+}
+
 QVDetailedResultsTableModel::QVDetailedResultsTableModel(
-    const std::vector<QVRepairPermissionsRepresentableResult>& results, QObject* parent)
-    : QAbstractTableModel(parent), results_(results) {
+    const std::vector<QVRepairPermissionsRepresentableResult>& results,
+    const std::string& mountPoint, QObject* parent)
+    : QAbstractTableModel(parent), results_(results), reasonTexts_(translated(kReasonIds)),
+      statusTexts_(statusTexts()) {
+    std::string_view mount = mountPoint;
+    while (mount.ends_with('/'))
+        mount.remove_suffix(1);
+    rows_.reserve(results.size());
+    for (const auto& result : results)
+        rows_.push_back({pathOnVolume(result.fileSystemResourcePath, mount),
+                         listedIndex(result.attributeMismatchedTypeString, kReasonIds),
+                         listedIndex(result.attributeStatusString, kStatusIds)});
 }
 
 int QVDetailedResultsTableModel::rowCount(const QModelIndex& parent) const {
-    return parent.isValid() ? 0 : static_cast<int>(results_.size());
+    return parent.isValid() ? 0 : static_cast<int>(rows_.size());
 }
 
 int QVDetailedResultsTableModel::columnCount(const QModelIndex& parent) const {
@@ -110,11 +198,27 @@ int QVDetailedResultsTableModel::columnCount(const QModelIndex& parent) const {
 QVariant QVDetailedResultsTableModel::data(const QModelIndex& index, int role) const {
     if (!checkIndex(index, CheckIndexOption::IndexIsValid))
         return {};
-    if (role == Qt::DisplayRole)
-        return cellText(results_[static_cast<std::size_t>(index.row())], index.column());
-    const bool isValue = index.column() >= currentColumn && index.column() <= newColumn;
-    if (role == Qt::TextAlignmentRole && isValue)
-        return QVariant::fromValue(Qt::AlignRight | Qt::AlignVCenter);
+    const int row = index.row();
+    const int column = index.column();
+    switch (role) {
+    case Qt::DisplayRole:
+        return cellText(row, column);
+    case Qt::ToolTipRole:
+        if (column == pathColumn)
+            return QString::fromStdString(
+                results_[static_cast<std::size_t>(row)].fileSystemResourcePath);
+        break;
+    case SortRole:
+        // qlonglong, as the proxy compares a std::int64_t (a long here) as text.
+        if (isValueColumn(column))
+            return QVariant(
+                qlonglong(attributeValue(results_[static_cast<std::size_t>(row)], column)));
+        return cellText(row, column);
+    case Qt::TextAlignmentRole:
+        if (isValueColumn(column))
+            return QVariant::fromValue(Qt::AlignRight | Qt::AlignVCenter);
+        break;
+    }
     return {};
 }
 
@@ -130,29 +234,58 @@ QVariant QVDetailedResultsTableModel::headerData(int section, Qt::Orientation or
     return {};
 }
 
-QString QVDetailedResultsTableModel::cellText(const QVRepairPermissionsRepresentableResult& row,
-                                              int column) const {
+QString QVDetailedResultsTableModel::rowLine(int row) const {
+    QStringList cells{
+        QString::fromStdString(results_[static_cast<std::size_t>(row)].fileSystemResourcePath)};
+    for (int column = pathColumn + 1; column < columnCount(); ++column)
+        cells << cellText(row, column);
+    return cells.join('\t');
+}
+
+QString QVDetailedResultsTableModel::cellText(int row, int column) const {
+    const Row& shown = rows_[static_cast<std::size_t>(row)];
     switch (column) {
     case pathColumn:
-        return QString::fromStdString(row.fileSystemResourcePath);
+        return shown.path;
     case reasonColumn:
-        return listedText(row.attributeMismatchedTypeString, kReasonIds);
-    case currentColumn:
-        return decimal(row.currentAttribute);
-    case correctColumn:
-        return decimal(row.correctAttribute);
-    case newColumn:
-        return decimal(row.newAttribute);
+        return reasonTexts_[shown.reason];
     case statusColumn:
-        return listedText(row.attributeStatusString, kStatusIds);
+        return statusTexts_[shown.status];
     }
-    fatalError(kFatalMessage);
+    return QString::fromStdString(
+        decimalText(attributeValue(results_[static_cast<std::size_t>(row)], column)));
+}
+
+QVDetailedResultsFilterModel::QVDetailedResultsFilterModel(QVDetailedResultsTableModel& rows,
+                                                           QObject* parent)
+    : QSortFilterProxyModel(parent), rows_(rows) {
+    setSourceModel(&rows);
+    setSortRole(QVDetailedResultsTableModel::SortRole);
+    setSortCaseSensitivity(Qt::CaseInsensitive);
+}
+
+// invalidate() rebuilds the rows at once and tells the view in one signal; invalidateFilter()
+// would signal every removed stretch of rows, which is slow over many thousands.
+void QVDetailedResultsFilterModel::setStatusFilter(int status) {
+    status_ = status;
+    invalidate();
+}
+
+void QVDetailedResultsFilterModel::setPathFilter(const QString& text) {
+    path_ = text;
+    invalidate();
+}
+
+bool QVDetailedResultsFilterModel::filterAcceptsRow(int sourceRow, const QModelIndex&) const {
+    return (status_ == allStatuses || rows_.statusOfRow(sourceRow) == status_) &&
+           rows_.shownPath(sourceRow).contains(path_, Qt::CaseInsensitive);
 }
 
 QVDetailedResultsViewController::QVDetailedResultsViewController(
     QVDetailedRepresentableResult result, QWidget* parent)
     : QWidget(parent, Qt::Window), ui_(std::make_unique<Ui::QVDetailedResultsViewController>()),
-      result_(std::move(result)), model_(result_.results()) {
+      result_(std::move(result)), model_(result_.results(), mountPointOf(result_)), filter_(model_),
+      reportPathQuestion_([this] { return askReportPath(); }) {
     ui_->setupUi(this);
     viewDidLoad();
 }
@@ -167,10 +300,9 @@ void QVDetailedResultsViewController::viewDidLoad() {
     ui_->outletButtonOK->setText(qtTrId("kQVDetailedResultsVCOK"));
     //% "Report"
     setWindowTitle(qtTrId("kQVDetailedResultsVCReport"));
-    ui_->outletResultsTableView->setModel(&model_);
-    QHeaderView* header = ui_->outletResultsTableView->horizontalHeader();
-    header->setSectionResizeMode(QHeaderView::ResizeToContents);
-    header->setSectionResizeMode(pathColumn, QHeaderView::Stretch);
+    setUpTable();
+    setUpFilters();
+    setUpActions();
     connect(ui_->outletButtonOK, &QPushButton::clicked, this,
             &QVDetailedResultsViewController::actionButtonOK);
 
@@ -180,8 +312,108 @@ void QVDetailedResultsViewController::viewDidLoad() {
     ui_->descriptionField->setText(result_.description());
 }
 
+void QVDetailedResultsViewController::setUpTable() {
+    QTableView* table = ui_->outletResultsTableView;
+    table->setModel(&filter_);
+    QHeaderView* header = table->horizontalHeader();
+    header->setSectionResizeMode(QHeaderView::ResizeToContents);
+    header->setSectionResizeMode(pathColumn, QHeaderView::Stretch);
+    // The rows keep the order given until a column is chosen.
+    header->setSortIndicator(-1, Qt::AscendingOrder);
+    table->setSortingEnabled(true);
+}
+
+void QVDetailedResultsViewController::setUpFilters() {
+    //% "Status:"
+    ui_->statusFilterLabel->setText(qtTrId("kQVDetailedResultsVCStatusFilter"));
+    //% "All"
+    ui_->outletStatusFilter->addItem(qtTrId("kQVDetailedResultsVCAllStatuses"),
+                                     QVDetailedResultsFilterModel::allStatuses);
+    const QStringList statuses = QVDetailedResultsTableModel::statusTexts();
+    for (int status = 0; status < statuses.size(); ++status)
+        ui_->outletStatusFilter->addItem(statuses[status], status);
+    //% "Filter by path"
+    ui_->outletPathFilter->setPlaceholderText(qtTrId("kQVDetailedResultsVCPathFilter"));
+    connect(ui_->outletStatusFilter, &QComboBox::currentIndexChanged, this, [this] {
+        filter_.setStatusFilter(ui_->outletStatusFilter->currentData().toInt());
+        updateShownRowsField();
+    });
+    connect(ui_->outletPathFilter, &QLineEdit::textChanged, this, [this](const QString& text) {
+        filter_.setPathFilter(text);
+        updateShownRowsField();
+    });
+    updateShownRowsField();
+}
+
+void QVDetailedResultsViewController::setUpActions() {
+    QTableView* table = ui_->outletResultsTableView;
+    //% "Copy"
+    copyAction_ = new QAction(qtTrId("kQVDetailedResultsVCCopy"), table);
+    copyAction_->setObjectName("actionCopy");
+    copyAction_->setShortcut(QKeySequence::Copy);
+    copyAction_->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    copyAction_->setEnabled(false);
+    table->addAction(copyAction_);
+    table->setContextMenuPolicy(Qt::ActionsContextMenu);
+    connect(copyAction_, &QAction::triggered, this, &QVDetailedResultsViewController::actionCopy);
+    connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
+        copyAction_->setEnabled(ui_->outletResultsTableView->selectionModel()->hasSelection());
+    });
+    //% "Save Report..."
+    ui_->outletButtonSaveReport->setText(qtTrId("kQVDetailedResultsVCSaveReport"));
+    connect(ui_->outletButtonSaveReport, &QPushButton::clicked, this,
+            &QVDetailedResultsViewController::actionSaveReport);
+}
+
+void QVDetailedResultsViewController::updateShownRowsField() {
+    //% "Rows shown: %L1 of %L2"
+    ui_->outletShownRowsField->setText(
+        qtTrId("kQVDetailedResultsVCShownRows").arg(filter_.rowCount()).arg(model_.rowCount()));
+}
+
 void QVDetailedResultsViewController::actionButtonOK() {
     close();
+}
+
+void QVDetailedResultsViewController::actionCopy() {
+    QModelIndexList rows = ui_->outletResultsTableView->selectionModel()->selectedRows();
+    if (rows.isEmpty())
+        return;
+    std::ranges::sort(rows, {}, &QModelIndex::row);
+    QString text;
+    for (const QModelIndex& row : rows)
+        text += model_.rowLine(filter_.mapToSource(row).row()) + '\n';
+    QGuiApplication::clipboard()->setText(text);
+}
+
+void QVDetailedResultsViewController::actionSaveReport() {
+    const QString path = reportPathQuestion_();
+    if (!path.isEmpty())
+        saveReport(path);
+}
+
+bool QVDetailedResultsViewController::saveReport(const QString& path) {
+    const std::string text = reportText(result_.results());
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly)) {
+        file.write(text.data(), static_cast<qint64>(text.size()));
+        if (file.commit())
+            return true;
+    }
+    //% "The report could not be saved."
+    showAlert(this, qtTrId("kQVDetailedResultsVCReportNotSaved"),
+              QDir::toNativeSeparators(path) + ": " + file.errorString());
+    return false;
+}
+
+QString QVDetailedResultsViewController::askReportPath() {
+    //% "Save Report"
+    const QString title = qtTrId("kQVDetailedResultsVCSaveReportTitle");
+    //% "Permissions Report.txt"
+    const QString name = qtTrId("kQVDetailedResultsVCReportFileName");
+    //% "Text files (*.txt)"
+    const QString types = qtTrId("kQVDetailedResultsVCTextFiles");
+    return QFileDialog::getSaveFileName(this, title, QDir::home().filePath(name), types);
 }
 
 } // namespace quelm

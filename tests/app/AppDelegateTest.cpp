@@ -18,6 +18,7 @@
 #include <QFileDialog>
 #include <QLabel>
 #include <QMenuBar>
+#include <QPushButton>
 #include <QSettings>
 #include <QtTest>
 #include <unistd.h>
@@ -34,6 +35,8 @@ private slots:
         QVERIFY(installTranslations(*QCoreApplication::instance()));
         // The home of the test program outlives a run: start from no settings at all.
         QSettings("org.quelm", "Quelm").clear();
+        // The shared helper manager takes its root once, for every job of this run.
+        QVXPCHelperManager::setSharedRoot(helperRoot_.path().string());
     }
 
     void batchesWithinTheDelayAreDeliveredOnceInOrder() {
@@ -133,6 +136,39 @@ private slots:
         QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
     }
 
+    void aClosedWindowKeepsTheJobAndLatePathsMakeASecondOne() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Mac HD";
+        test::makeVolume(volume, "10.12.6", "16G29");
+        const auto first = test::makeKext(folder / "kexts", "First.kext", PlistValue::Dict{});
+        const auto late = test::makeKext(folder / "kexts", "Late.kext", PlistValue::Dict{});
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVXPCHelperManager::shared().start(std::nullopt);
+
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        int finished = 0;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { ++finished; });
+        QTest::qWait(100);
+        window.close();
+        auto* screen = window.installationScreen();
+        QVERIFY(screen);
+        const std::vector<std::string> batch{first.string(), (folder / "notes.txt").string()};
+        NotificationCenter::defaultCenter().post(kDidCollectAllFiles, batch);
+        QTRY_VERIFY_WITH_TIMEOUT(screen->jobUnderWay(), 5000);
+        QVERIFY(!screen->findChild<QPushButton*>("resetButton")->isEnabled());
+        // The intake hands on everything it collected: only the new path makes a job.
+        NotificationCenter::defaultCenter().post(
+            kDidCollectAllFiles, std::vector<std::string>{batch[0], batch[1], late.string()});
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, 30000);
+        QVERIFY(std::filesystem::exists(volume / "Library/Extensions/First.kext"));
+        QVERIFY(std::filesystem::exists(volume / "Library/Extensions/Late.kext"));
+        QVXPCHelperManager::shared().terminateHelper();
+    }
+
     void askEveryTimeInstallsWhatTheDialogAnswers() {
         if (::geteuid() != 0)
             QSKIP("the helper installs kexts as root");
@@ -145,7 +181,6 @@ private slots:
         const auto second = test::makeKext(folder / "kexts", "Second.kext", PlistValue::Dict{});
         QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "QVKextFolderAskMeEveryTime");
-        QVXPCHelperManager::setSharedRoot((folder / "root").string());
         QVXPCHelperManager::shared().start(std::nullopt);
 
         QVMainQuelmWindowController window;
@@ -165,6 +200,9 @@ private slots:
         QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
         QVXPCHelperManager::shared().terminateHelper();
     }
+
+private:
+    test::TemporaryFolder helperRoot_;
 };
 
 } // namespace quelm

@@ -46,5 +46,7 @@ report=$(ls "$work"/data/Quelm/Reports/*.txt) || fail "no report was saved"
 grep -q "Status: Fixed" "$report" || fail "the report holds no fixed result"
 grep -q "Quelm - Finished" "$work/notifications" || fail "no notification reached the bus"
 grep -q "Installed: 2 Failed: 0" "$work/notifications" || fail "wrong counts: $(cat "$work/notifications")"
+grep -q "Skipped: My Driver.kext (not in the smart table)" "$work/notifications" ||
+    fail "the skipped kext is not named: $(cat "$work/notifications")"
 grep -q "Quelm - Finished" "$work/log" || fail "the notification was not logged"
 echo "end-to-end: ok"

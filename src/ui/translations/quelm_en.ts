@@ -180,9 +180,9 @@
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVQLMainRequestAuthorization">
-        <source>Quelm needs your permission to install its helper, which installs kexts and repairs
-</source>
-        <oldsource>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</oldsource>
+        <source>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</source>
+        <oldsource>Quelm needs your permission to install its helper, which installs kexts and repairs
+</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVXPCHelperManagerAnErrorOccured">
@@ -286,9 +286,9 @@
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVMainQuelmVCSelectInstallationFolderForKextDescription">
-        <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must
-</source>
-        <oldsource>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</oldsource>
+        <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</source>
+        <oldsource>Third-party kexts usually belong in /Library/Extensions/; some drivers must
+</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVMainQuelmVCCancel">
@@ -321,6 +321,74 @@
     </message>
     <message id="kQVMainQuelmVCVolumeCannotBeChanged">
         <source>The target volume cannot be changed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Bill of Materials Unreadable">
+        <source>Bill of Materials Unreadable</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCStatusFilter">
+        <source>Status:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCAllStatuses">
+        <source>All</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCPathFilter">
+        <source>Filter by path</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCCopy">
+        <source>Copy</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCSaveReport">
+        <source>Save Report...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCShownRows">
+        <source>Rows shown: %L1 of %L2</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCReportNotSaved">
+        <source>The report could not be saved.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCSaveReportTitle">
+        <source>Save Report</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCReportFileName">
+        <source>Permissions Report.txt</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVDetailedResultsVCTextFiles">
+        <source>Text files (*.txt)</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNotAKext">
+        <source>not a kext</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNotAVolume">
+        <source>its volume is not a macOS volume</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNoFolderChosen">
+        <source>no folder was chosen</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNotInSmartTable">
+        <source>not in the smart table</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCSkipped">
+        <source>Skipped: </source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNoKextInstalled">
+        <source>No kext was installed.</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
