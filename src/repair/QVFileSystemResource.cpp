@@ -1,6 +1,7 @@
 // One path of the target volume with the owner, group and permissions its receipt prescribes.
 #include "repair/QVFileSystemResource.h"
 
+#include "support/FolderTrees.h"
 #include "support/Log.h"
 
 #include <cerrno>
@@ -16,6 +17,10 @@ using Status = QVFileSystemResourceAttributeStatus;
 
 enum class StatOutcome { read, missing, failed };
 
+QVFileAttributes attributesOf(const struct stat& info) {
+    return {info.st_uid, info.st_gid, permissionsFromMode(info.st_mode), info.st_mode & S_IFMT};
+}
+
 StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, QVFileAttributes& out) {
     const auto parent = walker.parentOf(volumePath);
     if (!parent)
@@ -24,30 +29,85 @@ StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, QVFileAttr
     const std::string name(parent->second);
     if (::fstatat(parent->first, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT || errno == ENOTDIR ? StatOutcome::missing : StatOutcome::failed;
-    out = {info.st_uid, info.st_gid, permissionsFromMode(info.st_mode), S_ISLNK(info.st_mode)};
+    out = attributesOf(info);
     return StatOutcome::read;
 }
 
-bool setAttribute(VolumeWalker& walker, std::string_view volumePath, Type type,
-                  std::int64_t value) {
-    const auto parent = walker.parentOf(volumePath);
-    if (!parent)
-        return false;
-    const std::string name(parent->second);
-    const auto id = static_cast<uid_t>(value);
-    switch (type) {
-    case Type::ownerIDMismatched:
-        return ::fchownat(parent->first, name.c_str(), id, static_cast<gid_t>(-1),
-                          AT_SYMLINK_NOFOLLOW) == 0;
-    case Type::groupIDMismatched:
-        return ::fchownat(parent->first, name.c_str(), static_cast<uid_t>(-1), id,
-                          AT_SYMLINK_NOFOLLOW) == 0;
-    case Type::posixPermissionsMismatched:
-        return ::fchmodat(parent->first, name.c_str(), modeFromPermissions(value),
-                          AT_SYMLINK_NOFOLLOW) == 0;
+/// The item a repair changes. A file or folder is opened without following a link and changed
+/// through its descriptor: setting a mode by name without following links goes through
+/// /proc/self/fd in glibc, which a rescue system may lack. Links, devices, FIFOs and sockets
+/// are never opened (opening a device can act on it) and are changed by name, never through a
+/// link; without /proc their mode cannot be set, and that attempt fails.
+class RepairTarget {
+public:
+    RepairTarget(VolumeWalker& walker, std::string_view volumePath, std::uint32_t fileType) {
+        const auto parent = walker.parentOf(volumePath);
+        if (!parent)
+            return;
+        folder_ = parent->first;
+        name_ = parent->second;
+        if (fileType != S_IFREG && fileType != S_IFDIR)
+            return;
+        item_ = UniqueFd(::openat(folder_, name_.c_str(),
+                                  O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        struct stat info {};
+        // Another kind of item took the path since it was read: it is left alone.
+        if (item_ && (::fstat(item_.get(), &info) != 0 || (info.st_mode & S_IFMT) != fileType))
+            folder_ = -1;
     }
-    return false;
-}
+
+    bool set(Type type, std::int64_t value, const QVFileAttributes& now) {
+        const auto none = static_cast<std::uint32_t>(-1);
+        const auto id = static_cast<std::uint32_t>(value);
+        switch (type) {
+        case Type::ownerIDMismatched:
+            return setOwner(id, none, now);
+        case Type::groupIDMismatched:
+            return setOwner(none, id, now);
+        case Type::posixPermissionsMismatched:
+            return setMode(modeFromPermissions(value));
+        case Type::billOfMaterialsUnreadable:
+            break;
+        }
+        return false;
+    }
+
+    bool read(QVFileAttributes& out) const {
+        struct stat info {};
+        if (folder_ < 0 ||
+            (item_ ? ::fstat(item_.get(), &info)
+                   : ::fstatat(folder_, name_.c_str(), &info, AT_SYMLINK_NOFOLLOW)) != 0)
+            return false;
+        out = attributesOf(info);
+        return true;
+    }
+
+private:
+    bool setOwner(uid_t uid, gid_t gid, const QVFileAttributes& now) {
+        if (folder_ < 0)
+            return false;
+        if (item_)
+            return ::fchown(item_.get(), uid, gid) == 0;
+        // The new owner would lose setuid and setgid; by name they can only be set back where
+        // the mode can be set at all, so the owner waits for that.
+        const auto mode = modeFromPermissions(now.posixPermissions);
+        if ((mode & (S_ISUID | S_ISGID)) != 0 && !setMode(mode))
+            return false;
+        return ::fchownat(folder_, name_.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+
+    bool setMode(mode_t mode) {
+        if (folder_ < 0)
+            return false;
+        if (item_)
+            return ::fchmod(item_.get(), mode) == 0;
+        return ::fchmodat(folder_, name_.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+
+    int folder_ = -1;
+    std::string name_;
+    UniqueFd item_;
+};
 
 std::int64_t attributeOf(const QVFileAttributes& attributes, Type type) {
     switch (type) {
@@ -57,6 +117,8 @@ std::int64_t attributeOf(const QVFileAttributes& attributes, Type type) {
         return attributes.groupID;
     case Type::posixPermissionsMismatched:
         return attributes.posixPermissions;
+    case Type::billOfMaterialsUnreadable:
+        break;
     }
     return 0;
 }
@@ -110,7 +172,7 @@ std::string_view QVFileSystemResource::volumePath() const {
 
 bool QVFileSystemResource::comparesPermissions() const {
 #if defined(__linux__)
-    return !current_.isSymbolicLink;
+    return current_.fileType != S_IFLNK;
 #else
     return true;
 #endif
@@ -134,12 +196,16 @@ std::vector<QVRepairPermissionsResult> QVFileSystemResource::verify() const {
 std::vector<QVRepairPermissionsResult> QVFileSystemResource::repair(VolumeWalker& walker) const {
     std::vector<QVRepairPermissionsResult> results;
     QVFileAttributes current = current_;
+    // Opened at the first difference: most resources need no change.
+    std::optional<RepairTarget> target;
     const auto fix = [&](Type type, std::int64_t correct) {
         const auto before = attributeOf(current, type);
         if (before == correct)
             return;
-        const bool set = setAttribute(walker, volumePath(), type, correct);
-        const bool reread = statAt(walker, volumePath(), current) == StatOutcome::read;
+        if (!target)
+            target.emplace(walker, volumePath(), current_.fileType);
+        const bool set = target->set(type, correct, current);
+        const bool reread = target->read(current);
         results.emplace_back(QVRepairPermissionsJobType::repairPermissions, path_, type, before,
                              correct,
                              reread ? std::optional(attributeOf(current, type)) : std::nullopt,

@@ -17,7 +17,8 @@ struct QVFileAttributes {
     std::uint32_t groupID = 0;
     /// Permission bits (with setuid, setgid and sticky) as octal digits read as decimal: 4755.
     std::int64_t posixPermissions = 0;
-    bool isSymbolicLink = false;
+    /// The file-type bits of the mode: S_IFREG, S_IFDIR, S_IFLNK...
+    std::uint32_t fileType = 0;
 };
 
 /// The mode's permission digits as a decimal number: octal 0104755 gives 4755.

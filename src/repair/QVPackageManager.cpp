@@ -4,6 +4,7 @@
 #include "repair/QVCPU.h"
 #include "repair/QVFileSystemResourceManager.h"
 #include "repair/WorkSlices.h"
+#include "support/FolderTrees.h"
 #include "support/Log.h"
 
 #include <algorithm>
@@ -19,24 +20,9 @@ namespace {
 constexpr int kMaxReceiptDepth = 16;
 
 struct Receipt {
+    /// Both relative to the receipt folder: "Essentials/com.apple.pkg.Essentials.plist".
     std::string path;
-    /// Whether the receipt's BOM is a regular file reached without following a link.
-    bool hasBom;
-};
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
+    std::string bomPath;
 };
 
 std::vector<std::string> sortedNames(int folder) {
@@ -77,15 +63,30 @@ void findReceipts(int folder, const std::string& folderPath, int depth,
         if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         if (S_ISDIR(info.st_mode) && depth < kMaxReceiptDepth) {
-            const FileDescriptor child(
+            const UniqueFd child(
                 ::openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-            if (child.get() >= 0)
+            if (child)
                 findReceipts(child.get(), folderPath + name + "/", depth + 1, receipts);
         } else if (S_ISREG(info.st_mode) && extensionOf(name) == "plist") {
             const auto bom = name.substr(0, name.size() - 5) + "bom";
-            receipts.push_back({folderPath + name, isRegularFileAt(folder, bom)});
+            receipts.push_back({folderPath + name, folderPath + bom});
         }
     }
+}
+
+/// Reads the BOM at volumePath only when it is a regular file reached without following a
+/// link; a special file is never opened, since opening one can block or act on a device.
+void parseBom(YRBomParserWrapper& parser, VolumeWalker& walker, std::string_view volumePath) {
+    const auto parent = walker.parentOf(volumePath);
+    if (!parent)
+        return;
+    const std::string name(parent->second);
+    if (!isRegularFileAt(parent->first, name))
+        return;
+    const UniqueFd bom(::openat(parent->first, name.c_str(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (bom)
+        parser.parseFile(bom.get());
 }
 
 } // namespace
@@ -108,7 +109,7 @@ void QVPackageManager::setup() {
         return;
     QVFileSystemResourceManager::shared().setVolumeRoot(root);
     findPackages(root);
-    readBoms();
+    readBoms(root);
     for (const auto& parser : parsers_)
         makeResources(*parser, root);
 }
@@ -118,27 +119,32 @@ void QVPackageManager::findPackages(const std::shared_ptr<const VolumeRoot>& roo
     const auto parent = walker.parentOf("/System/Library/Receipts");
     if (!parent)
         return;
-    const FileDescriptor receipts(::openat(parent->first, std::string(parent->second).c_str(),
-                                           O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (receipts.get() < 0)
+    const UniqueFd receipts(::openat(parent->first, std::string(parent->second).c_str(),
+                                     O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!receipts)
         return;
     std::vector<Receipt> found;
-    findReceipts(receipts.get(), receiptDirectory(), 0, found);
+    findReceipts(receipts.get(), "", 0, found);
     for (const auto& receipt : found) {
-        auto package = QVStandardPackage::initWithReceiptPath(receipt.path);
+        auto package = QVStandardPackage::initWithReceiptPath(receiptDirectory() + receipt.path);
         if (!package)
             continue;
-        // A BOM that is a link or a special file is never opened: it reads as empty.
-        bomIsSafe_.push_back(receipt.hasBom);
+        bomVolumePaths_.push_back(std::string(systemReceiptDirectoryPathString) + receipt.bomPath);
         standardPackages_.push_back(std::move(*package));
     }
 }
 
-void QVPackageManager::readBoms() {
+void QVPackageManager::readBoms(const std::shared_ptr<const VolumeRoot>& root) {
+    VolumeWalker walker(root);
     for (std::size_t i = 0; i < standardPackages_.size(); ++i) {
         auto parser = YRBomParserWrapper::initWithFileName(standardPackages_[i].bomPathString());
-        if (bomIsSafe_[i])
-            parser->parse();
+        parseBom(*parser, walker, bomVolumePaths_[i]);
+        // A BOM that lists nothing leaves its package's paths unchecked: the package is
+        // reported, and the other packages are checked all the same.
+        if (parser->count() == 0) {
+            unreadableBomPaths_.push_back(parser->fileName());
+            continue;
+        }
         total_ += parser->count();
         parsers_.push_back(std::move(parser));
     }
@@ -152,11 +158,8 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
                                      const std::shared_ptr<const VolumeRoot>& root) {
     const std::int64_t threads =
         std::min<std::int64_t>(QVCPU::shared().maxthread(), parser.count());
-    const std::string fatalMessage =
-        parser.count() == 0
-            ? "QVPackageManager::setup() FatalError: the bill of materials lists nothing: " +
-                  parser.fileName()
-            : "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
+    const std::string_view fatalMessage =
+        "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
     const auto& mountPoint = targetVolume_->mountPoint();
     runWorkSlices(parser.count(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
         VolumeWalker walker(root);
@@ -187,7 +190,8 @@ void QVPackageManager::reset() {
     delegate_ = nullptr;
     targetVolume_.reset();
     standardPackages_.clear();
-    bomIsSafe_.clear();
+    bomVolumePaths_.clear();
+    unreadableBomPaths_.clear();
     parsers_.clear();
     total_ = 0;
     counter_ = 0;

@@ -33,10 +33,12 @@ public:
 
     /// Finds the standard packages, reads their BOMs and hands every listed path that exists on
     /// the volume to the resource manager. Returns when all are handed over. A package whose BOM
-    /// lists nothing stops the process: its receipt promises files that cannot be checked.
+    /// cannot be read, or lists nothing, is skipped and its BOM listed as unreadable.
     void setup();
 
     const std::vector<QVStandardPackage>& standardPackages() const { return standardPackages_; }
+    /// The BOM paths, as bomPathString gives them, of the packages that were skipped.
+    const std::vector<std::string>& unreadableBomPaths() const { return unreadableBomPaths_; }
     std::int64_t total() const { return total_; }
     std::int64_t counter() const { return counter_; }
     /// Back to the state of a new process: between two jobs.
@@ -46,7 +48,7 @@ private:
     /// The volume's receipt folder: "/System/Library/Receipts/" under its mount point.
     std::string receiptDirectory() const;
     void findPackages(const std::shared_ptr<const VolumeRoot>& root);
-    void readBoms();
+    void readBoms(const std::shared_ptr<const VolumeRoot>& root);
     void makeResources(const YRBomParserWrapper& parser,
                        const std::shared_ptr<const VolumeRoot>& root);
     void dropRecord();
@@ -54,9 +56,11 @@ private:
     QVPackageManagerDelegate* delegate_ = nullptr;
     std::optional<QVOSVolume> targetVolume_;
     std::vector<QVStandardPackage> standardPackages_;
-    /// Per package: whether its BOM may be opened (a regular file beneath the volume).
-    std::vector<bool> bomIsSafe_;
+    /// Per package: its BOM's path below the volume root, which is where it is read from.
+    std::vector<std::string> bomVolumePaths_;
+    /// One per package whose BOM lists something, in package order.
     std::vector<std::unique_ptr<YRBomParserWrapper>> parsers_;
+    std::vector<std::string> unreadableBomPaths_;
     std::int64_t total_ = 0;
     std::int64_t counter_ = 0;
 };

@@ -41,6 +41,8 @@ std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type) {
         return "Group ID Mismatched";
     case QVFileSystemResourceAttributeMismatchedType::posixPermissionsMismatched:
         return "POSIX Permissions Mismatched";
+    case QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable:
+        return "Bill of Materials Unreadable";
     }
     return {};
 }
@@ -175,7 +177,8 @@ private:
             kReasonLabel,
             {displayText(QVFileSystemResourceAttributeMismatchedType::ownerIDMismatched),
              displayText(QVFileSystemResourceAttributeMismatchedType::groupIDMismatched),
-             displayText(QVFileSystemResourceAttributeMismatchedType::posixPermissionsMismatched)});
+             displayText(QVFileSystemResourceAttributeMismatchedType::posixPermissionsMismatched),
+             displayText(QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable)});
         result.currentAttribute = integerField(kCurrentLabel);
         result.correctAttribute = integerField(kCorrectLabel);
         result.newAttribute = integerField(kNewLabel);

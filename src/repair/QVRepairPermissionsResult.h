@@ -14,16 +14,20 @@ namespace quelm {
 
 enum class QVRepairPermissionsJobType { verifyPermissions, repairPermissions };
 enum class QVFileSystemResourceAttributeStatus { verified, fixed, failed };
-/// In the order in which a resource's attributes are checked.
+/// In the order in which a resource's attributes are checked. The last is no attribute: a
+/// receipt whose BOM cannot be read, reported with the BOM's path so that its package can be
+/// reinstalled; its values are 0 and it has no new value.
 enum class QVFileSystemResourceAttributeMismatchedType {
     ownerIDMismatched,
     groupIDMismatched,
     posixPermissionsMismatched,
+    billOfMaterialsUnreadable,
 };
 
 /// "Verified", "Fixed", "Failed".
 std::string_view displayText(QVFileSystemResourceAttributeStatus status);
-/// "Owner ID Mismatched", "Group ID Mismatched", "POSIX Permissions Mismatched".
+/// "Owner ID Mismatched", "Group ID Mismatched", "POSIX Permissions Mismatched",
+/// "Bill of Materials Unreadable".
 std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type);
 
 struct QVRepairPermissionsRepresentableResult;

@@ -110,23 +110,17 @@ bool readAll(int fd, char* data, std::size_t size) {
     return true;
 }
 
-/// The bytes and size of a regular file, read whole; nothing when any step fails.
-std::optional<std::pair<Pages, std::size_t>> readFile(const std::string& name) {
-    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return std::nullopt;
+/// The bytes and size of the regular file open on fd, read whole; nothing when any step fails.
+std::optional<std::pair<Pages, std::size_t>> readFile(int fd) {
     struct stat status {};
-    std::optional<std::pair<Pages, std::size_t>> file;
-    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-        static_cast<std::uintmax_t>(status.st_size) <= maxFileSize) {
-        const auto size = static_cast<std::size_t>(status.st_size);
-        Pages pages(size);
-        if (readAll(fd, pages.data(), size))
-            file.emplace(std::move(pages), size);
-    }
-    if (::close(fd) != 0)
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        static_cast<std::uintmax_t>(status.st_size) > maxFileSize)
         return std::nullopt;
-    return file;
+    const auto size = static_cast<std::size_t>(status.st_size);
+    Pages pages(size);
+    if (!readAll(fd, pages.data(), size))
+        return std::nullopt;
+    return std::pair{std::move(pages), size};
 }
 
 /// The container: header checked, block table located.
@@ -456,8 +450,19 @@ YRBomParser::YRBomParser(std::string fileName) : fileName_(std::move(fileName)) 
 YRBomParser::~YRBomParser() = default;
 
 YRBomParser::Status YRBomParser::parse() {
+    const int fd = ::open(fileName_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        state_.reset();
+        return unreadable;
+    }
+    const Status status = parseFile(fd);
+    ::close(fd);
+    return status;
+}
+
+YRBomParser::Status YRBomParser::parseFile(int fd) {
     state_.reset();
-    auto file = readFile(fileName_);
+    auto file = readFile(fd);
     if (!file)
         return unreadable;
     auto state = std::make_unique<State>(std::move(file->first), std::string(), file->second);
@@ -494,12 +499,17 @@ YRBomParserWrapper::YRBomParserWrapper(std::string fileName)
 }
 
 void YRBomParserWrapper::parse() {
-    count_ = 0;
-    results_ = nullptr;
-    if (parser_.parse() != YRBomParser::success)
-        return;
-    count_ = parser_.total();
-    results_ = parser_.resources();
+    take(parser_.parse());
+}
+
+void YRBomParserWrapper::parseFile(int fd) {
+    take(parser_.parseFile(fd));
+}
+
+void YRBomParserWrapper::take(YRBomParser::Status status) {
+    const bool parsed = status == YRBomParser::success;
+    count_ = parsed ? parser_.total() : 0;
+    results_ = parsed ? parser_.resources() : nullptr;
 }
 
 } // namespace quelm

@@ -31,6 +31,8 @@ public:
 
     /// Reads the file and lists its paths.
     [[nodiscard]] Status parse();
+    /// Reads the regular file open on fd (which stays the caller's) and lists its paths.
+    [[nodiscard]] Status parseFile(int fd);
     /// Lists the paths of a BOM already in memory (the file's whole bytes).
     [[nodiscard]] Status parseBytes(std::string bytes);
 
@@ -51,12 +53,15 @@ public:
 
     /// Runs the parser; on any failure count stays 0 and results null.
     void parse();
+    /// The same on the file open on fd, for a file reached without following links.
+    void parseFile(int fd);
     std::uint32_t count() const { return count_; }
     const YRFileSystemResource* results() const { return results_; }
     const std::string& fileName() const { return fileName_; }
 
 private:
     explicit YRBomParserWrapper(std::string fileName);
+    void take(YRBomParser::Status status);
 
     std::string fileName_;
     YRBomParser parser_;

@@ -3,14 +3,28 @@
 
 #include "support/Log.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <iterator>
 #include <mutex>
 
 namespace quelm {
 namespace {
 
 constexpr std::uint64_t kProgressInterval = 500'000'000;
+
+/// One failed result per package whose BOM could not be read, named by the BOM's path.
+std::vector<QVRepairPermissionsResult>
+unreadableReceiptResults(const std::vector<std::string>& bomPaths,
+                         QVRepairPermissionsJobType jobType) {
+    std::vector<QVRepairPermissionsResult> results;
+    for (const auto& path : bomPaths)
+        results.emplace_back(jobType, path,
+                             QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable,
+                             0, 0, std::nullopt, QVFileSystemResourceAttributeStatus::failed);
+    return results;
+}
 
 } // namespace
 
@@ -73,7 +87,8 @@ void YRRepairPermissions::run() {
     else
         resources.verify();
 
-    results_ = resources.takeResults();
+    results_ = unreadableReceiptResults(packages.unreadableBomPaths(), jobType_);
+    std::ranges::move(resources.takeResults(), std::back_inserter(results_));
     const auto collected = static_cast<std::int64_t>(results_.size());
     setProgress(scaledProgress(collected, std::max<std::int64_t>(collected, 1), 10, 90));
     setProgress(100);

@@ -60,7 +60,12 @@ TEST(QVRepairPermissionsResultTest, ParsedReportGivesBackEveryResultWithFreshIde
         QVRepairPermissionsResult(QVRepairPermissionsJobType::repairPermissions, "/V/a b/ New: 1",
                                   Type::groupIDMismatched, 20, 0, 0, Status::fixed)
             .representable();
-    const std::vector results{ownerResult(), fixed, ownerResult()};
+    const auto unreadable = QVRepairPermissionsResult(QVRepairPermissionsJobType::repairPermissions,
+                                                      "/V/System/Library/Receipts/#1.bom",
+                                                      Type::billOfMaterialsUnreadable, 0, 0,
+                                                      std::nullopt, Status::failed)
+                                .representable();
+    const std::vector results{ownerResult(), fixed, unreadable, ownerResult()};
     const std::string text = reportText(results);
     for (const auto& input : {text, text.substr(0, text.size() - 1)}) {
         const auto parsed = parseReportText(input);

@@ -157,6 +157,31 @@ TEST(QuelmctlTest, VerifyRepairAndVerifyAgainOnTheDemoVolume) {
         2);
 }
 
+TEST(QuelmctlTest, ReceiptWithAnUnreadableBomIsNamedAndTheRestIsRepaired) {
+    TemporaryFolder folder;
+    const auto disk = folder / "Disque é";
+    ASSERT_EQ(runCommand(quelmctl("make-demo-volume " + shellQuote(disk.string()))).status, 0);
+    const auto volume = disk / "Macintosh HD";
+    test::writeReceipt(volume, "com.apple.pkg.Damaged #2.plist", "com.apple.pkg.Damaged",
+                       {test::kRepairGroup}, {{".", 040755, 0, 0}});
+    const auto bom = volume / "System/Library/Receipts/com.apple.pkg.Damaged #2.bom";
+    std::filesystem::resize_file(bom, 64);
+    const std::string options = " --volume " + shellQuote(volume.string());
+
+    const auto json = runCommand(quelmctl("verify-permissions --json" + options));
+    EXPECT_EQ(json.status, 1);
+    EXPECT_NE(json.output.find("\"" + bom.string() +
+                               "\", \"attributeMismatchedTypeString\": "
+                               "\"Bill of Materials Unreadable\""),
+              std::string::npos)
+        << json.output;
+    const auto repair = runCommand(quelmctl("repair-permissions" + options));
+    EXPECT_EQ(repair.status, 1);
+    for (const auto& text : {"quelmctl: cannot read the bill of materials " + bom.string(),
+                             std::string(" fixed, 1 failed")})
+        EXPECT_NE(repair.output.find(text), std::string::npos) << repair.output;
+}
+
 TEST(QuelmctlTest, EveryCommandHasHelp) {
     for (const auto* command :
          {"", "volume-info", "kext-info", "smart-table", "smart-table show"}) {

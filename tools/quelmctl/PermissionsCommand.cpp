@@ -85,15 +85,26 @@ std::string jsonResults(const std::vector<QVRepairPermissionsRepresentableResult
     return out + (results.empty() ? "]\n" : "\n]\n");
 }
 
+bool isFailed(const QVRepairPermissionsResult& result) {
+    return result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
+}
+
 std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType type) {
-    std::size_t failed = 0;
-    for (const auto& result : job.results())
-        failed += result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
+    const auto failed = static_cast<std::size_t>(std::ranges::count_if(job.results(), isFailed));
+    const std::string others = std::to_string(job.results().size() - failed);
     const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
-    if (type == QVRepairPermissionsJobType::verifyPermissions)
-        return checked + std::to_string(job.results().size()) + " mismatched";
-    return checked + std::to_string(job.results().size() - failed) + " fixed, " +
+    return checked + others +
+           (type == QVRepairPermissionsJobType::verifyPermissions ? " mismatched, " : " fixed, ") +
            std::to_string(failed) + " failed";
+}
+
+/// Names every receipt whose paths went unchecked, so that its package can be reinstalled.
+void reportUnreadableReceipts(const YRRepairPermissions& job) {
+    for (const auto& result : job.results())
+        if (result.attributeMismatchedType() ==
+            QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable)
+            printError("cannot read the bill of materials " + result.fileSystemResourcePath() +
+                       ": the paths of its package were not checked; reinstall that package");
 }
 
 int runJob(const Options& options, QVRepairPermissionsJobType type) {
@@ -126,9 +137,8 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
         std::cout << jsonResults(results);
     else
         std::cout << report << (report.empty() ? "" : "\n") << summary(job, type) << '\n';
-    const bool failed = std::ranges::any_of(job.results(), [](const auto& result) {
-        return result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
-    });
+    reportUnreadableReceipts(job);
+    const bool failed = std::ranges::any_of(job.results(), isFailed);
     return type == QVRepairPermissionsJobType::verifyPermissions ? !results.empty() : failed;
 }
 
@@ -144,8 +154,9 @@ void addJobCommand(CLI::App& app, int& status, const char* name, const char* des
         ->check(CLI::Range(1, 1024));
     command->add_flag("--json", options->json, "Print the results as a JSON array");
     command->add_option("--report", options->report, "Also save the report text to FILE");
-    command->footer("Exit status: 0 when nothing is left mismatched, 1 when mismatches remain "
-                    "or a repair failed, 2 on an error such as a folder that is no macOS volume.");
+    command->footer("Exit status: 0 when nothing is left mismatched, 1 when mismatches remain, "
+                    "a repair failed or a receipt's bill of materials cannot be read, 2 on an "
+                    "error such as a folder that is no macOS volume.");
     command->callback([options, &status, type] { status = runJob(*options, type); });
 }
 
