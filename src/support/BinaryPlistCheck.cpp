@@ -1,10 +1,11 @@
-// A check of binary property lists that libplist does not make itself.
+// Checks of binary property lists made before libplist parses them.
 #include "support/BinaryPlistCheck.h"
 
 #include "support/ByteReader.h"
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 namespace quelm {
 namespace {
@@ -13,6 +14,13 @@ constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
 constexpr std::uint8_t kAsciiString = 0x5;
 constexpr std::uint8_t kUtf16String = 0x6;
+// The types from array to dictionary (arrays, sets, dictionaries) refer to other objects.
+constexpr std::uint8_t kArray = 0xA;
+constexpr std::uint8_t kDict = 0xD;
+
+std::unexpected<PlistError> refuse(PlistError::Kind kind, std::string message) {
+    return std::unexpected(PlistError{kind, "binary property list " + std::move(message)});
+}
 
 /// An unsigned big-endian integer of width bytes (1 to 8).
 std::optional<std::uint64_t> readUnsigned(const ByteSlice& bytes, std::size_t offset,
@@ -26,9 +34,43 @@ std::optional<std::uint64_t> readUnsigned(const ByteSlice& bytes, std::size_t of
     return value;
 }
 
-/// The character count of the string object at offset and where its characters start.
+struct Trailer {
+    std::size_t offsetSize;
+    std::size_t refSize;
+    std::uint64_t count;
+    std::uint64_t root;
+    std::size_t tableOffset;
+};
+
+/// The trailer, when its sizes are usable and the offset table lies between header and trailer.
+std::optional<Trailer> readTrailer(const ByteSlice& bytes) {
+    if (bytes.size() < kHeaderSize + kTrailerSize)
+        return std::nullopt;
+    const std::size_t at = bytes.size() - kTrailerSize;
+    const Trailer trailer{*bytes.u8(at + 6), *bytes.u8(at + 7), *readUnsigned(bytes, at + 8, 8),
+                          *readUnsigned(bytes, at + 16, 8), *readUnsigned(bytes, at + 24, 8)};
+    if (trailer.offsetSize == 0 || trailer.offsetSize > 8 || trailer.refSize == 0 ||
+        trailer.refSize > 8 || trailer.count == 0 || trailer.root >= trailer.count ||
+        trailer.tableOffset < kHeaderSize || trailer.tableOffset > at ||
+        trailer.count > (at - trailer.tableOffset) / trailer.offsetSize)
+        return std::nullopt;
+    return trailer;
+}
+
+/// Where object index starts, with its marker byte.
+std::optional<std::pair<std::size_t, std::uint8_t>>
+objectAt(const ByteSlice& bytes, const Trailer& trailer, std::uint64_t index) {
+    const auto offset =
+        readUnsigned(bytes, trailer.tableOffset + index * trailer.offsetSize, trailer.offsetSize);
+    const auto marker = offset ? bytes.u8(*offset) : std::nullopt;
+    if (!marker)
+        return std::nullopt;
+    return std::pair{static_cast<std::size_t>(*offset), *marker};
+}
+
+/// The element count of the string or container object at offset and where its elements start.
 std::optional<std::pair<std::uint64_t, std::size_t>>
-stringExtent(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
+objectLength(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
     if ((marker & 0xF) != 0xF)
         return std::pair{std::uint64_t{marker & 0xFu}, offset + 1};
     const auto intMarker = bytes.u8(offset + 1);
@@ -42,7 +84,7 @@ stringExtent(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
 }
 
 bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
-    const auto extent = stringExtent(bytes, offset, marker);
+    const auto extent = objectLength(bytes, offset, marker);
     const std::uint64_t unit = (marker >> 4) == kUtf16String ? 2 : 1;
     if (!extent || extent->first > bytes.size() / unit)
         return false;
@@ -55,32 +97,103 @@ bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marke
     return true;
 }
 
-} // namespace
-
-bool binaryPlistStringsAreSafe(std::string_view text) {
-    const ByteSlice bytes(text);
-    if (!text.starts_with("bplist00"))
-        return true;
-    if (bytes.size() < kHeaderSize + kTrailerSize)
-        return false;
-    const std::size_t trailer = bytes.size() - kTrailerSize;
-    const auto offsetSize = bytes.u8(trailer + 6);
-    const auto count = readUnsigned(bytes, trailer + 8, 8);
-    const auto tableOffset = readUnsigned(bytes, trailer + 24, 8);
-    if (!offsetSize || !count || !tableOffset || *offsetSize == 0 || *offsetSize > 8 ||
-        *count > bytes.size() / *offsetSize)
-        return false;
-    for (std::uint64_t i = 0; i < *count; ++i) {
-        const auto offset = readUnsigned(bytes, *tableOffset + i * *offsetSize, *offsetSize);
-        const auto marker = offset ? bytes.u8(*offset) : std::nullopt;
-        if (!marker)
+/// Every object in the offset table lies in the file, and its strings have no NUL.
+bool objectsAreSafe(const ByteSlice& bytes, const Trailer& trailer) {
+    for (std::uint64_t i = 0; i < trailer.count; ++i) {
+        const auto object = objectAt(bytes, trailer, i);
+        if (!object)
             return false;
-        const auto type = *marker >> 4;
+        const auto type = object->second >> 4;
         if ((type == kAsciiString || type == kUtf16String) &&
-            !stringIsSafe(bytes, *offset, *marker))
+            !stringIsSafe(bytes, object->first, object->second))
             return false;
     }
     return true;
+}
+
+/// A depth-first walk from the top object along every reference, as libplist will follow
+/// them, holding only the open containers: at most kMaxPlistDepth of them.
+class StructureWalk {
+public:
+    StructureWalk(const ByteSlice& bytes, const Trailer& trailer)
+        : bytes_(bytes), trailer_(trailer), seen_(trailer.count, Seen::no) {}
+
+    std::expected<void, PlistError> run() {
+        if (auto entered = enter(trailer_.root); !entered)
+            return entered;
+        while (!open_.empty()) {
+            auto& top = open_.back();
+            if (top.next == top.total) {
+                seen_[top.index] = Seen::done;
+                open_.pop_back();
+                continue;
+            }
+            const auto ref =
+                *readUnsigned(bytes_, top.refs + top.next++ * trailer_.refSize, trailer_.refSize);
+            if (auto entered = enter(ref); !entered)
+                return entered;
+        }
+        return {};
+    }
+
+private:
+    enum class Seen : std::uint8_t { no, open, done };
+    struct Container {
+        std::uint64_t index;
+        std::size_t refs;
+        std::uint64_t total;
+        std::uint64_t next = 0;
+    };
+
+    /// Takes the value at index one level below the open containers; opens it if a container.
+    std::expected<void, PlistError> enter(std::uint64_t index) {
+        if (index >= trailer_.count)
+            return refuse(PlistError::Kind::malformed, "refers to a missing object");
+        if (open_.size() >= kMaxPlistDepth)
+            return refuse(PlistError::Kind::unsupported, "is nested too deeply");
+        const auto [offset, marker] = *objectAt(bytes_, trailer_, index);
+        const auto type = marker >> 4;
+        if (type < kArray || type > kDict)
+            return {};
+        if (seen_[index] != Seen::no)
+            return refuse(PlistError::Kind::malformed, seen_[index] == Seen::open
+                                                           ? "holds a container inside itself"
+                                                           : "shares a container");
+        return open(index, offset, marker);
+    }
+
+    std::expected<void, PlistError> open(std::uint64_t index, std::size_t offset,
+                                         std::uint8_t marker) {
+        const auto length = objectLength(bytes_, offset, marker);
+        const std::uint64_t refsPerEntry = (marker >> 4) == kDict ? 2 : 1;
+        if (!length || length->first > bytes_.size() / (refsPerEntry * trailer_.refSize) ||
+            !bytes_.slice(length->second, length->first * refsPerEntry * trailer_.refSize))
+            return refuse(PlistError::Kind::malformed, "has a container outside the file");
+        // Each reference becomes a value of its own, even to an object already referred to.
+        const std::uint64_t total = length->first * refsPerEntry;
+        if (total > kMaxPlistValues - values_)
+            return refuse(PlistError::Kind::unsupported, "has too many values");
+        values_ += total;
+        seen_[index] = Seen::open;
+        open_.push_back({index, length->second, total});
+        return {};
+    }
+
+    const ByteSlice& bytes_;
+    Trailer trailer_;
+    std::vector<Seen> seen_;
+    std::vector<Container> open_;
+    std::uint64_t values_ = 1; // the top object
+};
+
+} // namespace
+
+std::expected<void, PlistError> checkBinaryPlist(std::string_view text) {
+    const ByteSlice bytes(text);
+    const auto trailer = readTrailer(bytes);
+    if (!trailer || !objectsAreSafe(bytes, *trailer))
+        return refuse(PlistError::Kind::malformed, "is damaged");
+    return StructureWalk(bytes, *trailer).run();
 }
 
 } // namespace quelm

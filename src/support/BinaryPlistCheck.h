@@ -1,13 +1,17 @@
-// A check of binary property lists that libplist does not make itself.
+// Checks of binary property lists made before libplist parses them.
 #pragma once
 
+#include "support/PropertyList.h"
+
+#include <expected>
 #include <string_view>
 
 namespace quelm {
 
-/// False when a "bplist00" file has a string object holding a NUL, or an offset table or
-/// string that lies outside the file. libplist aborts on such a dictionary key, so these
-/// bytes must never reach it.
-bool binaryPlistStringsAreSafe(std::string_view bytes);
+/// Refuses a "bplist00" file that libplist must not see: an offset table, reference or string
+/// outside the file; a string holding a NUL (libplist aborts on such a dictionary key); values
+/// nested deeper than kMaxPlistDepth or more than kMaxPlistValues of them; a container reached
+/// twice, which is a cycle or a container that libplist would copy at every reference to it.
+[[nodiscard]] std::expected<void, PlistError> checkBinaryPlist(std::string_view bytes);
 
 } // namespace quelm

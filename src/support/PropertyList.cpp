@@ -3,6 +3,7 @@
 
 #include "support/BinaryPlistCheck.h"
 #include "support/Files.h"
+#include "support/XmlPlistCheck.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -11,9 +12,6 @@
 
 namespace quelm {
 namespace {
-
-// Hostile files may nest arrays deeply; nothing we read legitimately goes near this.
-constexpr int kMaxDepth = 128;
 
 struct NodeDeleter {
     void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
@@ -24,14 +22,16 @@ std::unexpected<PlistError> failure(PlistError::Kind kind, std::string message) 
     return std::unexpected(PlistError{kind, std::move(message)});
 }
 
-std::expected<PlistValue, PlistError> fromNode(plist_t node, int depth);
+// The conversion recurses once per level; parsePlist refused lists nested deeper than
+// kMaxPlistDepth before libplist made these nodes.
+std::expected<PlistValue, PlistError> fromNode(plist_t node);
 
-std::expected<PlistValue, PlistError> fromArrayNode(plist_t node, int depth) {
+std::expected<PlistValue, PlistError> fromArrayNode(plist_t node) {
     PlistValue::Array items;
     const uint32_t count = plist_array_get_size(node);
     items.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
-        auto item = fromNode(plist_array_get_item(node, i), depth + 1);
+        auto item = fromNode(plist_array_get_item(node, i));
         if (!item)
             return std::unexpected(item.error());
         items.push_back(std::move(*item));
@@ -39,7 +39,7 @@ std::expected<PlistValue, PlistError> fromArrayNode(plist_t node, int depth) {
     return PlistValue(std::move(items));
 }
 
-std::expected<PlistValue, PlistError> fromDictNode(plist_t node, int depth) {
+std::expected<PlistValue, PlistError> fromDictNode(plist_t node) {
     PlistValue::Dict entries;
     plist_dict_iter iter = nullptr;
     plist_dict_new_iter(node, &iter);
@@ -54,7 +54,7 @@ std::expected<PlistValue, PlistError> fromDictNode(plist_t node, int depth) {
         }
         std::string name = key ? key : "";
         std::free(key);
-        auto item = fromNode(value, depth + 1);
+        auto item = fromNode(value);
         if (!item)
             return std::unexpected(item.error());
         entries.insert_or_assign(std::move(name), std::move(*item));
@@ -102,16 +102,14 @@ std::expected<PlistValue, PlistError> fromScalarNode(plist_t node) {
     }
 }
 
-std::expected<PlistValue, PlistError> fromNode(plist_t node, int depth) {
+std::expected<PlistValue, PlistError> fromNode(plist_t node) {
     if (!node)
         return failure(PlistError::Kind::malformed, "missing property-list value");
-    if (depth > kMaxDepth)
-        return failure(PlistError::Kind::unsupported, "property list nested too deeply");
     switch (plist_get_node_type(node)) {
     case PLIST_ARRAY:
-        return fromArrayNode(node, depth);
+        return fromArrayNode(node);
     case PLIST_DICT:
-        return fromDictNode(node, depth);
+        return fromDictNode(node);
     default:
         return fromScalarNode(node);
     }
@@ -170,14 +168,19 @@ const std::string* PlistValue::stringForKey(std::string_view key) const {
 }
 
 std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes) {
-    if (bytes.empty() || bytes.size() > kMaxPlistFileSize || !binaryPlistStringsAreSafe(bytes))
+    if (bytes.empty() || bytes.size() > kMaxPlistFileSize)
         return failure(PlistError::Kind::malformed, "not a property list");
+    // libplist takes the binary parser for exactly this header, the XML one for anything else.
+    const auto checked =
+        bytes.starts_with("bplist00") ? checkBinaryPlist(bytes) : checkXmlPlist(bytes);
+    if (!checked)
+        return std::unexpected(checked.error());
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     if (!root)
         return failure(PlistError::Kind::malformed, "not a property list");
     Node owner(root);
-    return fromNode(root, 0);
+    return fromNode(root);
 }
 
 std::expected<PlistValue, PlistError> readPlistFile(const std::filesystem::path& path) {

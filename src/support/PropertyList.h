@@ -1,6 +1,7 @@
 // Property-list values read from and written to XML and binary property-list files.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
@@ -65,8 +66,20 @@ struct PlistError {
 
 /// Files larger than this are not property lists we read.
 inline constexpr std::uintmax_t kMaxPlistFileSize = 64u << 20;
+/// Lists nested deeper than this are refused before parsing: libplist parses binary lists and
+/// frees every list recursively, a stack frame per level. Real lists nest a handful of levels,
+/// so 128 is ample and keeps the stack small.
+inline constexpr std::size_t kMaxPlistDepth = 128;
+/// Binary lists with more values than this are refused before parsing. A repair report on
+/// some 400,000 files stays under it, and 64 MB of binary values that share nothing hold
+/// about as many, so shared values cannot multiply what a file of that size costs.
+inline constexpr std::size_t kMaxPlistValues = 1u << 23;
+/// XML lists with more elements than this are refused before parsing. Only files on disk come
+/// as XML, and the largest of those, a kext's Info.plist, has a few thousand.
+inline constexpr std::size_t kMaxXmlPlistElements = 1u << 20;
 
-/// Parses either encoding; the binary one is recognised by its "bplist00" header.
+/// Parses either encoding; the binary one is recognised by its "bplist00" header. The size,
+/// nesting and value count are checked before libplist sees the bytes.
 [[nodiscard]] std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes);
 [[nodiscard]] std::expected<PlistValue, PlistError>
 readPlistFile(const std::filesystem::path& path);

@@ -2,6 +2,8 @@
 #include "support/PropertyList.h"
 
 #include "TestSupport.h"
+#include "helper/Channel.h"
+#include "repair/QVPackage.h"
 
 #include <gtest/gtest.h>
 
@@ -85,13 +87,164 @@ TEST(PropertyListTest, RegressionNulInBinaryDictionaryKeyIsRefused) {
         EXPECT_FALSE(parsePlist(bytes));
 }
 
-TEST(PropertyListTest, DeepNestingIsRefused) {
-    PlistValue value = PlistValue::Array{};
-    for (int depth = 0; depth < 200; ++depth)
-        value = PlistValue::Array{value};
-    const auto parsed = parsePlist(*serializePlist(value, PlistFormat::binary));
-    ASSERT_FALSE(parsed);
-    EXPECT_EQ(parsed.error().kind, PlistError::Kind::unsupported);
+void appendBigEndian(std::string& bytes, std::uint64_t value, int width) {
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+        bytes += static_cast<char>((value >> shift) & 0xFF);
+}
+
+/// A binary property list built object by object, the first one on top.
+class BinaryPlist {
+public:
+    explicit BinaryPlist(int refSize) : refSize_(refSize) {}
+
+    /// An object of marker, then references to the objects numbered refs, then raw bytes.
+    void add(std::uint8_t marker, std::initializer_list<std::uint64_t> refs,
+             std::string_view raw = {}) {
+        appendBigEndian(offsets_, objects_.size(), 4);
+        objects_ += static_cast<char>(marker);
+        for (const auto ref : refs)
+            appendBigEndian(objects_, ref, refSize_);
+        objects_ += raw;
+        ++count_;
+    }
+    std::string bytes() const {
+        std::string trailer(6, '\0');
+        trailer += {'\4', static_cast<char>(refSize_)};
+        appendBigEndian(trailer, count_, 8);
+        appendBigEndian(trailer, 0, 8);
+        appendBigEndian(trailer, objects_.size(), 8);
+        return objects_ + offsets_ + trailer;
+    }
+
+private:
+    int refSize_;
+    std::string objects_ = "bplist00";
+    std::string offsets_;
+    std::uint64_t count_ = 0;
+};
+
+/// Arrays nested depth deep, each holding the next; the innermost holds the string "x", or
+/// the outermost array when closed.
+std::string nestedBinaryArrays(std::size_t depth, bool closed = false) {
+    BinaryPlist plist(3);
+    for (std::size_t i = 1; i <= depth; ++i)
+        plist.add(0xA1, {closed && i == depth ? 0 : i});
+    plist.add(0x51, {}, "x");
+    return plist.bytes();
+}
+
+std::string nestedXmlArrays(std::size_t depth) {
+    std::string text = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0">)";
+    for (std::size_t i = 0; i < depth; ++i)
+        text += "<array>";
+    text += "<string>x</string>";
+    for (std::size_t i = 0; i < depth; ++i)
+        text += "</array>";
+    return text + "</plist>";
+}
+
+TEST_P(PropertyListEncodingTest, NestingIsRefusedJustBeyondTheLimit) {
+    // The limit counts the innermost string as a level of its own.
+    PlistValue deepest = "x";
+    for (std::size_t i = 1; i < kMaxPlistDepth; ++i)
+        deepest = PlistValue::Array{deepest};
+    const auto parsed = parsePlist(*serializePlist(deepest, GetParam()));
+    ASSERT_TRUE(parsed) << parsed.error().message;
+    EXPECT_EQ(*parsed, deepest);
+    const auto tooDeep = parsePlist(*serializePlist(PlistValue::Array{deepest}, GetParam()));
+    ASSERT_FALSE(tooDeep);
+    EXPECT_EQ(tooDeep.error().kind, PlistError::Kind::unsupported);
+}
+
+// Deep enough to overflow the stack: libplist parses binary lists recursively, but XML ones
+// only free recursively, which takes deeper nesting.
+constexpr std::size_t kDeepBinary = 100000;
+constexpr std::size_t kDeepXml = 1000000;
+
+TEST(PropertyListGateTest, RegressionDeepBinaryFrameIsRefusedByTheChannel) {
+    const std::string body = nestedBinaryArrays(kDeepBinary);
+    std::string frame;
+    appendBigEndian(frame, body.size(), 4);
+    frame += body;
+    EXPECT_FALSE(takeFrame(frame));
+}
+
+TEST(PropertyListGateTest, RegressionDeepReceiptsAreSkipped) {
+    TemporaryFolder folder;
+    test::writeText(folder / "xml.plist", nestedXmlArrays(kDeepXml));
+    test::writeText(folder / "binary.plist", nestedBinaryArrays(kDeepBinary));
+    for (const char* name : {"xml.plist", "binary.plist"})
+        EXPECT_FALSE(QVPackage::initWithReceiptPath((folder / name).string())) << name;
+}
+
+TEST(PropertyListGateTest, RegressionCyclicBinaryPlistIsRefused) {
+    BinaryPlist eachOther(1);
+    eachOther.add(0xA1, {1});
+    eachOther.add(0xA1, {0});
+    BinaryPlist ownKey(1);
+    ownKey.add(0xD1, {0, 1});
+    ownKey.add(0x51, {}, "v");
+    EXPECT_FALSE(parsePlist(eachOther.bytes()));
+    EXPECT_FALSE(parsePlist(ownKey.bytes()));
+    EXPECT_FALSE(parsePlist(nestedBinaryArrays(kDeepBinary, true)));
+}
+
+TEST(PropertyListGateTest, RegressionXmlEntityDeclarationIsRefused) {
+    // libplist skips an internal subset, so declarations alone would reach it unchecked.
+    EXPECT_FALSE(parsePlist(R"(<?xml version="1.0"?>
+<!DOCTYPE plist [<!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>
+<plist version="1.0"><string>ok</string></plist>)"));
+}
+
+TEST(PropertyListGateTest, OnlyScalarsMayBeShared) {
+    BinaryPlist sharedString(1);
+    sharedString.add(0xA2, {1, 1});
+    sharedString.add(0x51, {}, "x");
+    EXPECT_EQ(parsePlist(sharedString.bytes()), PlistValue(PlistValue::Array{"x", "x"}));
+    // Each array holds the next twice: libplist would copy the innermost 2^40 times.
+    BinaryPlist doubling(1);
+    for (std::uint64_t i = 1; i <= 40; ++i)
+        doubling.add(0xA2, {i, i});
+    doubling.add(0xA0, {});
+    EXPECT_FALSE(parsePlist(doubling.bytes()));
+}
+
+TEST(PropertyListGateTest, TooManyValuesAreRefused) {
+    // libplist makes a value of its own at each reference to the shared string.
+    std::string references = "\x13";
+    appendBigEndian(references, kMaxPlistValues, 8);
+    references.append(kMaxPlistValues, '\1');
+    BinaryPlist binary(1);
+    binary.add(0xAF, {}, references);
+    binary.add(0x51, {}, "x");
+    EXPECT_FALSE(parsePlist(binary.bytes()));
+    std::string xml = "<plist><array>";
+    for (std::size_t i = 0; i < kMaxXmlPlistElements; ++i)
+        xml += "<true/>";
+    EXPECT_FALSE(parsePlist(xml + "</array></plist>"));
+}
+
+TEST(PropertyListGateTest, MarkupOutsideElementsDoesNotCount) {
+    const std::string hidden(2 * kMaxPlistDepth, '<');
+    const auto parsed = parsePlist(R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<!-- )" + nestedXmlArrays(kMaxPlistDepth) +
+                                   R"( -->
+<plist version="1.0"><array><string><![CDATA[)" +
+                                   hidden + R"(]]></string><true/></array></plist>)");
+    ASSERT_TRUE(parsed) << parsed.error().message;
+    EXPECT_EQ(*parsed, PlistValue(PlistValue::Array{hidden, true}));
+}
+
+TEST(PropertyListGateTest, CloseTagsQuotedInsideMarkupDoNotHideNesting) {
+    // libplist reads the quoted "?>" and </array> as part of the instruction.
+    std::string text = "<plist>";
+    for (std::size_t i = 0; i < kDeepXml; ++i)
+        text += R"(<array><?x "?></array>"?>)";
+    text += "<string>x</string>";
+    for (std::size_t i = 0; i < kDeepXml; ++i)
+        text += "</array>";
+    EXPECT_FALSE(parsePlist(text + "</plist>"));
 }
 
 TEST(PropertyListTest, MissingFileAndWrongTopLevelAreErrors) {
