@@ -133,8 +133,8 @@ void HelperConnection::call(std::string_view selector, std::vector<RemoteValue> 
         std::lock_guard lock(mutex_);
         sent = !failed_ && !invalidated_ && writeAll(channel_, frame);
     }
-    if (!sent && !invalidated_)
-        fail("cannot write to the helper");
+    // A helper that cannot be written to has closed its end: the reader sees it too and
+    // reports the break once, with the exit status that tells a refused password.
     if (!sent)
         failPending();
 }
