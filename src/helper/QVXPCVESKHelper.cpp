@@ -36,19 +36,6 @@ template <class T> const T& argument(const RemoteCall& call, std::size_t index) 
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
 constexpr std::size_t kMaxRepairToolSize = 256u << 20;
 
-/// The folder holding path's last component, opened from "/" without following links, and
-/// that component.
-std::optional<std::pair<UniqueFd, std::string>> parentAndName(const std::string& path) {
-    const auto slash = path.rfind('/');
-    const std::string name = path.substr(slash + 1);
-    if (!isPlainFileName(name))
-        return std::nullopt;
-    UniqueFd folder = openFolderBelow("/", path.substr(0, slash));
-    if (!folder)
-        return std::nullopt;
-    return std::pair{std::move(folder), name};
-}
-
 void stopRepairTool() {
     startTool(SystemTools::host().killall, {"RepairPermissions"});
 }
@@ -167,7 +154,7 @@ bool QVXPCVESKHelper::installRepairPermissionFromSourcePath(const std::string& s
         return false;
     // Root copies only what the user could not have slipped in: see readTrustedFile.
     const auto tool = readTrustedFile(source, callerUid(), kMaxRepairToolSize);
-    const auto place = parentAndName(destination);
+    const auto place = openParentBelow("/", destination);
     if (!tool || !place)
         return false;
     stopRepairTool();
@@ -184,7 +171,7 @@ bool QVXPCVESKHelper::uninstallRepairPermissionsFromPath(const std::string& path
     if (!isCleanAbsolutePath(path))
         return false;
     stopRepairTool();
-    const auto place = parentAndName(path);
+    const auto place = openParentBelow("/", path);
     return place && listedNameAt(place->first.get(), place->second) &&
            removeTreeAt(place->first.get(), place->second);
 }

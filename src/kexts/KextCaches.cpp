@@ -57,19 +57,6 @@ std::optional<PlistValue> readBootCaches(const QVOSVolume& volume) {
     return plist ? std::optional(std::move(*plist)) : std::nullopt;
 }
 
-/// The folder holding path's last component, and that name; nothing through a link.
-std::optional<std::pair<UniqueFd, std::string>> parentAndName(const QVOSVolume& volume,
-                                                              std::string_view path) {
-    auto names = pathComponents(path);
-    if (names.empty() || !isCleanAbsolutePath(path))
-        return std::nullopt;
-    const std::string name = names.back();
-    UniqueFd parent = openFolderBelow(volume.mountPoint(), path.substr(0, path.rfind('/')));
-    if (!parent)
-        return std::nullopt;
-    return std::pair{std::move(parent), name};
-}
-
 /// The newest modification time among the volume's kernel caches; zero when there is none.
 timespec newestKernelCache(const QVOSVolume& volume, const PlistValue::Dict* entry) {
     std::vector<std::string> caches(kKnownKernelCaches.begin(), kKnownKernelCaches.end());
@@ -79,7 +66,7 @@ timespec newestKernelCache(const QVOSVolume& volume, const PlistValue::Dict* ent
     timespec newest{};
     for (const auto& cache : caches) {
         struct stat info {};
-        const auto place = parentAndName(volume, cache);
+        const auto place = openParentBelow(volume.mountPoint(), cache);
         if (place &&
             ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             info.st_mtim.tv_sec > newest.tv_sec)
@@ -116,7 +103,7 @@ bool rebuildCaches(const QVOSVolume& volume) {
     const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, stamp};
     int marked = 0;
     for (const auto& folder : folders) {
-        const auto place = parentAndName(volume, folder);
+        const auto place = openParentBelow(volume.mountPoint(), folder);
         struct stat info {};
         if (!place ||
             ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)

@@ -212,6 +212,18 @@ UniqueFd openFolderBelow(const std::string& base, std::string_view path,
     return current;
 }
 
+std::optional<std::pair<UniqueFd, std::string>> openParentBelow(const std::string& base,
+                                                                std::string_view path) {
+    const auto slash = path.rfind('/');
+    const std::string name(path.substr(slash + 1));
+    if (!isCleanAbsolutePath(path) || !isPlainFileName(name))
+        return std::nullopt;
+    UniqueFd parent = openFolderBelow(base, path.substr(0, slash));
+    if (!parent)
+        return std::nullopt;
+    return std::pair{std::move(parent), name};
+}
+
 std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize) {
     const UniqueFd file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat info {};

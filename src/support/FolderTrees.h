@@ -49,6 +49,12 @@ UniqueFd openOrMakeFolderAt(int parent, const std::string& name, const ItemAttri
 UniqueFd openFolderBelow(const std::string& base, std::string_view path,
                          const std::optional<ItemAttributes>& makeWith = std::nullopt);
 
+/// The folder holding path's last component, opened below base without following links, and
+/// that component; nothing when the path is not clean and absolute or a folder on the way is
+/// missing or a link.
+std::optional<std::pair<UniqueFd, std::string>> openParentBelow(const std::string& base,
+                                                                std::string_view path);
+
 /// The bytes of the regular file name in folder, reached without following a link; nothing
 /// when it is not one, cannot be read or holds more than maxSize bytes.
 std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize);
