@@ -5,7 +5,6 @@
 #include "support/PathValidation.h"
 #include "support/Process.h"
 
-#include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <sys/stat.h>

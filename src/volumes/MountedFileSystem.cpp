@@ -4,6 +4,7 @@
 #include "support/Files.h"
 #include "support/FolderTrees.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <sstream>
