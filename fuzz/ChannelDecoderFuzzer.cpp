@@ -9,15 +9,20 @@
 
 namespace {
 
-void decodeEveryWay(const quelm::PlistValue& message) {
-    (void)quelm::decodeCall(message, quelm::Sender::application);
-    (void)quelm::decodeCall(message, quelm::Sender::helper);
-    const auto reply = quelm::decodeReplyEnvelope(message);
+void decodeEveryWay(const std::string& body) {
+    const auto message = quelm::BinaryPlistDocument::open(body);
+    if (!message)
+        return;
+    if (const auto whole = message->read(message->top())) {
+        (void)quelm::decodeCall(*whole, quelm::Sender::application);
+        (void)quelm::decodeCall(*whole, quelm::Sender::helper);
+    }
+    const auto reply = quelm::decodeReplyEnvelope(*message);
     if (!reply)
         return;
     for (const auto& operation : quelm::remoteOperations())
         if (operation.reply)
-            (void)quelm::decodeValue(reply->value, *operation.reply);
+            (void)quelm::decodeValue(*message, reply->value, *operation.reply);
 }
 
 } // namespace
@@ -25,7 +30,7 @@ void decodeEveryWay(const quelm::PlistValue& message) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string buffer(reinterpret_cast<const char*>(data), size);
     for (;;) {
-        auto frame = quelm::takeFrame(buffer);
+        auto frame = quelm::takeFrameBody(buffer);
         if (!frame || !*frame)
             return 0;
         decodeEveryWay(**frame);

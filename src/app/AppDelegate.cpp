@@ -150,8 +150,7 @@ void AppDelegate::applicationDidFinishLaunching() {
         return;
     }
     center.post(kPresentViewController, true);
-    //% "Quelm needs your permission to install its helper, which installs kexts and repairs
-    //permissions."
+    //% "Quelm needs your permission to install its helper, which installs kexts and repairs permissions."
     QVXPCHelperManager::shared().start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
 }
 

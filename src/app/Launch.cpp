@@ -2,6 +2,7 @@
 #include "app/Launch.h"
 
 #include "app/AppDelegate.h"
+#include "app/LaterStarts.h"
 #include "app/QVMainAbstractMaintenanceViewController.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
@@ -19,12 +20,10 @@
 #include <QDialog>
 #include <QFile>
 #include <QLocalServer>
-#include <QLocalSocket>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QTextBrowser>
 #include <QVBoxLayout>
-#include <unistd.h>
 
 // The images are compiled into the static GUI library, which must register them itself.
 static void initialiseResources() {
@@ -58,74 +57,6 @@ Arguments parseArguments(const QApplication& application) {
     parser.process(application);
     return {parser.value("volume"), parser.value("results"), parser.value("helper-root"),
             parser.positionalArguments()};
-}
-
-QString instanceName() {
-    return QString::fromLatin1(kIdentifierPrefix) + ".veskp.quelm." + QString::number(::getuid());
-}
-
-/// Hands the paths, made absolute here where they were typed, and the volume named, to a Quelm
-/// already running; true when one took them.
-bool handToRunningInstance(const QStringList& files, const QString& volume) {
-    QLocalSocket socket;
-    socket.connectToServer(instanceName());
-    if (!socket.waitForConnected(500))
-        return false;
-    QString message;
-    if (!volume.isEmpty())
-        message +=
-            "volume=" + QString::fromStdString(absoluteNormalPath(volume.toStdString())) + '\n';
-    for (const auto& file : files)
-        message += QString::fromStdString(absoluteNormalPath(file.toStdString())) + '\n';
-    socket.write(message.toUtf8());
-    socket.waitForBytesWritten(2000);
-    socket.disconnectFromServer();
-    return true;
-}
-
-/// One later start's paths: they join the intake, or make a job of their own when a job runs
-/// or they name another volume.
-void takeLaterStart(const QStringList& lines, AppDelegate& delegate,
-                    QVMainQuelmWindowController& window) {
-    std::optional<std::string> volume;
-    QStringList files;
-    for (const auto& line : lines) {
-        if (line.startsWith("volume="))
-            volume = line.mid(7).toStdString();
-        else
-            files << line;
-    }
-    if (files.isEmpty()) {
-        delegate.applicationShouldHandleReopen();
-        return;
-    }
-    auto* screen = window.installationScreen();
-    const auto& selected = QVOSVolumeManager::shared().selectedOSVolume();
-    const bool otherVolume = volume && (!selected || selected->mountPoint() != *volume);
-    if (screen && (screen->jobUnderWay() || otherVolume)) {
-        std::vector<std::string> paths;
-        for (const auto& file : files)
-            paths.push_back(file.toStdString());
-        screen->enqueueJob(std::move(paths), volume);
-        return;
-    }
-    delegate.openFiles(files);
-}
-
-/// Later starts of quelm deliver their paths here, one batch per start; a start without
-/// paths brings the window back.
-void listenForLaterStarts(QLocalServer& server, AppDelegate& delegate,
-                          QVMainQuelmWindowController& window) {
-    QLocalServer::removeServer(instanceName());
-    server.listen(instanceName());
-    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate, &window] {
-        QLocalSocket* socket = server.nextPendingConnection();
-        QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate, &window] {
-            takeLaterStart(QString::fromUtf8(socket->readAll()).split('\n', Qt::SkipEmptyParts),
-                           delegate, window);
-            socket->deleteLater();
-        });
-    });
 }
 
 /// Where no macOS runs the host, the target is the one named, else the last one used.
@@ -193,7 +124,7 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
         action->setProperty("tag", tag);
         return action;
     };
-    auto* app = menu.addMenu("Quelm");
+    auto* app = menu.addMenu("&Quelm");
     QObject::connect(item(app, 0), &QAction::triggered, &window, [&window] { showAbout(window); });
     item(app, 1)->setEnabled(false);
     item(app, 2)->setEnabled(false);
@@ -208,7 +139,9 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
     QObject::connect(item(windows, 13), &QAction::triggered, &window, &QWidget::raise);
     auto* help = menu.addMenu(QString());
     help->menuAction()->setProperty("tag", 14);
-    QObject::connect(item(help, 15), &QAction::triggered, &window, [&window] { showHelp(window); });
+    auto* helpItem = item(help, 15);
+    helpItem->setShortcut(QKeySequence::HelpContents);
+    QObject::connect(helpItem, &QAction::triggered, &window, [&window] { showHelp(window); });
 }
 
 } // namespace
@@ -220,11 +153,13 @@ int runQuelm(int argc, char** argv) {
     QApplication::setApplicationName("Quelm");
     QApplication::setApplicationVersion(QUELM_VERSION);
     QApplication::setWindowIcon(QIcon(":/quelm/quelm.svg"));
+    // Desktops match the window to its .desktop file, its name and icon, by this name.
+    QGuiApplication::setDesktopFileName("org.quelm.veskp.quelm");
     (void)installTranslations(application);
     const Arguments arguments = parseArguments(application);
     if (!arguments.results.isEmpty())
         return showResults(arguments.results);
-    if (handToRunningInstance(arguments.files, arguments.volume))
+    if (handToRunningInstance(instanceName(), arguments.files, arguments.volume))
         return 0;
     if (!arguments.helperRoot.isEmpty())
         QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
@@ -240,7 +175,7 @@ int runQuelm(int argc, char** argv) {
     if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
         return 1;
     QLocalServer server;
-    listenForLaterStarts(server, delegate, window);
+    listenForLaterStarts(server, instanceName(), delegate, window);
     QApplication::setQuitOnLastWindowClosed(false);
     QObject::connect(&window, &QVMainQuelmWindowController::filesDropped, &delegate,
                      &AppDelegate::openFiles);

@@ -178,11 +178,12 @@ void QVMainAbstractMaintenanceViewController::whenReplied(
     std::string_view selector, std::vector<RemoteValue> arguments,
     std::function<void(const RemoteValue&)> handler) {
     proxy_->call(selector, std::move(arguments),
-                 [this, handler = std::move(handler)](const std::optional<RemoteValue>& reply) {
+                 [this, handler = std::move(handler)](std::optional<RemoteValue> reply) {
                      if (!reply)
                          return;
                      QMetaObject::invokeMethod(
-                         this, [handler, value = *reply] { handler(value); }, Qt::QueuedConnection);
+                         this, [handler, value = std::move(*reply)] { handler(value); },
+                         Qt::QueuedConnection);
                  });
 }
 

@@ -57,8 +57,7 @@ void QVMainQuelmViewController::viewDidLoad() {
     startBusyIndicator(*circularIndicator);
     // Without root the helper starts after a password prompt: say here why it comes.
     if (::geteuid() != 0)
-        //% "Quelm needs your permission to install its helper, which installs kexts and repairs
-        //permissions."
+        //% "Quelm needs your permission to install its helper, which installs kexts and repairs permissions."
         updateStatusWithLocalizedString(qtTrId("kQVQLMainRequestAuthorization"));
     else
         //% "Preparing..."
@@ -300,8 +299,7 @@ QVMainQuelmViewController::askFolder(const QVKernelExtension& kext) {
                     qtTrId("kQVMainQuelmVCSelectInstallationFolderForKext") +
                         QString::fromStdString(kext.name()),
                     QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, this);
-    //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must load from
-    ///System/Library/Extensions/."
+    //% "Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/."
     box.setInformativeText(qtTrId("kQVMainQuelmVCSelectInstallationFolderForKextDescription"));
     box.button(QMessageBox::Yes)->setText("/Library/Extensions/");
     box.button(QMessageBox::No)->setText("/System/Library/Extensions/");
@@ -379,7 +377,9 @@ void QVMainQuelmViewController::deliverFinalNotification() {
     //% "Installed: "
     const QString subtitle = qtTrId("kQVMainQuelmVCInstalled") + QString::number(installed) + " " +
                              failedLabel + QString::number(failedNames.size());
-    deliverUserNotification({title, subtitle, lines.join("\n")});
+    const QVUserNotification notification{title, subtitle, lines.join("\n")};
+    deliverUserNotification(notification);
+    emit notified(notification);
 }
 
 } // namespace quelm

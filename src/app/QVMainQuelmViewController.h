@@ -2,6 +2,7 @@
 #pragma once
 
 #include "app/QVMainAbstractMaintenanceViewController.h"
+#include "app/QVUserNotification.h"
 #include "kexts/QVSmartTableManager.h"
 
 #include <QString>
@@ -43,6 +44,8 @@ signals:
     /// The job is over (its notification delivered), or ended before it changed anything: the
     /// application may quit.
     void jobFinished();
+    /// The final notification of a job, as delivered to the desktop and the log.
+    void notified(const QVUserNotification& notification);
 
 private:
     void willBackupKexts() override;

@@ -20,17 +20,20 @@ std::uint32_t frameLength(std::string_view header) {
 
 } // namespace
 
-std::string encodeFrame(const PlistValue& message) {
-    const std::string body = serializePlist(message, PlistFormat::binary).value_or("");
+std::string frameOfBody(std::string_view body) {
     const auto length = static_cast<std::uint32_t>(body.size());
     std::string frame;
     frame.reserve(kHeaderSize + body.size());
     for (int shift = 24; shift >= 0; shift -= 8)
         frame += static_cast<char>((length >> shift) & 0xFF);
-    return frame + body;
+    return frame.append(body);
 }
 
-std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& buffer) {
+std::string encodeFrame(const PlistValue& message) {
+    return frameOfBody(serializePlist(message, PlistFormat::binary).value_or(""));
+}
+
+std::expected<std::optional<std::string>, ChannelError> takeFrameBody(std::string& buffer) {
     if (buffer.size() < kHeaderSize)
         return std::nullopt;
     const std::uint32_t length = frameLength(buffer);
@@ -39,15 +42,27 @@ std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& bu
             ChannelError{"frame of " + std::to_string(length) + " bytes is over the limit"});
     if (buffer.size() - kHeaderSize < length)
         return std::nullopt;
-    auto message = parsePlist(std::string_view(buffer).substr(kHeaderSize, length));
+    std::string body = buffer.substr(kHeaderSize, length);
     buffer.erase(0, kHeaderSize + length);
+    return std::optional(std::move(body));
+}
+
+std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& buffer) {
+    auto body = takeFrameBody(buffer);
+    if (!body || !*body)
+        return body ? std::expected<std::optional<PlistValue>, ChannelError>()
+                    : std::unexpected(body.error());
+    auto message = parsePlist(**body);
     if (!message)
         return std::unexpected(ChannelError{"frame is not a property list"});
     return std::optional(std::move(*message));
 }
 
 bool FrameWriter::write(const PlistValue& message) {
-    const std::string frame = encodeFrame(message);
+    return writeFrame(encodeFrame(message));
+}
+
+bool FrameWriter::writeFrame(std::string_view frame) {
     std::lock_guard lock(mutex_);
     return writeAll(fd_, frame);
 }

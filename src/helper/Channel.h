@@ -16,8 +16,15 @@ namespace quelm {
 /// Larger frames are refused.
 inline constexpr std::uint32_t kMaxFrameSize = 64u << 20;
 
+/// The frame holding a binary property list already encoded, length prefix included.
+std::string frameOfBody(std::string_view body);
 /// The frame holding message, length prefix included.
 std::string encodeFrame(const PlistValue& message);
+
+/// Takes one whole frame's body off the front of buffer, or nothing when the buffer does not
+/// yet hold a whole frame. A frame over the size limit is an error.
+[[nodiscard]] std::expected<std::optional<std::string>, ChannelError>
+takeFrameBody(std::string& buffer);
 
 /// Takes one whole frame off the front of buffer: its message, or nothing when the buffer
 /// does not yet hold a whole frame. A frame over the size limit or whose body is not a
@@ -30,6 +37,8 @@ public:
     explicit FrameWriter(int fd) : fd_(fd) {}
     /// False once the other end is gone.
     bool write(const PlistValue& message);
+    /// The same for a frame already encoded.
+    bool writeFrame(std::string_view frame);
 
 private:
     int fd_;

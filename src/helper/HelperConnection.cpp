@@ -170,7 +170,7 @@ void HelperConnection::readLoop() {
             return failWithExit();
         buffer.append(chunk, static_cast<std::size_t>(count));
         for (;;) {
-            auto frame = takeFrame(buffer);
+            auto frame = takeFrameBody(buffer);
             if (!frame)
                 return fail(frame.error().message);
             if (!*frame)
@@ -182,16 +182,21 @@ void HelperConnection::readLoop() {
     }
 }
 
-void HelperConnection::handle(const PlistValue& message) {
-    if (!isReply(message)) {
-        auto call = decodeCall(message, Sender::helper);
+void HelperConnection::handle(std::string_view frame) {
+    const auto message = BinaryPlistDocument::open(frame);
+    if (!message)
+        return fail("frame is not a property list");
+    if (message->entry(message->top(), "op")) {
+        const auto value = message->read(message->top());
+        auto call = value ? decodeCall(*value, Sender::helper)
+                          : std::unexpected(ChannelError{value.error().message});
         if (!call)
             return fail(call.error().message);
         if (handlers_.progress)
             handlers_.progress(std::get<double>(call->arguments.front()));
         return;
     }
-    auto reply = decodeReplyEnvelope(message);
+    auto reply = decodeReplyEnvelope(*message);
     if (!reply)
         return fail(reply.error().message);
     Pending pending;
@@ -203,11 +208,11 @@ void HelperConnection::handle(const PlistValue& message) {
         pending = std::move(found->second);
         pending_.erase(found);
     }
-    auto value = decodeValue(reply->value, *pending.operation->reply);
+    auto value = decodeValue(*message, reply->value, *pending.operation->reply);
     if (!value)
         return fail(std::string(pending.operation->selector) + ": " + value.error().message);
     if (pending.reply)
-        pending.reply(*value);
+        pending.reply(std::move(*value));
 }
 
 void HelperConnection::failWithExit() {

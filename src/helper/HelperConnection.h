@@ -27,7 +27,8 @@ public:
         std::function<void(const std::string&, std::optional<int>)> error;
     };
     /// The reply's value, or nothing when the connection broke before it came.
-    using ReplyHandler = std::function<void(const std::optional<RemoteValue>&)>;
+    /// Takes the reply by value, so that a large one moves on rather than being copied.
+    using ReplyHandler = std::function<void(std::optional<RemoteValue>)>;
 
     /// Starts program with arguments; its stdin and stdout are one end of a socket pair, the
     /// channel, and its stderr the application's. This process becomes non-dumpable first, so
@@ -62,7 +63,8 @@ private:
     HelperConnection(int channel, int wake, int wakeWriter, int pid, Handlers handlers);
     void readLoop();
     void markReaderDone();
-    void handle(const PlistValue& message);
+    /// One frame's body: a progress call, or the reply to a pending call.
+    void handle(std::string_view frame);
     void fail(const std::string& message, std::optional<int> exitStatus = std::nullopt);
     void failWithExit();
     void failPending();

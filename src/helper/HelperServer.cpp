@@ -80,7 +80,7 @@ int serveHelper(QVXPCVESKHelper& helper, int in, int out) {
         auto& running = calls.emplace_back();
         running.thread =
             std::jthread([&helper, &writer, done = running.done, call = std::move(*call)] {
-                writer.write(encodeReply(*call.id, helper.perform(call)));
+                writer.writeFrame(frameOfBody(encodeReplyPlist(*call.id, helper.perform(call))));
                 *done = true;
             });
     }

@@ -99,6 +99,7 @@ std::expected<bool, QVXPCHelperManagerPreAuthenticationError> QVXPCHelperManager
     if (settings_.runningAsRoot)
         return installHelperFiles(*helper_, settings_.shippedHelper, settings_.policyTemplate,
                                   settings_.root, ::getuid());
+    announceAuthorization();
     const int status =
         runTool(settings_.launcher, {settings_.shippedHelper, "--install", settings_.policyTemplate,
                                      "--root", settings_.root});
@@ -131,12 +132,18 @@ void QVXPCHelperManager::connect() {
     if (settings_.runningAsRoot) {
         connection_ = HelperConnection::launch(tool, serve, std::move(handlers));
     } else {
+        announceAuthorization();
         std::vector<std::string> arguments{tool};
         arguments.insert(arguments.end(), serve.begin(), serve.end());
         connection_ = HelperConnection::launch(settings_.launcher, arguments, std::move(handlers));
     }
     if (!connection_)
         delegate_->helperManagerConnectionFailed("cannot start " + tool);
+}
+
+void QVXPCHelperManager::announceAuthorization() const {
+    if (prompt_)
+        logLine("QVXPCHelperManager: asking for authorization: " + *prompt_);
 }
 
 void QVXPCHelperManager::testConnection() {

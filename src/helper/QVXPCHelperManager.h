@@ -122,6 +122,9 @@ public:
 private:
     /// Blesses, then connects and tests; failed names the notification for a failed blessing.
     void blessAndConnect(const NotificationName<NoObject>& failed);
+    /// Logs the application's reason before pkexec asks for a password, so that the prompt
+    /// never comes unexplained, also where no window shows the status line.
+    void announceAuthorization() const;
 
     Settings settings_;
     std::optional<QVXPCHelper> helper_;

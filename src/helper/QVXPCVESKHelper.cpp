@@ -107,6 +107,7 @@ QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) c
     YRRepairPermissions job(volume, QVRepairPermissionsJobType::repairPermissions);
     job.run();
     std::vector<QVRepairPermissionsRepresentableResult> results;
+    results.reserve(job.results().size());
     for (const auto& result : job.results())
         results.push_back(result.representable());
     return results;

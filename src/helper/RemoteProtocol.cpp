@@ -2,6 +2,7 @@
 // encoding of calls, replies and their values as property lists.
 #include "helper/RemoteProtocol.h"
 
+#include "support/BinaryPlistWriter.h"
 #include "support/KeyedArchive.h"
 
 namespace quelm {
@@ -15,6 +16,7 @@ std::unexpected<ChannelError> refuse(std::string message) {
 
 template <class T> PlistValue archiveArray(const std::vector<T>& objects) {
     PlistValue::Array items;
+    items.reserve(objects.size());
     for (const auto& object : objects)
         items.push_back(archive(object));
     return items;
@@ -26,6 +28,7 @@ std::expected<RemoteValue, ChannelError> unarchiveArray(const PlistValue& value)
     if (!items)
         return refuse("expected an array of " + std::string(T::className));
     std::vector<T> objects;
+    objects.reserve(items->size());
     for (const auto& item : *items) {
         auto object = unarchive<T>(item);
         if (!object)
@@ -87,6 +90,45 @@ decodeArguments(const PlistValue& message, const RemoteOperation& operation) {
         arguments.push_back(std::move(*argument));
     }
     return arguments;
+}
+
+/// Adds each object's archive and drops it before the next: the stream never holds a tree of
+/// the whole list.
+template <class T>
+BinaryPlistStream::Ref streamArchives(BinaryPlistStream& stream, const std::vector<T>& objects) {
+    std::vector<BinaryPlistStream::Ref> items;
+    items.reserve(objects.size());
+    for (const auto& object : objects)
+        items.push_back(stream.add(archive(object)));
+    return stream.addArray(items);
+}
+
+BinaryPlistStream::Ref streamValue(BinaryPlistStream& stream, const RemoteValue& value) {
+    if (const auto* kexts = std::get_if<std::vector<QVKernelExtension>>(&value))
+        return streamArchives(stream, *kexts);
+    if (const auto* results =
+            std::get_if<std::vector<QVRepairPermissionsRepresentableResult>>(&value))
+        return streamArchives(stream, *results);
+    return stream.add(encodeValue(value));
+}
+
+/// Each element of an array of objects decoded on its own, never the whole list at once.
+template <class T>
+std::expected<RemoteValue, ChannelError> unarchiveItems(const BinaryPlistDocument& document,
+                                                        BinaryPlistDocument::Ref ref) {
+    const auto items = document.items(ref);
+    if (!items)
+        return refuse("expected an array of " + std::string(T::className));
+    std::vector<T> objects;
+    objects.reserve(items->size());
+    for (const auto item : *items) {
+        const auto value = document.read(item);
+        auto object = value ? unarchive<T>(*value) : std::unexpected(ArchiveError{"unreadable"});
+        if (!object)
+            return refuse(object.error().message);
+        objects.push_back(std::move(*object));
+    }
+    return RemoteValue(std::move(objects));
 }
 
 } // namespace
@@ -167,12 +209,13 @@ PlistValue encodeCall(const RemoteCall& call) {
     return message;
 }
 
-PlistValue encodeReply(std::int64_t id, const RemoteValue& value) {
-    return PlistValue::Dict{{"id", id}, {"reply", PlistValue::Array{encodeValue(value)}}};
-}
-
-bool isReply(const PlistValue& message) {
-    return message.find("op") == nullptr;
+std::string encodeReplyPlist(std::int64_t id, const RemoteValue& value) {
+    // Four-byte references: enough for any frame the channel takes, known before the first.
+    BinaryPlistStream stream(4);
+    const std::array keys{stream.addText("id"), stream.addText("reply")};
+    const BinaryPlistStream::Ref reply[] = {streamValue(stream, value)};
+    const std::array values{stream.add(id), stream.addArray(reply)};
+    return std::move(stream).finish(stream.addDict(keys, values));
 }
 
 std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message, Sender sender) {
@@ -192,13 +235,26 @@ std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message, Se
                       std::move(*arguments)};
 }
 
-std::expected<RemoteReply, ChannelError> decodeReplyEnvelope(const PlistValue& message) {
-    const auto* id = message.find("id");
-    const auto* reply = message.find("reply");
-    if (!message.dict() || !id || !id->is<std::int64_t>() || !reply || !reply->array() ||
-        reply->array()->size() != 1)
+std::expected<RemoteReply, ChannelError> decodeReplyEnvelope(const BinaryPlistDocument& message) {
+    const auto idRef = message.entry(message.top(), "id");
+    const auto id = idRef ? message.read(*idRef) : std::unexpected(PlistError{});
+    const auto replyRef = message.entry(message.top(), "reply");
+    const auto reply = replyRef ? message.items(*replyRef) : std::nullopt;
+    if (!id || !id->is<std::int64_t>() || !reply || reply->size() != 1)
         return refuse("a reply must carry an integer id and one value");
-    return RemoteReply{*id->get<std::int64_t>(), reply->array()->front()};
+    return RemoteReply{*id->get<std::int64_t>(), reply->front()};
+}
+
+std::expected<RemoteValue, ChannelError> decodeValue(const BinaryPlistDocument& document,
+                                                     BinaryPlistDocument::Ref ref, ValueType type) {
+    if (type == ValueType::kextArray)
+        return unarchiveItems<QVKernelExtension>(document, ref);
+    if (type == ValueType::resultArray)
+        return unarchiveItems<QVRepairPermissionsRepresentableResult>(document, ref);
+    const auto value = document.read(ref);
+    if (!value)
+        return refuse(value.error().message);
+    return decodeValue(*value, type);
 }
 
 } // namespace quelm

@@ -4,6 +4,7 @@
 
 #include "kexts/QVKernelExtension.h"
 #include "repair/QVRepairPermissionsResult.h"
+#include "support/BinaryPlistCheck.h"
 #include "support/PropertyList.h"
 #include "volumes/QVOSVolume.h"
 
@@ -58,9 +59,11 @@ struct RemoteCall {
     std::vector<RemoteValue> arguments;
 };
 
+/// A reply's id, and its value still in the frame: the value is decoded against the pending
+/// call's type, an object of a list at a time.
 struct RemoteReply {
     std::int64_t id;
-    PlistValue value;
+    BinaryPlistDocument::Ref value;
 };
 
 struct ChannelError {
@@ -69,20 +72,22 @@ struct ChannelError {
 
 /// {"id": n, "op": selector, "args": [...]}, without "id" for a one-way call.
 PlistValue encodeCall(const RemoteCall& call);
-/// {"id": n, "reply": [value]}.
-PlistValue encodeReply(std::int64_t id, const RemoteValue& value);
+/// {"id": n, "reply": [value]} as a binary property list, written an object of a list at a
+/// time: a reply of 100,000 results never becomes one tree.
+std::string encodeReplyPlist(std::int64_t id, const RemoteValue& value);
 
 /// A call sent by sender: a known operation of that sender, a well-typed "id" exactly when it
 /// expects a reply, and every argument of its type and allowed class.
 [[nodiscard]] std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message,
                                                                  Sender sender);
-/// Whether the message is a reply (no "op") rather than a call.
-bool isReply(const PlistValue& message);
 /// The id of a reply and its value still encoded, to be decoded against the pending call.
 [[nodiscard]] std::expected<RemoteReply, ChannelError>
-decodeReplyEnvelope(const PlistValue& message);
+decodeReplyEnvelope(const BinaryPlistDocument& message);
 /// A value of the given type, refusing anything else (wrong class, missing or mistyped key).
 [[nodiscard]] std::expected<RemoteValue, ChannelError> decodeValue(const PlistValue& value,
                                                                    ValueType type);
+/// The same for a value in a frame; the elements of a list of objects are read one by one.
+[[nodiscard]] std::expected<RemoteValue, ChannelError>
+decodeValue(const BinaryPlistDocument& document, BinaryPlistDocument::Ref ref, ValueType type);
 
 } // namespace quelm

@@ -1,8 +1,9 @@
-// Checks of binary property lists made before libplist parses them.
+// Binary property lists: the checks that every one passes first, and the reader.
 #include "support/BinaryPlistCheck.h"
 
 #include "support/ByteReader.h"
 
+#include <bit>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -34,13 +35,7 @@ std::optional<std::uint64_t> readUnsigned(const ByteSlice& bytes, std::size_t of
     return value;
 }
 
-struct Trailer {
-    std::size_t offsetSize;
-    std::size_t refSize;
-    std::uint64_t count;
-    std::uint64_t root;
-    std::size_t tableOffset;
-};
+using Trailer = BinaryPlistTrailer;
 
 /// The trailer, when its sizes are usable and the offset table lies between header and trailer.
 std::optional<Trailer> readTrailer(const ByteSlice& bytes) {
@@ -186,6 +181,140 @@ private:
     std::uint64_t values_ = 1; // the top object
 };
 
+/// UTF-8 of big-endian UTF-16 units; a surrogate without its pair becomes U+FFFD.
+std::string utf8FromUtf16(const ByteSlice& units, std::size_t count) {
+    std::string text;
+    text.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        char32_t code = *units.u16(2 * i);
+        if (code >= 0xD800 && code <= 0xDBFF && i + 1 < count && *units.u16(2 * i + 2) >= 0xDC00 &&
+            *units.u16(2 * i + 2) <= 0xDFFF)
+            code = 0x10000 + ((code - 0xD800) << 10) + (*units.u16(2 * ++i) - 0xDC00);
+        else if (code >= 0xD800 && code <= 0xDFFF)
+            code = 0xFFFD;
+        if (code < 0x80) {
+            text.push_back(static_cast<char>(code));
+            continue;
+        }
+        static constexpr unsigned char kLead[] = {0, 0xC0, 0xE0, 0xF0};
+        const int extra = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+        text.push_back(static_cast<char>(kLead[extra] | (code >> (6 * extra))));
+        for (int shift = 6 * (extra - 1); shift >= 0; shift -= 6)
+            text.push_back(static_cast<char>(0x80 | ((code >> shift) & 0x3F)));
+    }
+    return text;
+}
+
+std::uint64_t reference(const ByteSlice& bytes, const Trailer& trailer, std::size_t at,
+                        std::uint64_t i) {
+    return *readUnsigned(bytes, at + i * trailer.refSize, trailer.refSize);
+}
+
+/// Builds values straight from a checked list: every offset, reference and string lies in
+/// the file, no container holds itself and none is nested too deeply.
+class ObjectReader {
+public:
+    ObjectReader(const ByteSlice& bytes, const Trailer& trailer)
+        : bytes_(bytes), trailer_(trailer) {}
+
+    std::expected<PlistValue, PlistError> read(std::uint64_t index) const {
+        const auto [offset, marker] = *objectAt(bytes_, trailer_, index);
+        switch (marker >> 4) {
+        case 0x0:
+            if (marker == 0x08 || marker == 0x09)
+                return PlistValue(marker == 0x09);
+            break;
+        case 0x1:
+            return readInteger(offset, marker);
+        case 0x2:
+        case 0x3:
+            return readReal(offset, marker);
+        case 0x4:
+        case kAsciiString:
+        case kUtf16String:
+            return readBytes(offset, marker);
+        case kArray:
+            return readArray(offset, marker);
+        case kDict:
+            return readDict(offset, marker);
+        }
+        return refuse(PlistError::Kind::unsupported, "holds an unsupported value type");
+    }
+
+private:
+    std::expected<PlistValue, PlistError> readInteger(std::size_t offset,
+                                                      std::uint8_t marker) const {
+        const std::size_t width = std::size_t{1} << (marker & 0xF);
+        const auto value = width <= 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
+        if (!value)
+            return refuse(PlistError::Kind::unsupported, "holds an unreadable integer");
+        // Narrower integers are unsigned; eight bytes hold a signed one.
+        return PlistValue(static_cast<std::int64_t>(*value));
+    }
+
+    std::expected<PlistValue, PlistError> readReal(std::size_t offset, std::uint8_t marker) const {
+        const std::size_t width = std::size_t{1} << (marker & 0xF);
+        const auto bits =
+            width == 4 || width == 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
+        if (!bits || (marker >> 4 == 0x3 && width != 8))
+            return refuse(PlistError::Kind::unsupported, "holds an unreadable real or date");
+        const double value = width == 4 ? std::bit_cast<float>(static_cast<std::uint32_t>(*bits))
+                                        : std::bit_cast<double>(*bits);
+        if (marker >> 4 == 0x3)
+            return PlistValue(PlistDate{value});
+        return PlistValue(value);
+    }
+
+    std::expected<PlistValue, PlistError> readBytes(std::size_t offset, std::uint8_t marker) const {
+        const auto extent = objectLength(bytes_, offset, marker);
+        const std::uint64_t unit = marker >> 4 == kUtf16String ? 2 : 1;
+        const auto content = extent && extent->first <= bytes_.size() / unit
+                                 ? bytes_.slice(extent->second, extent->first * unit)
+                                 : std::nullopt;
+        if (!content)
+            return refuse(PlistError::Kind::malformed, "has a value outside the file");
+        if (unit == 2)
+            return PlistValue(utf8FromUtf16(*content, extent->first));
+        const std::string_view raw = content->bytes();
+        if (marker >> 4 == kAsciiString)
+            return PlistValue(std::string(raw));
+        return PlistValue(PlistValue::Data(raw.begin(), raw.end()));
+    }
+
+    std::expected<PlistValue, PlistError> readArray(std::size_t offset, std::uint8_t marker) const {
+        const auto [count, refs] = *objectLength(bytes_, offset, marker);
+        PlistValue::Array items;
+        items.reserve(count);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            auto item = read(reference(bytes_, trailer_, refs, i));
+            if (!item)
+                return item;
+            items.push_back(std::move(*item));
+        }
+        return PlistValue(std::move(items));
+    }
+
+    std::expected<PlistValue, PlistError> readDict(std::size_t offset, std::uint8_t marker) const {
+        const auto [count, refs] = *objectLength(bytes_, offset, marker);
+        PlistValue::Dict entries;
+        for (std::uint64_t i = 0; i < count; ++i) {
+            auto key = read(reference(bytes_, trailer_, refs, i));
+            if (!key)
+                return key;
+            if (!key->string())
+                return refuse(PlistError::Kind::malformed, "has a key that is not a string");
+            auto value = read(reference(bytes_, trailer_, refs, count + i));
+            if (!value)
+                return value;
+            entries.insert_or_assign(*key->string(), std::move(*value));
+        }
+        return PlistValue(std::move(entries));
+    }
+
+    const ByteSlice& bytes_;
+    Trailer trailer_;
+};
+
 } // namespace
 
 std::expected<void, PlistError> checkBinaryPlist(std::string_view text) {
@@ -194,6 +323,54 @@ std::expected<void, PlistError> checkBinaryPlist(std::string_view text) {
     if (!trailer || !objectsAreSafe(bytes, *trailer))
         return refuse(PlistError::Kind::malformed, "is damaged");
     return StructureWalk(bytes, *trailer).run();
+}
+
+std::expected<BinaryPlistDocument, PlistError> BinaryPlistDocument::open(std::string_view text) {
+    if (auto checked = checkBinaryPlist(text); !checked)
+        return std::unexpected(checked.error());
+    return BinaryPlistDocument(text, *readTrailer(ByteSlice(text)));
+}
+
+std::expected<PlistValue, PlistError> BinaryPlistDocument::read(Ref ref) const {
+    if (ref >= trailer_.count)
+        return refuse(PlistError::Kind::malformed, "refers to a missing object");
+    const ByteSlice bytes(bytes_);
+    return ObjectReader(bytes, trailer_).read(ref);
+}
+
+std::optional<std::vector<BinaryPlistDocument::Ref>> BinaryPlistDocument::items(Ref ref) const {
+    const ByteSlice bytes(bytes_);
+    const auto object = ref < trailer_.count ? objectAt(bytes, trailer_, ref) : std::nullopt;
+    if (!object || object->second >> 4 != kArray)
+        return std::nullopt;
+    const auto [count, refs] = *objectLength(bytes, object->first, object->second);
+    std::vector<Ref> found;
+    found.reserve(count);
+    for (std::uint64_t i = 0; i < count; ++i)
+        found.push_back(reference(bytes, trailer_, refs, i));
+    return found;
+}
+
+std::optional<BinaryPlistDocument::Ref> BinaryPlistDocument::entry(Ref ref,
+                                                                   std::string_view key) const {
+    const ByteSlice bytes(bytes_);
+    const auto object = ref < trailer_.count ? objectAt(bytes, trailer_, ref) : std::nullopt;
+    if (!object || object->second >> 4 != kDict)
+        return std::nullopt;
+    const auto [count, refs] = *objectLength(bytes, object->first, object->second);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const auto name = read(reference(bytes, trailer_, refs, i));
+        if (name && name->string() && *name->string() == key)
+            return reference(bytes, trailer_, refs, count + i);
+    }
+    return std::nullopt;
+}
+
+std::expected<PlistValue, PlistError> readBinaryPlist(std::string_view text) {
+    auto document = BinaryPlistDocument::open(text);
+    if (!document)
+        return std::unexpected(document.error());
+    return document->read(document->top());
 }
 
 } // namespace quelm

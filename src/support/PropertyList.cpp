@@ -2,6 +2,7 @@
 #include "support/PropertyList.h"
 
 #include "support/BinaryPlistCheck.h"
+#include "support/BinaryPlistWriter.h"
 #include "support/Files.h"
 #include "support/XmlPlistCheck.h"
 
@@ -26,17 +27,24 @@ std::unexpected<PlistError> failure(PlistError::Kind kind, std::string message) 
 // kMaxPlistDepth before libplist made these nodes.
 std::expected<PlistValue, PlistError> fromNode(plist_t node);
 
+// The iterator walks the list once; a lookup by index in an array read from binary walks it
+// from the start each time.
 std::expected<PlistValue, PlistError> fromArrayNode(plist_t node) {
     PlistValue::Array items;
-    const uint32_t count = plist_array_get_size(node);
-    items.reserve(count);
-    for (uint32_t i = 0; i < count; ++i) {
-        auto item = fromNode(plist_array_get_item(node, i));
+    items.reserve(plist_array_get_size(node));
+    plist_array_iter iter = nullptr;
+    plist_array_new_iter(node, &iter);
+    std::unique_ptr<void, decltype(&std::free)> iterOwner(iter, &std::free);
+    for (;;) {
+        plist_t value = nullptr;
+        plist_array_next_item(node, iter, &value);
+        if (!value)
+            return PlistValue(std::move(items));
+        auto item = fromNode(value);
         if (!item)
             return std::unexpected(item.error());
         items.push_back(std::move(*item));
     }
-    return PlistValue(std::move(items));
 }
 
 std::expected<PlistValue, PlistError> fromDictNode(plist_t node) {
@@ -170,9 +178,10 @@ const std::string* PlistValue::stringForKey(std::string_view key) const {
 std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes) {
     if (bytes.empty() || bytes.size() > kMaxPlistFileSize)
         return failure(PlistError::Kind::malformed, "not a property list");
-    // libplist takes the binary parser for exactly this header, the XML one for anything else.
-    const auto checked =
-        bytes.starts_with("bplist00") ? checkBinaryPlist(bytes) : checkXmlPlist(bytes);
+    // libplist took the binary parser for exactly this header, the XML one for anything else.
+    if (bytes.starts_with("bplist00"))
+        return readBinaryPlist(bytes);
+    const auto checked = checkXmlPlist(bytes);
     if (!checked)
         return std::unexpected(checked.error());
     plist_t root = nullptr;
@@ -203,13 +212,12 @@ std::expected<PlistValue::Dict, PlistError> readPlistDictionary(const std::files
 }
 
 std::expected<std::string, PlistError> serializePlist(const PlistValue& value, PlistFormat format) {
+    if (format == PlistFormat::binary)
+        return writeBinaryPlist(value);
     Node root(toNode(value));
     char* bytes = nullptr;
     uint32_t length = 0;
-    if (format == PlistFormat::xml)
-        plist_to_xml(root.get(), &bytes, &length);
-    else
-        plist_to_bin(root.get(), &bytes, &length);
+    plist_to_xml(root.get(), &bytes, &length);
     if (!bytes)
         return failure(PlistError::Kind::unsupported, "cannot encode the property list");
     std::string text(bytes, length);

@@ -27,6 +27,8 @@ public:
     using Data = std::vector<std::uint8_t>;
 
     PlistValue(bool value) : storage_(value) {}
+    /// A pointer would otherwise become a boolean without a word.
+    template <class T> PlistValue(const T*) = delete;
     PlistValue(int value) : storage_(std::int64_t{value}) {}
     PlistValue(std::int64_t value) : storage_(value) {}
     PlistValue(double value) : storage_(value) {}

@@ -1,6 +1,7 @@
 // Conveniences every screen shares: alerts, answers given in advance, busy bars and fades.
 #include "ui/QVViewExtensions.h"
 
+#include <QAbstractButton>
 #include <QGraphicsOpacityEffect>
 #include <QProgressBar>
 #include <QPropertyAnimation>
@@ -14,6 +15,18 @@ namespace {
 std::deque<QMessageBox::StandardButton>& presetAnswers() {
     static std::deque<QMessageBox::StandardButton> answers;
     return answers;
+}
+
+std::vector<QVModalAnswers::Shown>& shownBoxes() {
+    static std::vector<QVModalAnswers::Shown> boxes;
+    return boxes;
+}
+
+QStringList buttonTexts(const QMessageBox& box) {
+    QStringList texts;
+    for (const auto* button : box.buttons())
+        texts << button->text();
+    return texts;
 }
 
 QMessageBox::StandardButton runAlert(QWidget* parent, const QString& message,
@@ -45,13 +58,19 @@ void QVModalAnswers::preset(QMessageBox::StandardButton answer) {
 
 void QVModalAnswers::clear() {
     presetAnswers().clear();
+    shownBoxes().clear();
 }
 
 std::size_t QVModalAnswers::pending() {
     return presetAnswers().size();
 }
 
+const std::vector<QVModalAnswers::Shown>& QVModalAnswers::shown() {
+    return shownBoxes();
+}
+
 QMessageBox::StandardButton QVModalAnswers::run(QMessageBox& box) {
+    shownBoxes().push_back({box.text(), box.informativeText(), buttonTexts(box)});
     auto& answers = presetAnswers();
     if (!answers.empty()) {
         const auto answer = answers.front();

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <QMessageBox>
+#include <QStringList>
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 class QProgressBar;
 class QWidget;
@@ -16,11 +18,20 @@ namespace quelm {
 /// (box.button(QMessageBox::Yes)->setText(...)), so that an answer still names its button.
 class QVModalAnswers {
 public:
+    /// What a box run through run() said, answered in advance or not.
+    struct Shown {
+        QString text;
+        QString informativeText;
+        QStringList buttons;
+    };
+
     /// Queues an answer: the next box run through run() is not shown and returns it.
     static void preset(QMessageBox::StandardButton answer);
-    /// Drops the answers not yet used.
+    /// Drops the answers not yet used and the boxes recorded.
     static void clear();
     static std::size_t pending();
+    /// Every box run so far, oldest first, so that tests can read what the user was told.
+    static const std::vector<Shown>& shown();
     /// Takes the oldest preset answer without showing the box; with none, runs the box
     /// modally and returns the standard button that closed it (NoButton if none did).
     static QMessageBox::StandardButton run(QMessageBox& box);

@@ -39,6 +39,8 @@ private slots:
         QVXPCHelperManager::setSharedRoot(helperRoot_.path().string());
     }
 
+    void cleanup() { QVModalAnswers::clear(); }
+
     void batchesWithinTheDelayAreDeliveredOnceInOrder() {
         QVMainQuelmWindowController window;
         AppDelegate delegate(window, 300ms);
@@ -104,6 +106,40 @@ private slots:
         QCOMPARE(status->text(), QString("Status: Preparing..."));
     }
 
+    void eachHelperFailureEndsInItsAlertAndAConnectionInNone() {
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window);
+        QMenuBar menu;
+        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        int terminations = 0;
+        connect(&delegate, &AppDelegate::terminate, [&] { ++terminations; });
+        auto& center = NotificationCenter::defaultCenter();
+        const std::vector<std::pair<std::function<void()>, QString>> failures{
+            {[&] { center.post(kHelperFailedToConnect, std::string("broken pipe")); },
+             "Quelm cannot talk to its helper: broken pipe"},
+            {[&] { center.post(kHelperFailedToInstall, NoObject{}); },
+             "Quelm cannot install its helper."},
+            {[&] { center.post(kHelperFailedToReinstall, NoObject{}); },
+             "Quelm cannot install the new version of its helper."},
+            {[&] { center.post(kHelperFailedToRemove, NoObject{}); },
+             "Quelm cannot remove the old version of its helper."},
+            {[&] { center.post(kHelperFailedToAuthenticate, NoObject{}); },
+             "Quelm was not allowed to install its helper."},
+        };
+        for (std::size_t i = 0; i < failures.size(); ++i) {
+            QVModalAnswers::preset(QMessageBox::Ok);
+            failures[i].first();
+            QTRY_COMPARE(terminations, static_cast<int>(i + 1));
+            QCOMPARE(QVModalAnswers::shown().back().text, QString("An error occurred"));
+            QCOMPARE(QVModalAnswers::shown().back().informativeText, failures[i].second);
+        }
+        // A connection is no failure: no alert, and the application goes on.
+        center.post(kHelperDidConnect, NoObject{});
+        QTest::qWait(50);
+        QCOMPARE(QVModalAnswers::shown().size(), failures.size());
+        QCOMPARE(terminations, static_cast<int>(failures.size()));
+    }
+
     void withoutAVolumeACancelledChoiceEndsTheJobUnchanged() {
         QVERIFY(!QVOSVolumeManager::shared().selectedOSVolume());
         QVMainQuelmViewController screen;
@@ -156,6 +192,9 @@ private slots:
         window.close();
         auto* screen = window.installationScreen();
         QVERIFY(screen);
+        std::vector<QVUserNotification> notifications;
+        connect(screen, &QVMainQuelmViewController::notified,
+                [&](const QVUserNotification& delivered) { notifications.push_back(delivered); });
         const std::vector<std::string> batch{first.string(), (folder / "notes.txt").string()};
         NotificationCenter::defaultCenter().post(kDidCollectAllFiles, batch);
         QTRY_VERIFY_WITH_TIMEOUT(screen->jobUnderWay(), 5000);
@@ -166,6 +205,12 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(finished, 1, 30000);
         QVERIFY(std::filesystem::exists(volume / "Library/Extensions/First.kext"));
         QVERIFY(std::filesystem::exists(volume / "Library/Extensions/Late.kext"));
+        QCOMPARE(notifications.size(), std::size_t{2});
+        QCOMPARE(notifications[0].title, QString("Quelm - Finished"));
+        QCOMPARE(notifications[0].subtitle, QString("Installed: 1 Failed: 0"));
+        QCOMPARE(notifications[0].informativeText, QString("Skipped: notes.txt (not a kext)"));
+        QCOMPARE(notifications[1].informativeText,
+                 QString("The selected kexts have been installed."));
         QVXPCHelperManager::shared().terminateHelper();
     }
 
@@ -198,6 +243,17 @@ private slots:
         QVERIFY(!std::filesystem::exists(volume / "Library/Extensions/Second.kext"));
         QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions/Second.kext"));
         QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
+        const auto& asked = QVModalAnswers::shown();
+        QCOMPARE(asked.size(), std::size_t{2});
+        QCOMPARE(asked[0].text, QString("Select the installation folder for First.kext"));
+        QCOMPARE(asked[1].text, QString("Select the installation folder for Second.kext"));
+        QCOMPARE(asked[0].informativeText,
+                 QString("Third-party kexts usually belong in /Library/Extensions/; some drivers "
+                         "must load from /System/Library/Extensions/."));
+        auto buttons = asked[0].buttons;
+        buttons.sort();
+        QCOMPARE(buttons,
+                 (QStringList{"/Library/Extensions/", "/System/Library/Extensions/", "Cancel"}));
         QVXPCHelperManager::shared().terminateHelper();
     }
 

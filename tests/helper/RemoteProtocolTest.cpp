@@ -33,7 +33,7 @@ PlistValue withEntry(PlistValue message, const std::string& key, PlistValue valu
 }
 
 TEST(RemoteProtocolTest, EveryOperationIsInTheTableOnce) {
-    EXPECT_EQ(remoteOperations().size(), 16u);
+    EXPECT_EQ(remoteOperations().size(), 18u);
     for (const auto& operation : remoteOperations())
         EXPECT_EQ(findRemoteOperation(operation.selector), &operation);
     EXPECT_EQ(findRemoteOperation("nope:"), nullptr);
@@ -55,16 +55,28 @@ TEST(RemoteProtocolTest, CallsRoundTripThroughAFrame) {
 TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
     QVRepairPermissionsRepresentableResult result{"id", "/V/bin", "Owner ID Mismatched", 501, 0,
                                                   0,    "Fixed"};
-    const auto encoded = encodeReply(3, std::vector{result});
-    ASSERT_TRUE(isReply(encoded));
-    const auto envelope = decodeReplyEnvelope(encoded);
+    const std::vector results(300, result);
+    const auto encoded = encodeReplyPlist(3, results);
+    const auto message = BinaryPlistDocument::open(encoded);
+    ASSERT_TRUE(message);
+    const auto envelope = decodeReplyEnvelope(*message);
     ASSERT_TRUE(envelope);
     EXPECT_EQ(envelope->id, 3);
-    const auto value = decodeValue(envelope->value, ValueType::resultArray);
+    const auto value = decodeValue(*message, envelope->value, ValueType::resultArray);
     ASSERT_TRUE(value);
-    EXPECT_EQ(std::get<std::vector<QVRepairPermissionsRepresentableResult>>(*value).at(0), result);
-    EXPECT_FALSE(decodeValue(envelope->value, ValueType::kextArray)) << "wrong class";
-    EXPECT_FALSE(decodeReplyEnvelope(PlistValue::Dict{{"id", 3}, {"reply", PlistValue::Array{}}}));
+    EXPECT_EQ(std::get<std::vector<QVRepairPermissionsRepresentableResult>>(*value), results);
+    EXPECT_FALSE(decodeValue(*message, envelope->value, ValueType::kextArray)) << "wrong class";
+    EXPECT_FALSE(decodeValue(*message, envelope->value, ValueType::string));
+    // The same message as one tree: what any reader of the format sees.
+    const auto tree = readBinaryPlist(encoded);
+    ASSERT_TRUE(tree);
+    const auto& list = tree->find("reply")->array()->front();
+    ASSERT_EQ(list.array()->size(), results.size());
+    EXPECT_EQ(*list.array()->back().stringForKey("$class"),
+              "QVRepairPermissionsRepresentableResult");
+    const auto empty = *serializePlist(PlistValue::Dict{{"id", 3}, {"reply", PlistValue::Array{}}},
+                                       PlistFormat::binary);
+    EXPECT_FALSE(decodeReplyEnvelope(*BinaryPlistDocument::open(empty)));
 }
 
 TEST(RemoteProtocolTest, MalformedCallsAreRefused) {

@@ -4,8 +4,12 @@
 #include "TestSupport.h"
 #include "helper/Channel.h"
 #include "repair/QVPackage.h"
+#include "support/BinaryPlistCheck.h"
 
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <limits>
+#include <plist/plist.h>
 
 namespace quelm {
 namespace {
@@ -55,6 +59,74 @@ TEST(PropertyListTest, XmlWithCommentsAndDoctypeParses) {
 <plist version="1.0"><dict><key>Version</key><string>1.0</string></dict></plist>)");
     ASSERT_TRUE(parsed);
     EXPECT_EQ(*parsed->stringForKey("Version"), "1.0");
+}
+
+/// A value libplist would read, through its own parser, from the bytes given: the reference our
+/// binary encoder and reader are held to.
+PlistValue throughLibplist(const std::string& binary) {
+    plist_t root = nullptr;
+    plist_from_bin(binary.data(), static_cast<std::uint32_t>(binary.size()), &root);
+    char* xml = nullptr;
+    std::uint32_t length = 0;
+    plist_to_xml(root, &xml, &length);
+    plist_free(root);
+    std::string text(xml ? xml : "", length);
+    std::free(xml);
+    return parsePlist(text).value_or(PlistValue(false));
+}
+
+TEST(BinaryPlistTest, WhatWeWriteLibplistReadsAndWhatLibplistWritesWeRead) {
+    PlistValue::Array many;
+    for (int i = 0; i < 70'000; ++i)
+        many.push_back("item " + std::to_string(i % 1000));
+    const PlistValue::Data bytes(300, 7);
+    const PlistValue value = PlistValue::Dict{
+        {"sample", sampleValue()},
+        {"accents and a surrogate pair", "Téléchargements #1 100% \xF0\x9F\x92\xBE"},
+        {"long ascii", std::string(40, 'x')},
+        {"data", bytes},
+        {"integers", PlistValue::Array{0, 255, 256, 65535, 65536, std::int64_t{4294967295},
+                                       std::int64_t{4294967296}, std::int64_t{-1},
+                                       std::numeric_limits<std::int64_t>::min()}},
+        {"many", many},
+    };
+    const auto ours = *serializePlist(value, PlistFormat::binary);
+    EXPECT_EQ(throughLibplist(ours), value);
+    plist_t node = nullptr;
+    const auto xml = *serializePlist(value, PlistFormat::xml);
+    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+    char* theirs = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(node, &theirs, &length);
+    plist_free(node);
+    const std::string libplistBinary(theirs, length);
+    std::free(theirs);
+    EXPECT_EQ(*parsePlist(libplistBinary), value);
+}
+
+TEST(BinaryPlistTest, TextThatIsNotUtf8BecomesReplacementCharacters) {
+    // A file name from a hostile disk: Latin-1 bytes, a cut sequence, an encoded surrogate.
+    const PlistValue value = std::string("caf\xE9 \xE2\x82 \xED\xA0\x80 ok \xC3\xA9");
+    const auto read = parsePlist(*serializePlist(value, PlistFormat::binary));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(*read->string(), "caf\uFFFD \uFFFD\uFFFD \uFFFD\uFFFD\uFFFD ok \u00E9");
+}
+
+TEST(BinaryPlistTest, AListIsReadAnElementAtATime) {
+    const auto bytes = *serializePlist(
+        PlistValue::Dict{{"list", PlistValue::Array{"a", PlistValue::Dict{{"k", 1}}}}},
+        PlistFormat::binary);
+    const auto document = BinaryPlistDocument::open(bytes);
+    ASSERT_TRUE(document);
+    const auto list = document->entry(document->top(), "list");
+    ASSERT_TRUE(list);
+    EXPECT_FALSE(document->entry(document->top(), "other"));
+    EXPECT_FALSE(document->items(document->top())) << "a dictionary is no array";
+    const auto items = document->items(*list);
+    ASSERT_TRUE(items && items->size() == 2);
+    EXPECT_EQ(*document->read(items->front()), PlistValue("a"));
+    EXPECT_EQ(*document->read(items->back()), PlistValue(PlistValue::Dict{{"k", 1}}));
+    EXPECT_FALSE(document->read(1'000'000));
 }
 
 TEST(PropertyListTest, BadInputIsRefusedWithoutCrashing) {

@@ -181,8 +181,6 @@
     </message>
     <message id="kQVQLMainRequestAuthorization">
         <source>Quelm needs your permission to install its helper, which installs kexts and repairs permissions.</source>
-        <oldsource>Quelm needs your permission to install its helper, which installs kexts and repairs
-</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVXPCHelperManagerAnErrorOccured">
@@ -287,8 +285,6 @@
     </message>
     <message id="kQVMainQuelmVCSelectInstallationFolderForKextDescription">
         <source>Third-party kexts usually belong in /Library/Extensions/; some drivers must load from /System/Library/Extensions/.</source>
-        <oldsource>Third-party kexts usually belong in /Library/Extensions/; some drivers must
-</oldsource>
         <translation type="unfinished"></translation>
     </message>
     <message id="kQVMainQuelmVCCancel">
@@ -389,6 +385,22 @@
     </message>
     <message id="kQVMainQuelmVCNoKextInstalled">
         <source>No kext was installed.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Attributes Unreadable">
+        <source>Attributes Unreadable</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Size Mismatched">
+        <source>Size Mismatched</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Checksum Mismatched">
+        <source>Checksum Mismatched</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="Content Unreadable">
+        <source>Content Unreadable</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
