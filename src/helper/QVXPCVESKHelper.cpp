@@ -4,6 +4,7 @@
 #include "helper/BooterConfig.h"
 #include "helper/HelperInstallation.h"
 #include "helper/HelperServer.h"
+#include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
 #include "repair/QVCPU.h"
@@ -141,6 +142,37 @@ std::string QVXPCVESKHelper::checkWritableTargetVolume(const QVOSVolume& volume)
     return writeRefusal(volume).value_or("");
 }
 
+std::vector<std::string>
+QVXPCVESKHelper::removeKernelExtensions(const std::vector<std::string>& kexts,
+                                        const QVOSVolume& volume,
+                                        const std::string& backupFolder) const {
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backupFolder) || refusesWrites(volume))
+        return kexts;
+    const auto outcome =
+        moveKextsToBackup(volume, kexts, backupFolder, "remove", std::chrono::system_clock::now());
+    if (!outcome.done.empty() && !rebuildCaches(volume))
+        logLine("QVXPCVESKHelper::Error: Unable to mark the kext caches of " + volume.mountPoint() +
+                " stale");
+    return outcome.failed;
+}
+
+std::vector<std::string> QVXPCVESKHelper::restoreKernelExtensionsFromBackupFolder(
+    const std::string& backup, const QVOSVolume& volume, const std::string& backupFolder) const {
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backup) ||
+        !isCleanAbsolutePath(backupFolder) || refusesWrites(volume))
+        return {backup};
+    const auto outcome =
+        restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());
+    if (!outcome) {
+        logLine("QVXPCVESKHelper::Error: " + outcome.error());
+        return {backup};
+    }
+    if (!outcome->done.empty() && !rebuildCaches(volume))
+        logLine("QVXPCVESKHelper::Error: Unable to mark the kext caches of " + volume.mountPoint() +
+                " stale");
+    return outcome->failed;
+}
+
 bool QVXPCVESKHelper::changeMaximumThreadsNumber(std::int64_t count) const {
     // Zero threads would stop the next pass: refuse it rather than let a later job die.
     if (count < 1)
@@ -221,6 +253,11 @@ RemoteValue QVXPCVESKHelper::perform(const RemoteCall& call) {
         return applyBooterConfigViaNVRAMWithNewBooterConfig(argument<std::int64_t>(call, 0));
     if (op == "checkWritableTargetVolume:reply:")
         return checkWritableTargetVolume(volumeAt(0));
+    if (op == "removeKernelExtensions:fromVolume:backupFolder:reply:")
+        return removeKernelExtensions(argument<std::vector<std::string>>(call, 0), volumeAt(1),
+                                      stringAt(2));
+    if (op == "restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:")
+        return restoreKernelExtensionsFromBackupFolder(stringAt(0), volumeAt(1), stringAt(2));
     fatalError("QVXPCVESKHelper::perform() FatalError: no handler for " + std::string(op));
 }
 

@@ -59,6 +59,18 @@ public:
     /// Why nothing can be written to the volume as root, in one sentence; "" when it can.
     /// Asked before the first write of a job, so that a read-only disk is refused whole.
     std::string checkWritableTargetVolume(const QVOSVolume& volume) const;
+    /// Moves the kexts (paths on the volume in its extensions folders, or their staged copies)
+    /// into backupFolder, which it makes and which must not exist, then marks the caches stale.
+    /// The paths that failed; all of them when an argument is refused.
+    std::vector<std::string> removeKernelExtensions(const std::vector<std::string>& kexts,
+                                                    const QVOSVolume& volume,
+                                                    const std::string& backupFolder) const;
+    /// Puts the kexts of backup back on the volume, what they replace going into backupFolder
+    /// (made only then), then marks the caches stale. The paths that failed; the backup itself
+    /// when it cannot be read or an argument is refused.
+    std::vector<std::string>
+    restoreKernelExtensionsFromBackupFolder(const std::string& backup, const QVOSVolume& volume,
+                                            const std::string& backupFolder) const;
 
     /// Relays one progress value of the repair job to the application.
     void sendRepairPermissionsReport(double progress);

@@ -160,6 +160,14 @@ const std::vector<RemoteOperation>& remoteOperations() {
         {"uninstallRepairPermissionsFromPath:reply:", application, {string}, boolean},
         {"applyBooterConfigViaNVRAMWithNewBooterConfig:reply:", application, {integer}, boolean},
         {"checkWritableTargetVolume:reply:", application, {volume}, string},
+        {"removeKernelExtensions:fromVolume:backupFolder:reply:",
+         application,
+         {stringArray, volume, string},
+         stringArray},
+        {"restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
+         application,
+         {string, volume, string},
+         stringArray},
         {"updateProgressWithDoubleValue:", helper, {real}, std::nullopt},
     };
     return operations;

@@ -1,6 +1,7 @@
 // Backing up and installing kext bundles on a volume: the privileged file operations.
 #include "kexts/KextInstallation.h"
 
+#include "kexts/KextBackups.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
@@ -8,6 +9,7 @@
 #include "support/Strings.h"
 #include "volumes/MountedFileSystem.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -97,14 +99,17 @@ bool installOne(const QVKernelExtension& kext, const std::string& folderPath,
     return installed;
 }
 
-bool backupOne(const QVKernelExtension& kext, const std::string& installedIn,
-               const QVOSVolume& volume, int backupFolder) {
+/// The name the kext was backed up under; nothing when it was not.
+std::optional<std::string> backupOne(const QVKernelExtension& kext, const std::string& installedIn,
+                                     const QVOSVolume& volume, int backupFolder) {
     const std::string name = kext.name();
     const UniqueFd installed = openFolderBelow(volume.mountPoint(), installedIn, std::nullopt);
     const auto listed =
         isPlainFileName(name) && installed ? listedNameAt(installed.get(), name) : std::nullopt;
-    return listed && removeTreeAt(backupFolder, *listed) &&
-           copyTreeAt(installed.get(), *listed, backupFolder, *listed, std::nullopt);
+    if (listed && removeTreeAt(backupFolder, *listed) &&
+        copyTreeAt(installed.get(), *listed, backupFolder, *listed, std::nullopt))
+        return listed;
+    return std::nullopt;
 }
 
 } // namespace
@@ -151,9 +156,19 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
     if (!backupFolder)
         return kexts;
     std::vector<QVKernelExtension> failed;
-    for (const auto& kext : kexts)
-        if (!backupOne(kext, installedInFolder, volume, backupFolder.get()))
+    std::vector<BackupItem> saved;
+    for (const auto& kext : kexts) {
+        if (const auto name = backupOne(kext, installedInFolder, volume, backupFolder.get()))
+            saved.push_back({installedInFolder, *name, *name});
+        else
             failed.push_back(kext);
+    }
+    // The manifest lets restore and undo put these back; kexts of other folders it cannot name.
+    std::erase_if(saved, [](const BackupItem& item) {
+        return std::ranges::find(kExtensionsFolders, item.sourceFolder) == kExtensionsFolders.end();
+    });
+    if (!saved.empty() && !addToManifest(backupFolder.get(), volume, "install", saved, now))
+        logLine("KextInstallation::Error: Unable to write the manifest of " + backupPath);
     return failed;
 }
 

@@ -178,10 +178,16 @@ std::uint32_t addAttributes(BlockFile& file, const BomRecord& record) {
         putU32(out, record.uid);
         putU32(out, record.gid);
         putU32(out, 0); // modification time
-        putU32(out, 0); // size
+        putU32(out, record.size);
         putU8(out, 1);
-        putU32(out, 0); // checksum
-        putU32(out, 0); // link name length
+        putU32(out, record.checksum);
+        const bool link = fileType(record.mode) == 3;
+        // The stored length counts the final NUL.
+        putU32(out, link ? static_cast<std::uint32_t>(record.linkTarget.size() + 1) : 0);
+        if (link) {
+            out += record.linkTarget;
+            out.push_back('\0');
+        }
     });
 }
 
@@ -220,13 +226,33 @@ template <typename Number> std::optional<Number> parseNumber(std::string_view te
     return value;
 }
 
+/// The fields of a long listing after UID/GID: SIZE<TAB>CHECKSUM, then a link's TARGET.
+std::optional<std::string> parseContent(std::string_view text, BomRecord& record) {
+    const std::size_t checksumTab = text.find('\t');
+    const std::size_t targetTab =
+        text.find('\t', checksumTab == text.npos ? text.size() : checksumTab + 1);
+    const auto size = parseNumber<std::uint32_t>(text.substr(0, checksumTab), 10);
+    const auto checksum = checksumTab == text.npos
+                              ? std::nullopt
+                              : parseNumber<std::uint32_t>(
+                                    text.substr(checksumTab + 1, targetTab - checksumTab - 1), 10);
+    if (!size || !checksum)
+        return "expected SIZE<TAB>CHECKSUM in decimal after the owner";
+    record.size = *size;
+    record.checksum = *checksum;
+    if (targetTab != text.npos)
+        record.linkTarget = text.substr(targetTab + 1);
+    return std::nullopt;
+}
+
 std::expected<BomRecord, std::string> parseLine(std::string_view line) {
     const std::size_t modeTab = line.find('\t');
     const std::size_t ownerTab = line.find('\t', modeTab == line.npos ? line.size() : modeTab + 1);
     if (ownerTab == line.npos)
         return std::unexpected("expected PATH<TAB>MODE<TAB>UID/GID");
+    const std::size_t contentTab = line.find('\t', ownerTab + 1);
     const auto modeText = line.substr(modeTab + 1, ownerTab - modeTab - 1);
-    const auto owner = line.substr(ownerTab + 1);
+    const auto owner = line.substr(ownerTab + 1, contentTab - ownerTab - 1);
     const std::size_t slash = owner.find('/');
     const auto mode = parseNumber<std::uint16_t>(modeText, 8);
     const auto uid = parseNumber<std::uint32_t>(owner.substr(0, slash), 10);
@@ -240,7 +266,11 @@ std::expected<BomRecord, std::string> parseLine(std::string_view line) {
     if (!uid || !gid)
         return std::unexpected("the owner \"" + std::string(owner) +
                                "\" is not UID/GID in decimal");
-    return BomRecord{std::string(line.substr(0, modeTab)), *mode, *uid, *gid};
+    BomRecord record{std::string(line.substr(0, modeTab)), *mode, *uid, *gid};
+    if (contentTab != line.npos)
+        if (auto fault = parseContent(line.substr(contentTab + 1), record))
+            return std::unexpected(std::move(*fault));
+    return record;
 }
 
 } // namespace
@@ -319,6 +349,18 @@ void appendListingLine(std::string& out, std::string_view path, std::uint16_t mo
                                  *end++ = '\n';
                                  return static_cast<std::size_t>(end - data);
                              });
+}
+
+void appendLongListingLine(std::string& out, const BomRecord& record) {
+    appendListingLine(out, record.path, record.mode, record.uid, record.gid);
+    const auto type = record.mode & 0170000;
+    if (type != 0100000 && type != 0120000)
+        return;
+    out.pop_back();
+    out += '\t' + std::to_string(record.size) + '\t' + std::to_string(record.checksum);
+    if (type == 0120000)
+        out += '\t' + record.linkTarget;
+    out += '\n';
 }
 
 } // namespace quelm

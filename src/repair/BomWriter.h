@@ -6,16 +6,28 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quelm {
 
-/// One line of a listing: PATH<TAB>MODE(octal, with type bits)<TAB>UID/GID.
+/// One line of a listing: PATH<TAB>MODE(octal, with type bits)<TAB>UID/GID, and in the long
+/// form <TAB>SIZE<TAB>CHECKSUM for files and links, then <TAB>TARGET for links.
 struct BomRecord {
+    BomRecord() = default;
+    BomRecord(std::string path_, std::uint16_t mode_, std::uint32_t uid_, std::uint32_t gid_,
+              std::uint32_t size_ = 0, std::uint32_t checksum_ = 0, std::string linkTarget_ = {})
+        : path(std::move(path_)), mode(mode_), uid(uid_), gid(gid_), size(size_),
+          checksum(checksum_), linkTarget(std::move(linkTarget_)) {}
+
     std::string path;
     std::uint16_t mode = 0;
     std::uint32_t uid = 0;
     std::uint32_t gid = 0;
+    /// Of a file its size and POSIX cksum CRC; of a link the same of its target's text.
+    std::uint32_t size = 0;
+    std::uint32_t checksum = 0;
+    std::string linkTarget;
     bool operator==(const BomRecord&) const = default;
 };
 
@@ -35,5 +47,7 @@ parseListing(std::string_view text);
 /// Appends one listing line, with its line break, to out.
 void appendListingLine(std::string& out, std::string_view path, std::uint16_t mode,
                        std::uint32_t uid, std::uint32_t gid);
+/// The long form: size and checksum after the owner, for files and links; a link's target last.
+void appendLongListingLine(std::string& out, const BomRecord& record);
 
 } // namespace quelm

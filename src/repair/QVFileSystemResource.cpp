@@ -1,10 +1,12 @@
 // One path of the target volume with the owner, group and permissions its receipt prescribes.
 #include "repair/QVFileSystemResource.h"
 
+#include "repair/PosixChecksum.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,13 +20,14 @@ using Status = QVFileSystemResourceAttributeStatus;
 enum class StatOutcome { read, missing, failed };
 
 QVFileAttributes attributesOf(const struct stat& info) {
-    return {info.st_uid, info.st_gid, permissionsFromMode(info.st_mode), info.st_mode & S_IFMT};
+    return {info.st_uid, info.st_gid, permissionsFromMode(info.st_mode), info.st_mode & S_IFMT,
+            static_cast<std::uint64_t>(info.st_size)};
 }
 
 StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, QVFileAttributes& out) {
     const auto parent = walker.parentOf(volumePath);
     if (!parent)
-        return StatOutcome::missing;
+        return walker.failure() == 0 ? StatOutcome::missing : StatOutcome::failed;
     struct stat info {};
     const std::string name(parent->second);
     if (::fstatat(parent->first, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
@@ -66,10 +69,9 @@ public:
             return setOwner(none, id, now);
         case Type::posixPermissionsMismatched:
             return setMode(modeFromPermissions(value));
-        case Type::billOfMaterialsUnreadable:
-            break;
+        default:
+            return false;
         }
-        return false;
     }
 
     bool read(QVFileAttributes& out) const {
@@ -117,10 +119,31 @@ std::int64_t attributeOf(const QVFileAttributes& attributes, Type type) {
         return attributes.groupID;
     case Type::posixPermissionsMismatched:
         return attributes.posixPermissions;
-    case Type::billOfMaterialsUnreadable:
-        break;
+    default:
+        return 0;
     }
-    return 0;
+}
+
+/// The regular file at volumePath opened for reading without following a link; -1 with errno
+/// when it cannot be (ENOENT when it went missing or is no longer a regular file).
+UniqueFd openRegularFile(VolumeWalker& walker, std::string_view volumePath) {
+    const auto parent = walker.parentOf(volumePath);
+    if (!parent) {
+        errno = walker.failure() == 0 ? ENOENT : walker.failure();
+        return UniqueFd();
+    }
+    const std::string name(parent->second);
+    // Non-blocking, so that a FIFO put in the file's place cannot hang the pass.
+    UniqueFd file(::openat(parent->first, name.c_str(),
+                           O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (file && (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))) {
+        errno = ENOENT;
+        return UniqueFd();
+    }
+    if (file)
+        ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return file;
 }
 
 } // namespace
@@ -141,29 +164,35 @@ std::uint32_t modeFromPermissions(std::int64_t permissions) {
 
 QVFileSystemResource::QVFileSystemResource(std::string path, std::size_t volumePathStart,
                                            std::int64_t uid, std::int64_t gid,
-                                           std::int64_t posixpermissions, QVFileAttributes current)
+                                           std::int64_t posixpermissions,
+                                           std::optional<QVFileAttributes> current,
+                                           std::optional<QVContentDigest> content)
     : path_(std::move(path)), volumePathStart_(volumePathStart), uid_(uid), gid_(gid),
-      posixpermissions_(posixpermissions), current_(current) {
+      posixpermissions_(posixpermissions), current_(current), content_(content) {
 }
 
-std::optional<QVFileSystemResource> QVFileSystemResource::init(VolumeWalker& walker,
-                                                               const std::string& mountPoint,
-                                                               std::string_view volumePath,
-                                                               std::int64_t uid, std::int64_t gid,
-                                                               std::int64_t posixpermissions) {
+std::optional<QVFileSystemResource>
+QVFileSystemResource::init(VolumeWalker& walker, const std::string& mountPoint,
+                           std::string_view volumePath, std::int64_t uid, std::int64_t gid,
+                           std::int64_t posixpermissions, std::optional<QVContentDigest> content) {
     QVFileAttributes current;
-    switch (statAt(walker, volumePath, current)) {
-    case StatOutcome::missing:
+    const StatOutcome outcome = statAt(walker, volumePath, current);
+    if (outcome == StatOutcome::missing)
         return std::nullopt;
-    case StatOutcome::failed:
-        logLine("QVFile::Error: Unable to get attributes of " + mountPoint +
-                std::string(volumePath));
-        return std::nullopt;
-    case StatOutcome::read:
-        break;
-    }
-    return QVFileSystemResource(mountPoint + std::string(volumePath), mountPoint.size(), uid, gid,
-                                posixpermissions, current);
+    std::string path = mountPoint + std::string(volumePath);
+    if (outcome == StatOutcome::failed)
+        logLine("QVFile::Error: Unable to get attributes of " + path);
+    return QVFileSystemResource(
+        std::move(path), mountPoint.size(), uid, gid, posixpermissions,
+        outcome == StatOutcome::read ? std::optional(current) : std::nullopt, content);
+}
+
+std::vector<QVRepairPermissionsResult>
+QVFileSystemResource::unreadable(QVRepairPermissionsJobType jobType) const {
+    std::vector<QVRepairPermissionsResult> results;
+    results.emplace_back(jobType, path_, Type::attributesUnreadable, 0, 0, std::nullopt,
+                         Status::failed);
+    return results;
 }
 
 std::string_view QVFileSystemResource::volumePath() const {
@@ -172,16 +201,18 @@ std::string_view QVFileSystemResource::volumePath() const {
 
 bool QVFileSystemResource::comparesPermissions() const {
 #if defined(__linux__)
-    return current_.fileType != S_IFLNK;
+    return current_->fileType != S_IFLNK;
 #else
     return true;
 #endif
 }
 
 std::vector<QVRepairPermissionsResult> QVFileSystemResource::verify() const {
+    if (!current_)
+        return unreadable(QVRepairPermissionsJobType::verifyPermissions);
     std::vector<QVRepairPermissionsResult> results;
     const auto check = [&](Type type, std::int64_t correct) {
-        const auto current = attributeOf(current_, type);
+        const auto current = attributeOf(*current_, type);
         if (current != correct)
             results.emplace_back(QVRepairPermissionsJobType::verifyPermissions, path_, type,
                                  current, correct, std::nullopt, Status::verified);
@@ -194,8 +225,10 @@ std::vector<QVRepairPermissionsResult> QVFileSystemResource::verify() const {
 }
 
 std::vector<QVRepairPermissionsResult> QVFileSystemResource::repair(VolumeWalker& walker) const {
+    if (!current_)
+        return unreadable(QVRepairPermissionsJobType::repairPermissions);
     std::vector<QVRepairPermissionsResult> results;
-    QVFileAttributes current = current_;
+    QVFileAttributes current = *current_;
     // Opened at the first difference: most resources need no change.
     std::optional<RepairTarget> target;
     const auto fix = [&](Type type, std::int64_t correct) {
@@ -203,7 +236,7 @@ std::vector<QVRepairPermissionsResult> QVFileSystemResource::repair(VolumeWalker
         if (before == correct)
             return;
         if (!target)
-            target.emplace(walker, volumePath(), current_.fileType);
+            target.emplace(walker, volumePath(), current_->fileType);
         const bool set = target->set(type, correct, current);
         const bool reread = target->read(current);
         results.emplace_back(QVRepairPermissionsJobType::repairPermissions, path_, type, before,
@@ -218,6 +251,37 @@ std::vector<QVRepairPermissionsResult> QVFileSystemResource::repair(VolumeWalker
     if (comparesPermissions())
         fix(Type::posixPermissionsMismatched, posixpermissions_);
     return results;
+}
+
+QVRepairPermissionsResult QVFileSystemResource::contentResult(QVRepairPermissionsJobType jobType,
+                                                              Type type, std::int64_t current,
+                                                              std::int64_t correct) const {
+    const bool repairs = jobType == QVRepairPermissionsJobType::repairPermissions;
+    const bool unreadable = type == Type::contentUnreadable;
+    return QVRepairPermissionsResult(jobType, path_, type, current, correct, std::nullopt,
+                                     repairs || unreadable ? Status::failed : Status::verified);
+}
+
+std::vector<QVRepairPermissionsResult>
+QVFileSystemResource::verifyContent(VolumeWalker& walker, std::span<char> buffer,
+                                    QVRepairPermissionsJobType jobType) const {
+    if (!content_ || !current_ || current_->fileType != S_IFREG)
+        return {};
+    const auto size = static_cast<std::int64_t>(current_->size);
+    // Receipts keep the low 32 bits of the size here; larger sizes live in another tree.
+    if (static_cast<std::uint32_t>(current_->size) != content_->size)
+        return {contentResult(jobType, Type::sizeMismatched, size, content_->size)};
+    const UniqueFd file = openRegularFile(walker, volumePath());
+    const auto digest = file ? digestOfFile(file.get(), buffer) : std::nullopt;
+    if (!digest) {
+        logLine("QVFile::Error: Unable to read the content of " + path_ + ": " +
+                std::strerror(errno));
+        return {contentResult(jobType, Type::contentUnreadable, 0, content_->checksum)};
+    }
+    if (digest->checksum != content_->checksum)
+        return {
+            contentResult(jobType, Type::checksumMismatched, digest->checksum, content_->checksum)};
+    return {};
 }
 
 } // namespace quelm

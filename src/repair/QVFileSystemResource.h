@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,13 @@ struct QVFileAttributes {
     std::int64_t posixPermissions = 0;
     /// The file-type bits of the mode: S_IFREG, S_IFDIR, S_IFLNK...
     std::uint32_t fileType = 0;
+    std::uint64_t size = 0;
+};
+
+/// What a receipt records of a file's content: its size (the low 32 bits) and POSIX cksum CRC.
+struct QVContentDigest {
+    std::uint32_t size = 0;
+    std::uint32_t checksum = 0;
 };
 
 /// The mode's permission digits as a decimal number: octal 0104755 gives 4755.
@@ -29,28 +37,46 @@ std::uint32_t modeFromPermissions(std::int64_t permissions);
 class QVFileSystemResource {
 public:
     /// The resource for volumePath (beginning with "/", relative to the volume root) shown as
-    /// mountPoint + volumePath. Nothing when the item does not exist, would be reached through a
-    /// link or outside the volume, or its attributes cannot be read (that last case is logged).
+    /// mountPoint + volumePath. Nothing when the item does not exist or would be reached
+    /// through a link or outside the volume. When its attributes cannot be read for another
+    /// reason (EMFILE, EACCES, EIO...) that is logged and the resource has no current
+    /// attributes: verify and repair then report it as failed, never as missing.
     static std::optional<QVFileSystemResource>
     init(VolumeWalker& walker, const std::string& mountPoint, std::string_view volumePath,
-         std::int64_t uid, std::int64_t gid, std::int64_t posixpermissions);
+         std::int64_t uid, std::int64_t gid, std::int64_t posixpermissions,
+         std::optional<QVContentDigest> content = std::nullopt);
 
     const std::string& path() const { return path_; }
     std::int64_t uid() const { return uid_; }
     std::int64_t gid() const { return gid_; }
     std::int64_t posixpermissions() const { return posixpermissions_; }
-    const QVFileAttributes& currentAttributes() const { return current_; }
+    const std::optional<QVFileAttributes>& currentAttributes() const { return current_; }
+    const std::optional<QVContentDigest>& content() const { return content_; }
+    /// The path below the volume root: "/System/Library".
+    std::string_view volumePath() const;
 
     /// One verified result per attribute that differs: owner, then group, then permissions.
     std::vector<QVRepairPermissionsResult> verify() const;
     /// Sets every attribute that differs, without following a link, and reports each attempt
     /// with the value read back afterwards.
     std::vector<QVRepairPermissionsResult> repair(VolumeWalker& walker) const;
+    /// For a regular file whose receipt records its content: a result when its size differs,
+    /// else when the checksum of its bytes (read through buffer) differs, or when it cannot be
+    /// read. Content is never changed, so in a repair these results are failed.
+    std::vector<QVRepairPermissionsResult> verifyContent(VolumeWalker& walker,
+                                                         std::span<char> buffer,
+                                                         QVRepairPermissionsJobType jobType) const;
 
 private:
     QVFileSystemResource(std::string path, std::size_t volumePathStart, std::int64_t uid,
-                         std::int64_t gid, std::int64_t posixpermissions, QVFileAttributes current);
-    std::string_view volumePath() const;
+                         std::int64_t gid, std::int64_t posixpermissions,
+                         std::optional<QVFileAttributes> current,
+                         std::optional<QVContentDigest> content);
+    /// The failed result of a path whose attributes could not be read.
+    std::vector<QVRepairPermissionsResult> unreadable(QVRepairPermissionsJobType jobType) const;
+    QVRepairPermissionsResult contentResult(QVRepairPermissionsJobType jobType,
+                                            QVFileSystemResourceAttributeMismatchedType type,
+                                            std::int64_t current, std::int64_t correct) const;
     /// Where a link's mode cannot be set (Linux), it is not compared either.
     bool comparesPermissions() const;
 
@@ -59,7 +85,8 @@ private:
     std::int64_t uid_;
     std::int64_t gid_;
     std::int64_t posixpermissions_;
-    QVFileAttributes current_;
+    std::optional<QVFileAttributes> current_;
+    std::optional<QVContentDigest> content_;
 };
 
 } // namespace quelm

@@ -4,6 +4,9 @@
 #include "repair/QVCPU.h"
 #include "repair/WorkSlices.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace quelm {
 
 QVFileSystemResourceManager& QVFileSystemResourceManager::shared() {
@@ -15,34 +18,57 @@ void QVFileSystemResourceManager::appendResource(QVFileSystemResource resource) 
     resources_.push_back(std::move(resource));
 }
 
+namespace {
+
+// Large enough for sequential reads at disk speed, small enough to stay in the cache while the
+// checksum runs over it.
+constexpr std::size_t kContentBufferSize = std::size_t{256} << 10;
+
+} // namespace
+
 template <class Operation>
-void QVFileSystemResourceManager::pass(const char* fatalMessage, Operation operation) {
+void QVFileSystemResourceManager::pass(const char* fatalMessage, QVRepairPermissionsJobType jobType,
+                                       Operation operation) {
     total_ = static_cast<std::int64_t>(resources_.size());
-    runWorkSlices(resources_.size(), QVCPU::shared().maxthread(), fatalMessage,
-                  [&](std::size_t begin, std::size_t end) {
-                      VolumeWalker walker(root_);
-                      for (std::size_t i = begin; i < end; ++i) {
-                          auto found = operation(resources_[i], walker);
-                          SerialWorkingQueue::shared().sync([&] {
-                              for (auto& result : found)
-                                  results_.push_back(std::move(result));
-                              ++counter_;
-                              if (delegate_)
-                                  delegate_->fileSystemResourceManagerDidProcess(counter_, total_);
-                          });
-                      }
-                  });
+    const auto pathAt = [this](std::size_t i) {
+        return resources_[i].volumePath();
+    };
+    // A walker's folders, and the item that repair or the content check opens.
+    const std::int64_t threads =
+        boundedWorkItems(QVCPU::shared().maxthread(), folderDepth(resources_.size(), pathAt) + 2);
+    runWorkSlices(
+        resources_.size(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
+            VolumeWalker walker(root_);
+            std::vector<char> buffer(checksContent_ ? kContentBufferSize : 0);
+            for (const std::size_t position :
+                 folderOrder(end - begin, [&](std::size_t i) { return pathAt(begin + i); })) {
+                const QVFileSystemResource& resource = resources_[begin + position];
+                auto found = operation(resource, walker);
+                if (checksContent_)
+                    std::ranges::move(resource.verifyContent(walker, buffer, jobType),
+                                      std::back_inserter(found));
+                SerialWorkingQueue::shared().sync([&] {
+                    for (auto& result : found)
+                        results_.push_back(std::move(result));
+                    ++counter_;
+                    if (delegate_)
+                        delegate_->fileSystemResourceManagerDidProcess(counter_, total_);
+                });
+            }
+        });
     resources_.clear();
     counter_ = 0;
 }
 
 void QVFileSystemResourceManager::verify() {
     pass("QVFileSystemResourceManager::verify() FatalError: the maximum number of threads is 0.",
+         QVRepairPermissionsJobType::verifyPermissions,
          [](const QVFileSystemResource& resource, VolumeWalker&) { return resource.verify(); });
 }
 
 void QVFileSystemResourceManager::repair() {
     pass("QVFileSystemResourceManager::repair() FatalError: the maximum number of threads is 0.",
+         QVRepairPermissionsJobType::repairPermissions,
          [](const QVFileSystemResource& resource, VolumeWalker& walker) {
              return resource.repair(walker);
          });
@@ -59,6 +85,7 @@ void QVFileSystemResourceManager::reset() {
     results_.clear();
     total_ = 0;
     counter_ = 0;
+    checksContent_ = false;
 }
 
 } // namespace quelm

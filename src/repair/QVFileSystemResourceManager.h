@@ -26,6 +26,8 @@ public:
     void setVolumeRoot(std::shared_ptr<const VolumeRoot> root) { root_ = std::move(root); }
     /// Called on the serial working queue.
     void appendResource(QVFileSystemResource resource);
+    /// Whether passes also compare each file's size and checksum with its receipt.
+    void setChecksContent(bool checks) { checksContent_ = checks; }
 
     /// Passes over every resource in QVCPU maxthread slices; both empty the resources and the
     /// counter when done and keep results and total.
@@ -42,7 +44,8 @@ public:
     void reset();
 
 private:
-    template <class Operation> void pass(const char* fatalMessage, Operation operation);
+    template <class Operation>
+    void pass(const char* fatalMessage, QVRepairPermissionsJobType jobType, Operation operation);
 
     QVFileSystemResourceManagerDelegate* delegate_ = nullptr;
     std::shared_ptr<const VolumeRoot> root_;
@@ -50,6 +53,7 @@ private:
     std::vector<QVRepairPermissionsResult> results_;
     std::int64_t total_ = 0;
     std::int64_t counter_ = 0;
+    bool checksContent_ = false;
 };
 
 } // namespace quelm

@@ -154,24 +154,49 @@ void QVPackageManager::dropRecord() {
     SerialWorkingQueue::shared().sync([this] { --total_; });
 }
 
+namespace {
+
+/// A BOM path without the "." of the volume root it begins with; empty for the root itself.
+std::string_view volumePathOf(const YRFileSystemResource& record) {
+    return *record.path ? record.path + 1 : "";
+}
+
+/// What the record says of a regular file's content, when it says anything.
+std::optional<QVContentDigest> contentOf(const YRFileSystemResource& record) {
+    constexpr std::uint8_t fileType = 1;
+    if (!record.hasChecksum || record.type != fileType || !S_ISREG(record.mode))
+        return std::nullopt;
+    return QVContentDigest{record.size, record.checksum};
+}
+
+} // namespace
+
 void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
                                      const std::shared_ptr<const VolumeRoot>& root) {
+    const YRFileSystemResource* records = parser.results();
+    const auto pathAt = [records](std::size_t i) {
+        return volumePathOf(records[i]);
+    };
+    // One walker per work item keeps a descriptor per folder level open.
     const std::int64_t threads =
-        std::min<std::int64_t>(QVCPU::shared().maxthread(), parser.count());
+        boundedWorkItems(std::min<std::int64_t>(QVCPU::shared().maxthread(), parser.count()),
+                         folderDepth(parser.count(), pathAt) + 1);
     const std::string_view fatalMessage =
         "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
     const auto& mountPoint = targetVolume_->mountPoint();
     runWorkSlices(parser.count(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
         VolumeWalker walker(root);
-        for (std::size_t i = begin; i < end; ++i) {
-            const auto& record = parser.results()[i];
-            // BOM paths begin with the "." of the volume root, which itself is no resource.
-            const std::string_view volumePath = *record.path ? record.path + 1 : "";
-            auto resource =
-                volumePath.empty()
-                    ? std::nullopt
-                    : QVFileSystemResource::init(walker, mountPoint, volumePath, record.uid,
-                                                 record.gid, permissionsFromMode(record.mode));
+        const auto order =
+            folderOrder(end - begin, [&](std::size_t i) { return pathAt(begin + i); });
+        for (const std::size_t position : order) {
+            const auto& record = records[begin + position];
+            // The volume root itself is no resource.
+            const std::string_view volumePath = volumePathOf(record);
+            auto resource = volumePath.empty()
+                                ? std::nullopt
+                                : QVFileSystemResource::init(
+                                      walker, mountPoint, volumePath, record.uid, record.gid,
+                                      permissionsFromMode(record.mode), contentOf(record));
             if (!resource) {
                 dropRecord();
                 continue;

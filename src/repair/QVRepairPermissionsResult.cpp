@@ -43,8 +43,22 @@ std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type) {
         return "POSIX Permissions Mismatched";
     case QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable:
         return "Bill of Materials Unreadable";
+    case QVFileSystemResourceAttributeMismatchedType::attributesUnreadable:
+        return "Attributes Unreadable";
+    case QVFileSystemResourceAttributeMismatchedType::sizeMismatched:
+        return "Size Mismatched";
+    case QVFileSystemResourceAttributeMismatchedType::checksumMismatched:
+        return "Checksum Mismatched";
+    case QVFileSystemResourceAttributeMismatchedType::contentUnreadable:
+        return "Content Unreadable";
     }
     return {};
+}
+
+bool isContentType(QVFileSystemResourceAttributeMismatchedType type) {
+    using Type = QVFileSystemResourceAttributeMismatchedType;
+    return type == Type::sizeMismatched || type == Type::checksumMismatched ||
+           type == Type::contentUnreadable;
 }
 
 std::string makeUUIDString() {
@@ -178,7 +192,11 @@ private:
             {displayText(QVFileSystemResourceAttributeMismatchedType::ownerIDMismatched),
              displayText(QVFileSystemResourceAttributeMismatchedType::groupIDMismatched),
              displayText(QVFileSystemResourceAttributeMismatchedType::posixPermissionsMismatched),
-             displayText(QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable)});
+             displayText(QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable),
+             displayText(QVFileSystemResourceAttributeMismatchedType::attributesUnreadable),
+             displayText(QVFileSystemResourceAttributeMismatchedType::sizeMismatched),
+             displayText(QVFileSystemResourceAttributeMismatchedType::checksumMismatched),
+             displayText(QVFileSystemResourceAttributeMismatchedType::contentUnreadable)});
         result.currentAttribute = integerField(kCurrentLabel);
         result.correctAttribute = integerField(kCorrectLabel);
         result.newAttribute = integerField(kNewLabel);

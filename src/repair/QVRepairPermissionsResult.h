@@ -14,20 +14,31 @@ namespace quelm {
 
 enum class QVRepairPermissionsJobType { verifyPermissions, repairPermissions };
 enum class QVFileSystemResourceAttributeStatus { verified, fixed, failed };
-/// In the order in which a resource's attributes are checked. The last is no attribute: a
-/// receipt whose BOM cannot be read, reported with the BOM's path so that its package can be
-/// reinstalled; its values are 0 and it has no new value.
+/// The first three in the order in which a resource's attributes are checked. The others are
+/// failures and content checks: a receipt whose BOM cannot be read (reported with the BOM's
+/// path so that its package can be reinstalled) and a path whose attributes cannot be read
+/// (both with values 0 and no new value); a file whose size (current and correct in bytes) or
+/// checksum (the POSIX cksum CRC) differs from its receipt, or whose content cannot be read.
+/// Content is never changed: only reinstalling its package mends it.
 enum class QVFileSystemResourceAttributeMismatchedType {
     ownerIDMismatched,
     groupIDMismatched,
     posixPermissionsMismatched,
     billOfMaterialsUnreadable,
+    attributesUnreadable,
+    sizeMismatched,
+    checksumMismatched,
+    contentUnreadable,
 };
+
+/// Whether the type is about a file's content rather than its owner, group or mode.
+bool isContentType(QVFileSystemResourceAttributeMismatchedType type);
 
 /// "Verified", "Fixed", "Failed".
 std::string_view displayText(QVFileSystemResourceAttributeStatus status);
 /// "Owner ID Mismatched", "Group ID Mismatched", "POSIX Permissions Mismatched",
-/// "Bill of Materials Unreadable".
+/// "Bill of Materials Unreadable", "Attributes Unreadable", "Size Mismatched",
+/// "Checksum Mismatched", "Content Unreadable".
 std::string_view displayText(QVFileSystemResourceAttributeMismatchedType type);
 
 struct QVRepairPermissionsRepresentableResult;

@@ -23,6 +23,10 @@ constexpr std::size_t headerSize = 32;
 constexpr std::size_t nodeHeaderSize = 12;
 constexpr std::size_t entrySize = 8;
 constexpr std::size_t attributesSize = 14;
+constexpr std::size_t attributesWithSize = 22;
+constexpr std::size_t attributesWithChecksum = 27;
+constexpr std::size_t attributesWithLink = 31;
+constexpr std::uint8_t linkType = 3;
 constexpr std::size_t hugePageSize = std::size_t{2} << 20;
 constexpr std::size_t minArenaChunk = std::size_t{64} << 10;
 constexpr std::size_t maxArenaChunk = std::size_t{8} << 20;
@@ -337,6 +341,31 @@ struct PathEntry {
     YRFileSystemResource attributes;
 };
 
+/// Owner, group and mode, and what the record holds of size, checksum and link target; the
+/// record is at least attributesSize long.
+YRFileSystemResource readAttributes(const ByteSlice& record) {
+    YRFileSystemResource attributes{};
+    attributes.uid = *record.u32(6);
+    attributes.gid = *record.u32(10);
+    attributes.mode = *record.u16(4);
+    attributes.type = *record.u8(0);
+    if (record.size() >= attributesWithSize)
+        attributes.size = *record.u32(18);
+    if (record.size() >= attributesWithChecksum) {
+        attributes.checksum = *record.u32(23);
+        attributes.hasChecksum = true;
+    }
+    // The stored length counts a final NUL; a target that overruns its record is left out.
+    const auto linkLength =
+        record.size() >= attributesWithLink ? record.u32(27) : std::optional<std::uint32_t>();
+    const auto link = attributes.type == linkType && linkLength
+                          ? record.slice(attributesWithLink, *linkLength)
+                          : std::nullopt;
+    if (link)
+        attributes.linkTarget = link->bytes().substr(0, link->bytes().find('\0'));
+    return attributes;
+}
+
 /// Entry index of a leaf with its key, value and attribute records; nothing when one of them is
 /// missing or too short.
 std::optional<PathEntry> readEntry(const BomStore& store, const Node& leaf, std::size_t index) {
@@ -353,15 +382,14 @@ std::optional<PathEntry> readEntry(const BomStore& store, const Node& leaf, std:
     const auto attributes = attributesId ? store.block(*attributesId) : std::nullopt;
     if (!parent || !name || !id || !attributes || attributes->size() < attributesSize)
         return std::nullopt;
-    return PathEntry{*id, *parent, *name,
-                     YRFileSystemResource{nullptr, *attributes->u32(6), *attributes->u32(10),
-                                          *attributes->u16(4)}};
+    return PathEntry{*id, *parent, *name, readAttributes(*attributes)};
 }
 
-/// Fills records from the leaves of one tree, rebuilding each path as the parent's path, "/"
-/// and the name. A parent's path is the one rebuilt when the parent was listed: receipts list
-/// every directory before its contents, so this equals prepending the names of all ancestors,
-/// and since only paths already built are used, a parent chain that loops cannot hang it.
+/// Fills records from the leaves of one tree, rebuilding each path as the format says: the
+/// name, and before it the name of each ancestor as far as the ancestors are known when the
+/// entry is listed. Receipts list every folder before its contents, so a path is its folder's
+/// path, "/" and the name. Only a path listed before a folder of its own is built by walking
+/// the names; a parent chain that loops is refused instead of walked forever.
 class TreeFiller {
 public:
     TreeFiller(const BomStore& store, PathArena& arena, YRFileSystemResource* out,
@@ -381,19 +409,35 @@ public:
     YRFileSystemResource* end() const { return out_; }
 
 private:
+    /// A path built while one of its folders was not yet listed: its name and parent, for the
+    /// paths below it, which are built by walking the names again.
+    struct Partial {
+        std::string_view name;
+        std::uint32_t parent;
+    };
+
     bool add(const PathEntry& entry) {
-        // A parent never seen contributes an empty path, which gives "/" and the name.
-        const bool hasParent = entry.parent != 0;
-        const std::string_view parent = hasParent ? index_.find(entry.parent) : std::string_view();
-        const std::size_t length = parent.size() + (hasParent ? 1 : 0) + entry.name.size();
+        // Reused from entry to entry: a million paths make no million small allocations.
+        auto& pieces = pieces_;
+        pieces.assign(1, entry.name);
+        bool complete = true;
+        if (entry.parent != 0 && !addAncestors(entry.parent, pieces, complete))
+            return false;
+        std::size_t length = pieces.size() - 1;
+        for (const auto piece : pieces)
+            length += piece.size();
         char* text = arena_.allocate(length + 1);
         if (!text)
             return false;
-        char* end = std::copy(parent.begin(), parent.end(), text);
-        if (hasParent)
+        char* end = text;
+        for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece) {
+            end = std::copy(piece->begin(), piece->end(), end);
             *end++ = '/';
-        *std::copy(entry.name.begin(), entry.name.end(), end) = '\0';
-        if (!index_.insert(entry.id, std::string_view(text, length)))
+        }
+        end[-1] = '\0';
+        if (!index_.insert(entry.id, std::string_view(text, length)) ||
+            (!complete &&
+             !partial_.try_emplace(entry.id, Partial{entry.name, entry.parent}).second))
             return false;
         *out_ = entry.attributes;
         out_->path = text;
@@ -401,10 +445,30 @@ private:
         return true;
     }
 
+    /// Appends the names above a path whose parent is parent, nearest first: a folder whose path
+    /// was complete when it was listed gives that whole path; one never listed gives an empty
+    /// name and ends the walk (the path then begins with "/"). False when the chain loops.
+    bool addAncestors(std::uint32_t parent, std::vector<std::string_view>& pieces, bool& complete) {
+        for (std::size_t step = 0; step <= partial_.size(); ++step) {
+            const std::string_view path = index_.find(parent);
+            const auto found = partial_.empty() ? partial_.end() : partial_.find(parent);
+            if (!path.data() || found == partial_.end()) {
+                pieces.push_back(path);
+                complete = path.data() != nullptr;
+                return true;
+            }
+            pieces.push_back(found->second.name);
+            parent = found->second.parent;
+        }
+        return false;
+    }
+
     const BomStore& store_;
     PathArena& arena_;
     YRFileSystemResource* out_;
     PathIndex index_;
+    std::unordered_map<std::uint32_t, Partial> partial_;
+    std::vector<std::string_view> pieces_;
 };
 
 } // namespace

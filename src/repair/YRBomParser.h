@@ -10,12 +10,23 @@
 namespace quelm {
 
 /// One path of a BOM: the full path as rebuilt from the tree ("./System/Library"), owner,
-/// group and mode with its file-type bits (040755), all in host order.
+/// group and mode with its file-type bits (040755), all in host order, then what the record
+/// says of the content.
 struct YRFileSystemResource {
     const char* path;
     std::uint32_t uid;
     std::uint32_t gid;
     std::uint16_t mode;
+    /// The record's type: 1 file, 2 directory, 3 link, 4 device.
+    std::uint8_t type = 0;
+    /// Whether the record is long enough to hold size and checksum: old short records are not.
+    bool hasChecksum = false;
+    /// The size in bytes (a link's: its target's length), the low 32 bits for larger files.
+    std::uint32_t size = 0;
+    /// The POSIX cksum CRC of the content (a link's: of its target).
+    std::uint32_t checksum = 0;
+    /// A link's target as stored, in the parser's buffer; empty for other types.
+    std::string_view linkTarget;
 };
 
 /// Reads one BOM file. Every offset, block id and length is checked against the file's

@@ -1,6 +1,7 @@
 // One verify or repair run over a volume, with throttled progress notifications.
 #include "repair/YRRepairPermissions.h"
 
+#include "repair/WorkSlices.h"
 #include "support/Log.h"
 
 #include <algorithm>
@@ -69,6 +70,8 @@ void YRRepairPermissions::run() {
     // The managers are shared: a second job waits for the first instead of mixing with it.
     static std::mutex oneJobAtATime;
     std::lock_guard lock(oneJobAtATime);
+    // Every work item keeps a folder descriptor per level: let the job use all it may have.
+    raiseDescriptorLimit();
     auto& packages = QVPackageManager::shared();
     auto& resources = QVFileSystemResourceManager::shared();
     packages.reset();
@@ -82,6 +85,7 @@ void YRRepairPermissions::run() {
     setProgress(40);
 
     resources.setDelegate(this);
+    resources.setChecksContent(checksContent_);
     if (jobType_ == QVRepairPermissionsJobType::repairPermissions)
         resources.repair();
     else

@@ -26,6 +26,9 @@ public:
     YRRepairPermissions(QVOSVolume targetVolume, QVRepairPermissionsJobType jobType,
                         Clock clock = uptimeNanoseconds);
 
+    /// Also compare each file's size and checksum with its receipt (off by default: it reads
+    /// every file).
+    void setChecksContent(bool checks) { checksContent_ = checks; }
     /// Runs the whole job on the calling thread. Jobs in one process run one after the other.
     void run();
 
@@ -47,6 +50,7 @@ private:
     std::int64_t checkedPathCount_ = 0;
     std::uint64_t lastTime_ = 0;
     double progress_ = 0;
+    bool checksContent_ = false;
 };
 
 /// counter / total scaled onto [offset, offset + span] percent, with two decimals.

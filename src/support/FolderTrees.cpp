@@ -252,6 +252,16 @@ bool removeTreeAt(int parent, const std::string& name) {
     return removeTree(parent, name, 0);
 }
 
+std::optional<std::vector<std::string>> entryNamesAt(int folder) {
+    const auto entries = entriesOf(folder);
+    if (!entries)
+        return std::nullopt;
+    std::vector<std::string> names;
+    for (const auto& entry : *entries)
+        names.push_back(entry.name);
+    return names;
+}
+
 std::optional<std::string> listedNameAt(int parent, const std::string& name) {
     struct stat wanted {};
     if (::fstatat(parent, name.c_str(), &wanted, AT_SYMLINK_NOFOLLOW) != 0)

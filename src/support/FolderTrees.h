@@ -6,6 +6,7 @@
 #include <string_view>
 #include <sys/types.h>
 #include <utility>
+#include <vector>
 
 namespace quelm {
 
@@ -75,6 +76,9 @@ std::optional<std::string> readFileAt(int folder, const std::string& name, std::
 /// Removes name from parent, with everything beneath it when it is a folder; links are removed,
 /// never followed. True when nothing is left under that name.
 [[nodiscard]] bool removeTreeAt(int parent, const std::string& name);
+
+/// The names listed in the open folder, "." and ".." left out; nothing when it cannot be read.
+std::optional<std::vector<std::string>> entryNamesAt(int folder);
 
 /// The name under which parent lists the entry that name reaches there: itself, or on a
 /// case-insensitive volume the listed spelling ("Lilu.kext" for "lilu.kext"). Nothing when no

@@ -1,6 +1,7 @@
 // Paths beneath a volume's root folder, reached without following any symbolic link.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,12 +43,27 @@ public:
     /// passes through a link or a missing folder: such a path would leave the volume or does
     /// not exist, and counts as missing. The folder stays valid until the next call.
     std::optional<std::pair<int, std::string_view>> parentOf(std::string_view path);
+    /// Why the last parentOf found nothing: 0 when the path is missing, otherwise the error of
+    /// a folder that exists but could not be opened (EMFILE, EACCES, EIO...).
+    int failure() const { return failure_; }
 
 private:
     void popTo(std::size_t depth);
 
     std::shared_ptr<const VolumeRoot> root_;
     std::vector<std::pair<std::string, int>> open_;
+    int failure_ = 0;
 };
+
+/// The number of folders above the deepest of count paths: what a walker keeps open at most.
+std::size_t folderDepth(std::size_t count,
+                        const std::function<std::string_view(std::size_t)>& pathOf);
+
+/// The positions 0..count-1 of paths (pathOf gives each) in an order in which a VolumeWalker
+/// opens each folder about once: grouped by folder, the folders in name order so that a
+/// subtree stays together, and the paths of one folder in their given order. Receipts list a
+/// folder's items together and gain little; paths in any other order gain most.
+std::vector<std::size_t> folderOrder(std::size_t count,
+                                     const std::function<std::string_view(std::size_t)>& pathOf);
 
 } // namespace quelm

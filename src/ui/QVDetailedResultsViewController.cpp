@@ -63,6 +63,14 @@ const char* const kReasonIds[] = {
     QT_TRID_NOOP("POSIX Permissions Mismatched"),
     //% "Bill of Materials Unreadable"
     QT_TRID_NOOP("Bill of Materials Unreadable"),
+    //% "Attributes Unreadable"
+    QT_TRID_NOOP("Attributes Unreadable"),
+    //% "Size Mismatched"
+    QT_TRID_NOOP("Size Mismatched"),
+    //% "Checksum Mismatched"
+    QT_TRID_NOOP("Checksum Mismatched"),
+    //% "Content Unreadable"
+    QT_TRID_NOOP("Content Unreadable"),
 };
 
 const char* const kStatusIds[] = {

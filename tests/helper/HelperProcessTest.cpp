@@ -125,6 +125,45 @@ TEST_F(HelperProcessTest, InstallsRepairsAndInvalidatesCachesAsRoot) {
     EXPECT_EQ(errors, 0);
 }
 
+TEST_F(HelperProcessTest, RemovesKextsIntoABackupAndRestoresThem) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "the helper runs as root";
+    test::makeKext(volumeRoot / "Library/Extensions", "Lilu.kext",
+                   PlistValue::Dict{{"CFBundleIdentifier", "as.vit9696.Lilu"}});
+    test::writeText(volumeRoot / "etc/passwd", "root");
+    fs::create_directories(folder / "backups");
+    const std::string removed = (folder / "backups/removed").string();
+    const auto remove = [&](std::vector<std::string> kexts, std::string backup) {
+        return std::get<std::vector<std::string>>(
+            call("removeKernelExtensions:fromVolume:backupFolder:reply:",
+                 {std::move(kexts), volume(), std::move(backup)}));
+    };
+    EXPECT_EQ(remove({"/Library/Extensions/Lilu.kext", "/etc/passwd"}, removed),
+              std::vector<std::string>{"/etc/passwd"});
+    EXPECT_FALSE(fs::exists(volumeRoot / "Library/Extensions/Lilu.kext"));
+    EXPECT_TRUE(fs::exists(volumeRoot / "etc/passwd"));
+    EXPECT_TRUE(fs::exists(fs::path(removed) / "Lilu.kext/Contents/Info.plist"));
+    EXPECT_TRUE(fs::exists(fs::path(removed) / "Manifest.plist"));
+    EXPECT_EQ(remove({"/Library/Extensions/A.kext"}, "relative/backup").size(), 1u);
+
+    const auto restore = [&](std::string backup, std::string replaced) {
+        return std::get<std::vector<std::string>>(
+            call("restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
+                 {std::move(backup), volume(), std::move(replaced)}));
+    };
+    EXPECT_EQ(restore(removed, (folder / "backups/replaced").string()), std::vector<std::string>{});
+    struct stat info {};
+    ASSERT_EQ(
+        ::stat((volumeRoot / "Library/Extensions/Lilu.kext/Contents/Info.plist").c_str(), &info),
+        0);
+    EXPECT_EQ(info.st_uid, 0u);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    EXPECT_FALSE(fs::exists(folder / "backups/replaced")) << "nothing was replaced";
+    const std::string missing = (folder / "backups/none").string();
+    EXPECT_EQ(restore(missing, (folder / "backups/x").string()), std::vector<std::string>{missing});
+    EXPECT_EQ(errors, 0);
+}
+
 TEST_F(HelperProcessTest, InstallsAndRemovesTheRepairToolForTheUser) {
     if (!test::runningAsRoot())
         GTEST_SKIP() << "the helper runs as root";

@@ -83,6 +83,26 @@ lane() {  # FS MOUNT
     check "$fs: rebuild-caches marks the caches stale" [ "$(status_of "$quelmctl" rebuild-caches --volume "$volume")" = 0 ]
     check "$fs: both Extensions folders are newer" test "$volume/System/Library/Extensions" -nt /tmp/info -a "$ext" -nt /tmp/info
 
+    # The rescue: list, take a kext off into a backup on another disk, put it back, undo both.
+    local rescue=(--volume "$volume" --backup-to "/tmp/rescue-$fs")
+    "$quelmctl" kexts --volume "$volume" >/tmp/kexts
+    check "$fs: kexts lists an installed kext with its CPU" grep -q "^IntelMausiEthernet.kext (.*x86_64" /tmp/kexts
+    local entries
+    entries=$(find "$volume" | wc -l)
+    check "$fs: remove --dry-run succeeds" [ "$(status_of "$quelmctl" remove --dry-run "${rescue[@]}" IntelMausiEthernet)" = 0 ]
+    check "$fs: remove --dry-run changes nothing" [ "$(find "$volume" | wc -l)" = "$entries" ]
+    check "$fs: a kext is removed" [ "$(status_of "$quelmctl" remove "${rescue[@]}" IntelMausiEthernet)" = 0 ]
+    check "$fs: remove warns about the old kernel cache" says "safe mode"
+    check "$fs: the removed kext is gone" test ! -e "$ext/IntelMausiEthernet.kext"
+    check "$fs: its backup has a manifest" test -f "$(echo /tmp/rescue-"$fs"/*/Manifest.plist)"
+    check "$fs: restore puts it back" [ "$(status_of "$quelmctl" restore "${rescue[@]}" "$(echo /tmp/rescue-"$fs"/*/)")" = 0 ]
+    check "$fs: the restored kext is root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
+    check "$fs: undo takes the restore back" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$fs: the kext is gone again" test ! -e "$ext/IntelMausiEthernet.kext"
+    check "$fs: undo again reverses the removal" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$fs: the kext is back, root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
+    check "$fs: no hidden leftovers after the rescue" no_leftovers "$ext"
+
     # The whole job in the desktop application, through the real helper.
     rm -rf "$ext/FakeSMC.kext"
     "$bin/quelm" --volume "$volume" --helper-root /tmp/helper-root "$kexts/FakeSMC.kext" "$kexts/My Driver.kext" >/tmp/quelm.log 2>&1
@@ -107,6 +127,7 @@ check "apfs read-only: install refused with status 2" [ "$(status_of "$quelmctl"
 check "apfs read-only: the reason names -o readwrite" says "mounted with -o readwrite"
 check "apfs read-only: repair refused with status 2" [ "$(status_of "$quelmctl" repair-permissions --volume "/mnt/apfs/Macintosh HD")" = 2 ]
 check "apfs read-only: cache rebuild refused with status 2" [ "$(status_of "$quelmctl" rebuild-caches --volume "/mnt/apfs/Macintosh HD")" = 2 ]
+check "apfs read-only: remove refused with status 2" [ "$(status_of "$quelmctl" remove --volume "/mnt/apfs/Macintosh HD" --backup-to /tmp/rescue-ro FakeSMC)" = 2 ]
 # The application logs the reason, then waits on its alert for a user who is not there.
 "$bin/quelm" --volume "/mnt/apfs/Macintosh HD" --helper-root /tmp/helper-root /mnt/apfs/kexts/FakeSMC.kext >/tmp/out 2>&1 &
 app=$!

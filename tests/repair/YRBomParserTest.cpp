@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 #include "repair/BomWriter.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace quelm {
@@ -193,6 +194,69 @@ TEST(YRBomParserTest, APathIdListedTwiceIsRefused) {
     // Our writer stores the attributes, value and key blocks of path n as blocks 3n-1 to 3n+1.
     writeU32(bytes, blockAddress(bytes, 3 * 3), 1);
     EXPECT_EQ(statusOf(bytes), YRBomParser::notABomStore);
+}
+
+// Departures from the letter of the format, each on purpose.
+
+TEST(YRBomParserTest, ABlockTableCountOfZeroIsRefused) {
+    // The count bounds the table: ids past it would read the words after the table (its free
+    // list) as block addresses. No writer leaves it 0 in a file that has blocks.
+    EXPECT_EQ(statusOf(orphanWith(120, 0)), YRBomParser::notABomStore);
+    EXPECT_EQ(statusOf(orphanWith(120, 5)), YRBomParser::notABomStore) << "block 5 left out";
+    EXPECT_EQ(statusOf(orphanWith(120, 6)), YRBomParser::success);
+}
+
+TEST(YRBomParserTest, APathListedBeforeItsFolderIsBuiltFromTheNamesKnownWhenListed) {
+    std::string bytes = *writeBom(std::vector<BomRecord>{{".", 040755, 0, 0},
+                                                         {"./P", 040755, 0, 0},
+                                                         {"./P/C", 040755, 0, 0},
+                                                         {"./P/C/D", 0100644, 0, 0}});
+    // Swap the leaf's entries 1 and 2: C is listed before its folder P.
+    const std::size_t entries = blockAddress(bytes, pathsRoot(bytes)) + 12;
+    std::swap_ranges(bytes.begin() + static_cast<std::ptrdiff_t>(entries + 8),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(entries + 16),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(entries + 16));
+    YRBomParser parser("memory");
+    ASSERT_EQ(parser.parseBytes(bytes), YRBomParser::success);
+    // C's folder is unknown when C is listed, so C is "/C"; D, listed after P, gets the names
+    // of all its folders, as the format's walk gives them.
+    EXPECT_EQ(listingOf(parser), ".\t40755\t0/0\n/C\t40755\t0/0\n./P\t40755\t0/0\n"
+                                 "./P/C/D\t100644\t0/0\n");
+}
+
+TEST(YRBomParserTest, ParentsThatNameEachOtherAreRefused) {
+    std::string bytes = *writeBom(std::vector<BomRecord>{{".", 040755, 0, 0},
+                                                         {"./A", 040755, 0, 0},
+                                                         {"./A/B", 040755, 0, 0},
+                                                         {"./A/B/C", 0100644, 0, 0}});
+    // Our writer stores the key of path n (id n + 1) as block 3n + 4 after the info block: make
+    // A's parent B and list A after its child B, so that C's folders loop.
+    const std::size_t entries = blockAddress(bytes, pathsRoot(bytes)) + 12;
+    writeU32(bytes, blockAddress(bytes, readU32(bytes, entries + 8 + 4)), 3);
+    std::swap_ranges(bytes.begin() + static_cast<std::ptrdiff_t>(entries + 8),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(entries + 16),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(entries + 16));
+    EXPECT_EQ(statusOf(bytes), YRBomParser::notABomStore);
+}
+
+TEST(YRBomParserTest, RecordsCarrySizeChecksumAndLinkTarget) {
+    const std::string bytes =
+        *writeBom(std::vector<BomRecord>{{".", 040755, 0, 0},
+                                         {"./file", 0100644, 0, 80, 38, 3557505254u},
+                                         {"./link", 0120755, 0, 0, 4, 1234, "file"}});
+    YRBomParser parser("memory");
+    ASSERT_EQ(parser.parseBytes(bytes), YRBomParser::success);
+    const auto* records = parser.resources();
+    EXPECT_EQ(records[1].type, 1);
+    EXPECT_TRUE(records[1].hasChecksum);
+    EXPECT_EQ(records[1].size, 38u);
+    EXPECT_EQ(records[1].checksum, 3557505254u);
+    EXPECT_EQ(records[1].linkTarget, "");
+    EXPECT_EQ(records[2].type, 3);
+    EXPECT_EQ(records[2].linkTarget, "file");
+    // The orphan's attributes stop at the group: no size or checksum.
+    ASSERT_EQ(parser.parseBytes(orphan()), YRBomParser::success);
+    EXPECT_FALSE(parser.resources()[0].hasChecksum);
 }
 
 TEST(YRBomParserTest, UnreadableFileIsStatusOneAndLeavesTheWrapperEmpty) {

@@ -5,10 +5,14 @@
 #include "repair/QVCPU.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <set>
+#include <sstream>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -234,6 +238,281 @@ TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
 
     job(QVRepairPermissionsJobType::repairPermissions).run();
     EXPECT_EQ(permissionsOf(volume / "bin/ls"), 0755u) << "with /proc it is set by name";
+}
+
+/// A receipt whose files carry the sizes and checksums that `cksum` gives for their bytes as
+/// installed; then one file is changed in place and one grows.
+class ContentVolumeTest : public testing::Test {
+protected:
+    void SetUp() override {
+        test::makeVolume(volume, "10.12.6", "16G29");
+        const std::uint32_t uid = ::getuid(), gid = ::getgid();
+        std::string big(3 << 20, '\0');
+        for (std::size_t i = 0; i < big.size(); ++i)
+            big[i] = static_cast<char>((i * 2654435761u) >> 13);
+        const std::vector<std::pair<std::string, std::string>> files{
+            {"Library/Kernels/kernel", big},
+            {"Library/intact.plist", "<plist/>\n"},
+            {"Library/altered.plist", "<plist>0</plist>\n"},
+            {"Library/grown.plist", "<plist/>\n"},
+            {"Library/empty", ""}};
+        std::vector<std::filesystem::path> paths;
+        for (const auto& [name, bytes] : files) {
+            test::writeText(volume / name, bytes);
+            ::chmod((volume / name).c_str(), 0644);
+            paths.push_back(volume / name);
+        }
+        const auto sums = cksumOf(paths);
+        records = {{".", 040755, uid, gid},
+                   {"./Library", 040755, uid, gid},
+                   {"./Library/Kernels", 040755, uid, gid},
+                   {"./Library/link", 0120755, uid, gid, 4, 0, "none"}};
+        for (std::size_t i = 0; i < files.size(); ++i)
+            records.emplace_back("./" + files[i].first, 0100644, uid, gid, sums[i].second,
+                                 sums[i].first);
+        std::filesystem::create_symlink("none", volume / "Library/link");
+        ::lchown((volume / "Library/link").c_str(), uid, gid);
+        test::writeReceipt(volume, "com.apple.pkg.Content.plist", "com.apple.pkg.Content",
+                           {test::kRepairGroup}, records);
+        test::writeText(volume / "Library/altered.plist", "<plist>1</plist>\n");
+        test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
+    }
+
+    /// What `cksum` prints for each file: checksum and size.
+    static std::vector<std::pair<std::uint32_t, std::uint32_t>>
+    cksumOf(const std::vector<std::filesystem::path>& files) {
+        std::string command = "cksum";
+        for (const auto& file : files)
+            command += " " + test::shellQuote(file.string());
+        const auto result = test::runCommand(command);
+        EXPECT_EQ(result.status, 0);
+        std::istringstream lines(result.output);
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> sums;
+        for (std::string line; std::getline(lines, line);) {
+            std::uint32_t checksum = 0, size = 0;
+            std::istringstream(line) >> checksum >> size;
+            sums.emplace_back(checksum, size);
+        }
+        // A short answer fails the test here rather than reading past it.
+        EXPECT_EQ(sums.size(), files.size());
+        sums.resize(files.size());
+        return sums;
+    }
+
+    YRRepairPermissions job(QVRepairPermissionsJobType type, bool content) const {
+        YRRepairPermissions made(*QVOSVolume::initWithMountPoint(volume.string()), type);
+        made.setChecksContent(content);
+        return made;
+    }
+
+    TemporaryFolder folder;
+    std::filesystem::path volume = folder / "Macintosh HD";
+    std::vector<BomRecord> records;
+};
+
+TEST_F(ContentVolumeTest, SizeAndChecksumDifferencesAreFoundAndNeverRepaired) {
+    auto plain = job(QVRepairPermissionsJobType::verifyPermissions, false);
+    plain.run();
+    EXPECT_TRUE(plain.results().empty()) << "content is only checked when asked";
+
+    const auto altered = cksumOf({volume / "Library/altered.plist"}).front().first;
+    for (const auto type : {QVRepairPermissionsJobType::verifyPermissions,
+                            QVRepairPermissionsJobType::repairPermissions}) {
+        auto run = job(type, true);
+        run.run();
+        auto results = run.results();
+        ASSERT_EQ(results.size(), 2u);
+        std::ranges::sort(results, {}, &QVRepairPermissionsResult::fileSystemResourcePath);
+        const auto expected = type == QVRepairPermissionsJobType::verifyPermissions
+                                  ? Status::verified
+                                  : Status::failed;
+        EXPECT_EQ(results[0].fileSystemResourcePath(), (volume / "Library/altered.plist").string());
+        EXPECT_EQ(results[0].attributeMismatchedType(), Type::checksumMismatched);
+        EXPECT_EQ(results[0].currentAttribute(), altered);
+        EXPECT_EQ(results[0].correctAttribute(), records[6].checksum);
+        EXPECT_EQ(results[0].attributeStatus(), expected);
+        EXPECT_FALSE(results[0].newAttribute());
+        EXPECT_EQ(results[1].fileSystemResourcePath(), (volume / "Library/grown.plist").string());
+        EXPECT_EQ(results[1].attributeMismatchedType(), Type::sizeMismatched);
+        EXPECT_EQ(results[1].currentAttribute(), 10);
+        EXPECT_EQ(results[1].correctAttribute(), 9);
+        EXPECT_EQ(results[1].attributeStatus(), expected);
+    }
+    EXPECT_EQ(test::readText(volume / "Library/altered.plist"), "<plist>1</plist>\n");
+}
+
+/// The results of a job run in a child process whose descriptor limit, soft and hard, is
+/// limit, as lines "TYPE<TAB>PATH", and what the child logged.
+struct ChildOutcome {
+    std::set<std::string> results;
+    std::set<std::string> failedPaths;
+    std::string log;
+};
+
+ChildOutcome runUnderDescriptorLimit(rlim_t limit, const std::filesystem::path& volume,
+                                     QVRepairPermissionsJobType type, const TemporaryFolder& out) {
+    const auto resultsFile = out / "results", logFile = out / "log";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        const int results = ::open(resultsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int log = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(log, STDERR_FILENO);
+        ::close(log);
+        const rlimit small{limit, limit};
+        if (::setrlimit(RLIMIT_NOFILE, &small) != 0)
+            ::_exit(3);
+        QVCPU::shared().setMaxthread(512);
+        YRRepairPermissions job(*QVOSVolume::initWithMountPoint(volume.string()), type);
+        job.run();
+        std::string text;
+        for (const auto& result : job.results())
+            text += std::string(displayText(result.attributeMismatchedType())) + "\t" +
+                    std::string(displayText(result.attributeStatus())) + "\t" +
+                    result.fileSystemResourcePath().substr(volume.string().size()) + "\n";
+        const bool written =
+            ::write(results, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        ::_exit(written ? 0 : 4);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ChildOutcome outcome;
+    std::istringstream lines(test::readText(resultsFile));
+    for (std::string line; std::getline(lines, line);) {
+        const auto first = line.find('\t'), second = line.find('\t', first + 1);
+        const auto kind = line.substr(0, first), path = line.substr(second + 1);
+        outcome.results.insert(kind + "\t" + path);
+        if (line.substr(first + 1, second - first - 1) == "Failed")
+            outcome.failedPaths.insert(path);
+    }
+    outcome.log = test::readText(logFile);
+    return outcome;
+}
+
+std::size_t openDescriptorCount() {
+    std::size_t count = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        count += ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+    return count;
+}
+
+TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMissingPaths) {
+    TemporaryFolder folder;
+    const auto volume = folder / "volume";
+    test::makeVolume(volume, "10.12.6", "16G29");
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
+    std::vector<BomRecord> records{{".", 040755, uid, gid}};
+    std::string path = ".";
+    std::set<std::string> expected;
+    for (int depth = 0; depth < 10; ++depth) {
+        path += "/level" + std::to_string(depth);
+        records.emplace_back(path, 040755, uid, gid);
+        std::filesystem::create_directory(volume / path);
+        for (int i = 0; i < 4; ++i) {
+            const std::string file = path + "/file" + std::to_string(i);
+            records.emplace_back(file, 0100644, uid, gid);
+            test::writeText(volume / file, "x");
+            ::chmod((volume / file).c_str(), i == 0 ? 0600 : 0644);
+            if (i == 0)
+                expected.insert("POSIX Permissions Mismatched\t" + file.substr(1));
+        }
+    }
+    test::writeReceipt(volume, "com.apple.pkg.Deep.plist", "com.apple.pkg.Deep",
+                       {test::kRepairGroup}, records);
+    TemporaryFolder out;
+    const std::size_t open = openDescriptorCount() + 2; // the child's results and log files
+    for (const rlim_t spare : {40u, 24u, 12u, 8u, 5u, 3u}) {
+        const auto verify = runUnderDescriptorLimit(
+            open + spare, volume, QVRepairPermissionsJobType::verifyPermissions, out);
+        if (spare >= 24) {
+            EXPECT_EQ(verify.results, expected) << "with " << spare << " spare descriptors";
+            continue;
+        }
+        // Every mismatch is reported, or the path or the receipt is reported as failed, and
+        // every path that failed is logged.
+        const bool bomFailed = std::ranges::any_of(verify.results, [](const std::string& line) {
+            return line.starts_with("Bill of Materials Unreadable");
+        });
+        for (const auto& mismatch : expected) {
+            const auto mismatchPath = mismatch.substr(mismatch.find('\t') + 1);
+            EXPECT_TRUE(verify.results.contains(mismatch) || bomFailed ||
+                        verify.failedPaths.contains(mismatchPath))
+                << mismatch << " with " << spare << " spare descriptors";
+        }
+        for (const auto& failed : verify.failedPaths) {
+            if (failed.ends_with(".bom"))
+                continue;
+            EXPECT_NE(verify.log.find("QVFile::Error: Unable to get attributes of " +
+                                      (volume.string() + failed)),
+                      std::string::npos)
+                << failed;
+        }
+    }
+
+    const auto repair = runUnderDescriptorLimit(open + 24, volume,
+                                                QVRepairPermissionsJobType::repairPermissions, out);
+    EXPECT_EQ(repair.results, expected);
+    EXPECT_TRUE(repair.failedPaths.empty());
+    const auto again = runUnderDescriptorLimit(open + 24, volume,
+                                               QVRepairPermissionsJobType::verifyPermissions, out);
+    EXPECT_TRUE(again.results.empty());
+}
+
+/// A job whose clock moves a second per reading, so that every progress change is posted.
+std::vector<double> postedProgress(const std::filesystem::path& volume, std::int64_t threads) {
+    std::uint64_t now = 0;
+    YRRepairPermissions job(*QVOSVolume::initWithMountPoint(volume.string()),
+                            QVRepairPermissionsJobType::verifyPermissions,
+                            [&] { return now += 1'000'000'000; });
+    std::vector<double> posted;
+    auto& center = NotificationCenter::defaultCenter();
+    const auto token = center.addObserver(kRepairPermissionsProgressDidChange,
+                                          [&](const double& value) { posted.push_back(value); });
+    const auto saved = QVCPU::shared().maxthread();
+    QVCPU::shared().setMaxthread(threads);
+    job.run();
+    QVCPU::shared().setMaxthread(saved);
+    center.removeObserver(token);
+    return posted;
+}
+
+TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
+    TemporaryFolder volume;
+    test::makeVolume(volume.path(), "10.12.6", "16G29");
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
+    // The root and the missing path are no resources: the total drops from 5 to 3.
+    test::writeReceipt(volume.path(), "com.apple.pkg.P.plist", "com.apple.pkg.P",
+                       {test::kRepairGroup},
+                       {{".", 040755, uid, gid},
+                        {"./a", 040755, uid, gid},
+                        {"./a/x", 0100644, uid, gid},
+                        {"./missing", 0100644, uid, gid},
+                        {"./a/y", 0100644, uid, gid}});
+    test::writeText(volume / "a/x", "x");
+    test::writeText(volume / "a/y", "y");
+    ::chmod((volume / "a").c_str(), 0755);
+    ::chmod((volume / "a/x").c_str(), 0644);
+    ::chmod((volume / "a/y").c_str(), 0600);
+    // Set-up: 10, one step per resource up to 40 (1/4, then 2/3 and 3/3 once the missing path
+    // lowered the total), 40; verify 40 to 90 by thirds; collecting 90 to 100; 100.
+    EXPECT_EQ(postedProgress(volume.path(), 1),
+              (std::vector<double>{10, 17.5, 30, 40, 40, 56.67, 73.33, 90, 100, 100}));
+
+    // With more work items the steps of set-up come in any order, and the last of them may
+    // coincide with the start of verify; set-up still ends at 40, never beyond.
+    for (const std::int64_t threads : {2, 3, 8}) {
+        const auto posted = postedProgress(volume.path(), threads);
+        const auto forty = std::ranges::find(posted, 40.0);
+        ASSERT_NE(forty, posted.end()) << threads << " work items";
+        EXPECT_TRUE(std::all_of(posted.begin() + 1, forty,
+                                [](double value) { return value > 10 && value < 40; }))
+            << threads << " work items";
+        const auto verify = std::find_if(forty, posted.end(), [](double v) { return v != 40; });
+        EXPECT_EQ(std::vector<double>(verify, posted.end()),
+                  (std::vector<double>{56.67, 73.33, 90, 100, 100}))
+            << threads << " work items";
+    }
 }
 
 TEST(RepairJobTest, VolumeWithoutReceiptsEndsEmpty) {

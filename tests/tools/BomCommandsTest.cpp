@@ -56,6 +56,38 @@ TEST(BomCommandsTest, MakeBomWritesWhatListBomReadsBack) {
     EXPECT_EQ(result.output, listing);
 }
 
+TEST(BomCommandsTest, LongListingAddsSizeChecksumAndLinkTarget) {
+    const auto result = runCommand(
+        quelmctl("list-bom --long " + quoted(dataFolder / "pkgbuild-python-applications.bom")));
+    EXPECT_EQ(result.status, 0);
+    // A link's size and checksum are those of its target's text, as `cksum` gives them.
+    for (const std::string line :
+         {"\n./Python 3.9\t40755\t0/0\n",
+          "\n./Python 3.9/License.rtf\t100644\t0/0\t15119\t366503802\n",
+          "\n./Python 3.9/IDLE.app/Contents/MacOS/Python\t120755\t0/0\t92\t3776735147\t/Library/"
+          "Frameworks/Python.framework/Versions/3.9/Resources/Python.app/Contents/MacOS/Python\n",
+          "\n./._Python 3.9\t40755\t0/0\n"})
+        EXPECT_NE(result.output.find(line), std::string::npos) << line;
+    // PackageMaker's shorter records end right after the checksum.
+    EXPECT_EQ(
+        runCommand(quelmctl("list-bom --long " + quoted(dataFolder / "packagemaker-archive.bom")))
+            .output,
+        ".\t40755\t501/501\n./InstalledFile.txt\t100644\t501/501\t65\t3995837755\n");
+
+    TemporaryFolder folder;
+    const std::string listing = ".\t40755\t0/0\n./bin\t40755\t0/0\n./bin/ls\t100755\t0/0\t38\t"
+                                "3557505254\n./bin/sh\t120755\t0/0\t4\t1234\tbash\n";
+    test::writeText(folder / "listing", listing);
+    ASSERT_EQ(runCommand(quelmctl("make-bom " + quoted(folder / "listing") + " " +
+                                  quoted(folder / "out.bom")))
+                  .status,
+              0);
+    EXPECT_EQ(runCommand(quelmctl("list-bom --long " + quoted(folder / "out.bom"))).output,
+              listing);
+    EXPECT_EQ(runCommand(quelmctl("list-bom " + quoted(folder / "out.bom"))).output,
+              ".\t40755\t0/0\n./bin\t40755\t0/0\n./bin/ls\t100755\t0/0\n./bin/sh\t120755\t0/0\n");
+}
+
 TEST(BomCommandsTest, MakeBomFailureNamesTheLineAndKeepsTheOldFile) {
     TemporaryFolder folder;
     test::writeText(folder / "out.bom", "old");

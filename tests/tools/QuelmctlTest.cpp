@@ -1,7 +1,11 @@
 // quelmctl's first commands, run as a user would run them.
+#include "KextFixtures.h"
 #include "TestSupport.h"
+#include "repair/QVRepairPermissionsResult.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
+#include <unistd.h>
 
 namespace quelm {
 namespace {
@@ -75,8 +79,10 @@ TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
     const auto volume = folder / "Mac HD";
     test::makeVolume(volume, "10.12.6", "16G29");
     test::writeText(volume / "Library/Extensions/Lilu.kext/Old", "old");
-    const auto lilu = test::makeKext(folder / "in", "Lilu.kext", PlistValue::Dict{});
-    const auto unknown = test::makeKext(folder / "in", "Unknown.kext", PlistValue::Dict{});
+    const auto lilu = test::makeKextBundle(folder / "in", "Lilu.kext",
+                                           test::kextInfo("as.vit9696.Lilu", "1.4.5"));
+    const auto unknown = test::makeKextBundle(folder / "in", "Unknown.kext",
+                                              test::kextInfo("com.example.Unknown", "1.0"));
     const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
     const auto result = runCommand(
         env + quelmctl("install --volume " + shellQuote(volume.string()) + " --backup-to " +
@@ -109,7 +115,8 @@ TEST(QuelmctlTest, InstallKeepsOutOfTheSystemFolderFromCatalinaOn) {
     TemporaryFolder folder;
     const auto volume = folder / "Macintosh HD";
     test::makeVolume(volume, "10.15.7", "19H2");
-    const auto kext = test::makeKext(folder / "in", "Custom.kext", PlistValue::Dict{});
+    const auto kext = test::makeKextBundle(folder / "in", "Custom.kext",
+                                           test::kextInfo("com.example.Custom", "1.0"));
     test::writePlist(
         folder / "data/Quelm/QVUserDefaultSmartTable.plist",
         PlistValue::Dict{
@@ -180,6 +187,51 @@ TEST(QuelmctlTest, ReceiptWithAnUnreadableBomIsNamedAndTheRestIsRepaired) {
     for (const auto& text : {"quelmctl: cannot read the bill of materials " + bom.string(),
                              std::string(" fixed, 1 failed")})
         EXPECT_NE(repair.output.find(text), std::string::npos) << repair.output;
+}
+
+TEST(QuelmctlTest, ContentCheckReportsChangedFilesAndRepairLeavesThemForReinstalling) {
+    TemporaryFolder folder;
+    const auto volume = folder / "Macintosh HD";
+    test::makeVolume(volume, "10.12.6", "16G29");
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
+    test::writeText(volume / "etc/hosts", "127.0.0.1 localhost\n");
+    ::chmod((volume / "etc").c_str(), 0755);
+    ::chmod((volume / "etc/hosts").c_str(), 0644);
+    const auto sum = runCommand("cksum < " + shellQuote((volume / "etc/hosts").string()));
+    std::uint32_t checksum = 0, size = 0;
+    std::istringstream(sum.output) >> checksum >> size;
+    test::writeReceipt(volume, "com.apple.pkg.Hosts.plist", "com.apple.pkg.Hosts",
+                       {test::kRepairGroup},
+                       {{".", 040755, uid, gid},
+                        {"./etc", 040755, uid, gid},
+                        {"./etc/hosts", 0100644, uid, gid, size, checksum}});
+    const std::string options = " --volume " + shellQuote(volume.string());
+    EXPECT_EQ(runCommand(quelmctl("verify-permissions --content" + options)).status, 0);
+
+    test::writeText(volume / "etc/hosts", "127.0.0.2 localhost\n");
+    const auto report = folder / "report.txt";
+    const auto json = runCommand(quelmctl("verify-permissions --content --json --report " +
+                                          shellQuote(report.string()) + options));
+    EXPECT_EQ(json.status, 1);
+    EXPECT_NE(json.output.find("\"attributeMismatchedTypeString\": \"Checksum Mismatched\", "
+                               "\"currentAttribute\": "),
+              std::string::npos)
+        << json.output;
+    EXPECT_NE(json.output.find("\"correctAttribute\": " + std::to_string(checksum)),
+              std::string::npos);
+    const auto parsed = parseReportText(test::readText(report));
+    ASSERT_TRUE(parsed) << parsed.error();
+    ASSERT_EQ(parsed->size(), 1u);
+    EXPECT_EQ((*parsed)[0].attributeMismatchedTypeString, "Checksum Mismatched");
+
+    EXPECT_EQ(runCommand(quelmctl("verify-permissions" + options)).status, 0)
+        << "content is only checked when asked";
+    const auto repair = runCommand(quelmctl("repair-permissions --content" + options));
+    EXPECT_EQ(repair.status, 1);
+    for (const char* text : {" Reason: Checksum Mismatched", " Status: Failed", "0 fixed, 1 failed",
+                             "reinstall the packages"})
+        EXPECT_NE(repair.output.find(text), std::string::npos) << text << repair.output;
+    EXPECT_EQ(test::readText(volume / "etc/hosts"), "127.0.0.2 localhost\n");
 }
 
 TEST(QuelmctlTest, EveryCommandHasHelp) {

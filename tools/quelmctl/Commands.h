@@ -21,6 +21,12 @@ void addMakeBomCommand(CLI::App& app, int& status);
 
 void addInstallCommand(CLI::App& app, int& status);
 void addRebuildCachesCommand(CLI::App& app, int& status);
+void addKextsCommand(CLI::App& app, int& status);
+void addCheckKextCommand(CLI::App& app, int& status);
+void addRemoveCommand(CLI::App& app, int& status);
+void addRestoreCommand(CLI::App& app, int& status);
+void addHistoryCommand(CLI::App& app, int& status);
+void addUndoCommand(CLI::App& app, int& status);
 
 /// The user's smart table in folder, made or refreshed first as the application does at
 /// launch; nothing (and a message) when that fails.

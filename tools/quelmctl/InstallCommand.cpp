@@ -1,7 +1,10 @@
 // quelmctl install: kexts onto a volume with root ownership, by the folder policy, in process.
+#include "kexts/KextBackups.h"
+#include "kexts/KextChecks.h"
 #include "kexts/KextInstallation.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
 #include "support/Paths.h"
 
 #include <chrono>
@@ -18,7 +21,36 @@ struct Options {
     std::string volume;
     std::string folder = "smart";
     std::string backupTo;
+    bool force = false;
+    bool dryRun = false;
+    bool json = false;
     std::vector<std::string> kexts;
+};
+
+/// What the installation tells: plain lines as it goes, or with --json one object at the end
+/// whose keys gather the values.
+class Report {
+public:
+    explicit Report(bool json) : json_(json) {}
+
+    void say(const std::string& line, const std::string& key, const std::string& value) {
+        if (json_)
+            entries_[key].push_back(value);
+        else
+            std::cout << line << '\n';
+    }
+    void printJson() const {
+        if (!json_)
+            return;
+        std::string out;
+        for (const auto& [key, values] : entries_)
+            out += (out.empty() ? "" : ", ") + jsonString(key) + ": " + jsonStrings(values);
+        std::cout << "{" << out << "}\n";
+    }
+
+private:
+    bool json_;
+    std::map<std::string, std::vector<std::string>> entries_;
 };
 
 std::optional<QVKernelExtensionFolder> policyNamed(const std::string& name) {
@@ -47,12 +79,14 @@ std::optional<std::string> askFolder(const QVKernelExtension& kext) {
     return std::nullopt;
 }
 
+/// The kexts to install in each folder.
+using Plan = std::map<std::string, std::vector<QVKernelExtension>>;
+
 /// Each kext's folder by the policy; nothing for a kext that is skipped, with the reason.
-std::map<std::string, std::vector<QVKernelExtension>>
-planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder policy,
-            const std::optional<QVSmartTableManager>& table, const QVOSVolume& volume,
-            int& skipped) {
-    std::map<std::string, std::vector<QVKernelExtension>> plan;
+Plan planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder policy,
+                 const std::optional<QVSmartTableManager>& table, const QVOSVolume& volume,
+                 int& skipped, Report& report) {
+    Plan plan;
     for (const auto& kext : kexts) {
         std::optional<std::string> folder;
         if (policy == QVKernelExtensionFolder::AskMeEveryTime)
@@ -66,29 +100,124 @@ planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder
             continue;
         }
         ++skipped;
-        std::cout << "skipped " << kext.name()
-                  << (policy == QVKernelExtensionFolder::AskMeEveryTime
-                          ? ": cancelled\n"
-                          : ": not in the smart table\n");
+        report.say("skipped " + kext.name() +
+                       (policy == QVKernelExtensionFolder::AskMeEveryTime
+                            ? ": cancelled"
+                            : ": not in the smart table"),
+                   "skipped", kext.name());
     }
     return plan;
 }
 
-/// Backs up, into DIR/<timestamp>, the kexts that the installation is about to replace.
-bool backupReplaced(const Options& options, const QVOSVolume& volume, const std::string& folder,
-                    const std::vector<QVKernelExtension>& kexts) {
-    std::vector<QVKernelExtension> replaced;
+/// The kexts that pass the checks against the volume's kexts and the others given, or every
+/// kext with force; says why each other one is refused.
+std::vector<QVKernelExtension> checkedKexts(const std::vector<QVKernelExtension>& kexts,
+                                            const QVOSVolume& volume, bool force, int& refused,
+                                            Report& report) {
+    std::vector<std::optional<KextBundle>> bundles;
+    auto available = installedKexts(volume);
     for (const auto& kext : kexts)
-        if (std::error_code error; fs::exists(volume.mountPoint() + folder + kext.name(), error))
-            replaced.push_back(kext);
-    std::string destination = fs::absolute(options.backupTo).string();
-    if (destination.back() != '/')
-        destination += '/';
-    const auto failed = backupKernelExtensions(replaced, folder, volume, destination,
-                                               std::chrono::system_clock::now());
-    for (const auto& kext : failed)
-        printError("cannot back up " + volume.mountPoint() + folder + kext.name());
-    return failed.empty();
+        if (const auto& bundle = bundles.emplace_back(readKextBundle(kext.path())))
+            available.push_back(*bundle);
+    std::vector<QVKernelExtension> passed;
+    for (std::size_t i = 0; i < kexts.size(); ++i) {
+        const auto failures = bundles[i]
+                                  ? kextCheckFailures(*bundles[i], &available)
+                                  : std::vector{kexts[i].path() + " is not a kext bundle folder."};
+        for (const auto& failure : failures)
+            report.say(failure, "checkFailures", failure);
+        if (failures.empty() || force) {
+            passed.push_back(kexts[i]);
+            continue;
+        }
+        report.say("refused " + kexts[i].name() +
+                       ": it would not load; add --force to install it anyway",
+                   "refused", kexts[i].name());
+        ++refused;
+    }
+    return passed;
+}
+
+/// Copies the installed kexts that the plan replaces into a new backup folder; false after a
+/// message when one cannot be copied.
+bool backupReplaced(const Options& options, const QVOSVolume& volume, const Plan& plan,
+                    std::string& backupFolder, Report& report) {
+    std::vector<std::string> replaced;
+    for (const auto& [folder, kexts] : plan)
+        for (const auto& kext : kexts)
+            if (std::error_code error;
+                fs::exists(volume.mountPoint() + folder + kext.name(), error))
+                replaced.push_back(folder + kext.name());
+    if (replaced.empty())
+        return true;
+    const auto root = backupRoot(options.backupTo);
+    if (!root)
+        return false;
+    const auto now = std::chrono::system_clock::now();
+    const auto outcome =
+        copyKextsToBackup(volume, replaced, newBackupFolderPath(*root, now), "install", now);
+    for (const auto& path : outcome.failed)
+        printError("cannot back up " + volume.mountPoint() + path + "; nothing was installed");
+    backupFolder = outcome.backupFolder;
+    if (!backupFolder.empty())
+        report.say("backed up what is replaced into " + backupFolder, "backup", backupFolder);
+    return outcome.failed.empty();
+}
+
+/// Takes out of the plan the folders that cannot take kexts, saying why; the kexts taken out.
+int dropRefusedFolders(Plan& plan, const QVOSVolume& volume) {
+    int dropped = 0;
+    for (auto it = plan.begin(); it != plan.end();) {
+        const auto refusal = installationRefusal(volume, it->first);
+        if (!refusal) {
+            ++it;
+            continue;
+        }
+        printError(*refusal);
+        dropped += static_cast<int>(it->second.size());
+        it = plan.erase(it);
+    }
+    return dropped;
+}
+
+void describePlan(const Plan& plan, const QVOSVolume& volume, Report& report) {
+    report.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
+    for (const auto& [folder, kexts] : plan)
+        for (const auto& kext : kexts) {
+            std::error_code error;
+            const bool replaces = fs::exists(volume.mountPoint() + folder + kext.name(), error);
+            report.say("would install " + kext.name() + " into " + folder +
+                           (replaces ? ", backing up the kext it replaces" : ""),
+                       "wouldInstall", folder + kext.name());
+        }
+}
+
+/// Backs up what the plan replaces, installs it and records it; the number of kexts that
+/// failed, or nothing when the backup failed and nothing was installed.
+std::optional<int> installPlan(const Options& options, const QVOSVolume& volume, const Plan& plan,
+                               Report& report) {
+    std::string backupFolder;
+    if (!backupReplaced(options, volume, plan, backupFolder, report))
+        return std::nullopt;
+    std::vector<std::string> installed;
+    int failures = 0;
+    for (const auto& [folder, kexts] : plan) {
+        const auto failed = installKernelExtensions(kexts, folder, volume);
+        for (const auto& kext : kexts) {
+            if (std::ranges::find(failed, kext) != failed.end()) {
+                report.say("failed " + kext.name() + ": could not be installed into " + folder,
+                           "failed", kext.name());
+                continue;
+            }
+            report.say("installed " + kext.name() + " into " + folder, "installed",
+                       folder + kext.name());
+            installed.push_back(folder + kext.name());
+        }
+        failures += static_cast<int>(failed.size());
+    }
+    if (!installed.empty())
+        recordInHistory(recordOf(volume, "install", installed, backupFolder));
+    return failures;
 }
 
 int install(const Options& options) {
@@ -100,11 +229,11 @@ int install(const Options& options) {
     const auto volume = openVolume(options.volume);
     if (!volume)
         return 2;
-    if (::geteuid() != 0) {
+    if (!options.dryRun && ::geteuid() != 0) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;
     }
-    if (refusesWrites(*volume))
+    if (!options.dryRun && refusesWrites(*volume))
         return 2;
     if (const auto refusal =
             isConcreteFolder(*policy) ? folderRefusal(rawValue(*policy), *volume) : std::nullopt) {
@@ -118,23 +247,19 @@ int install(const Options& options) {
         !(table = preparedUserCopy(applicationSupportFolder())))
         return 2;
     int notInstalled = static_cast<int>(options.kexts.size() - manager.kextsTBI().size());
-    for (const auto& [folder, kexts] :
-         planFolders(manager.kextsTBI(), *policy, table, *volume, notInstalled)) {
-        if (const auto refusal = installationRefusal(*volume, folder)) {
-            printError(*refusal);
-            notInstalled += static_cast<int>(kexts.size());
-            continue;
-        }
-        if (!options.backupTo.empty() && !backupReplaced(options, *volume, folder, kexts))
-            return 1;
-        const auto failed = installKernelExtensions(kexts, folder, *volume);
-        for (const auto& kext : kexts) {
-            const bool ok = std::ranges::find(failed, kext) == failed.end();
-            std::cout << (ok ? "installed " : "failed ") << kext.name()
-                      << (ok ? " into " : ": could not be installed into ") << folder << '\n';
-        }
-        notInstalled += static_cast<int>(failed.size());
+    Report report(options.json);
+    auto plan =
+        planFolders(checkedKexts(manager.kextsTBI(), *volume, options.force, notInstalled, report),
+                    *policy, table, *volume, notInstalled, report);
+    notInstalled += dropRefusedFolders(plan, *volume);
+    if (options.dryRun) {
+        describePlan(plan, *volume, report);
+    } else if (const auto failed = installPlan(options, *volume, plan, report)) {
+        notInstalled += *failed;
+    } else {
+        return 1;
     }
+    report.printJson();
     return notInstalled == 0 ? 0 : 1;
 }
 
@@ -151,10 +276,18 @@ void addInstallCommand(CLI::App& app, int& status) {
                         "/Library/Extensions/, ask (asked per kext) or smart (the smart table; "
                         "the default)");
     command->add_option("--backup-to", options->backupTo,
-                        "Back up the kexts about to be replaced into a dated folder in DIR");
+                        "Back up the kexts about to be replaced into a dated folder in DIR "
+                        "(default: Backups in Quelm's folder of the user's data folder)");
+    command->add_flag("--force", options->force,
+                      "Install kexts that fail the checks of check-kext");
+    command->add_flag("--dry-run", options->dryRun,
+                      "Print what would be installed; change nothing");
+    command->add_flag("--json", options->json, "Print the outcome as one JSON object");
     command->add_option("KEXT", options->kexts, "The .kext bundles to install")->required();
     command->footer("A missing Extensions folder is made (root:wheel 755). On a case-insensitive "
-                    "volume, lilu.kext replaces an installed Lilu.kext.\n"
+                    "volume, lilu.kext replaces an installed Lilu.kext. Each kext must first pass "
+                    "the checks of check-kext; what it replaces is backed up, and the "
+                    "installation is recorded for quelmctl undo.\n"
                     "Exit status: 0 when every kext was installed, 1 when one was skipped or "
                     "failed, 2 when nothing could be done: a folder that is no macOS volume, a "
                     "volume mounted read-only, a system folder that its macOS keeps read-only.");

@@ -13,7 +13,14 @@ namespace {
 
 constexpr std::size_t flushSize = std::size_t{1} << 20;
 
-int listBom(const std::string& file) {
+/// The record as the long listing shows it: size and checksum of files and links, a link's
+/// target.
+BomRecord longRecord(const YRFileSystemResource& record) {
+    return BomRecord(record.path, record.mode, record.uid, record.gid, record.size, record.checksum,
+                     std::string(record.linkTarget));
+}
+
+int listBom(const std::string& file, bool longForm) {
     YRBomParser parser(file);
     switch (parser.parse()) {
     case YRBomParser::success:
@@ -32,7 +39,10 @@ int listBom(const std::string& file) {
     const std::uint32_t total = parser.total();
     for (std::uint32_t index = 0; index < total; ++index) {
         const YRFileSystemResource& record = records[index];
-        appendListingLine(out, record.path, record.mode, record.uid, record.gid);
+        if (longForm)
+            appendLongListingLine(out, longRecord(record));
+        else
+            appendListingLine(out, record.path, record.mode, record.uid, record.gid);
         if (out.size() >= flushSize || index + 1 == total) {
             if (!writeAll(STDOUT_FILENO, out)) {
                 printError(std::string("cannot write the listing: ") + std::strerror(errno));
@@ -52,8 +62,12 @@ void addListBomCommand(CLI::App& app, int& status) {
                     "one line each: PATH<TAB>MODE(octal)<TAB>UID/GID. Exit 1 when FILE cannot be "
                     "read, 2 when it is not a BOM store or is damaged.");
     auto file = std::make_shared<std::string>();
+    auto longForm = std::make_shared<bool>(false);
     command->add_option("FILE", *file, "The BOM file, such as a package receipt's Bom")->required();
-    command->callback([file, &status] { status = listBom(*file); });
+    command->add_flag("--long", *longForm,
+                      "After UID/GID, print SIZE<TAB>CHECKSUM (POSIX cksum CRC) of plain files "
+                      "and of links' targets, then a link's TARGET, as lsbom does by default");
+    command->callback([file, longForm, &status] { status = listBom(*file, *longForm); });
 }
 
 } // namespace quelm::ctl

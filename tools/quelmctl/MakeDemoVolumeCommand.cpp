@@ -123,11 +123,24 @@ void damage(const fs::path& volume) {
     }
 }
 
+/// The header a compiler writes for a 64-bit Intel kext (mach_header_64, little-endian, filetype
+/// MH_KEXT_BUNDLE), without load commands: enough for the checks before installation.
+std::string intelKextExecutable() {
+    std::string bytes;
+    for (const std::uint32_t field : {0xfeedfacfu, 0x01000007u, 3u, 0xbu, 0u, 0u, 0u, 0u})
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>((field >> shift) & 0xff);
+    return bytes;
+}
+
 void writeKext(const fs::path& folder, const std::string& name, PlistValue::Dict info,
                PlistFormat format) {
     const auto bundle = folder / name;
+    const std::string executable = fs::path(name).stem();
+    info.emplace("CFBundlePackageType", "KEXT");
+    info.emplace("CFBundleExecutable", executable);
     writeFile(bundle / "Contents/Info.plist", *serializePlist(info, format));
-    writeFile(bundle / "Contents/MacOS" / fs::path(name).stem(), "demo kext binary\n");
+    writeFile(bundle / "Contents/MacOS" / executable, intelKextExecutable());
 }
 
 int makeDemo(const fs::path& folder) {
@@ -143,7 +156,8 @@ int makeDemo(const fs::path& folder) {
     const auto kexts = fs::absolute(folder) / "kexts";
     writeKext(kexts, "FakeSMC.kext",
               {{"CFBundleIdentifier", "org.netkas.driver.FakeSMC"},
-               {"CFBundleShortVersionString", "6.26"}},
+               {"CFBundleShortVersionString", "6.26"},
+               {"CFBundleVersion", "6.26"}},
               PlistFormat::xml);
     writeKext(kexts, "IntelMausiEthernet.kext",
               {{"CFBundleIdentifier", "com.insanelymac.IntelMausiEthernet"},

@@ -15,8 +15,10 @@ namespace {
 struct Options {
     std::string volume;
     std::int64_t threads = 0;
+    bool content = false;
     bool json = false;
     std::string report;
+    bool dryRun = false;
 };
 
 /// Draws the job's progress on stderr while it runs on a terminal.
@@ -89,22 +91,43 @@ bool isFailed(const QVRepairPermissionsResult& result) {
     return result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
 }
 
-std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType type) {
-    const auto failed = static_cast<std::size_t>(std::ranges::count_if(job.results(), isFailed));
-    const std::string others = std::to_string(job.results().size() - failed);
-    const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
-    return checked + others +
-           (type == QVRepairPermissionsJobType::verifyPermissions ? " mismatched, " : " fixed, ") +
-           std::to_string(failed) + " failed";
+bool isContent(const QVRepairPermissionsResult& result) {
+    return isContentType(result.attributeMismatchedType());
 }
 
-/// Names every receipt whose paths went unchecked, so that its package can be reinstalled.
-void reportUnreadableReceipts(const YRRepairPermissions& job) {
+std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType type,
+                    bool checksContent) {
+    const auto& results = job.results();
+    const auto failed = static_cast<std::size_t>(std::ranges::count_if(results, isFailed));
+    const auto content = static_cast<std::size_t>(
+        std::ranges::count_if(results, [](const auto& r) { return isContent(r) && !isFailed(r); }));
+    const std::string others = std::to_string(results.size() - failed - content);
+    const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
+    const std::string contentText =
+        checksContent && type == QVRepairPermissionsJobType::verifyPermissions
+            ? std::to_string(content) + " with other content, "
+            : "";
+    return checked + others +
+           (type == QVRepairPermissionsJobType::verifyPermissions ? " mismatched, " : " fixed, ") +
+           contentText + std::to_string(failed) + " failed";
+}
+
+/// Names every receipt whose paths went unchecked, so that its package can be reinstalled, and
+/// says what mends files whose content differs.
+void reportUnrepairable(const YRRepairPermissions& job, QVRepairPermissionsJobType type) {
     for (const auto& result : job.results())
         if (result.attributeMismatchedType() ==
             QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable)
             printError("cannot read the bill of materials " + result.fileSystemResourcePath() +
                        ": the paths of its package were not checked; reinstall that package");
+    const auto content = std::ranges::count_if(job.results(), isContent);
+    if (content > 0)
+        printError(std::to_string(content) + " file" + (content == 1 ? "" : "s") +
+                   " differ from their receipts in content or cannot be read" +
+                   (type == QVRepairPermissionsJobType::repairPermissions
+                        ? ": repair never changes a file's content; reinstall the packages "
+                          "that installed them"
+                        : ": reinstall the packages that installed them"));
 }
 
 int runJob(const Options& options, QVRepairPermissionsJobType type) {
@@ -119,6 +142,7 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
     if (repairs && ::geteuid() != 0)
         printError("not running as root: owners and groups cannot be repaired");
     YRRepairPermissions job(*volume, type);
+    job.setChecksContent(options.content);
     {
         ProgressBar bar;
         job.run();
@@ -136,8 +160,9 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
     if (options.json)
         std::cout << jsonResults(results);
     else
-        std::cout << report << (report.empty() ? "" : "\n") << summary(job, type) << '\n';
-    reportUnreadableReceipts(job);
+        std::cout << report << (report.empty() ? "" : "\n") << summary(job, type, options.content)
+                  << '\n';
+    reportUnrepairable(job, type);
     const bool failed = std::ranges::any_of(job.results(), isFailed);
     return type == QVRepairPermissionsJobType::verifyPermissions ? !results.empty() : failed;
 }
@@ -149,15 +174,27 @@ void addJobCommand(CLI::App& app, int& status, const char* name, const char* des
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
     command
         ->add_option("--threads", options->threads,
-                     "Work items run at once (default: one "
-                     "per logical processor)")
+                     "Work items run at once (default: one per logical processor; at most 64, "
+                     "and fewer when open descriptors would run short)")
         ->check(CLI::Range(1, 1024));
+    command->add_flag("--content", options->content,
+                      "Also compare each file's size and checksum with its receipt (reads every "
+                      "file); content is never changed, a package whose files differ must be "
+                      "reinstalled");
     command->add_flag("--json", options->json, "Print the results as a JSON array");
     command->add_option("--report", options->report, "Also save the report text to FILE");
-    command->footer("Exit status: 0 when nothing is left mismatched, 1 when mismatches remain, "
-                    "a repair failed or a receipt's bill of materials cannot be read, 2 on an "
-                    "error such as a folder that is no macOS volume.");
-    command->callback([options, &status, type] { status = runJob(*options, type); });
+    command->footer("Exit status: 0 when nothing is left mismatched, 1 when mismatches remain "
+                    "(content included, with --content), a repair failed, a path or a receipt's "
+                    "bill of materials cannot be read, 2 on an error such as a folder that is no "
+                    "macOS volume.");
+    if (type == QVRepairPermissionsJobType::repairPermissions)
+        command->add_flag("--dry-run", options->dryRun,
+                          "Print what would be repaired (as verify-permissions); change nothing");
+    // A dry run is the verification: it lists every mismatch that a repair would fix.
+    command->callback([options, &status, type] {
+        status = runJob(*options,
+                        options->dryRun ? QVRepairPermissionsJobType::verifyPermissions : type);
+    });
 }
 
 } // namespace

@@ -43,6 +43,12 @@ int main(int argc, char** argv) {
     quelm::ctl::addMakeDemoVolumeCommand(app, status);
     quelm::ctl::addInstallCommand(app, status);
     quelm::ctl::addRebuildCachesCommand(app, status);
+    quelm::ctl::addKextsCommand(app, status);
+    quelm::ctl::addCheckKextCommand(app, status);
+    quelm::ctl::addRemoveCommand(app, status);
+    quelm::ctl::addRestoreCommand(app, status);
+    quelm::ctl::addHistoryCommand(app, status);
+    quelm::ctl::addUndoCommand(app, status);
     quelm::ctl::addListBomCommand(app, status);
     quelm::ctl::addMakeBomCommand(app, status);
     CLI11_PARSE(app, argc, argv);

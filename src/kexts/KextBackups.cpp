@@ -1,0 +1,387 @@
+// Taking kexts off a volume into dated backup folders and putting them back: nothing is ever
+// deleted, and every backup folder says in its manifest where its kexts came from.
+#include "kexts/KextBackups.h"
+
+#include "kexts/KextHistory.h"
+#include "support/Files.h"
+#include "support/FolderTrees.h"
+#include "support/Log.h"
+#include "support/PathValidation.h"
+#include "support/PropertyList.h"
+#include "support/Strings.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <fcntl.h>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
+constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+/// A folder a backed-up kext may come from: an extensions folder, or its staged counterpart.
+bool isKextSourceFolder(std::string_view folder) {
+    for (const auto extensions : kExtensionsFolders)
+        if (folder == extensions ||
+            folder == std::string(kStagedExtensionsFolder) + std::string(extensions))
+            return true;
+    return false;
+}
+
+/// "Lilu.kext" or "2/Lilu.kext", nothing else: a manifest never leads out of its folder.
+bool isPathInBackup(const std::string& path, const std::string& name) {
+    const auto parts = pathComponents(path);
+    const bool numbered = parts.size() == 2 && !parts[0].empty() &&
+                          std::ranges::all_of(parts[0], [](char c) { return std::isdigit(c); });
+    return (parts.size() == 1 || numbered) && parts.back() == name && !path.starts_with("/") &&
+           path.find("//") == std::string::npos;
+}
+
+constexpr std::size_t kMaxManifestSize = 16u << 20;
+
+PlistValue plistOf(const BackupManifest& manifest) {
+    PlistValue::Array items;
+    for (const auto& item : manifest.items)
+        items.push_back(PlistValue::Dict{{"SourceFolder", item.sourceFolder},
+                                         {"Name", item.name},
+                                         {"PathInBackup", item.pathInBackup}});
+    return PlistValue::Dict{{"Volume", manifest.volume},
+                            {"Time", manifest.time},
+                            {"Operation", manifest.operation},
+                            {"Kexts", std::move(items)}};
+}
+
+/// The manifest in the list; refused when any entry could lead outside the volume's extensions
+/// folders or outside the backup folder.
+std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
+    const auto text = [](const PlistValue& from, std::string_view key) {
+        const auto* value = from.stringForKey(key);
+        return value ? *value : std::string();
+    };
+    BackupManifest manifest{text(list, "Volume"), text(list, "Time"), text(list, "Operation"), {}};
+    const auto* kexts = list.find("Kexts");
+    if (!isCleanAbsolutePath(manifest.volume) || !kexts || !kexts->array())
+        return std::unexpected("it names no volume or no kexts");
+    for (const auto& entry : *kexts->array()) {
+        BackupItem item{text(entry, "SourceFolder"), text(entry, "Name"),
+                        text(entry, "PathInBackup")};
+        if (!isKextSourceFolder(item.sourceFolder) || !isPlainFileName(item.name) ||
+            !item.name.ends_with(".kext") || !isPathInBackup(item.pathInBackup, item.name))
+            return std::unexpected("it has an entry that is not a kext of an extensions folder");
+        manifest.items.push_back(std::move(item));
+    }
+    return manifest;
+}
+
+/// Written through the folder's descriptor under a temporary name, then renamed: whoever can
+/// write beside the backup folder cannot send the file elsewhere.
+bool writeManifestAt(int folder, const BackupManifest& manifest) {
+    const auto bytes = serializePlist(plistOf(manifest), PlistFormat::xml);
+    const std::string name(kBackupManifestName);
+    const std::string temporary = "." + name + ".quelm-staging";
+    const UniqueFd file(::openat(folder, temporary.c_str(),
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const bool written = bytes && file && writeAll(file.get(), *bytes) &&
+                         ::fsync(file.get()) == 0 &&
+                         ::renameat(folder, temporary.c_str(), folder, name.c_str()) == 0;
+    if (!written && file && !removeTreeAt(folder, temporary))
+        logLine("KextBackups::Error: Unable to remove " + temporary);
+    return written;
+}
+
+/// A backup folder made on first use; kexts are moved or copied into it, the manifest last.
+class BackupWriter {
+    enum class Taken { nothing, whole, copiedOnly };
+
+public:
+    BackupWriter(std::string folder, const QVOSVolume& volume, std::string_view operation,
+                 std::chrono::system_clock::time_point now)
+        : folder_(std::move(folder)), manifest_{volume.mountPoint(),
+                                                isoTimestamp(now),
+                                                std::string(operation),
+                                                {}} {}
+
+    /// Takes name from the open folder, known as sourceFolder on the volume.
+    bool take(int folder, const std::string& name, const std::string& sourceFolder, bool move) {
+        if (!open())
+            return false;
+        auto [destination, pathInBackup] = placeFor(name);
+        if (!destination)
+            return false;
+        const Taken taken = move ? moveTree(folder, name, destination.get())
+                            : copyTreeAt(folder, name, destination.get(), name, std::nullopt)
+                                ? Taken::whole
+                                : Taken::nothing;
+        // A whole copy whose original could not be removed stays in the backup.
+        if (taken != Taken::nothing)
+            manifest_.items.push_back({sourceFolder, name, pathInBackup});
+        else if (!removeTreeAt(destination.get(), name))
+            logLine("KextBackups::Error: Unable to remove a partial copy in " + folder_);
+        return taken == Taken::whole;
+    }
+
+    /// Writes the manifest when the folder holds anything; an empty folder is taken away.
+    bool finish() {
+        if (!folder_fd_)
+            return true;
+        if (manifest_.items.empty()) {
+            const auto place = openParentBelow("/", folder_);
+            return place && removeTreeAt(place->first.get(), place->second);
+        }
+        return writeManifestAt(folder_fd_.get(), manifest_);
+    }
+
+    /// The folder, once something went into it.
+    std::string made() const { return manifest_.items.empty() ? "" : folder_; }
+    const std::string& folder() const { return folder_; }
+
+private:
+    bool open() {
+        if (folder_fd_ || refused_)
+            return bool(folder_fd_);
+        refused_ = true;
+        const auto place = isCleanAbsolutePath(folder_) && !folder_.ends_with("/")
+                               ? openParentBelow("/", folder_)
+                               : std::nullopt;
+        if (!place || ::mkdirat(place->first.get(), place->second.c_str(), 0700) != 0)
+            return false;
+        folder_fd_ = openFolderAt(place->first.get(), place->second);
+        // Only root can give the folder away; anyone else keeps it as their own.
+        if (folder_fd_ && ::geteuid() == 0 &&
+            ::fchown(folder_fd_.get(), kBackupAttributes.owner, kBackupAttributes.group) != 0)
+            folder_fd_ = UniqueFd();
+        if (folder_fd_ && ::fchmod(folder_fd_.get(), kBackupAttributes.mode) != 0)
+            folder_fd_ = UniqueFd();
+        refused_ = !folder_fd_;
+        return !refused_;
+    }
+
+    /// The folder the kext goes into, and its path in the backup: the name itself, or a
+    /// numbered folder when a kext of that name is there already.
+    std::pair<UniqueFd, std::string> placeFor(const std::string& name) {
+        if (used_.insert(name).second)
+            return {openFolderAt(folder_fd_.get(), "."), name};
+        for (int n = 2;; ++n) {
+            const std::string path = std::to_string(n) + "/" + name;
+            if (used_.insert(path).second)
+                return {openOrMakeFolderAt(folder_fd_.get(), std::to_string(n), kBackupAttributes),
+                        path};
+        }
+    }
+
+    /// A rename where the backup lies on the same disk; elsewhere a whole copy, and only then
+    /// the removal of the original.
+    static Taken moveTree(int folder, const std::string& name, int destination) {
+        if (::renameat(folder, name.c_str(), destination, name.c_str()) == 0)
+            return Taken::whole;
+        if (errno != EXDEV || !copyTreeAt(folder, name, destination, name, std::nullopt))
+            return Taken::nothing;
+        if (removeTreeAt(folder, name))
+            return Taken::whole;
+        logLine("KextBackups::Error: " + name + " was copied to the backup but not removed");
+        return Taken::copiedOnly;
+    }
+
+    std::string folder_;
+    BackupManifest manifest_;
+    UniqueFd folder_fd_;
+    bool refused_ = false;
+    std::set<std::string> used_;
+};
+
+RescueOutcome takeKexts(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+                        BackupWriter& writer, bool move) {
+    RescueOutcome outcome;
+    for (const auto& path : kexts) {
+        const auto place = openParentBelow(volume.mountPoint(), path);
+        const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
+        const std::string folder = path.substr(0, path.rfind('/') + 1);
+        const bool taken = listed && isKextSourceFolder(folder) &&
+                           writer.take(place->first.get(), *listed, folder, move);
+        (taken ? outcome.done : outcome.failed).push_back(path);
+    }
+    return outcome;
+}
+
+void finish(BackupWriter& writer, RescueOutcome& outcome) {
+    if (!writer.finish())
+        outcome.failed.push_back(writer.folder() + "/" + std::string(kBackupManifestName));
+    outcome.backupFolder = writer.made();
+}
+
+/// Copies the kext from the backup under a staging name, moves aside what stands in its place,
+/// then renames the copy into place.
+bool putBack(int from, int to, const BackupItem& item, BackupWriter& replaced) {
+    const std::string staging = "." + item.name + ".quelm-staging";
+    if (!removeTreeAt(to, staging) ||
+        !copyTreeAt(from, item.name, to, staging, kSystemAttributes)) {
+        if (!removeTreeAt(to, staging))
+            logLine("KextBackups::Error: Unable to remove " + staging);
+        return false;
+    }
+    const auto installed = listedNameAt(to, item.name);
+    if ((installed && !replaced.take(to, *installed, item.sourceFolder, true)) ||
+        ::renameat(to, staging.c_str(), to, item.name.c_str()) != 0) {
+        if (!removeTreeAt(to, staging))
+            logLine("KextBackups::Error: Unable to remove " + staging);
+        return false;
+    }
+    return true;
+}
+
+std::expected<RescueOutcome, std::string>
+restoreInto(const fs::path& backupFolder, const QVOSVolume& volume, BackupWriter& replaced) {
+    const auto manifest = readBackupManifest(backupFolder);
+    if (!manifest)
+        return std::unexpected(manifest.error());
+    RescueOutcome outcome;
+    for (const auto& item : manifest->items) {
+        const fs::path inBackup = fs::path(item.pathInBackup).parent_path();
+        const UniqueFd from = openFolderBelow(backupFolder, inBackup.string());
+        const UniqueFd to =
+            from ? openFolderBelow(volume.mountPoint(), item.sourceFolder, kSystemAttributes)
+                 : UniqueFd();
+        const bool restored = to && putBack(from.get(), to.get(), item, replaced);
+        (restored ? outcome.done : outcome.failed).push_back(item.volumePath());
+    }
+    return outcome;
+}
+
+} // namespace
+
+std::expected<BackupManifest, std::string> readBackupManifest(const fs::path& backupFolder) {
+    const fs::path file = backupFolder / kBackupManifestName;
+    const auto plist = readPlistFile(file);
+    auto manifest = plist ? manifestOf(*plist) : std::unexpected(plist.error().message);
+    if (!manifest)
+        return std::unexpected(file.string() + " cannot be read: " + manifest.error());
+    return manifest;
+}
+
+bool addToManifest(int backupFolder, const QVOSVolume& volume, std::string_view operation,
+                   const std::vector<BackupItem>& items,
+                   std::chrono::system_clock::time_point now) {
+    const auto bytes = readFileAt(backupFolder, std::string(kBackupManifestName), kMaxManifestSize);
+    const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    auto existing = plist ? manifestOf(*plist) : std::unexpected(std::string());
+    BackupManifest manifest =
+        existing
+            ? std::move(*existing)
+            : BackupManifest{volume.mountPoint(), isoTimestamp(now), std::string(operation), {}};
+    // A kext copied again under the same name replaced the earlier copy: its entry goes too.
+    for (const auto& item : items) {
+        std::erase_if(manifest.items, [&](const BackupItem& kept) {
+            return kept.pathInBackup == item.pathInBackup;
+        });
+        manifest.items.push_back(item);
+    }
+    return writeManifestAt(backupFolder, manifest);
+}
+
+std::string newBackupFolderPath(const fs::path& root, std::chrono::system_clock::time_point now) {
+    const std::string base = (root / compactTimestamp(now)).string();
+    std::string path = base;
+    std::error_code error;
+    for (int n = 2; fs::exists(fs::symlink_status(path, error)); ++n)
+        path = base + "-" + std::to_string(n);
+    return path;
+}
+
+std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>& installed,
+                                                  std::string_view name) {
+    std::vector<const KextBundle*> found;
+    for (const auto& kext : installed)
+        if (equalsIgnoringCase(kext.name, name) ||
+            equalsIgnoringCase(kext.name, std::string(name) + ".kext") || kext.identifier() == name)
+            found.push_back(&kext);
+    return found;
+}
+
+std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::string& kextPath) {
+    const std::string staged = std::string(kStagedExtensionsFolder) + kextPath;
+    const auto place = openParentBelow(volume.mountPoint(), staged);
+    const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
+    if (!listed)
+        return std::nullopt;
+    return staged.substr(0, staged.rfind('/') + 1) + *listed;
+}
+
+RescueOutcome moveKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+                                const std::string& backupFolder, std::string_view operation,
+                                std::chrono::system_clock::time_point now) {
+    BackupWriter writer(backupFolder, volume, operation, now);
+    auto outcome = takeKexts(volume, kexts, writer, true);
+    finish(writer, outcome);
+    return outcome;
+}
+
+RescueOutcome copyKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+                                const std::string& backupFolder, std::string_view operation,
+                                std::chrono::system_clock::time_point now) {
+    BackupWriter writer(backupFolder, volume, operation, now);
+    auto outcome = takeKexts(volume, kexts, writer, false);
+    finish(writer, outcome);
+    return outcome;
+}
+
+std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path& backupFolder,
+                                                                 const QVOSVolume& volume) {
+    const auto manifest = readBackupManifest(backupFolder);
+    if (!manifest)
+        return std::unexpected(manifest.error());
+    std::vector<RestoreStep> steps;
+    for (const auto& item : manifest->items) {
+        const auto place = openParentBelow(volume.mountPoint(), item.volumePath());
+        steps.push_back({item, place && listedNameAt(place->first.get(), place->second)});
+    }
+    return steps;
+}
+
+std::expected<RescueOutcome, std::string>
+restoreKextsFromBackup(const fs::path& backupFolder, const QVOSVolume& volume,
+                       const std::string& replacedBackupFolder,
+                       std::chrono::system_clock::time_point now) {
+    BackupWriter replaced(replacedBackupFolder, volume, "restore", now);
+    auto outcome = restoreInto(backupFolder, volume, replaced);
+    if (outcome)
+        finish(replaced, *outcome);
+    return outcome;
+}
+
+std::expected<RescueOutcome, std::string>
+takeBackPlacedKexts(const QVOSVolume& volume, const std::vector<std::string>& placed,
+                    const std::string& replacedBackup, const std::string& backupFolder,
+                    std::chrono::system_clock::time_point now) {
+    // A backup that cannot be read stops the undo before anything moves.
+    if (!replacedBackup.empty())
+        if (const auto manifest = readBackupManifest(replacedBackup); !manifest)
+            return std::unexpected(manifest.error());
+    BackupWriter writer(backupFolder, volume, "undo", now);
+    auto outcome = takeKexts(volume, placed, writer, true);
+    if (!replacedBackup.empty()) {
+        auto restored = restoreInto(replacedBackup, volume, writer);
+        if (!restored)
+            return std::unexpected(restored.error());
+        outcome.done.insert(outcome.done.end(), restored->done.begin(), restored->done.end());
+        outcome.failed.insert(outcome.failed.end(), restored->failed.begin(),
+                              restored->failed.end());
+    }
+    finish(writer, outcome);
+    return outcome;
+}
+
+} // namespace quelm

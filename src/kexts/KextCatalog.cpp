@@ -1,0 +1,150 @@
+// What kext bundles say of themselves, and the kexts installed on a volume, read through
+// descriptors without following links.
+#include "kexts/KextCatalog.h"
+
+#include "support/FolderTrees.h"
+#include "support/PathValidation.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace quelm {
+namespace {
+
+/// Info.plist files of real kexts stay far below this; System.kext's is some 30 kB.
+constexpr std::size_t kMaxInfoPlistSize = 4u << 20;
+
+bool isRightItem(const struct stat& info) {
+    const mode_t mode = info.st_mode & 07777;
+    if (info.st_uid != 0 || info.st_gid != 0)
+        return false;
+    if (S_ISDIR(info.st_mode))
+        return mode == 0755;
+    return S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && (mode == 0755 || mode == 0644));
+}
+
+bool treeIsRight(int folder, int depth) {
+    struct stat info {};
+    const auto names = entryNamesAt(folder);
+    if (depth > kMaxTreeDepth || !names || ::fstat(folder, &info) != 0 || !isRightItem(info))
+        return false;
+    for (const auto& name : *names) {
+        struct stat item {};
+        if (::fstatat(folder, name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0 || !isRightItem(item))
+            return false;
+        if (!S_ISDIR(item.st_mode))
+            continue;
+        const UniqueFd inner = openFolderAt(folder, name);
+        if (!inner || !treeIsRight(inner.get(), depth + 1))
+            return false;
+    }
+    return true;
+}
+
+std::optional<PlistValue::Dict> readInfo(int contents) {
+    const auto bytes = readFileAt(contents, "Info.plist", kMaxInfoPlistSize);
+    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    if (!plist || !plist->dict())
+        return std::nullopt;
+    return *plist->dict();
+}
+
+bool isFolderAt(int parent, const std::string& name) {
+    struct stat info {};
+    return ::fstatat(parent, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(info.st_mode);
+}
+
+std::vector<std::string> kextNamesIn(int folder) {
+    auto names = entryNamesAt(folder).value_or(std::vector<std::string>{});
+    std::erase_if(names, [&](const std::string& name) {
+        return !name.ends_with(".kext") || name.starts_with(".") || !isFolderAt(folder, name);
+    });
+    std::ranges::sort(names);
+    return names;
+}
+
+KextBundle readBundle(int parent, const std::string& name, const std::string& path, int depth) {
+    KextBundle kext{name, path, std::nullopt, std::nullopt, false, false, {}};
+    const UniqueFd bundle = openFolderAt(parent, name);
+    if (!bundle)
+        return kext;
+    kext.ownersAndModesRight = treeIsRight(bundle.get(), 0);
+    const UniqueFd contents = openFolderAt(bundle.get(), "Contents");
+    if (!contents)
+        return kext;
+    kext.info = readInfo(contents.get());
+    kext.hasCodeSignature = isFolderAt(contents.get(), "_CodeSignature");
+    if (const std::string executable = kext.infoString("CFBundleExecutable"); !executable.empty()) {
+        const UniqueFd code = openFolderAt(contents.get(), "MacOS");
+        kext.executable = !isPlainFileName(executable)
+                              ? std::unexpected(MachOError{"names no file"})
+                          : code ? readMachOAt(code.get(), executable)
+                                 : std::unexpected(MachOError{"cannot be opened"});
+    }
+    const UniqueFd plugIns = openFolderAt(contents.get(), "PlugIns");
+    if (plugIns && depth < kMaxPlugInDepth)
+        for (const auto& plugIn : kextNamesIn(plugIns.get()))
+            kext.plugIns.push_back(
+                readBundle(plugIns.get(), plugIn, path + "/Contents/PlugIns/" + plugIn, depth + 1));
+    return kext;
+}
+
+void collect(const KextBundle& kext, std::vector<const KextBundle*>& all) {
+    all.push_back(&kext);
+    for (const auto& plugIn : kext.plugIns)
+        collect(plugIn, all);
+}
+
+} // namespace
+
+std::string KextBundle::infoString(std::string_view key) const {
+    if (!info)
+        return "";
+    const auto found = info->find(key);
+    return found != info->end() && found->second.string() ? *found->second.string() : "";
+}
+
+std::vector<std::string> KextBundle::cpuTypes() const {
+    std::vector<std::string> names;
+    if (executable && *executable)
+        for (const auto& slice : (*executable)->slices)
+            names.push_back(cpuTypeName(slice));
+    return names;
+}
+
+KextBundle readKextBundleAt(int parent, const std::string& name, const std::string& path) {
+    return readBundle(parent, name, path, 0);
+}
+
+std::optional<KextBundle> readKextBundle(const std::string& path) {
+    const std::filesystem::path bundle = absoluteNormalPath(path);
+    const UniqueFd parent(::open(bundle.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string name = bundle.filename();
+    if (!parent || !isPlainFileName(name) || !isFolderAt(parent.get(), name))
+        return std::nullopt;
+    return readKextBundleAt(parent.get(), name, bundle.string());
+}
+
+std::vector<KextBundle> installedKexts(const QVOSVolume& volume) {
+    std::vector<KextBundle> kexts;
+    for (const auto folder : kExtensionsFolders) {
+        const UniqueFd opened = openFolderBelow(volume.mountPoint(), folder);
+        if (!opened)
+            continue;
+        for (const auto& name : kextNamesIn(opened.get()))
+            kexts.push_back(readKextBundleAt(opened.get(), name, std::string(folder) + name));
+    }
+    return kexts;
+}
+
+std::vector<const KextBundle*> withPlugIns(const std::vector<KextBundle>& kexts) {
+    std::vector<const KextBundle*> all;
+    for (const auto& kext : kexts)
+        collect(kext, all);
+    return all;
+}
+
+} // namespace quelm

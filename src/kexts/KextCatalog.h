@@ -1,0 +1,61 @@
+// What kext bundles say of themselves, and the kexts installed on a volume, read through
+// descriptors without following links.
+#pragma once
+
+#include "kexts/MachO.h"
+#include "support/PropertyList.h"
+#include "volumes/QVOSVolume.h"
+
+#include <array>
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm {
+
+/// The folders of a volume that kexts are loaded from, as the folder policy names them.
+inline constexpr std::array<std::string_view, 3> kExtensionsFolders{
+    "/System/Library/Extensions/", "/Library/Extensions/", "/Extra/Extensions/"};
+
+/// Plug-ins nest in their parent's Contents/PlugIns; deeper nesting is not looked into.
+inline constexpr int kMaxPlugInDepth = 3;
+
+/// One kext bundle as read from the disk.
+struct KextBundle {
+    std::string name; ///< "Lilu.kext"
+    std::string path; ///< where it was read: "/Library/Extensions/Lilu.kext" on a volume
+    /// Its Contents/Info.plist; nothing when it cannot be read as a dictionary.
+    std::optional<PlistValue::Dict> info;
+    /// The code its CFBundleExecutable names; nothing when it names none.
+    std::optional<std::expected<MachOFile, MachOError>> executable;
+    /// Every item owned by 0:0, every folder 755, every file 755 or 644.
+    bool ownersAndModesRight = false;
+    bool hasCodeSignature = false;
+    std::vector<KextBundle> plugIns;
+
+    /// The string under key in its Info.plist; "" when missing or not a string.
+    std::string infoString(std::string_view key) const;
+    std::string identifier() const { return infoString("CFBundleIdentifier"); }
+    std::string version() const { return infoString("CFBundleVersion"); }
+    bool isApple() const { return identifier().starts_with("com.apple."); }
+    /// "x86_64", "i386"...; empty when there is no readable executable.
+    std::vector<std::string> cpuTypes() const;
+};
+
+/// The bundle name inside the open folder parent, known as path.
+KextBundle readKextBundleAt(int parent, const std::string& name, const std::string& path);
+
+/// The bundle at a path the user gives (links on the way to it are the user's); nothing when
+/// it is not a folder.
+std::optional<KextBundle> readKextBundle(const std::string& path);
+
+/// The kexts in the volume's extensions folders, folder by folder in name order, each with its
+/// plug-ins. A missing folder has none.
+std::vector<KextBundle> installedKexts(const QVOSVolume& volume);
+
+/// The kexts and, beneath each, its plug-ins, as one list.
+std::vector<const KextBundle*> withPlugIns(const std::vector<KextBundle>& kexts);
+
+} // namespace quelm

@@ -1,0 +1,116 @@
+// The checks a careful user makes before a kext goes onto a volume whose next start needs it.
+#include "kexts/KextChecks.h"
+
+#include "kexts/KextVersion.h"
+
+namespace quelm {
+namespace {
+
+std::string quoted(const std::string& text) {
+    return "\"" + text + "\"";
+}
+
+std::optional<std::string> executableFailure(const KextBundle& kext) {
+    if (!kext.executable)
+        return std::nullopt;
+    const std::string what = kext.name + "'s executable " + kext.infoString("CFBundleExecutable");
+    if (!*kext.executable)
+        return what + " is unusable: " + kext.executable->error().message + ".";
+    if ((*kext.executable)->hasX86_64())
+        return std::nullopt;
+    std::string types;
+    for (const auto& type : kext.cpuTypes())
+        types += (types.empty() ? "" : ", ") + type;
+    return what + " has no 64-bit Intel (x86_64) code, only " + types + ".";
+}
+
+/// Why the library found on the volume cannot serve a kext asking for version asked; nothing
+/// when it can.
+std::optional<std::string> libraryFailure(const std::string& kextName, const KextBundle& library,
+                                          const std::string& asked) {
+    const std::string identifier = library.identifier();
+    const auto wanted = KextVersion::parse(asked);
+    if (!wanted)
+        return kextName + " asks for " + identifier + " at " + quoted(asked) +
+               ", which is not a kext version.";
+    const auto version = KextVersion::parse(library.version());
+    if (!version || *version < *wanted)
+        return kextName + " needs " + identifier + " version " + asked +
+               " or later; the volume has " + quoted(library.version()) + " at " + library.path +
+               ".";
+    const std::string compatibleText = library.infoString("OSBundleCompatibleVersion");
+    const auto compatible = KextVersion::parse(compatibleText);
+    if (!compatible)
+        return kextName + " needs " + identifier + ", but " + library.path +
+               " has no OSBundleCompatibleVersion, so no kext can link against it.";
+    if (*wanted < *compatible)
+        return kextName + " asks for " + identifier + " version " + asked + ", older than " +
+               compatibleText + ", the oldest version that " + library.path + " still serves.";
+    return std::nullopt;
+}
+
+void checkLibraries(const KextBundle& kext, const std::vector<KextBundle>& volumeKexts,
+                    std::vector<std::string>& failures) {
+    const auto found = kext.info->find("OSBundleLibraries");
+    if (found == kext.info->end())
+        return;
+    if (!found->second.dict()) {
+        failures.push_back(kext.name + "'s OSBundleLibraries is not a dictionary of bundle "
+                                       "identifiers and versions.");
+        return;
+    }
+    const auto all = withPlugIns(volumeKexts);
+    for (const auto& [identifier, value] : *found->second.dict()) {
+        if (!value.string()) {
+            failures.push_back(kext.name + " gives no version string for " + identifier + ".");
+            continue;
+        }
+        std::optional<std::string> failure =
+            kext.name + " needs " + identifier + ", which is not on the volume.";
+        for (const auto* library : all) {
+            if (library->identifier() != identifier)
+                continue;
+            failure = libraryFailure(kext.name, *library, *value.string());
+            if (!failure)
+                break;
+        }
+        if (failure)
+            failures.push_back(*failure);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> kextCheckFailures(const KextBundle& kext,
+                                           const std::vector<KextBundle>* volumeKexts) {
+    if (!kext.info)
+        return {kext.name + " has no readable Contents/Info.plist."};
+    std::vector<std::string> failures;
+    if (const auto type = kext.infoString("CFBundlePackageType"); type != "KEXT")
+        failures.push_back(kext.name + " is not a kext bundle: its CFBundlePackageType is " +
+                           (type.empty() ? std::string("missing") : quoted(type)) +
+                           ", not \"KEXT\".");
+    if (kext.identifier().empty())
+        failures.push_back(kext.name + " has no CFBundleIdentifier.");
+    if (!KextVersion::parse(kext.version()))
+        failures.push_back(kext.name + "'s CFBundleVersion " + quoted(kext.version()) +
+                           " is not a kext version such as 1.2.3.");
+    if (auto failure = executableFailure(kext))
+        failures.push_back(std::move(*failure));
+    if (volumeKexts)
+        checkLibraries(kext, *volumeKexts, failures);
+    return failures;
+}
+
+std::vector<std::string> checkKext(const std::string& path,
+                                   const std::optional<QVOSVolume>& volume) {
+    const auto kext = readKextBundle(path);
+    if (!kext)
+        return {path + " is not a kext bundle folder."};
+    if (!volume)
+        return kextCheckFailures(*kext, nullptr);
+    const auto volumeKexts = installedKexts(*volume);
+    return kextCheckFailures(*kext, &volumeKexts);
+}
+
+} // namespace quelm

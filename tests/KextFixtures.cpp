@@ -1,0 +1,125 @@
+// Kexts with real Mach-O executables and libraries, built by the tests on temporary volumes.
+#include "KextFixtures.h"
+
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <functional>
+#include <sys/stat.h>
+
+namespace quelm::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+void littleEndian(std::string& out, std::uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8)
+        out += static_cast<char>((value >> shift) & 0xff);
+}
+
+void bigEndian(std::string& out, std::uint64_t value, int bytes) {
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
+        out += static_cast<char>((value >> shift) & 0xff);
+}
+
+} // namespace
+
+std::string thinMachO(std::int32_t cpuType, bool is64, std::uint32_t commandBytes) {
+    std::string out;
+    littleEndian(out, is64 ? 0xfeedfacf : 0xfeedface); // magic
+    littleEndian(out, static_cast<std::uint32_t>(cpuType));
+    littleEndian(out, 3);            // cpusubtype: ALL
+    littleEndian(out, 0xb);          // filetype: MH_KEXT_BUNDLE
+    littleEndian(out, 0);            // ncmds
+    littleEndian(out, commandBytes); // sizeofcmds
+    littleEndian(out, 0);            // flags
+    if (is64)
+        littleEndian(out, 0); // reserved
+    return out + std::string(commandBytes, '\0');
+}
+
+std::string fatMachO(const std::vector<std::pair<std::int32_t, std::string>>& slices, bool wide) {
+    constexpr std::uint64_t kAlign = 4096;
+    std::string out;
+    bigEndian(out, wide ? 0xcafebabf : 0xcafebabe, 4);
+    bigEndian(out, slices.size(), 4);
+    std::uint64_t offset = kAlign;
+    for (const auto& [cpuType, bytes] : slices) {
+        bigEndian(out, static_cast<std::uint32_t>(cpuType), 4);
+        bigEndian(out, 3, 4);
+        bigEndian(out, offset, wide ? 8 : 4);
+        bigEndian(out, bytes.size(), wide ? 8 : 4);
+        bigEndian(out, 12, 4); // align: 2^12
+        if (wide)
+            bigEndian(out, 0, 4);
+        offset += (bytes.size() + kAlign - 1) / kAlign * kAlign;
+    }
+    for (const auto& [cpuType, bytes] : slices) {
+        out.resize((out.size() + kAlign - 1) / kAlign * kAlign, '\0');
+        out += bytes;
+    }
+    return out;
+}
+
+PlistValue::Dict kextInfo(std::string_view identifier, std::string_view version,
+                          std::optional<std::string> executable,
+                          const std::vector<std::pair<std::string, std::string>>& libraries,
+                          std::optional<std::string> compatibleVersion) {
+    PlistValue::Dict info{{"CFBundlePackageType", "KEXT"},
+                          {"CFBundleIdentifier", std::string(identifier)},
+                          {"CFBundleVersion", std::string(version)}};
+    if (executable)
+        info.emplace("CFBundleExecutable", *executable);
+    if (compatibleVersion)
+        info.emplace("OSBundleCompatibleVersion", *compatibleVersion);
+    if (!libraries.empty()) {
+        PlistValue::Dict needed;
+        for (const auto& [library, wanted] : libraries)
+            needed.emplace(library, wanted);
+        info.emplace("OSBundleLibraries", std::move(needed));
+    }
+    return info;
+}
+
+fs::path makeKextBundle(const fs::path& folder, std::string_view name, const PlistValue::Dict& info,
+                        std::string_view executableBytes) {
+    const auto bundle = makeKext(folder, name, info);
+    if (const auto found = info.find("CFBundleExecutable");
+        found != info.end() && found->second.string())
+        writeText(bundle / "Contents/MacOS" / *found->second.string(), executableBytes);
+    return bundle;
+}
+
+void makeRescueVolume(const fs::path& root) {
+    makeVolume(root, "10.13.6", "17G66");
+    const auto system = makeKextBundle(root / "System/Library/Extensions", "System.kext",
+                                       kextInfo("com.apple.kernel", "17.7.0"));
+    makeKextBundle(system / "Contents/PlugIns", "IOKit.kext",
+                   kextInfo("com.apple.kpi.iokit", "17.7.0", std::nullopt, {}, "8.0.0b1"));
+    const auto lilu = makeKextBundle(
+        root / "Library/Extensions", "Lilu.kext",
+        kextInfo("as.vit9696.Lilu", "1.4.5", "Lilu", {{"com.apple.kpi.iokit", "12.0"}}, "1.2.0"),
+        thinMachO(kX86_64, true, 64));
+    fs::create_directories(lilu / "Contents/_CodeSignature");
+}
+
+std::string treeListing(const fs::path& root) {
+    std::vector<std::string> lines;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        struct stat info {};
+        ::lstat(entry.path().c_str(), &info);
+        std::string line = entry.path().string() + " " + std::to_string(info.st_uid) + ":" +
+                           std::to_string(info.st_gid) + " " + std::to_string(info.st_mode) + " " +
+                           std::to_string(info.st_size);
+        if (S_ISREG(info.st_mode))
+            line += " " + std::to_string(std::hash<std::string>{}(readText(entry.path())));
+        lines.push_back(line);
+    }
+    std::ranges::sort(lines);
+    std::string listing;
+    for (const auto& line : lines)
+        listing += line + "\n";
+    return listing;
+}
+
+} // namespace quelm::test

@@ -1,0 +1,229 @@
+// Kexts taken off a volume into backup folders, put back, and the history that undo reads.
+#include "kexts/KextBackups.h"
+
+#include "KextFixtures.h"
+#include "TestSupport.h"
+#include "kexts/KextHistory.h"
+#include "kexts/KextInstallation.h"
+#include "support/Strings.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+using Strings = std::vector<std::string>;
+
+const auto kNow = std::chrono::system_clock::now();
+
+class KextBackupsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        test::makeRescueVolume(root);
+        test::makeKextBundle(root / "Library/StagedExtensions/Library/Extensions", "Lilu.kext",
+                             test::kextInfo("as.vit9696.Lilu", "1.4.5"));
+        test::makeKextBundle(root / "Extra/Extensions", "Lilu.kext",
+                             test::kextInfo("as.vit9696.Lilu", "1.0"));
+    }
+    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+    std::string backupIn(const fs::path& where) const { return newBackupFolderPath(where, kNow); }
+
+    test::TemporaryFolder folder;
+    fs::path root = folder / "Mac HD";
+    fs::path backups = folder / "backups";
+};
+
+TEST_F(KextBackupsTest, NamesStandForEveryCopyAndTheStagedOneIsFound) {
+    const auto installed = installedKexts(volume());
+    const auto byName = findInstalledKexts(installed, "lilu");
+    ASSERT_EQ(byName.size(), 2u);
+    EXPECT_EQ(byName[0]->path, "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(byName[1]->path, "/Extra/Extensions/Lilu.kext");
+    EXPECT_EQ(findInstalledKexts(installed, "as.vit9696.Lilu").size(), 2u);
+    EXPECT_EQ(findInstalledKexts(installed, "com.apple.kernel").at(0)->name, "System.kext");
+    EXPECT_TRUE(findInstalledKexts(installed, "Nothing.kext").empty());
+    EXPECT_EQ(stagedCopyOf(volume(), "/Library/Extensions/Lilu.kext"),
+              "/Library/StagedExtensions/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(stagedCopyOf(volume(), "/Extra/Extensions/Lilu.kext"), std::nullopt);
+}
+
+TEST_F(KextBackupsTest, RemovedKextsMoveWholeIntoABackupThatSaysWhereEachCameFrom) {
+    fs::create_directories(backups);
+    const Strings paths{"/Library/Extensions/Lilu.kext",
+                        "/Library/StagedExtensions/Library/Extensions/Lilu.kext",
+                        "/Extra/Extensions/Lilu.kext", "/Library/Extensions/Missing.kext"};
+    const auto backup = backupIn(backups);
+    const auto outcome = moveKextsToBackup(volume(), paths, backup, "remove", kNow);
+    EXPECT_EQ(outcome.done, Strings(paths.begin(), paths.end() - 1));
+    EXPECT_EQ(outcome.failed, Strings{"/Library/Extensions/Missing.kext"});
+    EXPECT_EQ(outcome.backupFolder, backup);
+    EXPECT_FALSE(fs::exists(root / "Library/Extensions/Lilu.kext"));
+    EXPECT_FALSE(fs::exists(root / "Extra/Extensions/Lilu.kext"));
+    EXPECT_TRUE(fs::exists(fs::path(backup) / "Lilu.kext/Contents/_CodeSignature"));
+
+    const auto manifest = readBackupManifest(backup);
+    ASSERT_TRUE(manifest) << manifest.error();
+    EXPECT_EQ(manifest->volume, root.string());
+    EXPECT_EQ(manifest->operation, "remove");
+    EXPECT_EQ(manifest->time.size(), 20u);
+    ASSERT_EQ(manifest->items.size(), 3u);
+    EXPECT_EQ(manifest->items[1].pathInBackup, "2/Lilu.kext") << "same name, own folder";
+    EXPECT_EQ(manifest->items[2].volumePath(), "/Extra/Extensions/Lilu.kext");
+    EXPECT_NE(newBackupFolderPath(backups, kNow), backup) << "a new folder each time";
+
+    EXPECT_TRUE(moveKextsToBackup(volume(), paths, backup, "remove", kNow).done.empty())
+        << "an existing folder is never reused";
+    const auto none = moveKextsToBackup(volume(), {"/Library/Extensions/Missing.kext"},
+                                        backupIn(backups), "remove", kNow);
+    EXPECT_EQ(none.backupFolder, "");
+    EXPECT_EQ(std::distance(fs::directory_iterator(backups), fs::directory_iterator()), 1)
+        << "no empty backup folder is left";
+}
+
+TEST_F(KextBackupsTest, OnlyKextsOfExtensionsFoldersCanBeTaken) {
+    fs::create_directories(backups);
+    test::writeText(root / "etc/passwd", "root");
+    fs::create_symlink(root / "Library/Extensions", root / "Links");
+    const auto outcome = moveKextsToBackup(volume(),
+                                           {"/etc/passwd", "/Library/Extensions/../../etc/passwd",
+                                            "/Links/Lilu.kext", "Library/Extensions/Lilu.kext"},
+                                           backupIn(backups), "remove", kNow);
+    EXPECT_EQ(outcome.done, Strings{});
+    EXPECT_TRUE(fs::exists(root / "etc/passwd"));
+    EXPECT_TRUE(fs::exists(root / "Library/Extensions/Lilu.kext"));
+}
+
+TEST_F(KextBackupsTest, ABackupOnAnotherDiskIsCopiedWholeBeforeTheKextGoes) {
+    char shm[] = "/dev/shm/quelm-backups-XXXXXX";
+    if (!fs::is_directory("/dev/shm") || !::mkdtemp(shm))
+        GTEST_SKIP() << "no second file system to back up onto";
+    const auto outcome = moveKextsToBackup(volume(), {"/Library/Extensions/Lilu.kext"},
+                                           backupIn(shm), "remove", kNow);
+    EXPECT_EQ(outcome.done.size(), 1u);
+    EXPECT_TRUE(fs::exists(fs::path(outcome.backupFolder) / "Lilu.kext/Contents/MacOS/Lilu"));
+    EXPECT_FALSE(fs::exists(root / "Library/Extensions/Lilu.kext"));
+    fs::remove_all(shm);
+}
+
+TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "restored kexts belong to root";
+    fs::create_directories(backups);
+    const auto removed = moveKextsToBackup(
+        volume(),
+        {"/Library/Extensions/Lilu.kext", "/Library/StagedExtensions/Library/Extensions/Lilu.kext"},
+        backupIn(backups), "remove", kNow);
+    ASSERT_EQ(removed.failed, Strings{});
+    test::makeKextBundle(root / "Library/Extensions", "Lilu.kext",
+                         test::kextInfo("as.vit9696.Lilu", "9.9"));
+
+    const auto steps = planRestore(removed.backupFolder, volume());
+    ASSERT_TRUE(steps) << steps.error();
+    ASSERT_EQ(steps->size(), 2u);
+    EXPECT_TRUE((*steps)[0].replaces);
+    EXPECT_FALSE((*steps)[1].replaces);
+
+    const auto outcome =
+        restoreKextsFromBackup(removed.backupFolder, volume(), backupIn(backups), kNow);
+    ASSERT_TRUE(outcome) << outcome.error();
+    EXPECT_EQ(outcome->done, removed.done);
+    const auto lilu = installedKexts(volume())[1];
+    EXPECT_EQ(lilu.version(), "1.4.5");
+    EXPECT_TRUE(lilu.ownersAndModesRight);
+    EXPECT_TRUE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
+    EXPECT_TRUE(fs::exists(fs::path(removed.backupFolder) / "Lilu.kext")) << "the backup stays";
+    const auto replaced = readBackupManifest(outcome->backupFolder);
+    ASSERT_TRUE(replaced) << replaced.error();
+    EXPECT_EQ(replaced->operation, "restore");
+    EXPECT_EQ(replaced->items.size(), 1u);
+
+    // Undoing the restore takes the restored kexts off and puts the replaced one back.
+    const auto undone = takeBackPlacedKexts(volume(), outcome->done, outcome->backupFolder,
+                                            backupIn(backups), kNow);
+    ASSERT_TRUE(undone) << undone.error();
+    EXPECT_EQ(undone->failed, Strings{});
+    EXPECT_EQ(installedKexts(volume())[1].version(), "9.9");
+    EXPECT_FALSE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
+    EXPECT_FALSE(
+        takeBackPlacedKexts(volume(), {}, (folder / "none").string(), backupIn(backups), kNow))
+        << "an unreadable backup stops the undo before anything moves";
+}
+
+TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
+    const auto now = std::chrono::system_clock::now();
+    const QVKernelExtension lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
+    for (const auto* installedIn : {"/Library/Extensions/", "/Extra/Extensions/"})
+        ASSERT_TRUE(
+            backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)
+                .empty());
+    const auto manifest = readBackupManifest(backups / compactTimestamp(now));
+    ASSERT_TRUE(manifest) << manifest.error();
+    EXPECT_EQ(manifest->operation, "install");
+    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
+    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Lilu.kext");
+}
+
+TEST_F(KextBackupsTest, HostileManifestsAreRefused) {
+    const auto backup = folder / "hostile";
+    const auto manifestWith = [&](PlistValue::Dict entry) {
+        test::writePlist(backup / "Manifest.plist",
+                         PlistValue::Dict{{"Volume", root.string()},
+                                          {"Time", "2026-01-01T00:00:00Z"},
+                                          {"Operation", "remove"},
+                                          {"Kexts", PlistValue::Array{std::move(entry)}}});
+        return readBackupManifest(backup);
+    };
+    const auto entry = [](std::string source, std::string name, std::string path) {
+        return PlistValue::Dict{{"SourceFolder", source}, {"Name", name}, {"PathInBackup", path}};
+    };
+    EXPECT_TRUE(manifestWith(entry("/Library/Extensions/", "A.kext", "A.kext")));
+    EXPECT_TRUE(
+        manifestWith(entry("/Library/StagedExtensions/Library/Extensions/", "A.kext", "3/A.kext")));
+    for (const auto& bad : {entry("/etc/", "A.kext", "A.kext"),
+                            entry("/Library/Extensions/../../etc/", "A.kext", "A.kext"),
+                            entry("/Library/Extensions/", "../A.kext", "A.kext"),
+                            entry("/Library/Extensions/", "passwd", "passwd"),
+                            entry("/Library/Extensions/", "A.kext", "../../A.kext"),
+                            entry("/Library/Extensions/", "A.kext", "/tmp/A.kext"),
+                            entry("/Library/Extensions/", "A.kext", "x/A.kext"),
+                            entry("/Library/Extensions/", "A.kext", "B.kext")})
+        EXPECT_FALSE(manifestWith(bad));
+    test::writeText(backup / "Manifest.plist", "not a list");
+    EXPECT_FALSE(readBackupManifest(backup));
+    EXPECT_FALSE(readBackupManifest(folder / "none"));
+}
+
+TEST(KextHistoryTest, RecordsAreKeptInOrderAndTheLastUndoableIsFound) {
+    test::TemporaryFolder folder;
+    const auto file = folder / "data/History.plist";
+    EXPECT_EQ(readHistory(file)->size(), 0u);
+    const auto record = [](std::string volume, std::string operation, bool undone) {
+        return HistoryRecord{"2026-11-22T21:55:03Z",
+                             std::move(volume),
+                             std::move(operation),
+                             {"/Library/Extensions/A.kext"},
+                             "/b/1",
+                             undone};
+    };
+    for (const auto& entry : {record("/V", "install", false), record("/W", "remove", false),
+                              record("/V", "remove", true), record("/V", "undo", false)})
+        ASSERT_TRUE(appendHistory(file, entry));
+    const auto records = readHistory(file);
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 4u);
+    EXPECT_EQ((*records)[1].operation, "remove");
+    EXPECT_EQ((*records)[0].kexts, Strings{"/Library/Extensions/A.kext"});
+    EXPECT_TRUE((*records)[2].undone);
+    EXPECT_EQ(lastUndoable(*records, "/V"), 0u) << "undone ones and undos are passed over";
+    EXPECT_EQ(lastUndoable(*records, "/W"), 1u);
+    EXPECT_EQ(lastUndoable(*records, "/X"), std::nullopt);
+    test::writeText(file, "damaged");
+    EXPECT_FALSE(readHistory(file));
+    EXPECT_EQ(isoTimestamp(std::chrono::system_clock::time_point{}), "1970-01-01T00:00:00Z");
+}
+
+} // namespace
+} // namespace quelm

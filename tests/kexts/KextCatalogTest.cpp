@@ -1,0 +1,165 @@
+// Kext versions, the kexts of a volume as listed, and the checks before a kext is installed.
+#include "kexts/KextCatalog.h"
+
+#include "KextFixtures.h"
+#include "TestSupport.h"
+#include "kexts/KextChecks.h"
+#include "kexts/KextVersion.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+using test::kextInfo;
+using test::makeKextBundle;
+using test::thinMachO;
+
+KextVersion version(std::string_view text) {
+    const auto parsed = KextVersion::parse(text);
+    EXPECT_TRUE(parsed) << text;
+    return parsed.value_or(*KextVersion::parse("0"));
+}
+
+TEST(KextVersionTest, VersionsOrderByNumbersThenStage) {
+    const std::vector<std::string_view> ascending{"0.9",     "1",         "1.0.1d1",  "1.0.1d12",
+                                                  "1.0.1a1", "1.0.1b255", "1.0.1fc1", "1.0.1",
+                                                  "1.2",     "1.10",      "2.0",      "9999.99.99"};
+    for (std::size_t i = 0; i + 1 < ascending.size(); ++i)
+        EXPECT_LT(version(ascending[i]), version(ascending[i + 1]))
+            << ascending[i] << " < " << ascending[i + 1];
+    EXPECT_EQ(version("1"), version("1.0.0"));
+    EXPECT_EQ(version("1.2"), version("1.2.0"));
+    for (const auto* bad : {"", "1.", ".1", "1..2", "1.2.3.4", "10000", "1.100", "1.0e1", "1.0b",
+                            "1.0b256", "1.0b1000", "1.0fc1x", "v1.0", "1.0 ", "-1"})
+        EXPECT_FALSE(KextVersion::parse(bad)) << bad;
+}
+
+class KextVolumeTest : public testing::Test {
+protected:
+    void SetUp() override { test::makeRescueVolume(root); }
+    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+
+    /// The failures of a kext made in the incoming folder.
+    std::vector<std::string> failuresOf(std::string_view name, const PlistValue::Dict& info,
+                                        std::string_view executable = {}) {
+        return checkKext(makeKextBundle(incoming, name, info, executable).string(), volume());
+    }
+
+    test::TemporaryFolder folder;
+    fs::path root = folder / "Mac HD";
+    fs::path incoming = folder / "incoming";
+};
+
+TEST_F(KextVolumeTest, TheListingReadsEachKextAndItsPlugIns) {
+    test::writeText(root / "Extra/Extensions/Odd.kext/Contents/Info.plist", "not a list");
+    fs::create_directories(root / "Library/Extensions/NotAKext");
+    fs::create_symlink(root / "Library/Extensions/Lilu.kext", root / "Extra/Extensions/Link.kext");
+    const auto kexts = installedKexts(volume());
+    ASSERT_EQ(kexts.size(), 3u);
+
+    const auto& system = kexts[0];
+    EXPECT_EQ(system.path, "/System/Library/Extensions/System.kext");
+    EXPECT_TRUE(system.isApple());
+    EXPECT_FALSE(system.executable) << "codeless";
+    ASSERT_EQ(system.plugIns.size(), 1u);
+    EXPECT_EQ(system.plugIns[0].path,
+              "/System/Library/Extensions/System.kext/Contents/PlugIns/IOKit.kext");
+    EXPECT_EQ(system.plugIns[0].identifier(), "com.apple.kpi.iokit");
+
+    const auto& lilu = kexts[1];
+    EXPECT_EQ(lilu.path, "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(lilu.identifier(), "as.vit9696.Lilu");
+    EXPECT_EQ(lilu.version(), "1.4.5");
+    EXPECT_FALSE(lilu.isApple());
+    EXPECT_TRUE(lilu.hasCodeSignature);
+    EXPECT_EQ(lilu.cpuTypes(), std::vector<std::string>{"x86_64"});
+    EXPECT_FALSE(system.hasCodeSignature);
+
+    EXPECT_EQ(kexts[2].path, "/Extra/Extensions/Odd.kext") << "links are not followed";
+    EXPECT_FALSE(kexts[2].info);
+    EXPECT_EQ(withPlugIns(kexts).size(), 4u);
+}
+
+TEST_F(KextVolumeTest, OwnersAndModesMustBeRootAnd755) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "items made by another user belong to that user";
+    EXPECT_TRUE(installedKexts(volume())[1].ownersAndModesRight);
+    const auto executable = root / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu";
+    ::chmod(executable.c_str(), 0666);
+    EXPECT_FALSE(installedKexts(volume())[1].ownersAndModesRight);
+    ::chmod(executable.c_str(), 0755);
+    ::chown(executable.c_str(), 501, 20);
+    EXPECT_FALSE(installedKexts(volume())[1].ownersAndModesRight);
+}
+
+TEST_F(KextVolumeTest, AKextThatWouldLoadPassesEveryCheck) {
+    EXPECT_EQ(failuresOf("Good.kext",
+                         kextInfo("com.example.Good", "2.0b3", "Good",
+                                  {{"as.vit9696.Lilu", "1.4.0"}, {"com.apple.kpi.iokit", "17.0"}}),
+                         test::fatMachO({{test::kArm64, thinMachO(test::kArm64)},
+                                         {test::kX86_64, thinMachO(test::kX86_64)}})),
+              std::vector<std::string>{});
+    EXPECT_EQ(failuresOf("Codeless.kext", kextInfo("com.example.Codeless", "1.0")),
+              std::vector<std::string>{});
+}
+
+TEST_F(KextVolumeTest, EachFailingCheckGivesOneSentence) {
+    EXPECT_EQ(failuresOf("Arm.kext", kextInfo("com.example.Arm", "1.0", "Arm"),
+                         test::fatMachO({{test::kArm64, thinMachO(test::kArm64)},
+                                         {test::kI386, thinMachO(test::kI386, false)}})),
+              std::vector<std::string>{"Arm.kext's executable Arm has no 64-bit Intel (x86_64) "
+                                       "code, only arm64, i386."});
+    const auto script =
+        failuresOf("Script.kext", kextInfo("com.example.Script", "1.0", "Script"), "#!/bin/sh\n");
+    ASSERT_EQ(script.size(), 1u);
+    EXPECT_EQ(script[0], "Script.kext's executable Script is unusable: not a Mach-O file.");
+    EXPECT_EQ(failuresOf("Gone.kext", kextInfo("com.example.Gone", "1.0", "Gone")).size(), 1u)
+        << "an executable that is not there";
+
+    auto notKext = kextInfo("", "one");
+    notKext.insert_or_assign("CFBundlePackageType", "APPL");
+    EXPECT_EQ(failuresOf("App.kext", notKext),
+              (std::vector<std::string>{
+                  "App.kext is not a kext bundle: its CFBundlePackageType is \"APPL\", not "
+                  "\"KEXT\".",
+                  "App.kext has no CFBundleIdentifier.",
+                  "App.kext's CFBundleVersion \"one\" is not a kext version such as 1.2.3."}));
+
+    test::writeText(incoming / "Broken.kext/Contents/Info.plist", "<plist><dict><key>");
+    EXPECT_EQ(checkKext((incoming / "Broken.kext").string(), volume()),
+              std::vector<std::string>{"Broken.kext has no readable Contents/Info.plist."});
+    EXPECT_EQ(checkKext((folder / "nowhere.kext").string(), volume()).size(), 1u);
+}
+
+TEST_F(KextVolumeTest, LibrariesMustBeThereAndServeTheVersionAsked) {
+    const auto needing = [&](std::string_view name, std::string library, std::string asked) {
+        return failuresOf(name, kextInfo("com.example.Needs", "1.0", std::nullopt,
+                                         {{std::move(library), std::move(asked)}}));
+    };
+    EXPECT_EQ(needing("Missing.kext", "com.example.Missing", "1.0"),
+              std::vector<std::string>{
+                  "Missing.kext needs com.example.Missing, which is not on the volume."});
+    EXPECT_EQ(needing("TooNew.kext", "as.vit9696.Lilu", "1.5"),
+              std::vector<std::string>{
+                  "TooNew.kext needs as.vit9696.Lilu version 1.5 or later; the volume has "
+                  "\"1.4.5\" at /Library/Extensions/Lilu.kext."});
+    EXPECT_EQ(needing("TooOld.kext", "as.vit9696.Lilu", "1.1.9"),
+              std::vector<std::string>{
+                  "TooOld.kext asks for as.vit9696.Lilu version 1.1.9, older than 1.2.0, the "
+                  "oldest version that /Library/Extensions/Lilu.kext still serves."});
+    EXPECT_EQ(needing("Plug.kext", "com.apple.kpi.iokit", "8.0.0b1"), std::vector<std::string>{})
+        << "a plug-in's library, at its compatible version exactly";
+    EXPECT_EQ(needing("Kernel.kext", "com.apple.kernel", "17.0").size(), 1u)
+        << "a library that declares no compatible version serves no one";
+    EXPECT_EQ(needing("Typo.kext", "as.vit9696.Lilu", "1.x").size(), 1u);
+
+    // Without a volume the libraries are not checked.
+    const auto missing = incoming / "Missing.kext";
+    EXPECT_TRUE(checkKext(missing.string(), std::nullopt).empty());
+}
+
+} // namespace
+} // namespace quelm

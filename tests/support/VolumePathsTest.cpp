@@ -1,0 +1,61 @@
+// Paths beneath a volume: a missing path told from a folder that could not be opened, and the
+// order in which a walker opens each folder about once.
+#include "support/VolumePaths.h"
+
+#include "TestSupport.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace quelm {
+namespace {
+
+using test::TemporaryFolder;
+
+TEST(VolumeWalkerTest, MissingPathsAreToldFromFoldersThatCannotBeOpened) {
+    TemporaryFolder volume;
+    test::writeText(volume / "a/b/c/file", "x");
+    std::filesystem::create_directory_symlink(volume / "a", volume / "link");
+    VolumeWalker walker(VolumeRoot::open(volume.path().string()));
+    ASSERT_TRUE(walker.parentOf("/a/b/c/file"));
+    for (const char* missing : {"/a/none/file", "/link/b/file", "/a/b/c/file/below", "/a/../a"}) {
+        EXPECT_FALSE(walker.parentOf(missing)) << missing;
+        EXPECT_EQ(walker.failure(), 0) << missing;
+    }
+    // With no descriptor left, opening a folder fails with EMFILE: not a missing path.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        VolumeWalker fresh(VolumeRoot::open(volume.path().string()));
+        int highest = 0;
+        for (int fd = 0; fd < 1024; ++fd)
+            highest = ::fcntl(fd, F_GETFD) != -1 ? fd : highest;
+        const rlimit none{static_cast<rlim_t>(highest + 1), static_cast<rlim_t>(highest + 1)};
+        const bool limited = ::setrlimit(RLIMIT_NOFILE, &none) == 0;
+        // The free numbers below the limit are taken too.
+        while (limited && ::fcntl(0, F_DUPFD, 0) >= 0) {
+        }
+        const bool failed = !fresh.parentOf("/a/b/c/file") && fresh.failure() == EMFILE;
+        ::_exit(limited && failed ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST(VolumeWalkerTest, FolderOrderKeepsFoldersTogetherAndSubtreesAfterTheirFolder) {
+    const std::vector<std::string_view> paths{"/b/2",   "/a/x", "/b/1", "/a-b/q",
+                                              "/a/y/z", "",     "/a/y"};
+    const auto order = folderOrder(paths.size(), [&](std::size_t i) { return paths[i]; });
+    // "" (the root), then /a with its items in their given order, /a/y right after /a, then
+    // /a-b and /b: "/" sorts before every other byte.
+    EXPECT_EQ(order, (std::vector<std::size_t>{5, 1, 6, 4, 3, 0, 2}));
+    EXPECT_EQ(folderDepth(paths.size(), [&](std::size_t i) { return paths[i]; }), 3u);
+    EXPECT_TRUE(folderOrder(0, [&](std::size_t i) { return paths[i]; }).empty());
+}
+
+} // namespace
+} // namespace quelm

@@ -1,0 +1,63 @@
+// quelmctl check-kext: the checks a kext must pass before it goes onto a volume.
+#include "kexts/KextChecks.h"
+#include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
+
+#include <iostream>
+
+namespace quelm::ctl {
+namespace {
+
+struct Options {
+    std::string volume;
+    bool json = false;
+    std::vector<std::string> kexts;
+};
+
+int checkKexts(const Options& options) {
+    std::optional<QVOSVolume> volume;
+    if (!options.volume.empty() && !(volume = openVolume(options.volume)))
+        return 2;
+    int status = 0;
+    std::string json;
+    for (const auto& path : options.kexts) {
+        const auto failures = checkKext(path, volume);
+        status = failures.empty() ? status : 1;
+        if (options.json) {
+            json += (json.empty() ? "\n " : ",\n ") + std::string("{\"kext\": ") +
+                    jsonString(path) + ", \"failures\": " + jsonStrings(failures) + "}";
+            continue;
+        }
+        if (failures.empty())
+            std::cout << "ok " << path << '\n';
+        for (const auto& failure : failures)
+            std::cout << failure << '\n';
+    }
+    if (options.json)
+        std::cout << "[" << json << (json.empty() ? "]\n" : "\n]\n");
+    if (!volume && !options.json)
+        std::cout << "Libraries were not checked: give --volume to check them against a "
+                     "volume's kexts.\n";
+    return status;
+}
+
+} // namespace
+
+void addCheckKextCommand(CLI::App& app, int& status) {
+    auto* command = app.add_subcommand(
+        "check-kext",
+        "Check kext bundles before they go onto a volume: a readable Info.plist, package type "
+        "KEXT, a bundle identifier, a kext version, an executable with 64-bit Intel code, and "
+        "every library it names (OSBundleLibraries) on the volume at a version that serves it. "
+        "One sentence per failing check.");
+    auto options = std::make_shared<Options>();
+    command->add_option("--volume", options->volume,
+                        "Mount point of the macOS volume whose kexts must provide the libraries");
+    command->add_flag("--json", options->json, "Print the failures of each kext as JSON");
+    command->add_option("KEXT", options->kexts, "The .kext bundles to check")->required();
+    command->footer("Exit status: 0 when every kext passes, 1 when one fails a check, 2 when "
+                    "the --volume folder is no macOS volume.");
+    command->callback([options, &status] { status = checkKexts(*options); });
+}
+
+} // namespace quelm::ctl

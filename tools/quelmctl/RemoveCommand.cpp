@@ -1,0 +1,106 @@
+// quelmctl remove: takes kexts off a volume into a dated backup folder, never deleting them.
+#include "kexts/KextBackups.h"
+#include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
+
+#include <iostream>
+
+namespace quelm::ctl {
+namespace {
+
+struct Options {
+    std::string volume;
+    std::string backupTo;
+    bool force = false;
+    bool dryRun = false;
+    bool json = false;
+    std::vector<std::string> names;
+};
+
+/// The paths on the volume that the names stand for, with their staged copies; nothing after a
+/// message for each name that is not installed or is Apple's without force.
+std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
+                                                      const QVOSVolume& volume) {
+    const auto installed = installedKexts(volume);
+    std::vector<std::string> paths;
+    bool refused = false;
+    for (const auto& name : options.names) {
+        const auto found = findInstalledKexts(installed, name);
+        if (found.empty()) {
+            printError(name + " is not installed in an extensions folder of " +
+                       volume.mountPoint());
+            refused = true;
+        }
+        for (const auto* kext : found) {
+            if (kext->isApple() && !options.force) {
+                printError(kext->path + " is Apple's (" + kext->identifier() +
+                           "): macOS may need it to start; add --force to remove it anyway");
+                refused = true;
+            }
+            if (std::ranges::find(paths, kext->path) != paths.end())
+                continue;
+            paths.push_back(kext->path);
+            if (auto staged = stagedCopyOf(volume, kext->path))
+                paths.push_back(std::move(*staged));
+        }
+    }
+    return refused ? std::nullopt : std::optional(paths);
+}
+
+int remove(const Options& options) {
+    const auto volume = openVolume(options.volume);
+    const auto paths = volume ? kextsToRemove(options, *volume) : std::nullopt;
+    if (!paths)
+        return 2;
+    if (options.dryRun) {
+        std::cout << (options.json ? "" : "Dry run: nothing is changed.\n");
+        reportOutcome({*paths, {}, ""}, "would-remove", options.json);
+        return 0;
+    }
+    if (refusesWrites(*volume))
+        return 2;
+    const auto root = backupRoot(options.backupTo);
+    if (!root)
+        return 2;
+    const auto now = std::chrono::system_clock::now();
+    const auto outcome =
+        moveKextsToBackup(*volume, *paths, newBackupFolderPath(*root, now), "remove", now);
+    int status = reportOutcome(outcome, "removed", options.json);
+    if (!outcome.done.empty()) {
+        recordInHistory(recordOf(*volume, "remove", outcome.done, outcome.backupFolder));
+        status = invalidateCaches(*volume) ? status : 1;
+        if (!options.json)
+            std::cout << kKernelCacheWarning << '\n';
+    }
+    return status;
+}
+
+} // namespace
+
+void addRemoveCommand(CLI::App& app, int& status) {
+    auto* command = app.add_subcommand(
+        "remove", "Take kexts off a volume: each moves, with its staged copy under "
+                  "/Library/StagedExtensions, into a new dated backup folder (never deleted), "
+                  "then the kext caches are rebuilt or marked stale.");
+    auto options = std::make_shared<Options>();
+    command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    command->add_option("--backup-to", options->backupTo,
+                        "Make the backup folder in DIR (default: Backups in Quelm's folder of "
+                        "the user's data folder, ~/.local/share/Quelm)");
+    command->add_flag("--force", options->force, "Remove Apple's kexts (com.apple.*) too");
+    command->add_flag("--dry-run", options->dryRun, "Print what would be removed; change nothing");
+    command->add_flag("--json", options->json, "Print the outcome as JSON");
+    command
+        ->add_option("NAME", options->names,
+                     "A kext's bundle name (Lilu.kext or Lilu) or bundle identifier")
+        ->required();
+    command->footer(
+        "Each backup folder holds Manifest.plist: the volume, the time and where each kext came "
+        "from; quelmctl restore puts them back, quelmctl undo reverses the last operation.\n"
+        "Exit status: 0 when every kext was removed, 1 when one could not be, 2 when nothing "
+        "was done: a name not installed, an Apple kext without --force, a volume that cannot be "
+        "written.");
+    command->callback([options, &status] { status = remove(*options); });
+}
+
+} // namespace quelm::ctl

@@ -1,0 +1,98 @@
+// quelmctl restore: puts the kexts of a backup folder back where they came from.
+#include "kexts/KextBackups.h"
+#include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
+
+#include <iostream>
+
+namespace quelm::ctl {
+namespace {
+
+struct Options {
+    std::string volume;
+    std::string backupTo;
+    bool dryRun = false;
+    bool json = false;
+    std::string backup;
+};
+
+/// Prints what restoring would do; 0, or 2 when the backup cannot be read.
+int describeRestore(const std::string& backup, const QVOSVolume& volume, bool json) {
+    const auto steps = planRestore(backup, volume);
+    if (!steps) {
+        printError(steps.error());
+        return 2;
+    }
+    RescueOutcome planned;
+    for (const auto& step : *steps) {
+        planned.done.push_back(step.item.volumePath());
+        if (step.replaces && !json)
+            std::cout << "would back up the kext now at " << step.item.volumePath() << '\n';
+    }
+    std::cout << (json ? "" : "Dry run: nothing is changed.\n");
+    reportOutcome(planned, "would-restore", json);
+    return 0;
+}
+
+std::optional<QVOSVolume> volumeFor(const Options& options) {
+    if (!options.volume.empty())
+        return openVolume(options.volume);
+    const auto manifest = readBackupManifest(options.backup);
+    if (!manifest) {
+        printError(manifest.error());
+        return std::nullopt;
+    }
+    return openVolume(manifest->volume);
+}
+
+int restore(const Options& options) {
+    const auto volume = volumeFor(options);
+    if (!volume)
+        return 2;
+    if (options.dryRun)
+        return describeRestore(options.backup, *volume, options.json);
+    if (!runsAsRoot("restore") || refusesWrites(*volume))
+        return 2;
+    const auto root = backupRoot(options.backupTo);
+    if (!root)
+        return 2;
+    const auto now = std::chrono::system_clock::now();
+    const auto outcome =
+        restoreKextsFromBackup(options.backup, *volume, newBackupFolderPath(*root, now), now);
+    if (!outcome) {
+        printError(outcome.error());
+        return 2;
+    }
+    int status = reportOutcome(*outcome, "restored", options.json);
+    if (!outcome->done.empty()) {
+        recordInHistory(recordOf(*volume, "restore", outcome->done, outcome->backupFolder));
+        status = invalidateCaches(*volume) ? status : 1;
+    }
+    return status;
+}
+
+} // namespace
+
+void addRestoreCommand(CLI::App& app, int& status) {
+    auto* command = app.add_subcommand(
+        "restore", "Put the kexts of a backup folder back where they came from, owned by root "
+                   "with mode 755; what they replace goes into a new backup folder first. Then "
+                   "the kext caches are rebuilt or marked stale. The backup stays as it is.");
+    auto options = std::make_shared<Options>();
+    command->add_option("--volume", options->volume,
+                        "Mount point of the macOS volume (default: the one the backup's "
+                        "manifest names)");
+    command->add_option("--backup-to", options->backupTo,
+                        "Back up what is replaced into a folder in DIR (default: Backups in "
+                        "Quelm's folder of the user's data folder)");
+    command->add_flag("--dry-run", options->dryRun, "Print what would be restored; change nothing");
+    command->add_flag("--json", options->json, "Print the outcome as JSON");
+    command->add_option("BACKUP", options->backup, "A backup folder made by remove or install")
+        ->required();
+    command->footer("Exit status: 0 when every kext was put back, 1 when one could not be, 2 "
+                    "when nothing was done: a folder without a readable manifest, a volume that "
+                    "cannot be written.");
+    command->callback([options, &status] { status = restore(*options); });
+}
+
+} // namespace quelm::ctl
