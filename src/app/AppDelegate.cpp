@@ -23,7 +23,7 @@ namespace {
 
 /// The localised menu titles, by the tag of their item.
 QString menuTitle(int tag) {
-    static const std::array<const char*, 16> kKeys{
+    static const std::array<const char*, 17> kKeys{
         //% "About Quelm"
         QT_TRID_NOOP("kQVAppMainAboutVESKP"),
         //% "Check for Updates..."
@@ -56,6 +56,8 @@ QString menuTitle(int tag) {
         QT_TRID_NOOP("kQVAppMainHelp"),
         //% "Quelm Help"
         QT_TRID_NOOP("kQVAppMainVESKPHelp"),
+        //% "Installed Kexts..."
+        QT_TRID_NOOP("kQVAppMainInstalledKexts"),
     };
     return qtTrId(kKeys[static_cast<std::size_t>(tag)]);
 }
@@ -88,7 +90,7 @@ AppDelegate::~AppDelegate() {
 
 bool AppDelegate::applicationWillFinishLaunching(QMenuBar& menu) {
     observeHelperManager();
-    for (int tag = 0; tag <= 15; ++tag)
+    for (int tag = 0; tag <= 16; ++tag)
         if (auto* item = itemWithTag(menu, tag))
             item->setText(menuTitle(tag));
     if (mainProductIsRunning()) {

@@ -3,6 +3,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/LaterStarts.h"
+#include "app/QVInstalledKextsViewController.h"
 #include "app/QVMainAbstractMaintenanceViewController.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
@@ -118,6 +119,18 @@ void showHelp(QWidget& window) {
     dialog->show();
 }
 
+/// The one window of installed kexts, brought to the front with the volume's kexts read again.
+void showInstalledKexts(QWidget& window) {
+    auto* kexts = window.findChild<QVInstalledKextsViewController*>();
+    if (!kexts)
+        kexts = new QVInstalledKextsViewController(&window);
+    else
+        kexts->refresh();
+    kexts->show();
+    kexts->raise();
+    kexts->activateWindow();
+}
+
 void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
     const auto item = [](QMenu* parent, int tag) {
         auto* action = parent->addAction(QString());
@@ -137,6 +150,11 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
     QObject::connect(item(windows, 11), &QAction::triggered, &window, &QWidget::showMinimized);
     item(windows, 12)->setEnabled(false);
     QObject::connect(item(windows, 13), &QAction::triggered, &window, &QWidget::raise);
+    windows->addSeparator();
+    auto* kextsItem = item(windows, 16);
+    kextsItem->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_K));
+    QObject::connect(kextsItem, &QAction::triggered, &window,
+                     [&window] { showInstalledKexts(window); });
     auto* help = menu.addMenu(QString());
     help->menuAction()->setProperty("tag", 14);
     auto* helpItem = item(help, 15);

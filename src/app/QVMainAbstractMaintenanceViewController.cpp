@@ -61,6 +61,12 @@ void QVMainAbstractMaintenanceViewController::showEvent(QShowEvent* event) {
     refreshProxy();
 }
 
+void QVMainAbstractMaintenanceViewController::resizeEvent(QResizeEvent* event) {
+    QVMainAbstractViewController::resizeEvent(event);
+    if (pathField && !pathField->toolTip().isEmpty())
+        showPath(pathField->toolTip());
+}
+
 void QVMainAbstractMaintenanceViewController::refreshProxy() {
     proxy_ = QVXPCHelperManager::shared().proxy();
 }
@@ -153,7 +159,7 @@ void QVMainAbstractMaintenanceViewController::showPath(const QString& path) {
     pathField->setSizePolicy(QSizePolicy::Ignored, pathField->sizePolicy().verticalPolicy());
     pathField->setToolTip(path);
     pathField->setText(pathField->fontMetrics().elidedText(path, Qt::ElideMiddle,
-                                                           std::max(pathField->width(), 320)));
+                                                           std::max(pathField->width(), 80)));
 }
 
 void QVMainAbstractMaintenanceViewController::setControlsEnabled(bool enabled) {
@@ -235,6 +241,24 @@ void QVMainAbstractMaintenanceViewController::callInstallKexts(
                 {kexts, std::string(rawValue(folder)), *volume}, [this](const auto& reply) {
                     if (delegate_)
                         delegate_->didInstallKexts(std::get<std::vector<QVKernelExtension>>(reply));
+                });
+}
+
+void QVMainAbstractMaintenanceViewController::callBackupKexts(
+    const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder folder,
+    const std::string& destination) {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    if (!proxy_ || !volume)
+        fatalError("QVMainAbstractMaintenanceVC::FatalError: no helper or no target volume to "
+                   "back up the kexts with.");
+    if (delegate_)
+        delegate_->willBackupKexts();
+    whenReplied("backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:"
+                "reply:",
+                {kexts, std::string(rawValue(folder)), *volume, destination},
+                [this](const auto& reply) {
+                    if (delegate_)
+                        delegate_->didBackupKexts(std::get<std::vector<QVKernelExtension>>(reply));
                 });
 }
 

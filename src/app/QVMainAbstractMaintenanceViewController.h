@@ -48,6 +48,10 @@ public:
     /// Installs the kexts into one of the three concrete folders.
     void callInstallKexts(const std::vector<QVKernelExtension>& kexts,
                           QVKernelExtensionFolder folder);
+    /// Copies the kexts installed in folder into destination + a dated folder, through the
+    /// helper; destination ends with "/".
+    void callBackupKexts(const std::vector<QVKernelExtension>& kexts,
+                         QVKernelExtensionFolder folder, const std::string& destination);
 
     /// Asks for the volume's folder, then accepts it or says why not; true when accepted.
     bool selectVolume();
@@ -70,6 +74,8 @@ protected:
 
     void viewDidLoad() override;
     void showEvent(QShowEvent* event) override;
+    /// Elides the mount point again to the width the label now has.
+    void resizeEvent(QResizeEvent* event) override;
     HelperConnection* proxy() const { return proxy_; }
     /// Takes the helper manager's connection again.
     void refreshProxy();
@@ -79,13 +85,13 @@ protected:
 
     /// While a job runs, the controls that would change its target or its state are off.
     void setControlsEnabled(bool enabled);
+    /// Runs on the main thread once the reply arrives.
+    void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
+                     std::function<void(const RemoteValue&)> handler);
 
 private:
     void showVolume(const QVOSVolume& volume);
     void showPath(const QString& path);
-    /// Runs on the main thread once the reply arrives.
-    void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
-                     std::function<void(const RemoteValue&)> handler);
 
     QVAbstractMaintenaceDelegate* delegate_ = nullptr;
     HelperConnection* proxy_ = nullptr;

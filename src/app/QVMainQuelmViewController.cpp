@@ -3,6 +3,9 @@
 
 #include "app/QVUserNotification.h"
 #include "helper/QVXPCHelperManager.h"
+#include "kexts/KextBackups.h"
+#include "kexts/KextChecks.h"
+#include "kexts/KextHistory.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "support/FileURL.h"
 #include "support/Files.h"
@@ -28,6 +31,30 @@ namespace {
 
 QColor inverted(const QColor& color) {
     return QColor(255 - color.red(), 255 - color.green(), 255 - color.blue(), color.alpha());
+}
+
+/// The kexts that installing into folder would replace on the volume.
+std::vector<QVKernelExtension> replacedKexts(const std::vector<QVKernelExtension>& kexts,
+                                             QVKernelExtensionFolder folder,
+                                             const QVOSVolume& volume) {
+    std::vector<QVKernelExtension> replaced;
+    for (const auto& kext : kexts) {
+        std::error_code error;
+        const auto path = volume.mountPoint() + std::string(rawValue(folder)) + kext.name();
+        if (std::filesystem::exists(std::filesystem::symlink_status(path, error)))
+            replaced.push_back(kext);
+    }
+    return replaced;
+}
+
+/// The newest dated folder in folder: the one the helper's last backup went into.
+std::string newestFolderIn(const std::string& folder) {
+    std::string newest;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error))
+        if (entry.is_directory(error) && entry.path().string() > newest)
+            newest = entry.path().string();
+    return newest;
 }
 
 } // namespace
@@ -142,6 +169,7 @@ void QVMainQuelmViewController::beginJob(const std::vector<std::string>& files) 
         if (FileURL::fromPath(file, false).pathExtension() != "kext")
             //% "not a kext"
             skip(std::filesystem::path(file).filename().string(), qtTrId("kQVMainQuelmVCNotAKext"));
+    checkKexts(volume);
     if (kexts.installationFolder() == QVKernelExtensionFolder::UseSmartTable) {
         const QVSmartTableManager paths(applicationSupportFolder(), Bundle::main());
         smartTable_.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
@@ -177,6 +205,8 @@ void QVMainQuelmViewController::startNextJob() {
     sent_ = 0;
     failed_.clear();
     skipped_.clear();
+    jobBackupFolder_.clear();
+    backups_.clear();
     jobStarted_ = false;
     if (batch.volume) {
         const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(*batch.volume));
@@ -219,15 +249,74 @@ void QVMainQuelmViewController::refuseJob(const std::string& reason) {
     finishJob();
 }
 
+void QVMainQuelmViewController::checkKexts(const QVOSVolume& volume) {
+    auto& kexts = QVKernelExtensionsManager::shared().kextsTBI();
+    // A library the job installs too counts as present, as it will be.
+    std::vector<std::optional<KextBundle>> bundles;
+    auto available = installedKexts(volume);
+    for (const auto& kext : kexts)
+        if (const auto& bundle = bundles.emplace_back(readKextBundle(kext.path())))
+            available.push_back(*bundle);
+    std::vector<QVKernelExtension> accepted;
+    for (std::size_t i = 0; i < kexts.size(); ++i) {
+        const auto failures = bundles[i] ? kextCheckFailures(*bundles[i], &available)
+                                         : checkKext(kexts[i].path(), std::nullopt);
+        if (failures.empty() || installAnyway(kexts[i], failures))
+            accepted.push_back(kexts[i]);
+        else
+            //% "failed its checks"
+            skip(kexts[i].name(), qtTrId("kQVMainQuelmVCFailedChecks"));
+    }
+    kexts = std::move(accepted);
+}
+
+bool QVMainQuelmViewController::installAnyway(const QVKernelExtension& kext,
+                                              const std::vector<std::string>& failures) {
+    QStringList reasons;
+    for (const auto& failure : failures)
+        reasons << QString::fromStdString(failure);
+    QMessageBox box(
+        QMessageBox::Warning, "Quelm",
+        //% "%1 did not pass the checks and may not load:"
+        qtTrId("kQVMainQuelmVCKextFailedChecks").arg(QString::fromStdString(kext.name())),
+        QMessageBox::Yes | QMessageBox::No, this);
+    box.setInformativeText(reasons.join("\n"));
+    //% "Install Anyway"
+    box.button(QMessageBox::Yes)->setText(qtTrId("kQVMainQuelmVCInstallAnyway"));
+    //% "Skip"
+    box.button(QMessageBox::No)->setText(qtTrId("kQVMainQuelmVCSkip"));
+    box.setDefaultButton(QMessageBox::No);
+    return QVModalAnswers::run(box) == QMessageBox::Yes;
+}
+
 void QVMainQuelmViewController::installKexts() {
     auto& kexts = QVKernelExtensionsManager::shared();
     const auto folder = kexts.installationFolder();
-    if (isConcreteFolder(folder)) {
-        sent_ = kexts.kextsTBI().size();
-        callInstallKexts(kexts.kextsTBI(), folder);
-    } else {
+    if (isConcreteFolder(folder))
+        installInto(kexts.kextsTBI(), folder);
+    else
         didInstallKexts({});
+}
+
+void QVMainQuelmViewController::installInto(std::vector<QVKernelExtension> kexts,
+                                            QVKernelExtensionFolder folder) {
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    const auto replaced = replacedKexts(kexts, folder, volume);
+    placing_ = Placement{std::move(kexts), folder, {}};
+    if (replaced.empty()) {
+        sendPlacement();
+        return;
     }
+    // One fresh folder per job: a backup never lands on an earlier one of the same second.
+    if (jobBackupFolder_.empty())
+        if (const auto root = backupFolderSetting())
+            jobBackupFolder_ = newBackupFolderPath(*root, std::chrono::system_clock::now());
+    if (jobBackupFolder_.empty()) {
+        logLine("QVMainQuelmVC::Error: the backup folder cannot be made.");
+        didBackupKexts(replaced);
+        return;
+    }
+    callBackupKexts(replaced, folder, jobBackupFolder_ + "/");
 }
 
 void QVMainQuelmViewController::willBackupKexts() {
@@ -235,8 +324,49 @@ void QVMainQuelmViewController::willBackupKexts() {
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractBackingUpKexts"));
 }
 
-void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtension>&) {
-    installKexts();
+void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtension>& failed) {
+    // Installing over a kext that has no backup could lose the only working copy.
+    for (const auto& kext : failed) {
+        std::erase(placing_->kexts, kext);
+        //% "its installed copy could not be backed up"
+        skip(kext.name(), qtTrId("kQVMainQuelmVCNotBackedUp"));
+    }
+    if (!jobBackupFolder_.empty())
+        placing_->backup = newestFolderIn(jobBackupFolder_);
+    if (!placing_->backup.empty() && !backups_.contains(QString::fromStdString(placing_->backup)))
+        backups_ << QString::fromStdString(placing_->backup);
+    sendPlacement();
+}
+
+void QVMainQuelmViewController::sendPlacement() {
+    if (placing_->kexts.empty()) {
+        placing_.reset();
+        didInstallKexts({});
+        return;
+    }
+    sent_ += placing_->kexts.size();
+    callInstallKexts(placing_->kexts, placing_->folder);
+}
+
+void QVMainQuelmViewController::recordPlacement(const std::vector<QVKernelExtension>& failed) {
+    if (!placing_)
+        return;
+    std::vector<std::string> installed;
+    for (const auto& kext : placing_->kexts)
+        if (std::ranges::find(failed, kext) == failed.end())
+            installed.push_back(std::string(rawValue(placing_->folder)) + kext.name());
+    const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    const HistoryRecord record{isoTimestamp(std::chrono::system_clock::now()),
+                               volume.mountPoint(),
+                               "install",
+                               std::move(installed),
+                               placing_->backup,
+                               false};
+    placing_.reset();
+    if (record.kexts.empty())
+        return;
+    if (auto saved = appendHistory(historyFilePath(), record); !saved)
+        logLine("QVMainQuelmVC::Error: the installation is not in the history: " + saved.error());
 }
 
 void QVMainQuelmViewController::willInstallKexts() {
@@ -245,6 +375,7 @@ void QVMainQuelmViewController::willInstallKexts() {
 }
 
 void QVMainQuelmViewController::didInstallKexts(const std::vector<QVKernelExtension>& failed) {
+    recordPlacement(failed);
     failed_.insert(failed_.end(), failed.begin(), failed.end());
     auto& manager = QVKernelExtensionsManager::shared();
     const auto& kexts = manager.kextsTBI();
@@ -261,8 +392,7 @@ void QVMainQuelmViewController::didInstallKexts(const std::vector<QVKernelExtens
         ++sent_;
         didInstallKexts({kext});
     } else if (folder) {
-        ++sent_;
-        callInstallKexts({kext}, *folder);
+        installInto({kext}, *folder);
     } else {
         //% "no folder was chosen"
         const QString cancelled = qtTrId("kQVMainQuelmVCNoFolderChosen");
@@ -372,6 +502,9 @@ void QVMainQuelmViewController::deliverFinalNotification() {
     if (lines.isEmpty())
         //% "No kext was installed."
         lines << qtTrId("kQVMainQuelmVCNoKextInstalled");
+    if (!backups_.isEmpty())
+        //% "Backup: "
+        lines << qtTrId("kQVMainQuelmVCBackup") + backups_.join(", ");
     //% "Finished"
     const QString title = "Quelm - " + qtTrId("kQVMainQuelmVCFinished");
     //% "Installed: "

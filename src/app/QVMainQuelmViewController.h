@@ -71,8 +71,18 @@ private:
     void startJob();
     /// Ends the job unchanged, after an alert with the one sentence that says why.
     void refuseJob(const std::string& reason);
+    /// Runs the checks of each kext against the volume's kexts and the others of the job; a
+    /// kext that fails is installed only when the user says so, with the reasons before them.
+    void checkKexts(const QVOSVolume& volume);
+    bool installAnyway(const QVKernelExtension& kext, const std::vector<std::string>& failures);
     /// Sends the whole list to a concrete folder, or starts the one-by-one installation.
     void installKexts();
+    /// Backs up the installed kexts that these replace, then installs them into folder.
+    void installInto(std::vector<QVKernelExtension> kexts, QVKernelExtensionFolder folder);
+    /// Sends the kexts being placed to the helper, or goes on when none are left.
+    void sendPlacement();
+    /// Records the kexts of the last placement that were installed in the user's history.
+    void recordPlacement(const std::vector<QVKernelExtension>& failed);
     /// The folder for the next kext under ask-every-time or the smart table; none skips it.
     std::optional<QVKernelExtensionFolder> folderForKext(const QVKernelExtension& kext);
     std::optional<QVKernelExtensionFolder> askFolder(const QVKernelExtension& kext);
@@ -95,6 +105,16 @@ private:
         std::optional<std::string> volume;
     };
     std::deque<Batch> pending_;
+    /// The kexts sent to one folder at once, and the backup of what they replace.
+    struct Placement {
+        std::vector<QVKernelExtension> kexts;
+        QVKernelExtensionFolder folder;
+        std::string backup;
+    };
+    std::optional<Placement> placing_;
+    /// This job's folder in the backup folder: each backup goes into a dated folder in it.
+    std::string jobBackupFolder_;
+    QStringList backups_;
 };
 
 } // namespace quelm

@@ -1,6 +1,8 @@
-// The preferences window: where kexts are installed by default, and the appearance.
+// The preferences window: where kexts are installed by default, the appearance, and where
+// backups of replaced and removed kexts go.
 #include "ui/QVMainQuelmPreferenceViewController.h"
 
+#include "kexts/KextHistory.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "support/Log.h"
@@ -8,6 +10,7 @@
 #include "ui/UserDefaults.h"
 #include "ui_QVMainQuelmPreferenceViewController.h"
 
+#include <QFileDialog>
 #include <algorithm>
 #include <array>
 #include <string>
@@ -91,6 +94,15 @@ void QVMainQuelmPreferenceViewController::viewDidLoad() {
     ui_->outletFieldInstallKexts->setText(qtTrId("kQVMainQuelmPreferenceVCInstallKextsTo"));
     //% "Edit"
     ui_->outletButtonEditDefaultTable->setText(qtTrId("kQVMainQuelmPreferenceVCEdit"));
+    //% "Back up replaced and removed kexts into"
+    ui_->outletBoxBackupFolder->setTitle(qtTrId("kQVMainQuelmPreferenceVCBackupFolder"));
+    //% "Choose..."
+    ui_->outletButtonChooseBackupFolder->setText(qtTrId("kQVMainQuelmPreferenceVCChoose"));
+    const auto backups = userDefaultString(kBackupFolderKey);
+    ui_->outletFieldBackupFolder->setText(QString::fromStdString(
+        backups && !backups->empty() ? *backups : defaultBackupRoot().string()));
+    connect(ui_->outletButtonChooseBackupFolder, &QPushButton::clicked, this,
+            &QVMainQuelmPreferenceViewController::chooseBackupFolder);
     fillPopUps();
     selectStoredChoices();
     // activated, unlike currentIndexChanged, comes only from the user's choices.
@@ -131,6 +143,20 @@ void QVMainQuelmPreferenceViewController::actionButtonSelectInstallationFolder(i
     const QVKernelExtensionFolder folder = itemAt(kOfferedFolders, index);
     QVKernelExtensionsManager::shared().setInstallationFolder(folder);
     setUserDefaultString(kDefaultKextInstallationFolderKey, rawValue(folder));
+}
+
+void QVMainQuelmPreferenceViewController::chooseBackupFolder() {
+    //% "Choose the backup folder"
+    const QString folder = QFileDialog::getExistingDirectory(
+        this, qtTrId("kQVMainQuelmPreferenceVCChooseBackupFolder"),
+        ui_->outletFieldBackupFolder->text());
+    if (!folder.isEmpty())
+        actionSelectBackupFolder(folder);
+}
+
+void QVMainQuelmPreferenceViewController::actionSelectBackupFolder(const QString& folder) {
+    setUserDefaultString(kBackupFolderKey, folder.toStdString());
+    ui_->outletFieldBackupFolder->setText(folder);
 }
 
 void QVMainQuelmPreferenceViewController::actionButtonEditDefaultTable() {

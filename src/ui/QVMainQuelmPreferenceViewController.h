@@ -1,4 +1,5 @@
-// The preferences window: where kexts are installed by default, and the appearance.
+// The preferences window: where kexts are installed by default, the appearance, and where
+// backups of replaced and removed kexts go.
 #pragma once
 
 #include <QWidget>
@@ -13,7 +14,8 @@ namespace quelm {
 /// Two pop-ups whose choices are written to the settings at once, with no OK or Cancel. The
 /// installation folder also goes to QVKernelExtensionsManager::shared(). The settings must
 /// hold both values (the application writes missing ones at launch); an unknown value, like
-/// an index outside a pop-up, is a fatal error.
+/// an index outside a pop-up, is a fatal error. The backup folder is shown with a button that
+/// chooses another; without a choice it is Backups in the user's data folder.
 class QVMainQuelmPreferenceViewController : public QWidget {
     Q_OBJECT
 
@@ -28,11 +30,14 @@ public:
     void actionButtonEditDefaultTable();
     /// 0 light, 1 dark; only stored: the application applies it.
     void actionButtonSelectDefaultAppearance(int index);
+    /// Stores the folder where backups of replaced and removed kexts go, and shows it.
+    void actionSelectBackupFolder(const QString& folder);
 
 private:
     void viewDidLoad();
     void fillPopUps();
     void selectStoredChoices();
+    void chooseBackupFolder();
 
     std::unique_ptr<Ui::QVMainQuelmPreferenceViewController> ui_;
 };

@@ -1,6 +1,7 @@
 // The user's settings, where the platform keeps them: the counterpart of the user defaults.
 #include "ui/UserDefaults.h"
 
+#include "kexts/KextHistory.h"
 #include "support/NotificationCenter.h"
 #include "support/Paths.h"
 
@@ -31,6 +32,18 @@ void setUserDefaultString(std::string_view key, std::string_view value) {
     QSettings settings = standardUserDefaults();
     settings.setValue(qString(key), qString(value));
     settings.sync();
+}
+
+std::optional<std::filesystem::path> backupFolderSetting() {
+    namespace fs = std::filesystem;
+    const auto chosen = userDefaultString(kBackupFolderKey);
+    const fs::path folder = chosen && !chosen->empty() ? fs::path(*chosen) : defaultBackupRoot();
+    std::error_code error;
+    fs::create_directories(folder, error);
+    const fs::path resolved = fs::canonical(folder, error);
+    if (error || !fs::is_directory(resolved, error))
+        return std::nullopt;
+    return resolved;
 }
 
 } // namespace quelm

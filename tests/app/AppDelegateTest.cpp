@@ -2,6 +2,7 @@
 // defaults, screen choice, appearance, and a job answered in advance against the real helper.
 #include "app/AppDelegate.h"
 
+#include "KextFixtures.h"
 #include "TestSupport.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
@@ -72,9 +73,12 @@ private slots:
         quit->setProperty("tag", 6);
         auto* help = menu.addMenu("Help")->addAction(QString());
         help->setProperty("tag", 15);
+        auto* kexts = menu.addMenu("Window")->addAction(QString());
+        kexts->setProperty("tag", 16);
         QVERIFY(delegate.applicationWillFinishLaunching(menu));
         QCOMPARE(quit->text(), QString("Quit Quelm"));
         QCOMPARE(help->text(), QString("Quelm Help"));
+        QCOMPARE(kexts->text(), QString("Installed Kexts..."));
         QCOMPARE(userDefaultString(kDefaultAppearanceModeKey),
                  std::optional<std::string>("DarkMode"));
         QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
@@ -178,8 +182,10 @@ private slots:
         test::TemporaryFolder folder;
         const auto volume = folder / "Mac HD";
         test::makeVolume(volume, "10.12.6", "16G29");
-        const auto first = test::makeKext(folder / "kexts", "First.kext", PlistValue::Dict{});
-        const auto late = test::makeKext(folder / "kexts", "Late.kext", PlistValue::Dict{});
+        const auto first = test::makeKextBundle(folder / "kexts", "First.kext",
+                                                test::kextInfo("com.example.First", "1.0"));
+        const auto late = test::makeKextBundle(folder / "kexts", "Late.kext",
+                                               test::kextInfo("com.example.Late", "1.0"));
         QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
         QVXPCHelperManager::shared().start(std::nullopt);
@@ -222,8 +228,10 @@ private slots:
         test::makeVolume(volume, "10.12.6", "16G29");
         std::filesystem::create_directories(volume / "Library/Extensions");
         std::filesystem::create_directories(volume / "System/Library/Extensions");
-        const auto first = test::makeKext(folder / "kexts", "First.kext", PlistValue::Dict{});
-        const auto second = test::makeKext(folder / "kexts", "Second.kext", PlistValue::Dict{});
+        const auto first = test::makeKextBundle(folder / "kexts", "First.kext",
+                                                test::kextInfo("com.example.First", "1.0"));
+        const auto second = test::makeKextBundle(folder / "kexts", "Second.kext",
+                                                 test::kextInfo("com.example.Second", "1.0"));
         QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "QVKextFolderAskMeEveryTime");
         QVXPCHelperManager::shared().start(std::nullopt);

@@ -1,6 +1,7 @@
 // The preferences window against real settings (in the test's own home), and the appearance.
 #include "ui/QVMainQuelmPreferenceViewController.h"
 
+#include "kexts/KextHistory.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "ui/QVMainQuelmAppearanceMode.h"
@@ -9,7 +10,9 @@
 
 #include <QApplication>
 #include <QComboBox>
+#include <QLabel>
 #include <QPushButton>
+#include <QTemporaryDir>
 #include <QtTest>
 
 namespace quelm {
@@ -93,6 +96,25 @@ private slots:
         QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "DarkMode");
         QTest::keyClick(modes, Qt::Key_Up);
         QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "LightMode");
+    }
+
+    void theBackupFolderIsTheDataFoldersUntilChosenAndIsReachedWithoutLinks() {
+        storeDefaults("/Library/Extensions/", "LightMode");
+        setUserDefaultString(kBackupFolderKey, "");
+        QVMainQuelmPreferenceViewController controller;
+        auto* shown = controller.findChild<QLabel*>("outletFieldBackupFolder");
+        QCOMPARE(shown->text(), QString::fromStdString(defaultBackupRoot().string()));
+        QCOMPARE(backupFolderSetting(), std::optional(defaultBackupRoot()));
+
+        QTemporaryDir folder;
+        const auto real = std::filesystem::path(folder.path().toStdString()) / "real";
+        std::filesystem::create_directories(real);
+        std::filesystem::create_directory_symlink(real, real.parent_path() / "link");
+        controller.actionSelectBackupFolder(folder.path() + "/link/Backups");
+        QCOMPARE(shown->text(), folder.path() + "/link/Backups");
+        // Made when missing, and given to the helper as the folder the link leads to.
+        QCOMPARE(backupFolderSetting(), std::optional(real / "Backups"));
+        QVERIFY(std::filesystem::is_directory(real / "Backups"));
     }
 
     void darkModeGivesTheApplicationADarkPalette() {

@@ -403,5 +403,193 @@
         <source>Content Unreadable</source>
         <translation type="unfinished"></translation>
     </message>
+    <message id="kQVMainQuelmPreferenceVCBackupFolder">
+        <source>Back up replaced and removed kexts into</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCChoose">
+        <source>Choose...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmPreferenceVCChooseBackupFolder">
+        <source>Choose the backup folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppMainInstalledKexts">
+        <source>Installed Kexts...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCYes">
+        <source>Yes</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCNo">
+        <source>No</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCName">
+        <source>Name</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCIdentifier">
+        <source>Identifier</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCVersion">
+        <source>Version</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCFolder">
+        <source>Folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCApple">
+        <source>Apple&apos;s</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCOwnerAndMode">
+        <source>Owner and Mode Right</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCSigned">
+        <source>Signed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCCPUTypes">
+        <source>CPU Types</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCCancel">
+        <source>Cancel</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCTitle">
+        <source>Installed Kexts</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRefresh">
+        <source>Refresh</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestore">
+        <source>Restore...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemove">
+        <source>Remove...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCCount">
+        <source>Kexts listed: %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoveAppleKextAnyway">
+        <source>Remove it anyway? It can be put back from its backup.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoveAnyway">
+        <source>Remove Anyway</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCAppleKext">
+        <source>%1 is Apple&apos;s (%2): macOS may need it to start.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCAnErrorOccured">
+        <source>An error occurred</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCNoBackupFolder">
+        <source>Quelm cannot make its backup folder.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoveKexts">
+        <source>Remove %1?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoveKextsDescription">
+        <source>Each kext moves into a new backup folder in %1, with its staged copy when there is one; nothing is deleted.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoveButton">
+        <source>Remove</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoving">
+        <source>Removing kexts...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRemoved">
+        <source>The kexts were moved into %1.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCNotRemoved">
+        <source>These kexts could not be removed: %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCKernelCacheWarning">
+        <source>The next start still uses the old kernel cache, which may still hold the removed kext: start the Mac once in safe mode (hold Shift while it starts), or rebuild the caches from Recovery, so that macOS builds a new cache without it.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCChooseBackup">
+        <source>Choose a backup folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestoreReplaces">
+        <source>%1, replacing the kext installed there, which is backed up first</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestoreKexts">
+        <source>Put back the kexts of %1?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestoreButton">
+        <source>Restore</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestoring">
+        <source>Restoring kexts...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestored">
+        <source>The kexts were put back.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCReplacedBackup">
+        <source>What they replaced is in %1.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCNotRestored">
+        <source>These kexts could not be put back: %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCNoHelper">
+        <source>Quelm cannot start its helper, which changes the volume as root.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCFailedChecks">
+        <source>failed its checks</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCKextFailedChecks">
+        <source>%1 did not pass the checks and may not load:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCInstallAnyway">
+        <source>Install Anyway</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCSkip">
+        <source>Skip</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCNotBackedUp">
+        <source>its installed copy could not be backed up</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainQuelmVCBackup">
+        <source>Backup: </source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 </TS>

@@ -1,0 +1,405 @@
+// The window that lists the kexts installed on the target volume and takes them off or puts a
+// backup back through the helper.
+#include "app/QVInstalledKextsViewController.h"
+
+#include "helper/QVXPCHelperManager.h"
+#include "kexts/KextBackups.h"
+#include "kexts/KextHistory.h"
+#include "support/Log.h"
+#include "ui/QVViewExtensions.h"
+#include "ui/UserDefaults.h"
+#include "volumes/QVOSVolumeManager.h"
+
+#include <QFileDialog>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTreeWidget>
+#include <QVBoxLayout>
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+namespace quelm {
+namespace {
+
+constexpr int kPathRole = Qt::UserRole;
+
+QString qString(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+QString yesOrNo(bool yes) {
+    if (yes)
+        //% "Yes"
+        return qtTrId("kQVInstalledKextsVCYes");
+    //% "No"
+    return qtTrId("kQVInstalledKextsVCNo");
+}
+
+QStringList columnTitles() {
+    return {
+        //% "Name"
+        qtTrId("kQVInstalledKextsVCName"),
+        //% "Identifier"
+        qtTrId("kQVInstalledKextsVCIdentifier"),
+        //% "Version"
+        qtTrId("kQVInstalledKextsVCVersion"),
+        //% "Folder"
+        qtTrId("kQVInstalledKextsVCFolder"),
+        //% "Apple's"
+        qtTrId("kQVInstalledKextsVCApple"),
+        //% "Owner and Mode Right"
+        qtTrId("kQVInstalledKextsVCOwnerAndMode"),
+        //% "Signed"
+        qtTrId("kQVInstalledKextsVCSigned"),
+        //% "CPU Types"
+        qtTrId("kQVInstalledKextsVCCPUTypes"),
+    };
+}
+
+QStringList joined(const std::vector<std::string>& texts) {
+    QStringList list;
+    for (const auto& text : texts)
+        list << qString(text);
+    return list;
+}
+
+/// Asks with a question box whose Yes button does what yes names; true on Yes.
+bool confirm(QWidget* parent, const QString& text, const QString& informative, const QString& yes) {
+    QMessageBox box(QMessageBox::Question, "Quelm", text, QMessageBox::Yes | QMessageBox::Cancel,
+                    parent);
+    box.setInformativeText(informative);
+    box.button(QMessageBox::Yes)->setText(yes);
+    //% "Cancel"
+    box.button(QMessageBox::Cancel)->setText(qtTrId("kQVInstalledKextsVCCancel"));
+    box.setDefaultButton(QMessageBox::Cancel);
+    return QVModalAnswers::run(box) == QMessageBox::Yes;
+}
+
+void record(const QVOSVolume& volume, const std::string& operation, std::vector<std::string> kexts,
+            const std::string& backup) {
+    if (kexts.empty())
+        return;
+    const HistoryRecord entry{isoTimestamp(std::chrono::system_clock::now()),
+                              volume.mountPoint(),
+                              operation,
+                              std::move(kexts),
+                              backup,
+                              false};
+    if (auto saved = appendHistory(historyFilePath(), entry); !saved)
+        logLine("QVInstalledKextsVC::Error: the " + operation +
+                " is not in the history: " + saved.error());
+}
+
+std::vector<std::string> without(std::vector<std::string> paths,
+                                 const std::vector<std::string>& failed) {
+    std::erase_if(
+        paths, [&](const auto& path) { return std::ranges::find(failed, path) != failed.end(); });
+    return paths;
+}
+
+} // namespace
+
+QVInstalledKextsViewController::QVInstalledKextsViewController(QWidget* parent)
+    : QVMainAbstractMaintenanceViewController(parent) {
+    setWindowFlags(Qt::Window);
+    setObjectName("QVSBIDInstalledKexts");
+    //% "Installed Kexts"
+    setWindowTitle(qtTrId("kQVInstalledKextsVCTitle"));
+    buildView();
+    viewDidLoad();
+    observe<bool>(kDidSelectAValidOSVolume, [this](const bool&) { refresh(); });
+    refresh();
+}
+
+QVInstalledKextsViewController::~QVInstalledKextsViewController() = default;
+
+void QVInstalledKextsViewController::buildView() {
+    auto* layout = new QVBoxLayout(this);
+    auto* volumeRow = new QHBoxLayout;
+    imageButton = new QPushButton(this);
+    imageButton->setFlat(true);
+    imageButton->setIconSize({48, 48});
+    volumeRow->addWidget(imageButton);
+    auto* volumeText = new QVBoxLayout;
+    mainTitle = new QLabel(this);
+    pathField = new QLabel(this);
+    pathField->setObjectName("pathField");
+    volumeInfoField = new QLabel(this);
+    for (auto* label : {mainTitle, pathField, volumeInfoField})
+        volumeText->addWidget(label);
+    volumeRow->addLayout(volumeText, 1);
+    layout->addLayout(volumeRow);
+
+    table_ = new QTreeWidget(this);
+    table_->setObjectName("kextsTable");
+    table_->setHeaderLabels(columnTitles());
+    table_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    table_->setUniformRowHeights(true);
+    table_->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    layout->addWidget(table_, 1);
+
+    circularIndicator = new QProgressBar(this);
+    circularIndicator->setTextVisible(false);
+    layout->addWidget(circularIndicator);
+    statusField = new QLabel(this);
+    statusField->setObjectName("statusField");
+    statusField->setWordWrap(true);
+    layout->addWidget(statusField);
+
+    auto* buttons = new QHBoxLayout;
+    //% "Refresh"
+    refreshButton_ = new QPushButton(qtTrId("kQVInstalledKextsVCRefresh"), this);
+    //% "Restore..."
+    restoreButton_ = new QPushButton(qtTrId("kQVInstalledKextsVCRestore"), this);
+    //% "Remove..."
+    removeButton_ = new QPushButton(qtTrId("kQVInstalledKextsVCRemove"), this);
+    buttons->addWidget(refreshButton_);
+    buttons->addStretch();
+    buttons->addWidget(restoreButton_);
+    buttons->addWidget(removeButton_);
+    layout->addLayout(buttons);
+    resize(900, 520);
+
+    connect(refreshButton_, &QPushButton::clicked, this, [this] { refresh(); });
+    connect(restoreButton_, &QPushButton::clicked, this, [this] { chooseBackup(); });
+    connect(removeButton_, &QPushButton::clicked, this, [this] { removeSelectedKexts(); });
+    connect(table_, &QTreeWidget::itemSelectionChanged, this,
+            [this] { removeButton_->setEnabled(!selectedKexts().empty()); });
+}
+
+void QVInstalledKextsViewController::refresh() {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    kexts_ = volume ? installedKexts(*volume) : std::vector<KextBundle>{};
+    table_->clear();
+    for (const auto& kext : kexts_)
+        addRows(kext, nullptr);
+    table_->expandAll();
+    removeButton_->setEnabled(false);
+    restoreButton_->setEnabled(volume.has_value());
+    //% "Kexts listed: %1"
+    updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCCount").arg(kexts_.size()));
+}
+
+void QVInstalledKextsViewController::addRows(const KextBundle& kext, QTreeWidgetItem* parent) {
+    const QStringList cells{
+        qString(kext.name),
+        qString(kext.identifier()),
+        qString(kext.version()),
+        qString(std::filesystem::path(kext.path).parent_path().string() + "/"),
+        yesOrNo(kext.isApple()),
+        yesOrNo(kext.ownersAndModesRight),
+        yesOrNo(kext.hasCodeSignature),
+        joined(kext.cpuTypes()).join(", "),
+    };
+    auto* item = parent ? new QTreeWidgetItem(parent, cells) : new QTreeWidgetItem(table_, cells);
+    item->setData(0, kPathRole, qString(kext.path));
+    item->setToolTip(0, qString(kext.path));
+    for (const auto& plugIn : kext.plugIns)
+        addRows(plugIn, item);
+}
+
+std::vector<const KextBundle*> QVInstalledKextsViewController::selectedKexts() const {
+    std::vector<const KextBundle*> selected;
+    for (const auto* item : table_->selectedItems()) {
+        if (item->parent())
+            continue;
+        const auto path = item->data(0, kPathRole).toString().toStdString();
+        const auto found =
+            std::ranges::find_if(kexts_, [&](const auto& kext) { return kext.path == path; });
+        if (found != kexts_.end())
+            selected.push_back(&*found);
+    }
+    return selected;
+}
+
+bool QVInstalledKextsViewController::confirmAppleKexts(
+    const std::vector<const KextBundle*>& kexts) {
+    //% "Remove it anyway? It can be put back from its backup."
+    const QString question = qtTrId("kQVInstalledKextsVCRemoveAppleKextAnyway");
+    //% "Remove Anyway"
+    const QString button = qtTrId("kQVInstalledKextsVCRemoveAnyway");
+    for (const auto* kext : kexts) {
+        //% "%1 is Apple's (%2): macOS may need it to start."
+        const QString text = qtTrId("kQVInstalledKextsVCAppleKext")
+                                 .arg(qString(kext->name), qString(kext->identifier()));
+        if (kext->isApple() && !confirm(this, text, question, button))
+            return false;
+    }
+    return true;
+}
+
+void QVInstalledKextsViewController::removeSelectedKexts() {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    const auto selected = selectedKexts();
+    const auto root = backupFolderSetting();
+    if (!volume || selected.empty())
+        return;
+    if (!root) {
+        //% "An error occurred"
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+                  //% "Quelm cannot make its backup folder."
+                  qtTrId("kQVInstalledKextsVCNoBackupFolder"));
+        return;
+    }
+    QStringList names;
+    for (const auto* kext : selected)
+        names << qString(kext->name);
+    //% "Remove %1?"
+    if (!confirm(
+            this, qtTrId("kQVInstalledKextsVCRemoveKexts").arg(names.join(", ")),
+            //% "Each kext moves into a new backup folder in %1, with its staged copy when there is one; nothing is deleted."
+            qtTrId("kQVInstalledKextsVCRemoveKextsDescription").arg(qString(root->string())),
+            //% "Remove"
+            qtTrId("kQVInstalledKextsVCRemoveButton")) ||
+        !confirmAppleKexts(selected))
+        return;
+    std::vector<std::string> paths;
+    for (const auto* kext : selected) {
+        paths.push_back(kext->path);
+        if (auto staged = stagedCopyOf(*volume, kext->path))
+            paths.push_back(std::move(*staged));
+    }
+    removeKexts(paths, *root);
+}
+
+void QVInstalledKextsViewController::removeKexts(const std::vector<std::string>& paths,
+                                                 const std::filesystem::path& backupRoot) {
+    if (!connectHelper())
+        return;
+    const auto volume = *QVOSVolumeManager::shared().selectedOSVolume();
+    const auto backup = newBackupFolderPath(backupRoot, std::chrono::system_clock::now());
+    setBusy(true);
+    //% "Removing kexts..."
+    updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRemoving"));
+    whenReplied("removeKernelExtensions:fromVolume:backupFolder:reply:", {paths, volume, backup},
+                [this, paths, volume, backup](const RemoteValue& reply) {
+                    const auto& failed = std::get<std::vector<std::string>>(reply);
+                    record(volume, "remove", without(paths, failed), backup);
+                    tellRemoval(failed, failed.size() < paths.size(), backup);
+                    finishOperation();
+                });
+}
+
+void QVInstalledKextsViewController::tellRemoval(const std::vector<std::string>& failed,
+                                                 bool removedSome, const std::string& backup) {
+    //% "The next start still uses the old kernel cache, which may still hold the removed kext: start the Mac once in safe mode (hold Shift while it starts), or rebuild the caches from Recovery, so that macOS builds a new cache without it."
+    const QString warning = qtTrId("kQVInstalledKextsVCKernelCacheWarning");
+    if (failed.empty()) {
+        //% "The kexts were moved into %1."
+        const QString text = qtTrId("kQVInstalledKextsVCRemoved").arg(qString(backup));
+        showMessage(this, text, warning);
+        return;
+    }
+    //% "These kexts could not be removed: %1"
+    const QString text = qtTrId("kQVInstalledKextsVCNotRemoved").arg(joined(failed).join(", "));
+    showAlert(this, text, removedSome ? warning : QString());
+}
+
+void QVInstalledKextsViewController::chooseBackup() {
+    const auto root = backupFolderSetting();
+    //% "Choose a backup folder"
+    const QString folder =
+        QFileDialog::getExistingDirectory(this, qtTrId("kQVInstalledKextsVCChooseBackup"),
+                                          root ? qString(root->string()) : QString());
+    if (!folder.isEmpty())
+        restoreFromBackup(folder);
+}
+
+void QVInstalledKextsViewController::restoreFromBackup(const QString& folder) {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    if (!volume)
+        return;
+    std::error_code error;
+    // The helper reaches nothing through a link: it gets the folder with its links resolved.
+    const auto backup = std::filesystem::canonical(folder.toStdString(), error).string();
+    const auto steps = planRestore(error ? folder.toStdString() : backup, *volume);
+    const auto root = backupFolderSetting();
+    if (!steps || !root) {
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+                  steps ? qtTrId("kQVInstalledKextsVCNoBackupFolder") : qString(steps.error()));
+        return;
+    }
+    QStringList lines;
+    std::vector<std::string> paths;
+    for (const auto& step : *steps) {
+        paths.push_back(step.item.volumePath());
+        //% "%1, replacing the kext installed there, which is backed up first"
+        lines << (step.replaces ? qtTrId("kQVInstalledKextsVCRestoreReplaces")
+                                      .arg(qString(step.item.volumePath()))
+                                : qString(step.item.volumePath()));
+    }
+    //% "Put back the kexts of %1?"
+    if (!confirm(this, qtTrId("kQVInstalledKextsVCRestoreKexts").arg(qString(backup)),
+                 lines.join("\n"),
+                 //% "Restore"
+                 qtTrId("kQVInstalledKextsVCRestoreButton")) ||
+        !connectHelper())
+        return;
+    const auto replaced = newBackupFolderPath(*root, std::chrono::system_clock::now());
+    setBusy(true);
+    //% "Restoring kexts..."
+    updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRestoring"));
+    whenReplied("restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
+                {backup, *volume, replaced},
+                [this, paths, volume = *volume, replaced](const RemoteValue& reply) {
+                    const auto& failed = std::get<std::vector<std::string>>(reply);
+                    std::error_code missing;
+                    const bool madeBackup = std::filesystem::exists(replaced, missing);
+                    record(volume, "restore", without(paths, failed), madeBackup ? replaced : "");
+                    tellRestore(failed, madeBackup ? replaced : "");
+                    finishOperation();
+                });
+}
+
+void QVInstalledKextsViewController::tellRestore(const std::vector<std::string>& failed,
+                                                 const std::string& replaced) {
+    if (!failed.empty()) {
+        //% "These kexts could not be put back: %1"
+        const QString text =
+            qtTrId("kQVInstalledKextsVCNotRestored").arg(joined(failed).join(", "));
+        showAlert(this, text, QString());
+        return;
+    }
+    //% "What they replaced is in %1."
+    const QString where = qtTrId("kQVInstalledKextsVCReplacedBackup").arg(qString(replaced));
+    //% "The kexts were put back."
+    const QString text = qtTrId("kQVInstalledKextsVCRestored");
+    showMessage(this, text, replaced.empty() ? QString() : where);
+}
+
+bool QVInstalledKextsViewController::connectHelper() {
+    refreshProxy();
+    if (!proxy()) {
+        auto& manager = QVXPCHelperManager::shared();
+        manager.start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
+        refreshProxy();
+    }
+    if (proxy())
+        return true;
+    showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+              //% "Quelm cannot start its helper, which changes the volume as root."
+              qtTrId("kQVInstalledKextsVCNoHelper"));
+    return false;
+}
+
+void QVInstalledKextsViewController::setBusy(bool busy) {
+    setControlsEnabled(!busy);
+    for (auto* button : {refreshButton_, restoreButton_, removeButton_})
+        button->setEnabled(!busy);
+    if (busy)
+        startBusyIndicator(*circularIndicator);
+    else
+        stopBusyIndicator(*circularIndicator);
+}
+
+void QVInstalledKextsViewController::finishOperation() {
+    setBusy(false);
+    refresh();
+    emit operationFinished();
+}
+
+} // namespace quelm

@@ -1,0 +1,202 @@
+// The window of installed kexts and the installation job's checks and backups, offscreen,
+// against volumes with real Mach-O kexts and the real helper.
+#include "KextFixtures.h"
+#include "TestSupport.h"
+#include "app/QVInstalledKextsViewController.h"
+#include "app/QVMainQuelmViewController.h"
+#include "app/QVMainQuelmWindowController.h"
+#include "helper/QVXPCHelperManager.h"
+#include "kexts/KextHistory.h"
+#include "ui/QVViewExtensions.h"
+#include "ui/Translations.h"
+#include "ui/UserDefaults.h"
+#include "volumes/QVOSVolumeManager.h"
+
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTreeWidget>
+#include <QtTest>
+#include <unistd.h>
+
+namespace quelm {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The one folder in folder: a backup made by one operation.
+fs::path onlyFolderIn(const fs::path& folder) {
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(folder))
+        found.push_back(entry.path());
+    return found.size() == 1 ? found[0] : fs::path();
+}
+
+QTreeWidgetItem* rowNamed(QTreeWidget& table, const QString& name) {
+    const auto items = table.findItems(name, Qt::MatchExactly | Qt::MatchRecursive);
+    return items.isEmpty() ? nullptr : items[0];
+}
+
+HistoryRecord lastRecord() {
+    const auto records = readHistory(historyFilePath());
+    return records && !records->empty() ? records->back() : HistoryRecord{};
+}
+
+} // namespace
+
+class KextsWindowTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        QVERIFY(installTranslations(*QCoreApplication::instance()));
+        QSettings("org.quelm", "Quelm").clear();
+        QVXPCHelperManager::setSharedRoot(helperRoot_.path().string());
+    }
+
+    void init() {
+        if (::geteuid() != 0)
+            QSKIP("the helper changes the volume as root");
+        test::makeRescueVolume(volume_);
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume_));
+        setUserDefaultString(kBackupFolderKey, backups_.string());
+        QVXPCHelperManager::shared().start(std::nullopt);
+    }
+
+    void cleanup() {
+        QVModalAnswers::clear();
+        QVXPCHelperManager::shared().terminateHelper();
+        for (const auto& entry : fs::directory_iterator(folder_.path()))
+            fs::remove_all(entry.path());
+    }
+
+    void theWindowListsNestedKextsRemovesIntoABackupAndRestoresIt() {
+        QVInstalledKextsViewController window;
+        QSignalSpy finished(&window, &QVInstalledKextsViewController::operationFinished);
+        auto& table = *window.findChild<QTreeWidget*>("kextsTable");
+        QCOMPARE(table.topLevelItemCount(), 2);
+        auto* system = table.topLevelItem(0);
+        QCOMPARE(system->text(0), QString("System.kext"));
+        QCOMPARE(system->childCount(), 1);
+        QCOMPARE(system->child(0)->text(1), QString("com.apple.kpi.iokit"));
+        const QStringList lilu{"Lilu.kext", "as.vit9696.Lilu", "1.4.5", "/Library/Extensions/"};
+        for (int column = 0; column < lilu.size(); ++column)
+            QCOMPARE(table.topLevelItem(1)->text(column), lilu[column]);
+        QCOMPARE(table.topLevelItem(1)->text(4), QString("No"));
+        QCOMPARE(table.topLevelItem(1)->text(6), QString("Yes"));
+        QCOMPARE(table.topLevelItem(1)->text(7), QString("x86_64"));
+
+        // Apple's kext needs a second yes: cancelled there, nothing moves.
+        system->setSelected(true);
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        window.removeSelectedKexts();
+        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{2});
+        QCOMPARE(QVModalAnswers::shown()[1].text,
+                 QString("System.kext is Apple's (com.apple.kernel): macOS may need it to start."));
+        QVERIFY(fs::exists(volume_ / "System/Library/Extensions/System.kext"));
+        QCOMPARE(finished.count(), 0);
+
+        system->setSelected(false);
+        rowNamed(table, "Lilu.kext")->setSelected(true);
+        QVModalAnswers::clear();
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVModalAnswers::preset(QMessageBox::Ok);
+        window.removeSelectedKexts();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
+        const auto backup = onlyFolderIn(backups_);
+        QVERIFY(fs::exists(backup / "Lilu.kext/Contents/MacOS/Lilu"));
+        QVERIFY(!fs::exists(volume_ / "Library/Extensions/Lilu.kext"));
+        QCOMPARE(table.topLevelItemCount(), 1);
+        const auto& told = QVModalAnswers::shown();
+        QCOMPARE(told[0].text, QString("Remove Lilu.kext?"));
+        QCOMPARE(told[1].text, "The kexts were moved into " + QString::fromStdString(backup) + ".");
+        QVERIFY(told[1].informativeText.startsWith("The next start still uses the old kernel "
+                                                   "cache"));
+        QCOMPARE(lastRecord().operation, std::string("remove"));
+        QCOMPARE(lastRecord().backup, backup.string());
+
+        QVModalAnswers::clear();
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVModalAnswers::preset(QMessageBox::Ok);
+        window.restoreFromBackup(QString::fromStdString(backup));
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, 20000);
+        QVERIFY(fs::exists(volume_ / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
+        QCOMPARE(table.topLevelItemCount(), 2);
+        QCOMPARE(QVModalAnswers::shown()[0].informativeText,
+                 QString("/Library/Extensions/Lilu.kext"));
+        QCOMPARE(QVModalAnswers::shown()[1].text, QString("The kexts were put back."));
+        QCOMPARE(lastRecord().operation, std::string("restore"));
+        QCOMPARE(lastRecord().kexts, std::vector<std::string>{"/Library/Extensions/Lilu.kext"});
+    }
+
+    void theJobAsksAboutKextsThatFailTheChecksAndBacksUpWhatItReplaces() {
+        const auto kexts = folder_ / "kexts";
+        test::makeKextBundle(kexts, "Lilu.kext", test::kextInfo("as.vit9696.Lilu", "1.5.0", "Lilu"),
+                             test::thinMachO(test::kX86_64));
+        test::makeKextBundle(
+            kexts, "Broken.kext",
+            test::kextInfo("com.example.Broken", "1.0", "Broken", {{"com.example.Missing", "1.0"}}),
+            test::thinMachO(test::kArm64));
+        test::makeKextBundle(kexts, "Forced.kext",
+                             test::kextInfo("com.example.Forced", "1.0", "Forced"),
+                             test::thinMachO(test::kArm64));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        bool finished = false;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
+        std::optional<QVUserNotification> notification;
+        connect(window.installationScreen(), &QVMainQuelmViewController::notified,
+                [&](const QVUserNotification& delivered) { notification = delivered; });
+        QVModalAnswers::preset(QMessageBox::No);
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QTest::qWait(100);
+        NotificationCenter::defaultCenter().post(
+            kDidCollectAllFiles, std::vector<std::string>{(kexts / "Broken.kext").string(),
+                                                          (kexts / "Lilu.kext").string(),
+                                                          (kexts / "Forced.kext").string()});
+        QTRY_VERIFY_WITH_TIMEOUT(finished, 30000);
+
+        const auto& asked = QVModalAnswers::shown();
+        QCOMPARE(asked.size(), std::size_t{2});
+        QCOMPARE(asked[0].text, QString("Broken.kext did not pass the checks and may not load:"));
+        const auto reasons = asked[0].informativeText.split('\n');
+        QCOMPARE(reasons.size(), 2);
+        QVERIFY(reasons[0].contains("64-bit Intel"));
+        QVERIFY(reasons[1].contains("com.example.Missing"));
+        auto buttons = asked[0].buttons;
+        buttons.sort();
+        QCOMPARE(buttons, (QStringList{"Install Anyway", "Skip"}));
+
+        QCOMPARE(asked[1].text, QString("Forced.kext did not pass the checks and may not load:"));
+        QVERIFY(!fs::exists(volume_ / "Library/Extensions/Broken.kext"));
+        QVERIFY(fs::exists(volume_ / "Library/Extensions/Forced.kext"));
+        QVERIFY(test::readText(volume_ / "Library/Extensions/Lilu.kext/Contents/Info.plist")
+                    .find("1.5.0") != std::string::npos);
+        const auto backup = onlyFolderIn(onlyFolderIn(backups_));
+        QVERIFY(test::readText(backup / "Lilu.kext/Contents/Info.plist").find("1.4.5") !=
+                std::string::npos);
+        QVERIFY(fs::exists(backup / "Manifest.plist"));
+        QVERIFY(notification);
+        QCOMPARE(notification->subtitle, QString("Installed: 2 Failed: 0"));
+        QCOMPARE(notification->informativeText,
+                 "Skipped: Broken.kext (failed its checks)\nBackup: " +
+                     QString::fromStdString(backup));
+        QCOMPARE(lastRecord().operation, std::string("install"));
+        QCOMPARE(lastRecord().kexts, (std::vector<std::string>{"/Library/Extensions/Lilu.kext",
+                                                               "/Library/Extensions/Forced.kext"}));
+        QCOMPARE(lastRecord().backup, backup.string());
+    }
+
+private:
+    test::TemporaryFolder helperRoot_;
+    test::TemporaryFolder folder_;
+    const fs::path volume_ = folder_ / "Mac HD";
+    const fs::path backups_ = folder_ / "Backups";
+};
+
+} // namespace quelm
+
+QTEST_MAIN(quelm::KextsWindowTest)
+#include "KextsWindowTest.moc"
