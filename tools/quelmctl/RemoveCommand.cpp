@@ -65,13 +65,9 @@ int remove(const Options& options) {
     const auto now = std::chrono::system_clock::now();
     const auto outcome =
         moveKextsToBackup(*volume, *paths, newBackupFolderPath(*root, now), "remove", now);
-    int status = reportOutcome(outcome, "removed", options.json);
-    if (!outcome.done.empty()) {
-        recordInHistory(recordOf(*volume, "remove", outcome.done, outcome.backupFolder));
-        status = invalidateCaches(*volume) ? status : 1;
-        if (!options.json)
-            std::cout << kKernelCacheWarning << '\n';
-    }
+    const int status = finishChange(*volume, "remove", outcome, "removed", options.json);
+    if (!outcome.done.empty() && !options.json)
+        std::cout << kKernelCacheWarning << '\n';
     return status;
 }
 

@@ -75,6 +75,15 @@ bool invalidateCaches(const QVOSVolume& volume) {
     return false;
 }
 
+int finishChange(const QVOSVolume& volume, std::string operation, const RescueOutcome& outcome,
+                 std::string_view verb, bool json) {
+    const int status = reportOutcome(outcome, verb, json);
+    if (outcome.done.empty())
+        return status;
+    recordInHistory(recordOf(volume, std::move(operation), outcome.done, outcome.backupFolder));
+    return invalidateCaches(volume) ? status : 1;
+}
+
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json) {
     if (json) {
         std::cout << "{\"" << verb << "\": " << jsonStrings(outcome.done)

@@ -43,6 +43,11 @@ inline constexpr std::string_view kKernelCacheWarning =
 /// exit status: 0 when nothing failed, else 1.
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json);
 
+/// Reports the outcome; once a kext moved, records the operation in the history and marks the
+/// caches stale. Returns the exit status: 0, or 1 when a kext or the caches failed.
+int finishChange(const QVOSVolume& volume, std::string operation, const RescueOutcome& outcome,
+                 std::string_view verb, bool json);
+
 /// Whether the user runs as root; if not, says why the command needs it.
 bool runsAsRoot(std::string_view command);
 

@@ -63,12 +63,7 @@ int restore(const Options& options) {
         printError(outcome.error());
         return 2;
     }
-    int status = reportOutcome(*outcome, "restored", options.json);
-    if (!outcome->done.empty()) {
-        recordInHistory(recordOf(*volume, "restore", outcome->done, outcome->backupFolder));
-        status = invalidateCaches(*volume) ? status : 1;
-    }
-    return status;
+    return finishChange(*volume, "restore", *outcome, "restored", options.json);
 }
 
 } // namespace
