@@ -32,10 +32,13 @@ QVPackage::QVPackage(std::string identifier, std::vector<std::string> groups, st
 
 std::optional<QVPackage> QVPackage::initWithReceiptPath(const std::string& receiptPath) {
     const auto receipt = readPlistFile(receiptPath);
-    if (!receipt)
-        return std::nullopt;
-    const auto* identifier = receipt->stringForKey(rawValue(QVPackageDataKey::PackageIdentifier));
-    const auto* groupList = receipt->find(rawValue(QVPackageDataKey::PackageGroups));
+    return receipt ? initWithReceipt(*receipt, receiptPath) : std::nullopt;
+}
+
+std::optional<QVPackage> QVPackage::initWithReceipt(const PlistValue& receipt,
+                                                    const std::string& receiptPath) {
+    const auto* identifier = receipt.stringForKey(rawValue(QVPackageDataKey::PackageIdentifier));
+    const auto* groupList = receipt.find(rawValue(QVPackageDataKey::PackageGroups));
     if (!identifier || !groupList || !groupList->array())
         return std::nullopt;
     std::vector<std::string> groups;
@@ -49,7 +52,15 @@ std::optional<QVPackage> QVPackage::initWithReceiptPath(const std::string& recei
 
 std::optional<QVStandardPackage>
 QVStandardPackage::initWithReceiptPath(const std::string& receiptPath) {
-    auto package = QVPackage::initWithReceiptPath(receiptPath);
+    return standardOnly(QVPackage::initWithReceiptPath(receiptPath));
+}
+
+std::optional<QVStandardPackage>
+QVStandardPackage::initWithReceipt(const PlistValue& receipt, const std::string& receiptPath) {
+    return standardOnly(QVPackage::initWithReceipt(receipt, receiptPath));
+}
+
+std::optional<QVStandardPackage> QVStandardPackage::standardOnly(std::optional<QVPackage> package) {
     if (!package || std::ranges::find(package->groups(), standardGroup) == package->groups().end())
         return std::nullopt;
     return QVStandardPackage(std::move(*package));

@@ -1,6 +1,8 @@
 // Package receipts: what a receipt names, and which receipts take part in repairs.
 #pragma once
 
+#include "support/PropertyList.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +18,9 @@ class QVPackage {
 public:
     /// Nothing when the receipt is not a readable dictionary or a key is missing or mistyped.
     static std::optional<QVPackage> initWithReceiptPath(const std::string& receiptPath);
+    /// The same for a receipt already read from receiptPath.
+    static std::optional<QVPackage> initWithReceipt(const PlistValue& receipt,
+                                                    const std::string& receiptPath);
 
     const std::string& identifier() const { return identifier_; }
     const std::vector<std::string>& groups() const { return groups_; }
@@ -39,8 +44,11 @@ public:
 
     /// Nothing unless the package is made and lists the standard group among its groups.
     static std::optional<QVStandardPackage> initWithReceiptPath(const std::string& receiptPath);
+    static std::optional<QVStandardPackage> initWithReceipt(const PlistValue& receipt,
+                                                            const std::string& receiptPath);
 
 private:
+    static std::optional<QVStandardPackage> standardOnly(std::optional<QVPackage> package);
     explicit QVStandardPackage(QVPackage package) : QVPackage(std::move(package)) {}
 };
 

@@ -6,9 +6,10 @@
 #include "repair/WorkSlices.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
+#include "support/PropertyList.h"
 
 #include <algorithm>
-#include <dirent.h>
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,30 +20,13 @@ namespace {
 // Receipt folders are shallow; a deeper tree is not a receipt folder.
 constexpr int kMaxReceiptDepth = 16;
 
-struct Receipt {
-    /// Both relative to the receipt folder: "Essentials/com.apple.pkg.Essentials.plist".
-    std::string path;
-    std::string bomPath;
+/// What a walk of the receipt folder found; every path is relative to that folder.
+struct ReceiptScan {
+    /// Each readable receipt: its path ("Essentials/com.apple.pkg.Essentials.plist") and bytes.
+    std::vector<std::pair<std::string, std::string>> receipts;
+    /// Receipts, and folders that may hold some, that exist but could not be read.
+    std::vector<std::string> unreadable;
 };
-
-std::vector<std::string> sortedNames(int folder) {
-    std::vector<std::string> names;
-    const int listing = ::openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* dir = listing < 0 ? nullptr : ::fdopendir(listing);
-    if (!dir) {
-        if (listing >= 0)
-            ::close(listing);
-        return names;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..")
-            names.emplace_back(name);
-    }
-    ::closedir(dir);
-    std::ranges::sort(names);
-    return names;
-}
 
 std::string_view extensionOf(std::string_view name) {
     const auto dot = name.rfind('.');
@@ -55,23 +39,45 @@ bool isRegularFileAt(int folder, const std::string& name) {
            S_ISREG(info.st_mode);
 }
 
+/// A missing item, or a link where a folder was, is no receipt; anything else that fails (no
+/// descriptor left, an I/O error) hides receipts and must be reported.
+bool isMissing(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
 /// Every "plist" file below folder, depth first in name order, never through a link.
-void findReceipts(int folder, const std::string& folderPath, int depth,
-                  std::vector<Receipt>& receipts) {
-    for (const auto& name : sortedNames(folder)) {
+void findReceipts(int folder, const std::string& folderPath, int depth, ReceiptScan& scan) {
+    auto names = entryNamesAt(folder);
+    if (!names) {
+        scan.unreadable.push_back(folderPath);
+        return;
+    }
+    std::ranges::sort(*names);
+    for (const auto& name : *names) {
         struct stat info {};
-        if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
-            continue;
-        if (S_ISDIR(info.st_mode) && depth < kMaxReceiptDepth) {
+        if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (!isMissing(errno))
+                scan.unreadable.push_back(folderPath + name);
+        } else if (S_ISDIR(info.st_mode) && depth < kMaxReceiptDepth) {
             const UniqueFd child(
                 ::openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (child)
-                findReceipts(child.get(), folderPath + name + "/", depth + 1, receipts);
+                findReceipts(child.get(), folderPath + name + "/", depth + 1, scan);
+            else if (!isMissing(errno))
+                scan.unreadable.push_back(folderPath + name + "/");
         } else if (S_ISREG(info.st_mode) && extensionOf(name) == "plist") {
-            const auto bom = name.substr(0, name.size() - 5) + "bom";
-            receipts.push_back({folderPath + name, folderPath + bom});
+            auto bytes = readFileAt(folder, name, kMaxPlistFileSize);
+            if (bytes)
+                scan.receipts.emplace_back(folderPath + name, std::move(*bytes));
+            else
+                scan.unreadable.push_back(folderPath + name);
         }
     }
+}
+
+/// The BOM beside a receipt: its name with "bom" for "plist".
+std::string bomPathOf(std::string_view receiptPath) {
+    return std::string(receiptPath.substr(0, receiptPath.size() - 5)) + "bom";
 }
 
 /// Reads the BOM at volumePath only when it is a regular file reached without following a
@@ -105,8 +111,10 @@ void QVPackageManager::setup() {
     if (!targetVolume_)
         fatalError("QVPackageManager::setup() FatalError: no target volume.");
     const auto root = VolumeRoot::open(targetVolume_->mountPoint());
-    if (!root)
+    if (!root) {
+        markUnreadable(receiptDirectory());
         return;
+    }
     QVFileSystemResourceManager::shared().setVolumeRoot(root);
     findPackages(root);
     readBoms(root);
@@ -117,21 +125,40 @@ void QVPackageManager::setup() {
 void QVPackageManager::findPackages(const std::shared_ptr<const VolumeRoot>& root) {
     VolumeWalker walker(root);
     const auto parent = walker.parentOf("/System/Library/Receipts");
-    if (!parent)
+    const UniqueFd receipts(parent ? ::openat(parent->first, std::string(parent->second).c_str(),
+                                              O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                                   : -1);
+    if (!receipts) {
+        if (parent ? !isMissing(errno) : walker.failure() != 0)
+            markUnreadable(receiptDirectory());
         return;
-    const UniqueFd receipts(::openat(parent->first, std::string(parent->second).c_str(),
-                                     O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!receipts)
-        return;
-    std::vector<Receipt> found;
-    findReceipts(receipts.get(), "", 0, found);
-    for (const auto& receipt : found) {
-        auto package = QVStandardPackage::initWithReceiptPath(receiptDirectory() + receipt.path);
-        if (!package)
-            continue;
-        bomVolumePaths_.push_back(std::string(systemReceiptDirectoryPathString) + receipt.bomPath);
-        standardPackages_.push_back(std::move(*package));
     }
+    ReceiptScan scan;
+    findReceipts(receipts.get(), "", 0, scan);
+    for (const auto& path : scan.unreadable)
+        markUnreadable(receiptDirectory() + (path.ends_with(".plist") ? bomPathOf(path) : path));
+    for (const auto& [path, bytes] : scan.receipts)
+        addPackage(path, bytes);
+}
+
+void QVPackageManager::addPackage(const std::string& receiptPath, std::string_view bytes) {
+    const auto bomPath = bomPathOf(receiptPath);
+    const auto receipt = parsePlist(bytes);
+    if (!receipt) {
+        // A damaged receipt may be a standard one: its package's paths go unchecked.
+        markUnreadable(receiptDirectory() + bomPath);
+        return;
+    }
+    auto package = QVStandardPackage::initWithReceipt(*receipt, receiptDirectory() + receiptPath);
+    if (!package)
+        return;
+    bomVolumePaths_.push_back(std::string(systemReceiptDirectoryPathString) + bomPath);
+    standardPackages_.push_back(std::move(*package));
+}
+
+void QVPackageManager::markUnreadable(const std::string& path) {
+    logLine("QVPackageManager::Error: Unable to read " + path);
+    unreadableBomPaths_.push_back(path);
 }
 
 void QVPackageManager::readBoms(const std::shared_ptr<const VolumeRoot>& root) {
@@ -142,7 +169,7 @@ void QVPackageManager::readBoms(const std::shared_ptr<const VolumeRoot>& root) {
         // A BOM that lists nothing leaves its package's paths unchecked: the package is
         // reported, and the other packages are checked all the same.
         if (parser->count() == 0) {
-            unreadableBomPaths_.push_back(parser->fileName());
+            markUnreadable(parser->fileName());
             continue;
         }
         total_ += parser->count();

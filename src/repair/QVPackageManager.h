@@ -33,11 +33,13 @@ public:
 
     /// Finds the standard packages, reads their BOMs and hands every listed path that exists on
     /// the volume to the resource manager. Returns when all are handed over. A package whose BOM
-    /// cannot be read, or lists nothing, is skipped and its BOM listed as unreadable.
+    /// cannot be read, or lists nothing, is skipped and its BOM listed as unreadable; so is a
+    /// receipt that cannot be read, and a receipt folder that cannot be listed is listed itself.
     void setup();
 
     const std::vector<QVStandardPackage>& standardPackages() const { return standardPackages_; }
-    /// The BOM paths, as bomPathString gives them, of the packages that were skipped.
+    /// The BOM paths, as bomPathString gives them, of the packages that were skipped, and the
+    /// receipt folders (ending in "/") that could not be listed.
     const std::vector<std::string>& unreadableBomPaths() const { return unreadableBomPaths_; }
     std::int64_t total() const { return total_; }
     std::int64_t counter() const { return counter_; }
@@ -48,6 +50,9 @@ private:
     /// The volume's receipt folder: "/System/Library/Receipts/" under its mount point.
     std::string receiptDirectory() const;
     void findPackages(const std::shared_ptr<const VolumeRoot>& root);
+    /// Logs and lists a receipt, BOM or receipt folder that exists but could not be read.
+    void markUnreadable(const std::string& path);
+    void addPackage(const std::string& receiptPath, std::string_view bytes);
     void readBoms(const std::shared_ptr<const VolumeRoot>& root);
     void makeResources(const YRBomParserWrapper& parser,
                        const std::shared_ptr<const VolumeRoot>& root);
