@@ -301,7 +301,8 @@ void QVMainQuelmViewController::installKexts() {
 void QVMainQuelmViewController::installInto(std::vector<QVKernelExtension> kexts,
                                             QVKernelExtensionFolder folder) {
     const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
-    const auto replaced = replacedKexts(kexts, folder, volume);
+    auto& replaced = QVKernelExtensionsManager::shared().kextsTBB();
+    replaced = replacedKexts(kexts, folder, volume);
     placing_ = Placement{std::move(kexts), folder, {}};
     if (replaced.empty()) {
         sendPlacement();
@@ -331,6 +332,8 @@ void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtensi
         //% "its installed copy could not be backed up"
         skip(kext.name(), qtTrId("kQVMainQuelmVCNotBackedUp"));
     }
+    // Cleared only now: failed may be this very list.
+    QVKernelExtensionsManager::shared().kextsTBB().clear();
     if (!jobBackupFolder_.empty())
         placing_->backup = newestFolderIn(jobBackupFolder_);
     if (!placing_->backup.empty() && !backups_.contains(QString::fromStdString(placing_->backup)))
