@@ -1,7 +1,9 @@
 // One macOS installation: its mount point and the versions read from its system-version file.
 #include "volumes/QVOSVolume.h"
 
+#include "support/FolderTrees.h"
 #include "support/Log.h"
+#include "support/PropertyList.h"
 #include "support/Strings.h"
 
 #include <array>
@@ -28,28 +30,39 @@ bool pathExists(const std::string& path) {
     return std::filesystem::exists(path, error);
 }
 
+/// The volume's system-version file, reached without following a link: the disk may be the
+/// user's own, and a link there could make a root process read any file of the host.
+std::optional<PlistValue::Dict> readSystemVersion(const std::string& mountPoint) {
+    const auto place = openParentBelow(mountPoint, QVOSVolume::systemVersionPath);
+    const auto bytes =
+        place ? readFileAt(place->first.get(), place->second, kMaxPlistFileSize) : std::nullopt;
+    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    if (!plist || !plist->dict())
+        return std::nullopt;
+    return *plist->dict();
+}
+
 } // namespace
 
 std::optional<QVOSVolume> QVOSVolume::initWithMountPoint(std::string mountPoint) {
     if (mountPoint.size() > 1 && mountPoint.back() == '/')
         mountPoint.pop_back();
+    const auto info = readSystemVersion(mountPoint);
+    if (!info)
+        return std::nullopt;
+    const auto valueOf = [&](std::string_view key) -> std::optional<std::string> {
+        const auto found = info->find(key);
+        if (found == info->end() || !found->second.string())
+            return std::nullopt;
+        return *found->second.string();
+    };
     QVOSVolume volume(std::move(mountPoint));
-    volume.version_ = volume.systemVersionValue("ProductVersion");
-    volume.buildVersion_ = volume.systemVersionValue("ProductBuildVersion");
+    volume.version_ = valueOf("ProductVersion");
+    volume.buildVersion_ = valueOf("ProductBuildVersion");
     if (!volume.version_ || !volume.buildVersion_)
         return std::nullopt;
     volume.majorVersion_ = parseMajorVersion(*volume.buildVersion_);
     return volume;
-}
-
-std::optional<std::string> QVOSVolume::systemVersionValue(std::string_view key) const {
-    const auto info = readPlistDictionary(mountPoint_ + std::string(systemVersionPath));
-    if (!info)
-        return std::nullopt;
-    const auto found = info->find(key);
-    if (found == info->end() || !found->second.string())
-        return std::nullopt;
-    return *found->second.string();
 }
 
 std::expected<QVOSVolume, ArchiveError> QVOSVolume::initWithCoder(const KeyedUnarchiver& coder) {

@@ -51,7 +51,6 @@ protected:
 
 private:
     explicit QVOSVolume(std::string mountPoint) : mountPoint_(std::move(mountPoint)) {}
-    std::optional<std::string> systemVersionValue(std::string_view key) const;
 
     std::string mountPoint_;
     std::optional<std::string> version_;

@@ -45,7 +45,7 @@ TEST_F(QVOSVolumeTest, NormalisesOneTrailingSlash) {
     EXPECT_EQ(QVOSVolume::initWithMountPoint(root)->mountPoint(), root);
 }
 
-TEST_F(QVOSVolumeTest, MissingOrIncompleteSystemVersionMakesNoVolume) {
+TEST_F(QVOSVolumeTest, MissingIncompleteOrLinkedSystemVersionMakesNoVolume) {
     EXPECT_FALSE(QVOSVolume::initWithMountPoint(folder.path().string()));
     const auto file = folder / "System/Library/CoreServices/SystemVersion.plist";
     test::writePlist(file, PlistValue::Dict{{"ProductVersion", "10.12"}});
@@ -55,6 +55,17 @@ TEST_F(QVOSVolumeTest, MissingOrIncompleteSystemVersionMakesNoVolume) {
     EXPECT_FALSE(QVOSVolume::initWithMountPoint(folder.path().string()));
     test::writeText(file, "not a property list");
     EXPECT_FALSE(QVOSVolume::initWithMountPoint(folder.path().string()));
+    // A link on the disk, to the file or to a folder above it, is never followed.
+    TemporaryFolder elsewhere;
+    test::makeVolume(elsewhere.path(), "10.12.6", "16G29");
+    const auto real = elsewhere / "System/Library/CoreServices";
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink(real / "SystemVersion.plist", file);
+    EXPECT_FALSE(QVOSVolume::initWithMountPoint(folder.path().string()));
+    std::filesystem::remove_all(folder / "System/Library/CoreServices");
+    std::filesystem::create_directory_symlink(real, folder / "System/Library/CoreServices");
+    EXPECT_FALSE(QVOSVolume::initWithMountPoint(folder.path().string()));
+    EXPECT_TRUE(QVOSVolume::initWithMountPoint(elsewhere.path().string()));
 }
 
 TEST(QVOSVolumeNameTest, NameFollowsTheBuildPrefix) {
