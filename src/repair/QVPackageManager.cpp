@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,13 +21,9 @@ namespace {
 // Receipt folders are shallow; a deeper tree is not a receipt folder.
 constexpr int kMaxReceiptDepth = 16;
 
-/// What a walk of the receipt folder found; every path is relative to that folder.
-struct ReceiptScan {
-    /// Each readable receipt: its path ("Essentials/com.apple.pkg.Essentials.plist") and bytes.
-    std::vector<std::pair<std::string, std::string>> receipts;
-    /// Receipts, and folders that may hold some, that exist but could not be read.
-    std::vector<std::string> unreadable;
-};
+/// Called with each readable receipt's path relative to the receipt folder
+/// ("Essentials/com.apple.pkg.Essentials.plist") and its bytes, as the walk finds it.
+using ReceiptFound = std::function<void(const std::string& path, std::string_view bytes)>;
 
 std::string_view extensionOf(std::string_view name) {
     const auto dot = name.rfind('.');
@@ -45,11 +42,13 @@ bool isMissing(int error) {
     return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-/// Every "plist" file below folder, depth first in name order, never through a link.
-void findReceipts(int folder, const std::string& folderPath, int depth, ReceiptScan& scan) {
+/// Every "plist" file below folder, depth first in name order, never through a link. Receipts,
+/// and folders that may hold some, that exist but cannot be read go to unreadable.
+void findReceipts(int folder, const std::string& folderPath, int depth, const ReceiptFound& found,
+                  std::vector<std::string>& unreadable) {
     auto names = entryNamesAt(folder);
     if (!names) {
-        scan.unreadable.push_back(folderPath);
+        unreadable.push_back(folderPath);
         return;
     }
     std::ranges::sort(*names);
@@ -57,20 +56,20 @@ void findReceipts(int folder, const std::string& folderPath, int depth, ReceiptS
         struct stat info {};
         if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
             if (!isMissing(errno))
-                scan.unreadable.push_back(folderPath + name);
+                unreadable.push_back(folderPath + name);
         } else if (S_ISDIR(info.st_mode) && depth < kMaxReceiptDepth) {
             const UniqueFd child(
                 ::openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (child)
-                findReceipts(child.get(), folderPath + name + "/", depth + 1, scan);
+                findReceipts(child.get(), folderPath + name + "/", depth + 1, found, unreadable);
             else if (!isMissing(errno))
-                scan.unreadable.push_back(folderPath + name + "/");
+                unreadable.push_back(folderPath + name + "/");
         } else if (S_ISREG(info.st_mode) && extensionOf(name) == "plist") {
-            auto bytes = readFileAt(folder, name, kMaxPlistFileSize);
+            const auto bytes = readFileAt(folder, name, kMaxPlistFileSize);
             if (bytes)
-                scan.receipts.emplace_back(folderPath + name, std::move(*bytes));
+                found(folderPath + name, *bytes);
             else
-                scan.unreadable.push_back(folderPath + name);
+                unreadable.push_back(folderPath + name);
         }
     }
 }
@@ -133,12 +132,13 @@ void QVPackageManager::findPackages(const std::shared_ptr<const VolumeRoot>& roo
             markUnreadable(receiptDirectory());
         return;
     }
-    ReceiptScan scan;
-    findReceipts(receipts.get(), "", 0, scan);
-    for (const auto& path : scan.unreadable)
+    std::vector<std::string> unreadable;
+    findReceipts(
+        receipts.get(), "", 0,
+        [this](const std::string& path, std::string_view bytes) { addPackage(path, bytes); },
+        unreadable);
+    for (const auto& path : unreadable)
         markUnreadable(receiptDirectory() + (path.ends_with(".plist") ? bomPathOf(path) : path));
-    for (const auto& [path, bytes] : scan.receipts)
-        addPackage(path, bytes);
 }
 
 void QVPackageManager::addPackage(const std::string& receiptPath, std::string_view bytes) {
