@@ -225,7 +225,9 @@ std::optional<std::pair<UniqueFd, std::string>> openParentBelow(const std::strin
 }
 
 std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize) {
-    const UniqueFd file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    // Not blocking: a FIFO swapped in for the file would otherwise hold the open forever.
+    const UniqueFd file(
+        ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info {};
     if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
         static_cast<std::size_t>(info.st_size) > maxSize)

@@ -1,13 +1,15 @@
-// Paths beneath a volume: a missing path told from a folder that could not be opened, and the
-// order in which a walker opens each folder about once.
+// Paths beneath a volume: a missing path told from a folder that could not be opened, the
+// order in which a walker opens each folder about once, and files read without following links.
 #include "support/VolumePaths.h"
 
 #include "TestSupport.h"
+#include "support/FolderTrees.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +57,20 @@ TEST(VolumeWalkerTest, FolderOrderKeepsFoldersTogetherAndSubtreesAfterTheirFolde
     EXPECT_EQ(order, (std::vector<std::size_t>{5, 1, 6, 4, 3, 0, 2}));
     EXPECT_EQ(folderDepth(paths.size(), [&](std::size_t i) { return paths[i]; }), 3u);
     EXPECT_TRUE(folderOrder(0, [&](std::size_t i) { return paths[i]; }).empty());
+}
+
+TEST(ReadFileAtTest, OnlyARegularFileWithinTheSizeIsReadAndNothingBlocks) {
+    TemporaryFolder folder;
+    test::writeText(folder / "file", "12345");
+    std::filesystem::create_symlink("file", folder / "link");
+    ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+    const UniqueFd open(::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_EQ(readFileAt(open.get(), "file", 5), "12345");
+    EXPECT_FALSE(readFileAt(open.get(), "file", 4));
+    EXPECT_FALSE(readFileAt(open.get(), "link", 5));
+    // A FIFO with no writer would hold a blocking open forever.
+    EXPECT_FALSE(readFileAt(open.get(), "pipe", 5));
+    EXPECT_FALSE(readFileAt(open.get(), "missing", 5));
 }
 
 } // namespace
