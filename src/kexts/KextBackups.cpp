@@ -265,7 +265,14 @@ restoreInto(const fs::path& backupFolder, const QVOSVolume& volume, BackupWriter
 
 std::expected<BackupManifest, std::string> readBackupManifest(const fs::path& backupFolder) {
     const fs::path file = backupFolder / kBackupManifestName;
-    const auto plist = readPlistFile(file);
+    // A backup folder may be anyone's: the manifest is read only if it is a file, not a link.
+    const UniqueFd folder(::open(backupFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto bytes =
+        folder ? readFileAt(folder.get(), std::string(kBackupManifestName), kMaxManifestSize)
+               : std::nullopt;
+    if (!bytes)
+        return std::unexpected(file.string() + " cannot be read: not a readable file");
+    const auto plist = parsePlist(*bytes);
     auto manifest = plist ? manifestOf(*plist) : std::unexpected(plist.error().message);
     if (!manifest)
         return std::unexpected(file.string() + " cannot be read: " + manifest.error());

@@ -191,6 +191,15 @@ TEST_F(KextBackupsTest, HostileManifestsAreRefused) {
                             entry("/Library/Extensions/", "A.kext", "x/A.kext"),
                             entry("/Library/Extensions/", "A.kext", "B.kext")})
         EXPECT_FALSE(manifestWith(bad));
+    // A manifest that is a link is not followed, even to a good one.
+    const auto elsewhere = folder / "elsewhere";
+    std::filesystem::create_directory(elsewhere);
+    ASSERT_TRUE(manifestWith(entry("/Library/Extensions/", "A.kext", "A.kext")));
+    std::filesystem::rename(backup / "Manifest.plist", elsewhere / "Manifest.plist");
+    std::filesystem::create_symlink(elsewhere / "Manifest.plist", backup / "Manifest.plist");
+    EXPECT_TRUE(readBackupManifest(elsewhere));
+    EXPECT_FALSE(readBackupManifest(backup));
+    std::filesystem::remove(backup / "Manifest.plist");
     test::writeText(backup / "Manifest.plist", "not a list");
     EXPECT_FALSE(readBackupManifest(backup));
     EXPECT_FALSE(readBackupManifest(folder / "none"));
