@@ -327,22 +327,29 @@ std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::str
     return staged.substr(0, staged.rfind('/') + 1) + *listed;
 }
 
+namespace {
+
+RescueOutcome backUpKexts(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+                          const std::string& backupFolder, std::string_view operation,
+                          std::chrono::system_clock::time_point now, bool move) {
+    BackupWriter writer(backupFolder, volume, operation, now);
+    auto outcome = takeKexts(volume, kexts, writer, move);
+    finish(writer, outcome);
+    return outcome;
+}
+
+} // namespace
+
 RescueOutcome moveKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now) {
-    BackupWriter writer(backupFolder, volume, operation, now);
-    auto outcome = takeKexts(volume, kexts, writer, true);
-    finish(writer, outcome);
-    return outcome;
+    return backUpKexts(volume, kexts, backupFolder, operation, now, true);
 }
 
 RescueOutcome copyKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now) {
-    BackupWriter writer(backupFolder, volume, operation, now);
-    auto outcome = takeKexts(volume, kexts, writer, false);
-    finish(writer, outcome);
-    return outcome;
+    return backUpKexts(volume, kexts, backupFolder, operation, now, false);
 }
 
 std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path& backupFolder,
