@@ -19,7 +19,8 @@ function(quelm_add_test name)
     add_executable(${name} ${ARGN})
     target_link_libraries(${name} PRIVATE quelm_core quelm_test_support GTest::gtest_main
         GTest::gmock quelm_options)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST)
+    # Discovery runs when the tests do, on a machine that may be busy: its limit is a guard.
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 300)
 endfunction()
 
 # quelm_add_qt_test(NAME SOURCES...): one QtTest program over quelm_gui, registered with CTest.
@@ -27,11 +28,11 @@ endfunction()
 function(quelm_add_qt_test name)
     add_executable(${name} ${ARGN})
     set_target_properties(${name} PROPERTIES AUTOMOC ON)
-    target_link_libraries(${name} PRIVATE quelm_gui Qt6::Test quelm_options)
+    target_link_libraries(${name} PRIVATE quelm_gui quelm_test_support Qt6::Test quelm_options)
     set(home ${CMAKE_CURRENT_BINARY_DIR}/${name}.home)
     file(MAKE_DIRECTORY ${home}/runtime)
     file(CHMOD ${home}/runtime PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
     add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES TIMEOUT 120 ENVIRONMENT
+    set_tests_properties(${name} PROPERTIES TIMEOUT 900 ENVIRONMENT
         "QT_QPA_PLATFORM=offscreen;HOME=${home};XDG_CONFIG_HOME=${home}/.config;XDG_DATA_HOME=${home}/.local/share;XDG_RUNTIME_DIR=${home}/runtime")
 endfunction()

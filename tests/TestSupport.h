@@ -11,6 +11,10 @@
 
 namespace quelm::test {
 
+/// How long a test waits for an event before it calls the wait a hang, in milliseconds: only a
+/// guard, never what decides a test, so that a busy machine cannot fail it.
+inline constexpr int kHangGuardMs = 300'000;
+
 /// A fresh folder under the system's temporary folder, removed with everything in it.
 class TemporaryFolder {
 public:

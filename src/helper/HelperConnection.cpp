@@ -105,10 +105,7 @@ void HelperConnection::invalidate() {
     }
     // The wake pipe is ours and empty: this one byte always fits.
     (void)writeAll(wakeWriter_, "x");
-    if (std::this_thread::get_id() != readerId_) {
-        std::unique_lock lock(mutex_);
-        readerStopped_.wait(lock, [this] { return readerDone_; });
-    }
+    waitForReader();
     failPending();
     std::thread([pid = pid_] { ::waitpid(pid, nullptr, 0); }).detach();
 }
@@ -128,15 +125,27 @@ void HelperConnection::call(std::string_view selector, std::vector<RemoteValue> 
         }
     }
     const auto frame = encodeFrame(encodeCall({id, operation, std::move(arguments)}));
-    bool sent = false;
     {
         std::lock_guard lock(mutex_);
-        sent = !failed_ && !invalidated_ && writeAll(channel_, frame);
+        if (!failed_ && !invalidated_) {
+            // A helper that cannot be written to is gone or going: ending our reading side
+            // lets the reader report the break once, with the exit status that tells a
+            // refused password, before this call is answered.
+            if (!writeAll(channel_, frame))
+                ::shutdown(channel_, SHUT_RD);
+            return;
+        }
     }
-    // A helper that cannot be written to has closed its end: the reader sees it too and
-    // reports the break once, with the exit status that tells a refused password.
-    if (!sent)
-        failPending();
+    // The break was reported, or the connection closed: answer once that report is out.
+    waitForReader();
+    failPending();
+}
+
+void HelperConnection::waitForReader() {
+    if (std::this_thread::get_id() == readerId_)
+        return;
+    std::unique_lock lock(mutex_);
+    readerStopped_.wait(lock, [this] { return readerDone_; });
 }
 
 std::optional<RemoteValue> HelperConnection::callAndWait(std::string_view selector,

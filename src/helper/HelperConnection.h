@@ -42,7 +42,9 @@ public:
     HelperConnection(const HelperConnection&) = delete;
     HelperConnection& operator=(const HelperConnection&) = delete;
 
-    /// Sends the call; reply runs once with its value. One-way operations take no reply.
+    /// Sends the call; reply runs once with its value, or with nothing once the error handler
+    /// has reported the break, so that no caller sees a failed call before the application
+    /// hears why. One-way operations take no reply.
     void call(std::string_view selector, std::vector<RemoteValue> arguments,
               ReplyHandler reply = {});
     /// The same, waiting for the reply on the calling thread.
@@ -63,6 +65,8 @@ private:
     HelperConnection(int channel, int wake, int wakeWriter, int pid, Handlers handlers);
     void readLoop();
     void markReaderDone();
+    /// Returns once the reader has stopped, and at once on the reader's own thread.
+    void waitForReader();
     /// One frame's body: a progress call, or the reply to a pending call.
     void handle(std::string_view frame);
     void fail(const std::string& message, std::optional<int> exitStatus = std::nullopt);

@@ -42,25 +42,38 @@ private slots:
 
     void cleanup() { QVModalAnswers::clear(); }
 
-    void batchesWithinTheDelayAreDeliveredOnceInOrder() {
+    void batchesBeforeTheTimerAreDeliveredOnceInOrder() {
         QVMainQuelmWindowController window;
-        AppDelegate delegate(window, 300ms);
+        // The timer never fires by itself here: the test fires it, so no wait decides.
+        AppDelegate delegate(window, 24h);
         std::vector<std::vector<std::string>> deliveries;
         const auto token = NotificationCenter::defaultCenter().addObserver(
             kDidCollectAllFiles, [&](const auto& paths) { deliveries.push_back(paths); });
         delegate.openFiles({"/k/A.kext"});
-        QTest::qWait(100);
         delegate.openFiles({"/k/B.kext", "/k/C.kext"});
-        QTest::qWait(100);
+        QCoreApplication::processEvents();
         delegate.openFiles({"/k/D.kext"});
-        QTest::qWait(200);
+        QCoreApplication::processEvents();
         QVERIFY(deliveries.empty());
-        QTRY_COMPARE_WITH_TIMEOUT(deliveries.size(), std::size_t{1}, 2000);
+        delegate.start();
+        QCOMPARE(deliveries.size(), std::size_t{1});
         QCOMPARE(deliveries[0],
                  (std::vector<std::string>{"/k/A.kext", "/k/B.kext", "/k/C.kext", "/k/D.kext"}));
         delegate.openFiles({"/k/E.kext"});
-        QTRY_COMPARE_WITH_TIMEOUT(deliveries.size(), std::size_t{2}, 2000);
+        delegate.start();
+        QCOMPARE(deliveries.size(), std::size_t{2});
         QCOMPARE(deliveries[1].size(), std::size_t{5});
+        NotificationCenter::defaultCenter().removeObserver(token);
+    }
+
+    void theIntakeTimerDeliversByItself() {
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window, 10ms);
+        std::size_t deliveries = 0;
+        const auto token = NotificationCenter::defaultCenter().addObserver(
+            kDidCollectAllFiles, [&](const auto&) { ++deliveries; });
+        delegate.openFiles({"/k/A.kext"});
+        QTRY_COMPARE_WITH_TIMEOUT(deliveries, std::size_t{1}, test::kHangGuardMs);
         NotificationCenter::defaultCenter().removeObserver(token);
     }
 
@@ -91,7 +104,7 @@ private slots:
         QVMainQuelmWindowController window;
         AppDelegate delegate(window);
         delegate.applicationDidFinishLaunching();
-        QTRY_VERIFY(window.isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(window.isVisible(), test::kHangGuardMs);
         QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
         QVERIFY(delegate.applicationShouldTerminateAfterLastWindowClosed());
         // The screen is chosen once per run.
@@ -133,13 +146,13 @@ private slots:
         for (std::size_t i = 0; i < failures.size(); ++i) {
             QVModalAnswers::preset(QMessageBox::Ok);
             failures[i].first();
-            QTRY_COMPARE(terminations, static_cast<int>(i + 1));
+            QTRY_COMPARE_WITH_TIMEOUT(terminations, static_cast<int>(i + 1), test::kHangGuardMs);
             QCOMPARE(QVModalAnswers::shown().back().text, QString("An error occurred"));
             QCOMPARE(QVModalAnswers::shown().back().informativeText, failures[i].second);
         }
         // A connection is no failure: no alert, and the application goes on.
         center.post(kHelperDidConnect, NoObject{});
-        QTest::qWait(50);
+        QCoreApplication::processEvents();
         QCOMPARE(QVModalAnswers::shown().size(), failures.size());
         QCOMPARE(terminations, static_cast<int>(failures.size()));
     }
@@ -149,10 +162,13 @@ private slots:
         QVMainQuelmViewController screen;
         bool finished = false;
         connect(&screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
-        QTimer::singleShot(200, [] {
+        // Whenever the folder chooser shows, it is cancelled.
+        QTimer canceller;
+        connect(&canceller, &QTimer::timeout, [] {
             if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget()))
                 dialog->reject();
         });
+        canceller.start(10ms);
         screen.runWithANotification({"/k/A.kext"});
         QVERIFY(finished);
         QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
@@ -194,7 +210,7 @@ private slots:
         window.switchViewController(true);
         int finished = 0;
         connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { ++finished; });
-        QTest::qWait(100);
+        QCoreApplication::processEvents();
         window.close();
         auto* screen = window.installationScreen();
         QVERIFY(screen);
@@ -203,12 +219,12 @@ private slots:
                 [&](const QVUserNotification& delivered) { notifications.push_back(delivered); });
         const std::vector<std::string> batch{first.string(), (folder / "notes.txt").string()};
         NotificationCenter::defaultCenter().post(kDidCollectAllFiles, batch);
-        QTRY_VERIFY_WITH_TIMEOUT(screen->jobUnderWay(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(screen->jobUnderWay(), test::kHangGuardMs);
         QVERIFY(!screen->findChild<QPushButton*>("resetButton")->isEnabled());
         // The intake hands on everything it collected: only the new path makes a job.
         NotificationCenter::defaultCenter().post(
             kDidCollectAllFiles, std::vector<std::string>{batch[0], batch[1], late.string()});
-        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
         QVERIFY(std::filesystem::exists(volume / "Library/Extensions/First.kext"));
         QVERIFY(std::filesystem::exists(volume / "Library/Extensions/Late.kext"));
         QCOMPARE(notifications.size(), std::size_t{2});
@@ -242,11 +258,11 @@ private slots:
         connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
         QVModalAnswers::preset(QMessageBox::No);
         QVModalAnswers::preset(QMessageBox::Cancel);
-        QTest::qWait(100);
+        QCoreApplication::processEvents();
         NotificationCenter::defaultCenter().post(
             kDidCollectAllFiles,
             std::vector<std::string>{first.string(), second.string(), "/x.txt"});
-        QTRY_VERIFY_WITH_TIMEOUT(finished, 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(std::filesystem::exists(volume / "System/Library/Extensions/First.kext"));
         QVERIFY(!std::filesystem::exists(volume / "Library/Extensions/Second.kext"));
         QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions/Second.kext"));

@@ -88,7 +88,7 @@ private slots:
         auto* bar = screen.findChild<QProgressBar*>("circularIndicator");
         bar->setRange(0, 100);
         NotificationCenter::defaultCenter().post(kDidReceiveRemoteProgress, 42.5);
-        QTRY_COMPARE(bar->value(), 42);
+        QTRY_COMPARE_WITH_TIMEOUT(bar->value(), 42, test::kHangGuardMs);
         screen.reset();
         QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
         QCOMPARE(screen.findChild<QLabel*>("pathField")->toolTip(),
@@ -118,7 +118,8 @@ private slots:
         const QString name = "quelm-test-" + QString::number(QCoreApplication::applicationPid());
         listenForLaterStarts(server, name, delegate, window);
         QVERIFY(handToRunningInstance(name, {"/k/A.kext", "/k/B.kext"}, {}));
-        QTRY_COMPARE(delegate.files(), (QStringList{"/k/A.kext", "/k/B.kext"}));
+        QTRY_COMPARE_WITH_TIMEOUT(delegate.files(), (QStringList{"/k/A.kext", "/k/B.kext"}),
+                                  test::kHangGuardMs);
         QVERIFY(!handToRunningInstance(name + "-none", {"/k/C.kext"}, {}));
     }
 
@@ -135,7 +136,7 @@ private slots:
         const auto photos = folder_ / "Photos";
         fs::create_directories(photos);
         takeLaterStart({photos.string(), {"/k/A.kext"}}, delegate, window);
-        QTRY_VERIFY(finished);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(notification);
         QCOMPARE(notification->subtitle, QString("Installed: 0 Failed: 0"));
         QCOMPARE(notification->informativeText,

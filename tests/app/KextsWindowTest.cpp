@@ -103,7 +103,7 @@ private slots:
         QVModalAnswers::preset(QMessageBox::Yes);
         QVModalAnswers::preset(QMessageBox::Ok);
         window.removeSelectedKexts();
-        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, test::kHangGuardMs);
         const auto backup = onlyFolderIn(backups_);
         QVERIFY(fs::exists(backup / "Lilu.kext/Contents/MacOS/Lilu"));
         QVERIFY(!fs::exists(volume_ / "Library/Extensions/Lilu.kext"));
@@ -120,7 +120,7 @@ private slots:
         QVModalAnswers::preset(QMessageBox::Yes);
         QVModalAnswers::preset(QMessageBox::Ok);
         window.restoreFromBackup(QString::fromStdString(backup));
-        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, test::kHangGuardMs);
         QVERIFY(fs::exists(volume_ / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
         QCOMPARE(table.topLevelItemCount(), 2);
         QCOMPARE(QVModalAnswers::shown()[0].informativeText,
@@ -151,12 +151,12 @@ private slots:
                 [&](const QVUserNotification& delivered) { notification = delivered; });
         QVModalAnswers::preset(QMessageBox::No);
         QVModalAnswers::preset(QMessageBox::Yes);
-        QTest::qWait(100);
+        QCoreApplication::processEvents();
         NotificationCenter::defaultCenter().post(
             kDidCollectAllFiles, std::vector<std::string>{(kexts / "Broken.kext").string(),
                                                           (kexts / "Lilu.kext").string(),
                                                           (kexts / "Forced.kext").string()});
-        QTRY_VERIFY_WITH_TIMEOUT(finished, 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
 
         const auto& asked = QVModalAnswers::shown();
         QCOMPARE(asked.size(), std::size_t{2});

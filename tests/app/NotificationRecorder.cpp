@@ -1,11 +1,17 @@
 // A stand-in desktop notification service for the end-to-end test: owns
 // org.freedesktop.Notifications on the session bus and appends each notification to a file.
+// Usage: quelm_notification_recorder FILE READY: writes a line to READY (a FIFO the test waits
+// on) once the name is owned, and ends with the process that started it.
 #include <QCoreApplication>
 #include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
 #include <QFile>
 #include <QStringList>
 #include <QVariantMap>
+#include <csignal>
+#include <fstream>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 class NotificationService : public QObject {
     Q_OBJECT
@@ -31,8 +37,12 @@ private:
 };
 
 int main(int argc, char** argv) {
+    // A test that fails or times out must not leave its recorder behind.
+    const pid_t parent = ::getppid();
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)
+        return 1;
     QCoreApplication application(argc, argv);
-    if (argc != 2)
+    if (argc != 3)
         return 2;
     NotificationService service(QString::fromLocal8Bit(argv[1]));
     auto bus = QDBusConnection::sessionBus();
@@ -40,6 +50,7 @@ int main(int argc, char** argv) {
                             QDBusConnection::ExportAllSlots) ||
         !bus.registerService("org.freedesktop.Notifications"))
         return 1;
+    std::ofstream(argv[2]) << "ready\n";
     return QCoreApplication::exec();
 }
 

@@ -23,15 +23,14 @@ fail() {
     exit 1
 }
 
-# dbus-run-session ends the bus, and with it the recorder, once quelm has quit by itself.
-timeout 120 dbus-run-session -- bash -c '
-    "$1" "$2/notifications" &
-    for _ in $(seq 50); do
-        dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
-            org.freedesktop.DBus.NameHasOwner string:org.freedesktop.Notifications 2>/dev/null |
-            grep -q "boolean true" && break
-        sleep 0.1
-    done
+# quelm starts once the recorder owns its name; the recorder ends with the shell that started
+# it, and the bus with dbus-run-session. The time limit only guards against a hang.
+mkfifo "$work/ready"
+timeout 600 dbus-run-session -- bash -c '
+    "$1" "$2/notifications" "$2/ready" &
+    recorder=$!
+    trap "kill $recorder 2>/dev/null" EXIT
+    read -r _ <"$2/ready"
     "$3" --volume "$4" --helper-root "$2/root" "$2"/kexts/*.kext' \
     _ "$recorder" "$work" "$quelm" "$volume" >"$work/log" 2>&1 || fail "quelm did not quit by itself with status 0"
 

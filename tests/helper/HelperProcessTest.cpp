@@ -379,7 +379,7 @@ int reachChannelAs(uid_t user) {
         ::_exit(90);
     // As any program the user starts; setuid just made this process non-dumpable by itself.
     ::prctl(PR_SET_DUMPABLE, 1);
-    auto connection = HelperConnection::launch("/bin/sleep", {"30"}, {});
+    auto connection = HelperConnection::launch("/bin/cat", {}, {});
     if (!connection)
         ::_exit(91);
     const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd";
@@ -406,8 +406,9 @@ TEST(HelperChannelTest, AnotherProcessOfTheSameUserCannotReachTheChannel) {
 }
 
 TEST(HelperConnectionFailureTest, AHelperThatDiesOrBabblesIsOneConnectionError) {
-    for (const auto* script : {"head -c 20 >/dev/null; exit 3",
-                               "printf '\\000\\000\\000\\005hello'; sleep 5", "kill -9 $$"}) {
+    for (const auto* script :
+         {"head -c 20 >/dev/null; exit 3", "printf '\\000\\000\\000\\005hello'; cat >/dev/null",
+          "kill -9 $$"}) {
         std::atomic<int> errors = 0;
         std::string message;
         auto connection = HelperConnection::launch(

@@ -34,10 +34,10 @@ public:
         for (const auto token : tokens_)
             NotificationCenter::defaultCenter().removeObserver(token);
     }
-    /// The first notification, or "" after 20 seconds.
+    /// The first notification, or "" when none comes within a generous guard.
     std::string first() {
         std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, 20s, [this] { return !seen_.empty(); });
+        changed_.wait_for(lock, 120s, [this] { return !seen_.empty(); });
         return seen_.empty() ? std::string() : seen_.front();
     }
     std::vector<std::string> all() {
@@ -200,7 +200,7 @@ TEST_F(QVXPCHelperManagerTest, HelperDyingMidCallIsOneConnectionError) {
     ASSERT_EQ(outcomes.first(), kHelperDidConnect.name);
     manager.terminateHelper();
     EXPECT_EQ(manager.proxy()->callAndWait("test:", {}), std::nullopt);
-    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(manager.proxy()->callAndWait("test:", {}), std::nullopt);
     const auto seen = outcomes.all();
     EXPECT_EQ(std::ranges::count(seen, kHelperFailedToConnect.name), 1);
 }

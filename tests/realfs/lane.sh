@@ -79,9 +79,11 @@ lane() {  # FS MOUNT
     check "$fs: repair fixes it" [ "$(status_of "$quelmctl" repair-permissions --volume "$volume")" = 0 ]
     check "$fs: verify after repair is clean" [ "$(status_of "$quelmctl" verify-permissions --volume "$volume")" = 0 ]
 
+    # HFS+ keeps whole seconds: the reference is a day after the folders' old time, not "now".
     touch -d '2001-01-01' "$volume/System/Library/Extensions" "$ext"
+    touch -d '2001-01-02' /tmp/reference
     check "$fs: rebuild-caches marks the caches stale" [ "$(status_of "$quelmctl" rebuild-caches --volume "$volume")" = 0 ]
-    check "$fs: both Extensions folders are newer" test "$volume/System/Library/Extensions" -nt /tmp/info -a "$ext" -nt /tmp/info
+    check "$fs: both Extensions folders are newer" test "$volume/System/Library/Extensions" -nt /tmp/reference -a "$ext" -nt /tmp/reference
 
     # The rescue: list, take a kext off into a backup on another disk, put it back, undo both.
     local rescue=(--volume "$volume" --backup-to "/tmp/rescue-$fs")
@@ -131,7 +133,8 @@ check "apfs read-only: remove refused with status 2" [ "$(status_of "$quelmctl" 
 # The application logs the reason, then waits on its alert for a user who is not there.
 "$bin/quelm" --volume "/mnt/apfs/Macintosh HD" --helper-root /tmp/helper-root /mnt/apfs/kexts/FakeSMC.kext >/tmp/out 2>&1 &
 app=$!
-for _ in $(seq 120); do grep -q "QVMainQuelmVC::Error" /tmp/out && break; sleep 0.5; done
+# Waits for the line itself, or for quelm's end.
+grep -q -m1 "QVMainQuelmVC::Error" < <(tail -n +1 -f --pid=$app /tmp/out)
 kill $app 2>/dev/null
 wait $app 2>/dev/null
 check "apfs read-only: quelm refuses the job with the reason" says "QVMainQuelmVC::Error: .*-o readwrite"

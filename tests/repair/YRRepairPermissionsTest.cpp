@@ -40,7 +40,7 @@ std::optional<int> exitStatusWithoutProc(const std::function<int()>& work) {
     constexpr int kCannotHide = 77;
     const pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(60); // an open that blocks ends the child, not the test run
+        ::alarm(600); // an open that blocks ends the child, not the test run
         const bool hidden = ::unshare(CLONE_NEWNS) == 0 &&
                             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                             ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0 &&
@@ -374,7 +374,7 @@ ChildOutcome runUnderDescriptorLimit(rlim_t spare, const std::filesystem::path& 
     const auto resultsFile = out / "results", logFile = out / "log";
     const pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(60);
+        ::alarm(600); // a hang ends the child, not the test run
         const int results = ::open(resultsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         const int log = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         ::dup2(log, STDERR_FILENO);

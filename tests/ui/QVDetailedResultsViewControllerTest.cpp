@@ -2,6 +2,7 @@
 // rows, saving the report, its texts and the OK button.
 #include "ui/QVDetailedResultsViewController.h"
 
+#include "TestSupport.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
 
@@ -193,7 +194,7 @@ private slots:
         QFETCH(QString, descending);
         QVDetailedResultsViewController controller({QPixmap(), "", "", kFourRows});
         controller.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&controller));
+        QVERIFY(QTest::qWaitForWindowExposed(&controller, test::kHangGuardMs));
         QCOMPARE(shownOrder(controller), QString("ABCD"));
 
         QHeaderView& header = *tableOf(controller).horizontalHeader();
@@ -230,7 +231,7 @@ private slots:
     void copyPutsTheSelectedRowsWithTheirFullPathsOnTheClipboard() {
         QVDetailedResultsViewController controller({QPixmap(), "", "", kFourRows});
         controller.show();
-        QVERIFY(QTest::qWaitForWindowActive(&controller));
+        QVERIFY(QTest::qWaitForWindowActive(&controller, test::kHangGuardMs));
         QTableView& table = tableOf(controller);
         auto* copy = controller.findChild<QAction*>("actionCopy");
         QCOMPARE(copy->text(), QString("Copy"));
@@ -283,7 +284,7 @@ private slots:
                                   statuses[index % 3]));
         QVDetailedResultsViewController controller({QPixmap(), "", "", std::move(results)});
         controller.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&controller));
+        QVERIFY(QTest::qWaitForWindowExposed(&controller, test::kHangGuardMs));
         QTableView& table = tableOf(controller);
         const QAbstractItemModel& model = *table.model();
 
@@ -303,7 +304,7 @@ private slots:
         QVDetailedResultsViewController controller(
             {QPixmap(16, 16), "Verified", "Nothing to repair", {}});
         controller.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&controller));
+        QVERIFY(QTest::qWaitForWindowExposed(&controller, test::kHangGuardMs));
         QCOMPARE(controller.windowTitle(), QString("Report"));
         QCOMPARE(controller.findChild<QLabel*>("titleField")->text(), QString("Verified"));
         QCOMPARE(controller.findChild<QLabel*>("descriptionField")->text(),

@@ -1,6 +1,8 @@
 // Alerts with answers given in advance, busy bars and fades.
 #include "ui/QVViewExtensions.h"
 
+#include "TestSupport.h"
+
 #include <QAbstractButton>
 #include <QApplication>
 #include <QGraphicsOpacityEffect>
@@ -68,12 +70,12 @@ private slots:
         view.show();
         int completions = 0;
         fadeOut(view, 0.05, [&] { ++completions; });
-        QTRY_COMPARE(completions, 1);
+        QTRY_COMPARE_WITH_TIMEOUT(completions, 1, test::kHangGuardMs);
         auto* effect = qobject_cast<QGraphicsOpacityEffect*>(view.graphicsEffect());
         QVERIFY(effect);
         QCOMPARE(effect->opacity(), 0.0);
         fadeIn(view, 0.05, [&] { ++completions; });
-        QTRY_COMPARE(completions, 2);
+        QTRY_COMPARE_WITH_TIMEOUT(completions, 2, test::kHangGuardMs);
         QCOMPARE(effect->opacity(), 1.0);
     }
 };
