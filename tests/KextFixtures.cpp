@@ -90,6 +90,44 @@ fs::path makeKextBundle(const fs::path& folder, std::string_view name, const Pli
     return bundle;
 }
 
+fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
+                            const PlistValue::Dict& info, std::string_view executableBytes) {
+    const auto bundle = folder / name;
+    writePlist(bundle / "Info.plist", info);
+    if (const auto found = info.find("CFBundleExecutable");
+        found != info.end() && found->second.string())
+        writeText(bundle / *found->second.string(), executableBytes);
+    return bundle;
+}
+
+void makeCatalinaVolume(const fs::path& root) {
+    makeVolume(root, "10.15.7", "19H2");
+    const auto extensions = root / "System/Library/Extensions";
+    const auto system =
+        makeFlatKextBundle(extensions, "System.kext", kextInfo("com.apple.kernel", "19.6.0"));
+    for (const auto& [name, identifier] : std::vector<std::pair<std::string, std::string>>{
+             {"BSDKernel.kext", "com.apple.kpi.bsd"},
+             {"IOKit.kext", "com.apple.kpi.iokit"},
+             {"Libkern.kext", "com.apple.kpi.libkern"},
+             {"Mach.kext", "com.apple.kpi.mach"},
+             {"MACFramework.kext", "com.apple.kpi.dsep"},
+             {"Unsupported.kext", "com.apple.kpi.unsupported"}})
+        makeFlatKextBundle(system / "PlugIns", name,
+                           kextInfo(identifier, "19.6.0", std::nullopt, {}, "8.0.0b1"));
+    makeFlatKextBundle(extensions, "IOPCIFamily.kext",
+                       kextInfo("com.apple.iokit.IOPCIFamily", "2.9", "IOPCIFamily",
+                                {{"com.apple.kpi.iokit", "8.0.0"}}, "1.0.0b1"),
+                       thinMachO(kX86_64, true, 64));
+    makeKextBundle(root / "Library/Apple/System/Library/Extensions", "IOACPIFamily.kext",
+                   kextInfo("com.apple.iokit.IOACPIFamily", "1.4", "IOACPIFamily",
+                            {{"com.apple.kpi.iokit", "8.0.0"}}, "1.0.0d1"),
+                   thinMachO(kX86_64, true, 64));
+}
+
+fs::path realKextsFolder() {
+    return QUELM_TEST_KEXTS_DIR;
+}
+
 void makeRescueVolume(const fs::path& root) {
     makeVolume(root, "10.13.6", "17G66");
     const auto system = makeKextBundle(root / "System/Library/Extensions", "System.kext",

@@ -251,16 +251,13 @@ void QVMainQuelmViewController::refuseJob(const std::string& reason) {
 
 void QVMainQuelmViewController::checkKexts(const QVOSVolume& volume) {
     auto& kexts = QVKernelExtensionsManager::shared().kextsTBI();
-    // A library the job installs too counts as present, as it will be.
-    std::vector<std::optional<KextBundle>> bundles;
-    auto available = installedKexts(volume);
+    std::vector<std::string> paths;
     for (const auto& kext : kexts)
-        if (const auto& bundle = bundles.emplace_back(readKextBundle(kext.path())))
-            available.push_back(*bundle);
+        paths.push_back(kext.path());
+    const auto checks = quelm::checkKexts(paths, volume);
     std::vector<QVKernelExtension> accepted;
     for (std::size_t i = 0; i < kexts.size(); ++i) {
-        const auto failures = bundles[i] ? kextCheckFailures(*bundles[i], &available)
-                                         : checkKext(kexts[i].path(), std::nullopt);
+        const auto& failures = checks[i];
         if (failures.empty() || installAnyway(kexts[i], failures))
             accepted.push_back(kexts[i]);
         else

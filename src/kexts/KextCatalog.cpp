@@ -43,8 +43,8 @@ bool treeIsRight(int folder, int depth) {
     return true;
 }
 
-std::optional<PlistValue::Dict> readInfo(int contents) {
-    const auto bytes = readFileAt(contents, "Info.plist", kMaxInfoPlistSize);
+std::optional<PlistValue::Dict> readDictionaryAt(int folder, const std::string& name) {
+    const auto bytes = readFileAt(folder, name, kMaxInfoPlistSize);
     auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
     if (!plist || !plist->dict())
         return std::nullopt;
@@ -57,6 +57,19 @@ bool isFolderAt(int parent, const std::string& name) {
            S_ISDIR(info.st_mode);
 }
 
+bool existsAt(int parent, const char* name) {
+    struct stat info {};
+    return ::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+/// The folder that holds the bundle's Info.plist, code and plug-ins: Contents when the bundle
+/// has an entry of that name (a link there opens nothing), else the bundle's top, as Apple lays
+/// out System.kext, its plug-ins and some families.
+UniqueFd openInfoFolder(int bundle, bool& flat) {
+    flat = !existsAt(bundle, "Contents");
+    return flat ? UniqueFd(::fcntl(bundle, F_DUPFD_CLOEXEC, 0)) : openFolderAt(bundle, "Contents");
+}
+
 std::vector<std::string> kextNamesIn(int folder) {
     auto names = entryNamesAt(folder).value_or(std::vector<std::string>{});
     std::erase_if(names, [&](const std::string& name) {
@@ -66,29 +79,40 @@ std::vector<std::string> kextNamesIn(int folder) {
     return names;
 }
 
+std::optional<std::expected<MachOFile, MachOError>> readExecutable(const KextBundle& kext,
+                                                                   int infoFolder) {
+    const std::string executable = kext.infoString("CFBundleExecutable");
+    if (executable.empty())
+        return std::nullopt;
+    if (!isPlainFileName(executable))
+        return std::unexpected(MachOError{"names no file"});
+    if (kext.flat)
+        return readMachOAt(infoFolder, executable);
+    const UniqueFd code = openFolderAt(infoFolder, "MacOS");
+    return code ? readMachOAt(code.get(), executable)
+                : std::unexpected(MachOError{"cannot be opened"});
+}
+
 KextBundle readBundle(int parent, const std::string& name, const std::string& path, int depth) {
-    KextBundle kext{name, path, std::nullopt, std::nullopt, false, false, {}};
+    KextBundle kext;
+    kext.name = name;
+    kext.path = path;
     const UniqueFd bundle = openFolderAt(parent, name);
     if (!bundle)
         return kext;
     kext.ownersAndModesRight = treeIsRight(bundle.get(), 0);
-    const UniqueFd contents = openFolderAt(bundle.get(), "Contents");
-    if (!contents)
+    const UniqueFd infoFolder = openInfoFolder(bundle.get(), kext.flat);
+    if (!infoFolder)
         return kext;
-    kext.info = readInfo(contents.get());
-    kext.hasCodeSignature = isFolderAt(contents.get(), "_CodeSignature");
-    if (const std::string executable = kext.infoString("CFBundleExecutable"); !executable.empty()) {
-        const UniqueFd code = openFolderAt(contents.get(), "MacOS");
-        kext.executable = !isPlainFileName(executable)
-                              ? std::unexpected(MachOError{"names no file"})
-                          : code ? readMachOAt(code.get(), executable)
-                                 : std::unexpected(MachOError{"cannot be opened"});
-    }
-    const UniqueFd plugIns = openFolderAt(contents.get(), "PlugIns");
+    kext.info = readDictionaryAt(infoFolder.get(), "Info.plist");
+    kext.hasCodeSignature = isFolderAt(infoFolder.get(), "_CodeSignature");
+    kext.executable = readExecutable(kext, infoFolder.get());
+    const UniqueFd plugIns = openFolderAt(infoFolder.get(), "PlugIns");
+    const std::string plugInsPath = path + (kext.flat ? "/PlugIns/" : "/Contents/PlugIns/");
     if (plugIns && depth < kMaxPlugInDepth)
         for (const auto& plugIn : kextNamesIn(plugIns.get()))
             kext.plugIns.push_back(
-                readBundle(plugIns.get(), plugIn, path + "/Contents/PlugIns/" + plugIn, depth + 1));
+                readBundle(plugIns.get(), plugIn, plugInsPath + plugIn, depth + 1));
     return kext;
 }
 
@@ -126,6 +150,15 @@ std::optional<KextBundle> readKextBundle(const std::string& path) {
     if (!parent || !isPlainFileName(name) || !isFolderAt(parent.get(), name))
         return std::nullopt;
     return readKextBundleAt(parent.get(), name, bundle.string());
+}
+
+std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std::string& name) {
+    const std::filesystem::path bundle = absoluteNormalPath(path);
+    const UniqueFd parent(::open(bundle.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd opened = parent ? openFolderAt(parent.get(), bundle.filename()) : UniqueFd();
+    bool flat = false;
+    const UniqueFd infoFolder = opened ? openInfoFolder(opened.get(), flat) : UniqueFd();
+    return infoFolder ? readDictionaryAt(infoFolder.get(), name) : std::nullopt;
 }
 
 std::vector<KextBundle> installedKexts(const QVOSVolume& volume) {

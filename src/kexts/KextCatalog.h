@@ -15,18 +15,23 @@
 
 namespace quelm {
 
-/// The folders of a volume that kexts are loaded from, as the folder policy names them.
-inline constexpr std::array<std::string_view, 3> kExtensionsFolders{
-    "/System/Library/Extensions/", "/Library/Extensions/", "/Extra/Extensions/"};
+/// The folders of a volume that kexts are loaded from: the three of the folder policy, and
+/// the one where macOS 10.15 and later keep Apple's own kexts beside the system's.
+inline constexpr std::array<std::string_view, 4> kExtensionsFolders{
+    "/System/Library/Extensions/", "/Library/Extensions/", "/Extra/Extensions/",
+    "/Library/Apple/System/Library/Extensions/"};
 
-/// Plug-ins nest in their parent's Contents/PlugIns; deeper nesting is not looked into.
+/// Plug-ins nest in their parent's PlugIns folder; deeper nesting is not looked into.
 inline constexpr int kMaxPlugInDepth = 3;
 
-/// One kext bundle as read from the disk.
+/// One kext bundle as read from the disk, in either layout that macOS loads: Info.plist, the
+/// executable (in MacOS) and PlugIns inside Contents, or, flat, all of them at the bundle's top.
 struct KextBundle {
     std::string name; ///< "Lilu.kext"
     std::string path; ///< where it was read: "/Library/Extensions/Lilu.kext" on a volume
-    /// Its Contents/Info.plist; nothing when it cannot be read as a dictionary.
+    /// True when the bundle has no Contents folder.
+    bool flat = false;
+    /// Its Info.plist; nothing when it cannot be read as a dictionary.
     std::optional<PlistValue::Dict> info;
     /// The code its CFBundleExecutable names; nothing when it names none.
     std::optional<std::expected<MachOFile, MachOError>> executable;
@@ -50,6 +55,11 @@ KextBundle readKextBundleAt(int parent, const std::string& name, const std::stri
 /// The bundle at a path the user gives (links on the way to it are the user's); nothing when
 /// it is not a folder.
 std::optional<KextBundle> readKextBundle(const std::string& path);
+
+/// The property list name ("Info.plist", "version.plist") of the bundle at path, in either
+/// layout, read without following links inside the bundle; nothing when it is missing or not a
+/// dictionary.
+std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std::string& name);
 
 /// The kexts in the volume's extensions folders, folder by folder in name order, each with its
 /// plug-ins. A missing folder has none.

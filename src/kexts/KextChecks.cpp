@@ -49,20 +49,43 @@ std::optional<std::string> libraryFailure(const std::string& kextName, const Kex
     return std::nullopt;
 }
 
-void checkLibraries(const KextBundle& kext, const std::vector<KextBundle>& volumeKexts,
+/// The libraries' entry that a 64-bit Intel kernel reads: the architecture's own list replaces
+/// the plain one when there is one.
+PlistValue::Dict::const_iterator libraryList(const KextBundle& kext, std::string& key) {
+    for (const auto* name : {"OSBundleLibraries_x86_64", "OSBundleLibraries"}) {
+        key = name;
+        if (const auto found = kext.info->find(key); found != kext.info->end())
+            return found;
+    }
+    return kext.info->end();
+}
+
+/// The old kernel's own identifiers, which only a 32-bit kernel offers to kexts.
+bool isThirtyTwoBitKernelLibrary(std::string_view identifier) {
+    return identifier == "com.apple.kernel" || identifier.starts_with("com.apple.kernel.");
+}
+
+void checkLibraries(const KextBundle& kext, const std::vector<KextBundle>& available,
                     std::vector<std::string>& failures) {
-    const auto found = kext.info->find("OSBundleLibraries");
+    std::string key;
+    const auto found = libraryList(kext, key);
     if (found == kext.info->end())
         return;
     if (!found->second.dict()) {
-        failures.push_back(kext.name + "'s OSBundleLibraries is not a dictionary of bundle "
-                                       "identifiers and versions.");
+        failures.push_back(kext.name + "'s " + key +
+                           " is not a dictionary of bundle identifiers and versions.");
         return;
     }
-    const auto all = withPlugIns(volumeKexts);
+    const auto all = withPlugIns(available);
     for (const auto& [identifier, value] : *found->second.dict()) {
         if (!value.string()) {
             failures.push_back(kext.name + " gives no version string for " + identifier + ".");
+            continue;
+        }
+        if (isThirtyTwoBitKernelLibrary(identifier)) {
+            failures.push_back(kext.name + " needs " + identifier +
+                               ", which only a 32-bit kernel has, so no 64-bit Intel Mac can "
+                               "load it.");
             continue;
         }
         std::optional<std::string> failure =
@@ -82,9 +105,9 @@ void checkLibraries(const KextBundle& kext, const std::vector<KextBundle>& volum
 } // namespace
 
 std::vector<std::string> kextCheckFailures(const KextBundle& kext,
-                                           const std::vector<KextBundle>* volumeKexts) {
+                                           const std::vector<KextBundle>* available) {
     if (!kext.info)
-        return {kext.name + " has no readable Contents/Info.plist."};
+        return {kext.name + " has no readable Info.plist."};
     std::vector<std::string> failures;
     if (const auto type = kext.infoString("CFBundlePackageType"); type != "KEXT")
         failures.push_back(kext.name + " is not a kext bundle: its CFBundlePackageType is " +
@@ -97,20 +120,24 @@ std::vector<std::string> kextCheckFailures(const KextBundle& kext,
                            " is not a kext version such as 1.2.3.");
     if (auto failure = executableFailure(kext))
         failures.push_back(std::move(*failure));
-    if (volumeKexts)
-        checkLibraries(kext, *volumeKexts, failures);
+    if (available)
+        checkLibraries(kext, *available, failures);
     return failures;
 }
 
-std::vector<std::string> checkKext(const std::string& path,
-                                   const std::optional<QVOSVolume>& volume) {
-    const auto kext = readKextBundle(path);
-    if (!kext)
-        return {path + " is not a kext bundle folder."};
-    if (!volume)
-        return kextCheckFailures(*kext, nullptr);
-    const auto volumeKexts = installedKexts(*volume);
-    return kextCheckFailures(*kext, &volumeKexts);
+std::vector<std::vector<std::string>> checkKexts(const std::vector<std::string>& paths,
+                                                 const std::optional<QVOSVolume>& volume) {
+    std::vector<std::optional<KextBundle>> bundles;
+    auto available = volume ? installedKexts(*volume) : std::vector<KextBundle>{};
+    for (const auto& path : paths)
+        if (const auto& bundle = bundles.emplace_back(readKextBundle(path)))
+            available.push_back(*bundle);
+    std::vector<std::vector<std::string>> failures;
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        failures.push_back(!bundles[i]
+                               ? std::vector{paths[i] + " is not a kext bundle folder."}
+                               : kextCheckFailures(*bundles[i], volume ? &available : nullptr));
+    return failures;
 }
 
 } // namespace quelm

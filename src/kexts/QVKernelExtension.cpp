@@ -1,7 +1,7 @@
 // One kext bundle, known by its file URL; name, path and version are read on demand.
 #include "kexts/QVKernelExtension.h"
 
-#include "support/PropertyList.h"
+#include "kexts/KextCatalog.h"
 
 #include <array>
 #include <functional>
@@ -21,9 +21,8 @@ void QVKernelExtension::encodeWithCoder(KeyedArchiver& coder) const {
 }
 
 std::optional<std::string> QVKernelExtension::version() const {
-    const std::string bundle = path();
-    const auto info = readPlistDictionary(bundle + std::string(infoPlistPath));
-    const auto versionList = readPlistDictionary(bundle + std::string(versionPlistPath));
+    const auto info = readKextPlist(path(), "Info.plist");
+    const auto versionList = readKextPlist(path(), "version.plist");
     const auto entry = [](const auto& list, std::string_view key) -> const PlistValue* {
         if (!list)
             return nullptr;

@@ -15,8 +15,6 @@ namespace quelm {
 class QVKernelExtension {
 public:
     static constexpr std::string_view className = "QVKernelExtension";
-    static constexpr std::string_view infoPlistPath = "/Contents/Info.plist";
-    static constexpr std::string_view versionPlistPath = "/Contents/version.plist";
 
     /// Stores the URL only; never looks at the disk.
     explicit QVKernelExtension(FileURL url) : url_(std::move(url)) {}

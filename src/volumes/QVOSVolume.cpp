@@ -100,7 +100,7 @@ std::size_t QVOSVolume::hash() const {
 }
 
 std::string QVOSVolume::getOSNameString() const {
-    static constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kNames{{
+    static constexpr std::array<std::pair<std::string_view, std::string_view>, 16> kNames{{
         {"10", "Mac OS X Snow Leopard"},
         {"11", "Mac OS X Lion"},
         {"12", "OS X Mountain Lion"},
@@ -108,7 +108,15 @@ std::string QVOSVolume::getOSNameString() const {
         {"14", "OS X Yosemite"},
         {"15", "OS X El Capitan"},
         {"16", "macOS Sierra"},
-        {"17", "macOS 10.13 <TBA>"},
+        {"17", "macOS High Sierra"},
+        {"18", "macOS Mojave"},
+        {"19", "macOS Catalina"},
+        {"20", "macOS Big Sur"},
+        {"21", "macOS Monterey"},
+        {"22", "macOS Ventura"},
+        {"23", "macOS Sonoma"},
+        {"24", "macOS Sequoia"},
+        {"25", "macOS Tahoe"},
     }};
     const std::string prefix = characterRange(buildVersion_.value_or(""), 0, 1);
     for (const auto& [build, name] : kNames)

@@ -189,6 +189,50 @@ private slots:
         QCOMPARE(lastRecord().backup, backup.string());
     }
 
+    void theWindowShowsFlatBundlesLikeTheOthers() {
+        const auto catalina = folder_ / "Catalina";
+        test::makeCatalinaVolume(catalina);
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(catalina));
+        QVInstalledKextsViewController window;
+        auto& table = *window.findChild<QTreeWidget*>("kextsTable");
+        QCOMPARE(table.topLevelItemCount(), 3);
+        const QStringList pci{"IOPCIFamily.kext", "com.apple.iokit.IOPCIFamily", "2.9",
+                              "/System/Library/Extensions/", "Yes"};
+        for (int column = 0; column < pci.size(); ++column)
+            QCOMPARE(table.topLevelItem(0)->text(column), pci[column]);
+        QCOMPARE(table.topLevelItem(0)->text(7), QString("x86_64"));
+        auto* system = table.topLevelItem(1);
+        QCOMPARE(system->childCount(), 6);
+        QCOMPARE(system->child(0)->text(1), QString("com.apple.kpi.bsd"));
+        QCOMPARE(system->child(0)->text(2), QString("19.6.0"));
+    }
+
+    void realKextsWhoseLibrariesAreThereRaiseNoQuestion() {
+        const auto catalina = folder_ / "Catalina";
+        test::makeCatalinaVolume(catalina);
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(catalina));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        bool finished = false;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
+        std::optional<QVUserNotification> notification;
+        connect(window.installationScreen(), &QVMainQuelmViewController::notified,
+                [&](const QVUserNotification& delivered) { notification = delivered; });
+        const std::vector<std::string> names{"SMCProcessor.kext", "VirtualSMC.kext", "Lilu.kext"};
+        std::vector<std::string> paths;
+        for (const auto& name : names)
+            paths.push_back((test::realKextsFolder() / name).string());
+        NotificationCenter::defaultCenter().post(kDidCollectAllFiles, paths);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
+
+        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{0});
+        for (const auto& name : names)
+            QVERIFY(fs::exists(catalina / "Library/Extensions" / name / "Contents/Info.plist"));
+        QVERIFY(notification);
+        QCOMPARE(notification->subtitle, QString("Installed: 3 Failed: 0"));
+    }
+
 private:
     test::TemporaryFolder helperRoot_;
     test::TemporaryFolder folder_;

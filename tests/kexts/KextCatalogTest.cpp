@@ -45,7 +45,11 @@ protected:
     /// The failures of a kext made in the incoming folder.
     std::vector<std::string> failuresOf(std::string_view name, const PlistValue::Dict& info,
                                         std::string_view executable = {}) {
-        return checkKext(makeKextBundle(incoming, name, info, executable).string(), volume());
+        return checkOne(makeKextBundle(incoming, name, info, executable), volume());
+    }
+    static std::vector<std::string> checkOne(const fs::path& kext,
+                                             const std::optional<QVOSVolume>& volume) {
+        return checkKexts({kext.string()}, volume).at(0);
     }
 
     test::TemporaryFolder folder;
@@ -129,9 +133,9 @@ TEST_F(KextVolumeTest, EachFailingCheckGivesOneSentence) {
                   "App.kext's CFBundleVersion \"one\" is not a kext version such as 1.2.3."}));
 
     test::writeText(incoming / "Broken.kext/Contents/Info.plist", "<plist><dict><key>");
-    EXPECT_EQ(checkKext((incoming / "Broken.kext").string(), volume()),
-              std::vector<std::string>{"Broken.kext has no readable Contents/Info.plist."});
-    EXPECT_EQ(checkKext((folder / "nowhere.kext").string(), volume()).size(), 1u);
+    EXPECT_EQ(checkOne(incoming / "Broken.kext", volume()),
+              std::vector<std::string>{"Broken.kext has no readable Info.plist."});
+    EXPECT_EQ(checkOne(folder / "nowhere.kext", volume()).size(), 1u);
 }
 
 TEST_F(KextVolumeTest, LibrariesMustBeThereAndServeTheVersionAsked) {
@@ -152,13 +156,18 @@ TEST_F(KextVolumeTest, LibrariesMustBeThereAndServeTheVersionAsked) {
                   "oldest version that /Library/Extensions/Lilu.kext still serves."});
     EXPECT_EQ(needing("Plug.kext", "com.apple.kpi.iokit", "8.0.0b1"), std::vector<std::string>{})
         << "a plug-in's library, at its compatible version exactly";
-    EXPECT_EQ(needing("Kernel.kext", "com.apple.kernel", "17.0").size(), 1u)
+    EXPECT_EQ(needing("Kernel.kext", "com.apple.kernel", "17.0"),
+              std::vector<std::string>{"Kernel.kext needs com.apple.kernel, which only a 32-bit "
+                                       "kernel has, so no 64-bit Intel Mac can load it."});
+    test::writePlist(root / "Library/Extensions/Bare.kext/Contents/Info.plist",
+                     kextInfo("com.example.Bare", "2.0"));
+    EXPECT_EQ(needing("Bare.kext", "com.example.Bare", "1.0").size(), 1u)
         << "a library that declares no compatible version serves no one";
     EXPECT_EQ(needing("Typo.kext", "as.vit9696.Lilu", "1.x").size(), 1u);
 
     // Without a volume the libraries are not checked.
     const auto missing = incoming / "Missing.kext";
-    EXPECT_TRUE(checkKext(missing.string(), std::nullopt).empty());
+    EXPECT_TRUE(checkOne(missing, std::nullopt).empty());
 }
 
 } // namespace

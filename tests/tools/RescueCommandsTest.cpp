@@ -107,6 +107,40 @@ TEST_F(RescueCommandsTest, InstallRefusesAKextThatCannotLoadUnlessForced) {
               std::string::npos);
 }
 
+TEST_F(RescueCommandsTest, RealKextsPassOnAVolumeLaidOutAsAppleShipsIt) {
+    const auto catalina = folder / "Catalina";
+    test::makeCatalinaVolume(catalina);
+    const std::string on = " --volume " + shellQuote(catalina.string()) + " ";
+    const auto real = [](std::string_view name) {
+        return " " + shellQuote((test::realKextsFolder() / name).string());
+    };
+    const auto listing = quelmctl("kexts" + on);
+    EXPECT_NE(listing.output.find("IOPCIFamily.kext (com.apple.iokit.IOPCIFamily 2.9) in "
+                                  "/System/Library/Extensions/: x86_64; Apple's"),
+              std::string::npos)
+        << listing.output;
+    EXPECT_NE(listing.output.find("\n  BSDKernel.kext (com.apple.kpi.bsd 19.6.0) in "
+                                  "/System/Library/Extensions/System.kext/PlugIns/"),
+              std::string::npos)
+        << listing.output;
+
+    auto result = quelmctl("check-kext" + on + real("VirtualSMC.kext"));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output,
+              "VirtualSMC.kext needs as.vit9696.Lilu, which is not on the volume.\n");
+    const std::string all = real("Lilu.kext") + real("VirtualSMC.kext") + real("SMCProcessor.kext");
+    result = quelmctl("check-kext" + on + all);
+    EXPECT_EQ(result.status, 0) << result.output;
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "installed kexts belong to root";
+    result = quelmctl("install --folder library" + on + backupTo() + all);
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_EQ(result.output.find("refused"), std::string::npos) << result.output;
+    for (const auto* name : {"Lilu.kext", "VirtualSMC.kext", "SMCProcessor.kext"})
+        EXPECT_TRUE(fs::exists(catalina / "Library/Extensions" / name / "Contents/Info.plist"))
+            << name;
+}
+
 TEST_F(RescueCommandsTest, RemoveRestoreAndUndoGoBackAndForth) {
     if (!test::runningAsRoot())
         GTEST_SKIP() << "restored kexts belong to root";

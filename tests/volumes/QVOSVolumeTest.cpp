@@ -71,8 +71,11 @@ TEST_F(QVOSVolumeTest, MissingIncompleteOrLinkedSystemVersionMakesNoVolume) {
 TEST(QVOSVolumeNameTest, NameFollowsTheBuildPrefix) {
     EXPECT_EQ(nameFor("10A432"), "Mac OS X Snow Leopard");
     EXPECT_EQ(nameFor("15G31"), "OS X El Capitan");
-    EXPECT_EQ(nameFor("17A365"), "macOS 10.13 <TBA>");
-    EXPECT_EQ(nameFor("18A391"), "Mac OS Legacy");
+    EXPECT_EQ(nameFor("17A365"), "macOS High Sierra");
+    EXPECT_EQ(nameFor("19H2"), "macOS Catalina");
+    EXPECT_EQ(nameFor("20G817"), "macOS Big Sur");
+    EXPECT_EQ(nameFor("25A354"), "macOS Tahoe");
+    EXPECT_EQ(nameFor("26A1"), "Mac OS Legacy");
     EXPECT_EQ(nameFor("9L31a"), "Mac OS Legacy");
     EXPECT_EQ(nameFor("1"), "Mac OS Legacy");
 }

@@ -14,14 +14,16 @@ struct Options {
     std::vector<std::string> kexts;
 };
 
-int checkKexts(const Options& options) {
+int printChecks(const Options& options) {
     std::optional<QVOSVolume> volume;
     if (!options.volume.empty() && !(volume = openVolume(options.volume)))
         return 2;
     int status = 0;
     std::string json;
-    for (const auto& path : options.kexts) {
-        const auto failures = checkKext(path, volume);
+    const auto checks = checkKexts(options.kexts, volume);
+    for (std::size_t i = 0; i < options.kexts.size(); ++i) {
+        const auto& path = options.kexts[i];
+        const auto& failures = checks[i];
         status = failures.empty() ? status : 1;
         if (options.json) {
             json += (json.empty() ? "\n " : ",\n ") + std::string("{\"kext\": ") +
@@ -48,8 +50,9 @@ void addCheckKextCommand(CLI::App& app, int& status) {
         "check-kext",
         "Check kext bundles before they go onto a volume: a readable Info.plist, package type "
         "KEXT, a bundle identifier, a kext version, an executable with 64-bit Intel code, and "
-        "every library it names (OSBundleLibraries) on the volume at a version that serves it. "
-        "One sentence per failing check.");
+        "every library it names (OSBundleLibraries_x86_64, else OSBundleLibraries) on the "
+        "volume or among the kexts checked with it, at a version that serves it. Kexts checked "
+        "together count as installed together. One sentence per failing check.");
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume,
                         "Mount point of the macOS volume whose kexts must provide the libraries");
@@ -57,7 +60,7 @@ void addCheckKextCommand(CLI::App& app, int& status) {
     command->add_option("KEXT", options->kexts, "The .kext bundles to check")->required();
     command->footer("Exit status: 0 when every kext passes, 1 when one fails a check, 2 when "
                     "the --volume folder is no macOS volume.");
-    command->callback([options, &status] { status = checkKexts(*options); });
+    command->callback([options, &status] { status = printChecks(*options); });
 }
 
 } // namespace quelm::ctl

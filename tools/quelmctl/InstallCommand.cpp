@@ -114,16 +114,13 @@ Plan planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionF
 std::vector<QVKernelExtension> checkedKexts(const std::vector<QVKernelExtension>& kexts,
                                             const QVOSVolume& volume, bool force, int& refused,
                                             Report& report) {
-    std::vector<std::optional<KextBundle>> bundles;
-    auto available = installedKexts(volume);
+    std::vector<std::string> paths;
     for (const auto& kext : kexts)
-        if (const auto& bundle = bundles.emplace_back(readKextBundle(kext.path())))
-            available.push_back(*bundle);
+        paths.push_back(kext.path());
+    const auto checks = checkKexts(paths, volume);
     std::vector<QVKernelExtension> passed;
     for (std::size_t i = 0; i < kexts.size(); ++i) {
-        const auto failures = bundles[i]
-                                  ? kextCheckFailures(*bundles[i], &available)
-                                  : std::vector{kexts[i].path() + " is not a kext bundle folder."};
+        const auto& failures = checks[i];
         for (const auto& failure : failures)
             report.say(failure, "checkFailures", failure);
         if (failures.empty() || force) {

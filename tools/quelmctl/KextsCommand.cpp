@@ -85,8 +85,10 @@ int listKexts(const Options& options) {
 
 void addKextsCommand(CLI::App& app, int& status) {
     auto* command = app.add_subcommand(
-        "kexts", "List every kext in /System/Library/Extensions, /Library/Extensions and "
-                 "/Extra/Extensions of a volume: name, bundle identifier, version, folder, "
+        "kexts", "List every kext in /System/Library/Extensions, /Library/Extensions, "
+                 "/Extra/Extensions and /Library/Apple/System/Library/Extensions of a volume, "
+                 "in either bundle layout (Contents, or flat as Apple ships some of its own): "
+                 "name, bundle identifier, version, folder, "
                  "whether it is Apple's, whether its owners and modes are right, whether it has "
                  "a code signature, and the CPU types of its executable. Plug-ins are listed "
                  "under their kext.");
