@@ -124,7 +124,9 @@ QVXPCVESKHelper::installWithKernelExtensions(const std::vector<QVKernelExtension
                                              const QVOSVolume& volume) const {
     if (!isAcceptableVolume(volume))
         return kexts;
-    return installKernelExtensions(kexts, folder, volume);
+    // Root copies for the user who asked: only what that user could read.
+    const Reader reader = Reader::forUser(callerUid());
+    return installKernelExtensions(kexts, folder, volume, &reader);
 }
 
 std::vector<QVKernelExtension> QVXPCVESKHelper::backupWithKernelExtensions(

@@ -3,6 +3,7 @@
 #include "kexts/KextBackups.h"
 
 #include "kexts/KextHistory.h"
+#include "kexts/KextSwaps.h"
 #include "support/Files.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
@@ -92,7 +93,7 @@ std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
 bool writeManifestAt(int folder, const BackupManifest& manifest) {
     const auto bytes = serializePlist(plistOf(manifest), PlistFormat::xml);
     const std::string name(kBackupManifestName);
-    const std::string temporary = "." + name + ".quelm-staging";
+    const std::string temporary = hiddenName(name, HiddenRole::staging);
     const UniqueFd file(::openat(folder, temporary.c_str(),
                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     const bool written = bytes && file && writeAll(file.get(), *bytes) &&
@@ -103,10 +104,9 @@ bool writeManifestAt(int folder, const BackupManifest& manifest) {
     return written;
 }
 
-/// A backup folder made on first use; kexts are moved or copied into it, the manifest last.
+/// A backup folder made on first use. The manifest names each kext before it moves, so that no
+/// backup is ever without its manifest; a kext that could not be taken leaves it again.
 class BackupWriter {
-    enum class Taken { nothing, whole, copiedOnly };
-
 public:
     BackupWriter(std::string folder, const QVOSVolume& volume, std::string_view operation,
                  std::chrono::system_clock::time_point now)
@@ -115,34 +115,34 @@ public:
                                                 std::string(operation),
                                                 {}} {}
 
-    /// Takes name from the open folder, known as sourceFolder on the volume.
+    /// Takes name from the open folder, known as sourceFolder on the volume: moved, or copied.
     bool take(int folder, const std::string& name, const std::string& sourceFolder, bool move) {
         if (!open())
             return false;
         auto [destination, pathInBackup] = placeFor(name);
         if (!destination)
             return false;
-        const Taken taken = move ? moveTree(folder, name, destination.get())
-                            : copyTreeAt(folder, name, destination.get(), name, std::nullopt)
-                                ? Taken::whole
-                                : Taken::nothing;
-        // A whole copy whose original could not be removed stays in the backup.
-        if (taken != Taken::nothing)
-            manifest_.items.push_back({sourceFolder, name, pathInBackup});
-        else if (!removeTreeAt(destination.get(), name))
-            logLine("KextBackups::Error: Unable to remove a partial copy in " + folder_);
-        return taken == Taken::whole;
+        manifest_.items.push_back({sourceFolder, name, pathInBackup});
+        if (!writeManifestAt(folder_fd_.get(), manifest_)) {
+            manifest_.items.pop_back();
+            return false;
+        }
+        if (move ? moveTree(folder, name, destination.get())
+                 : copyWhole(folder, name, destination.get()))
+            return true;
+        manifest_.items.pop_back();
+        if (!writeManifestAt(folder_fd_.get(), manifest_))
+            logLine("KextBackups::Error: the manifest of " + folder_ + " still names " + name +
+                    ", which is not in the backup");
+        return false;
     }
 
-    /// Writes the manifest when the folder holds anything; an empty folder is taken away.
+    /// An empty folder is taken away; the manifest of any other is written already.
     bool finish() {
-        if (!folder_fd_)
+        if (!folder_fd_ || !manifest_.items.empty())
             return true;
-        if (manifest_.items.empty()) {
-            const auto place = openParentBelow("/", folder_);
-            return place && removeTreeAt(place->first.get(), place->second);
-        }
-        return writeManifestAt(folder_fd_.get(), manifest_);
+        const auto place = openParentBelow("/", folder_);
+        return place && removeTreeAt(place->first.get(), place->second);
     }
 
     /// The folder, once something went into it.
@@ -183,17 +183,33 @@ private:
         }
     }
 
-    /// A rename where the backup lies on the same disk; elsewhere a whole copy, and only then
-    /// the removal of the original.
-    static Taken moveTree(int folder, const std::string& name, int destination) {
+    /// A copy made under a hidden name, then renamed: the backup holds whole kexts only.
+    static bool copyWhole(int folder, const std::string& name, int destination) {
+        const std::string staging = hiddenName(name, HiddenRole::staging);
+        if (copyTreeAt(folder, name, destination, staging, std::nullopt) &&
+            ::renameat(destination, staging.c_str(), destination, name.c_str()) == 0)
+            return true;
+        if (!removeTreeAt(destination, staging))
+            logLine("KextBackups::Error: Unable to remove a partial copy " + staging);
+        return false;
+    }
+
+    /// A rename where the backup lies on the same disk; elsewhere a whole copy, then the
+    /// original goes out under a hidden name, so that the volume never holds part of it.
+    static bool moveTree(int folder, const std::string& name, int destination) {
         if (::renameat(folder, name.c_str(), destination, name.c_str()) == 0)
-            return Taken::whole;
-        if (errno != EXDEV || !copyTreeAt(folder, name, destination, name, std::nullopt))
-            return Taken::nothing;
-        if (removeTreeAt(folder, name))
-            return Taken::whole;
-        logLine("KextBackups::Error: " + name + " was copied to the backup but not removed");
-        return Taken::copiedOnly;
+            return true;
+        if (errno != EXDEV || !copyWhole(folder, name, destination))
+            return false;
+        const std::string removing = hiddenName(name, HiddenRole::removing);
+        if (::renameat(folder, name.c_str(), folder, removing.c_str()) != 0) {
+            if (!removeTreeAt(destination, name))
+                logLine("KextBackups::Error: Unable to remove the copy of " + name);
+            return false;
+        }
+        if (!removeTreeAt(folder, removing))
+            logLine("KextBackups::Error: Unable to remove " + removing + "; the next run will");
+        return true;
     }
 
     std::string folder_;
@@ -223,24 +239,23 @@ void finish(BackupWriter& writer, RescueOutcome& outcome) {
     outcome.backupFolder = writer.made();
 }
 
-/// Copies the kext from the backup under a staging name, moves aside what stands in its place,
-/// then renames the copy into place.
+/// Copies the kext from the backup under a staging name, copies what stands in its place into
+/// the backup of replaced kexts, then swaps the copy into place: a failure at any step leaves
+/// the installed kext as it was.
 bool putBack(int from, int to, const BackupItem& item, BackupWriter& replaced) {
-    const std::string staging = "." + item.name + ".quelm-staging";
-    if (!removeTreeAt(to, staging) ||
-        !copyTreeAt(from, item.name, to, staging, kSystemAttributes)) {
-        if (!removeTreeAt(to, staging))
-            logLine("KextBackups::Error: Unable to remove " + staging);
-        return false;
-    }
+    const std::string staging = hiddenName(item.name, HiddenRole::staging);
     const auto installed = listedNameAt(to, item.name);
-    if ((installed && !replaced.take(to, *installed, item.sourceFolder, true)) ||
-        ::renameat(to, staging.c_str(), to, item.name.c_str()) != 0) {
+    if (!copyTreeAt(from, item.name, to, staging, kSystemAttributes) ||
+        (installed && !replaced.take(to, *installed, item.sourceFolder, false))) {
         if (!removeTreeAt(to, staging))
             logLine("KextBackups::Error: Unable to remove " + staging);
         return false;
     }
-    return true;
+    const auto old = swapIntoPlace(to, staging, item.name);
+    const std::string leftover = old ? *old : staging;
+    if (!leftover.empty() && !removeTreeAt(to, leftover))
+        logLine("KextBackups::Error: Unable to remove " + leftover + "; the next run will");
+    return old.has_value();
 }
 
 std::expected<RescueOutcome, std::string>
@@ -332,6 +347,11 @@ namespace {
 RescueOutcome backUpKexts(const QVOSVolume& volume, const std::vector<std::string>& kexts,
                           const std::string& backupFolder, std::string_view operation,
                           std::chrono::system_clock::time_point now, bool move) {
+    const auto lock = beginKextChanges(volume);
+    if (!lock) {
+        logLine("KextBackups::Error: " + lock.error());
+        return {{}, kexts, ""};
+    }
     BackupWriter writer(backupFolder, volume, operation, now);
     auto outcome = takeKexts(volume, kexts, writer, move);
     finish(writer, outcome);
@@ -369,6 +389,9 @@ std::expected<RescueOutcome, std::string>
 restoreKextsFromBackup(const fs::path& backupFolder, const QVOSVolume& volume,
                        const std::string& replacedBackupFolder,
                        std::chrono::system_clock::time_point now) {
+    const auto lock = beginKextChanges(volume);
+    if (!lock)
+        return std::unexpected(lock.error());
     BackupWriter replaced(replacedBackupFolder, volume, "restore", now);
     auto outcome = restoreInto(backupFolder, volume, replaced);
     if (outcome)
@@ -380,20 +403,31 @@ std::expected<RescueOutcome, std::string>
 takeBackPlacedKexts(const QVOSVolume& volume, const std::vector<std::string>& placed,
                     const std::string& replacedBackup, const std::string& backupFolder,
                     std::chrono::system_clock::time_point now) {
+    const auto lock = beginKextChanges(volume);
+    if (!lock)
+        return std::unexpected(lock.error());
     // A backup that cannot be read stops the undo before anything moves.
     if (!replacedBackup.empty())
         if (const auto manifest = readBackupManifest(replacedBackup); !manifest)
             return std::unexpected(manifest.error());
     BackupWriter writer(backupFolder, volume, "undo", now);
-    auto outcome = takeKexts(volume, placed, writer, true);
+    RescueOutcome outcome;
+    // What the operation replaced goes back first, each in one swap; what replaced nothing
+    // then moves out.
     if (!replacedBackup.empty()) {
         auto restored = restoreInto(replacedBackup, volume, writer);
         if (!restored)
             return std::unexpected(restored.error());
-        outcome.done.insert(outcome.done.end(), restored->done.begin(), restored->done.end());
-        outcome.failed.insert(outcome.failed.end(), restored->failed.begin(),
-                              restored->failed.end());
+        outcome = std::move(*restored);
     }
+    std::vector<std::string> rest;
+    for (const auto& path : placed)
+        if (std::ranges::find(outcome.done, path) == outcome.done.end() &&
+            std::ranges::find(outcome.failed, path) == outcome.failed.end())
+            rest.push_back(path);
+    auto moved = takeKexts(volume, rest, writer, true);
+    outcome.done.insert(outcome.done.end(), moved.done.begin(), moved.done.end());
+    outcome.failed.insert(outcome.failed.end(), moved.failed.begin(), moved.failed.end());
     finish(writer, outcome);
     return outcome;
 }

@@ -2,6 +2,7 @@
 #include "kexts/KextInstallation.h"
 
 #include "kexts/KextBackups.h"
+#include "kexts/KextSwaps.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
@@ -10,8 +11,11 @@
 #include "volumes/MountedFileSystem.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
 
 namespace quelm {
 namespace {
@@ -19,84 +23,66 @@ namespace {
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
 constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
-/// A bundle put aside while its replacement takes its place.
-std::string asideName(const std::string& name) {
-    return "." + name + ".quelm-previous";
+/// The kext's bundle opened without following a link: a link named like a kext must not make
+/// root copy what it points to.
+std::expected<std::pair<UniqueFd, std::string>, std::string>
+openSource(const QVKernelExtension& kext, const Reader* reader) {
+    std::filesystem::path path = kext.path();
+    if (!path.has_filename())
+        path = path.parent_path();
+    const UniqueFd parent(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat parentInfo {};
+    if (!parent || ::fstat(parent.get(), &parentInfo) != 0)
+        return std::unexpected(path.parent_path().string() +
+                               " cannot be opened: " + failureCause(errno));
+    if (reader && !reader->mayRead(parentInfo))
+        return std::unexpected(path.parent_path().string() + " cannot be read by you");
+    struct stat info {};
+    if (::fstatat(parent.get(), kext.name().c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::unexpected("it cannot be found: " + failureCause(errno));
+    if (!S_ISDIR(info.st_mode))
+        return std::unexpected(S_ISLNK(info.st_mode) ? "it is a link, not a kext bundle folder"
+                                                     : "it is not a kext bundle folder");
+    return std::pair{UniqueFd(::fcntl(parent.get(), F_DUPFD_CLOEXEC, 0)), kext.name()};
 }
 
-/// Renames the installed bundle aside, puts the staged one in place, and puts the old one back
-/// if that fails: for file systems without an atomic exchange, and for names that differ in
-/// case only, where the new spelling must win.
-bool replaceThroughAside(int folder, const std::string& staging, const std::string& installed,
-                         const std::string& name) {
-    const std::string aside = asideName(name);
-    if (::renameat(folder, installed.c_str(), folder, aside.c_str()) != 0)
-        return false;
-    if (::renameat(folder, staging.c_str(), folder, name.c_str()) != 0) {
-        if (::renameat(folder, aside.c_str(), folder, installed.c_str()) != 0)
-            logLine("KextInstallation::Error: Unable to put back " + installed + " from " + aside);
-        return false;
-    }
-    if (!removeTreeAt(folder, aside))
-        logLine("KextInstallation::Error: Unable to remove " + aside);
-    return true;
+std::string keptText(const std::string& name, const SwapFailure& failure) {
+    return failure.keptAs.empty() ? "; the installed " + name + " is unchanged"
+                                  : "; the installed " + name + " was kept as " + failure.keptAs +
+                                        ", which the next Quelm command puts back";
 }
 
-bool exchange(int folder, const std::string& staging, const std::string& name) {
-#if defined(__APPLE__)
-    return ::renameatx_np(folder, staging.c_str(), folder, name.c_str(), RENAME_SWAP) == 0;
-#else
-    return ::renameat2(folder, staging.c_str(), folder, name.c_str(), RENAME_EXCHANGE) == 0;
-#endif
-}
-
-/// Puts staging where name is. With an atomic exchange the old bundle ends under the staging
-/// name; without one (hfsplus and apfs on Linux have none) it goes through an aside name.
-bool swapIntoPlace(int folder, const std::string& staging, const std::string& name) {
-    const auto installed = listedNameAt(folder, name);
-    if (!installed)
-        return ::renameat(folder, staging.c_str(), folder, name.c_str()) == 0;
-    // Drivers refuse an exchange in their own ways (EINVAL from hfsplus, ENOTEMPTY from apfs
-    // when the target holds files): whatever the answer, the aside path is safe to try.
-    if (*installed == name && exchange(folder, staging, name))
-        return true;
-    return replaceThroughAside(folder, staging, *installed, name);
-}
-
-/// A swap cut short leaves the old bundle aside: put it back when nothing took its place.
-void recoverInterruptedSwap(int folder, const std::string& name) {
-    const std::string aside = asideName(name);
-    if (!listedNameAt(folder, aside))
-        return;
-    if (!listedNameAt(folder, name) && ::renameat(folder, aside.c_str(), folder, name.c_str()) == 0)
-        return;
-    if (!removeTreeAt(folder, aside))
-        logLine("KextInstallation::Error: Unable to remove " + aside);
-}
-
-bool installOne(const QVKernelExtension& kext, const std::string& folderPath,
-                const QVOSVolume& volume) {
+std::expected<void, std::string> installOne(const QVKernelExtension& kext,
+                                            const std::string& folderPath, const QVOSVolume& volume,
+                                            const Reader* reader) {
     if (!isInstallableKext(kext))
-        return false;
+        return std::unexpected("it is not a .kext bundle given by a whole path");
+    const auto source = openSource(kext, reader);
+    if (!source)
+        return std::unexpected(source.error());
     // Missing folders are made root:wheel 755, as macOS has them.
     const UniqueFd folder = openFolderBelow(volume.mountPoint(), folderPath, kSystemAttributes);
     if (!folder)
-        return false;
+        return std::unexpected(folderPath +
+                               " cannot be opened on the volume: " + failureCause(errno));
     const std::string name = kext.name();
-    recoverInterruptedSwap(folder.get(), name);
-    const UniqueFd source(::open(kext.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!source)
-        return false;
-    const std::string staging = "." + name + ".quelm-staging";
-    const bool installed =
-        removeTreeAt(folder.get(), staging) &&
-        copyTreeAt(source.get(), ".", folder.get(), staging, kSystemAttributes) &&
-        swapIntoPlace(folder.get(), staging, name);
-    // After an exchange the staging name holds the old bundle; after a failure, the partial copy.
-    if (!removeTreeAt(folder.get(), staging))
+    const std::string staging = hiddenName(name, HiddenRole::staging);
+    if (!copyTreeAt(source->first.get(), source->second, folder.get(), staging, kSystemAttributes,
+                    reader)) {
+        const std::string cause = failureCause(errno);
+        if (!removeTreeAt(folder.get(), staging))
+            logLine("KextInstallation::Error: Unable to remove " + staging);
+        return std::unexpected(cause + keptText(name, {}));
+    }
+    const auto old = swapIntoPlace(folder.get(), staging, name);
+    // After an exchange the staging name holds the old bundle; after a failure, the new copy.
+    const std::string leftover = old ? *old : staging;
+    if (!leftover.empty() && !removeTreeAt(folder.get(), leftover))
         logLine("KextInstallation::Error: Unable to remove " + volume.mountPoint() + folderPath +
-                staging);
-    return installed;
+                leftover);
+    if (!old)
+        return std::unexpected(old.error().cause + keptText(name, old.error()));
+    return {};
 }
 
 /// The name the kext was backed up under; nothing when it was not.
@@ -129,16 +115,37 @@ bool isInstallableKext(const QVKernelExtension& kext) {
            kext.url().pathExtension() == "kext";
 }
 
+std::vector<InstallFailure> installKexts(const std::vector<QVKernelExtension>& kexts,
+                                         const std::string& destinationFolder,
+                                         const QVOSVolume& volume, const Reader* reader) {
+    auto refusal = installationRefusal(volume, destinationFolder);
+    std::optional<VolumeLock> lock;
+    if (!refusal) {
+        auto taken = beginKextChanges(volume);
+        if (taken)
+            lock.emplace(std::move(*taken));
+        else
+            refusal = taken.error();
+    }
+    std::vector<InstallFailure> failed;
+    for (const auto& kext : kexts) {
+        auto installed = refusal ? std::expected<void, std::string>(std::unexpect, *refusal)
+                                 : installOne(kext, destinationFolder, volume, reader);
+        if (!installed)
+            failed.push_back({kext, std::move(installed.error())});
+    }
+    return failed;
+}
+
 std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
                                                        const std::string& destinationFolder,
-                                                       const QVOSVolume& volume) {
-    const auto refusal = installationRefusal(volume, destinationFolder);
-    if (refusal)
-        logLine("KextInstallation::Error: " + *refusal);
+                                                       const QVOSVolume& volume,
+                                                       const Reader* reader) {
     std::vector<QVKernelExtension> failed;
-    for (const auto& kext : kexts)
-        if (refusal || !installOne(kext, destinationFolder, volume))
-            failed.push_back(kext);
+    for (auto& failure : installKexts(kexts, destinationFolder, volume, reader)) {
+        logLine("KextInstallation::Error: " + failure.kext.name() + ": " + failure.reason);
+        failed.push_back(std::move(failure.kext));
+    }
     return failed;
 }
 

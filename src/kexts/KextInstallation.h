@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kexts/QVKernelExtension.h"
+#include "support/FolderTrees.h"
 #include "volumes/QVOSVolume.h"
 
 #include <chrono>
@@ -11,15 +12,30 @@
 
 namespace quelm {
 
+/// A kext that was not installed, and why, in words that also say what was kept.
+struct InstallFailure {
+    QVKernelExtension kext;
+    std::string reason;
+};
+
 /// Copies each kext to mount point + destinationFolder + its name, replacing a bundle that is
 /// there, also one whose name differs in case only on a case-insensitive volume. The copy is
 /// made under a hidden name beside the destination, with owner 0, group 0 and mode 755 on
 /// every item, and only then swapped with the old bundle, so a kext that fails leaves the old
-/// one in place. Missing folders are made; nothing is reached through a link. Returns the
-/// kexts that failed, in list order: all of them when installationRefusal answers.
+/// one in place. Missing folders are made; nothing is reached through a link, the kext itself
+/// included, and with a reader only what that user may read is copied. The volume's lock is
+/// held throughout, and what an interrupted run left is put right first. Returns the kexts
+/// that failed, in list order: all of them when installationRefusal answers.
+std::vector<InstallFailure> installKexts(const std::vector<QVKernelExtension>& kexts,
+                                         const std::string& destinationFolder,
+                                         const QVOSVolume& volume, const Reader* reader = nullptr);
+
+/// The same, logging each failure with its reason: the helper's operation, whose reply names
+/// the kexts only.
 std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
                                                        const std::string& destinationFolder,
-                                                       const QVOSVolume& volume);
+                                                       const QVOSVolume& volume,
+                                                       const Reader* reader = nullptr);
 
 /// Copies each kext found at mount point + installedInFolder + its name into
 /// destinationFolder + the compact timestamp of now, a folder made with owner 501, group 80

@@ -4,10 +4,14 @@
 #include "support/Files.h"
 #include "support/PathValidation.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -44,17 +48,28 @@ std::optional<std::vector<Entry>> entriesOf(int folder) {
 }
 
 bool applyAttributes(int fd, const std::optional<ItemAttributes>& attributes, mode_t keptMode) {
+    // A copy made by root must not hand anyone a program that runs as its owner.
     if (!attributes)
-        return ::fchmod(fd, keptMode & 07777) == 0;
+        return ::fchmod(fd, keptMode & 01777) == 0;
     return ::fchown(fd, attributes->owner, attributes->group) == 0 &&
            ::fchmod(fd, attributes->mode) == 0;
 }
 
+/// Refuses the item for reader with EACCES, as the system would have refused the user.
+bool mayCopy(const struct stat& item, const Reader* reader) {
+    if (!reader || reader->mayRead(item))
+        return true;
+    errno = EACCES;
+    return false;
+}
+
 bool copyFileAt(int sourceFolder, const std::string& name, int destinationFolder,
-                const std::optional<ItemAttributes>& attributes) {
-    const UniqueFd in(::openat(sourceFolder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+                const std::optional<ItemAttributes>& attributes, const Reader* reader) {
+    // Non-blocking, so that a FIFO swapped in for the file cannot hold the copy.
+    const UniqueFd in(
+        ::openat(sourceFolder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat info {};
-    if (!in || ::fstat(in.get(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (!in || ::fstat(in.get(), &info) != 0 || !S_ISREG(info.st_mode) || !mayCopy(info, reader))
         return false;
     const UniqueFd out(::openat(destinationFolder, name.c_str(),
                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -89,27 +104,27 @@ bool copyLinkAt(int sourceFolder, const std::string& name, int destinationFolder
 }
 
 bool copyFolder(int source, int destinationParent, const std::string& destinationName,
-                const std::optional<ItemAttributes>& attributes, int depth);
+                const std::optional<ItemAttributes>& attributes, const Reader* reader, int depth);
 
 bool copyEntry(int sourceFolder, const std::string& name, int destinationFolder,
-               const std::optional<ItemAttributes>& attributes, int depth) {
+               const std::optional<ItemAttributes>& attributes, const Reader* reader, int depth) {
     struct stat info {};
     if (::fstatat(sourceFolder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
     if (S_ISREG(info.st_mode))
-        return copyFileAt(sourceFolder, name, destinationFolder, attributes);
+        return copyFileAt(sourceFolder, name, destinationFolder, attributes, reader);
     if (S_ISLNK(info.st_mode))
         return copyLinkAt(sourceFolder, name, destinationFolder, attributes);
     if (!S_ISDIR(info.st_mode))
         return false;
     const UniqueFd inner = openFolderAt(sourceFolder, name);
-    return inner && copyFolder(inner.get(), destinationFolder, name, attributes, depth + 1);
+    return inner && copyFolder(inner.get(), destinationFolder, name, attributes, reader, depth + 1);
 }
 
 bool copyFolder(int source, int destinationParent, const std::string& destinationName,
-                const std::optional<ItemAttributes>& attributes, int depth) {
+                const std::optional<ItemAttributes>& attributes, const Reader* reader, int depth) {
     struct stat info {};
-    if (depth > kMaxTreeDepth || ::fstat(source, &info) != 0 ||
+    if (depth > kMaxTreeDepth || ::fstat(source, &info) != 0 || !mayCopy(info, reader) ||
         ::mkdirat(destinationParent, destinationName.c_str(), 0700) != 0)
         return false;
     const UniqueFd destination = openFolderAt(destinationParent, destinationName);
@@ -117,7 +132,7 @@ bool copyFolder(int source, int destinationParent, const std::string& destinatio
     if (!destination || !entries)
         return false;
     for (const auto& entry : *entries)
-        if (!copyEntry(source, entry.name, destination.get(), attributes, depth))
+        if (!copyEntry(source, entry.name, destination.get(), attributes, reader, depth))
             return false;
     // The mode comes last: a folder without write permission would refuse its own entries.
     return applyAttributes(destination.get(), attributes, info.st_mode);
@@ -240,10 +255,62 @@ std::optional<std::string> readFileAt(int folder, const std::string& name, std::
 }
 
 bool copyTreeAt(int sourceParent, const std::string& sourceName, int destinationParent,
-                const std::string& destinationName,
-                const std::optional<ItemAttributes>& attributes) {
+                const std::string& destinationName, const std::optional<ItemAttributes>& attributes,
+                const Reader* reader) {
     const UniqueFd source = openFolderAt(sourceParent, sourceName);
-    return source && copyFolder(source.get(), destinationParent, destinationName, attributes, 0);
+    return source &&
+           copyFolder(source.get(), destinationParent, destinationName, attributes, reader, 0);
+}
+
+Reader Reader::forUser(uid_t uid) {
+    Reader reader{uid, {}};
+    const passwd* entry = ::getpwuid(uid);
+    if (!entry)
+        return reader;
+    int count = 64;
+    for (;;) {
+        reader.groups.resize(static_cast<std::size_t>(count));
+        const int previous = count;
+        if (::getgrouplist(entry->pw_name, entry->pw_gid, reader.groups.data(), &count) >= 0)
+            break;
+        if (count <= previous)
+            count = previous * 2;
+    }
+    reader.groups.resize(static_cast<std::size_t>(count));
+    return reader;
+}
+
+bool Reader::mayRead(const struct stat& item) const {
+    if (uid == 0)
+        return true;
+    const bool folder = S_ISDIR(item.st_mode);
+    const auto allows = [&](mode_t read, mode_t search) {
+        return (item.st_mode & read) && (!folder || (item.st_mode & search));
+    };
+    if (item.st_uid == uid)
+        return allows(S_IRUSR, S_IXUSR);
+    if (std::ranges::find(groups, item.st_gid) != groups.end())
+        return allows(S_IRGRP, S_IXGRP);
+    return allows(S_IROTH, S_IXOTH);
+}
+
+std::string failureCause(int error) {
+    switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+        return "no space left on the volume";
+    case EROFS:
+        return "the volume is read-only";
+    case EIO:
+        return "an I/O error on the disk";
+    case EACCES:
+    case EPERM:
+        return "permission denied";
+    case ELOOP:
+        return "a link where a folder or file was expected";
+    default:
+        return std::strerror(error);
+    }
 }
 
 bool applyTreeAttributes(int folder, const ItemAttributes& attributes) {

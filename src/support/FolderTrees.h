@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
 #include <vector>
@@ -35,6 +36,22 @@ struct ItemAttributes {
     mode_t mode;
 };
 
+/// The user a copy reads its source for: root copying on a user's behalf copies only what that
+/// user could read, so that no one gets root's reading rights through a copy.
+struct Reader {
+    uid_t uid;
+    std::vector<gid_t> groups;
+
+    /// The user with the groups the system lists for them; root reads everything.
+    static Reader forUser(uid_t uid);
+    /// Whether the user may read the item (and, for a folder, list and enter it).
+    bool mayRead(const struct stat& item) const;
+};
+
+/// An error number in words for the user: "no space left on the volume", "the volume is
+/// read-only", "an I/O error on the disk"...
+std::string failureCause(int error);
+
 /// Deeper trees are refused: no kext nests anywhere near this, a hostile disk may.
 inline constexpr int kMaxTreeDepth = 64;
 
@@ -62,11 +79,13 @@ std::optional<std::string> readFileAt(int folder, const std::string& name, std::
 
 /// Copies the folder sourceName of sourceParent to destinationName of destinationParent, which
 /// must not exist yet. Folders, regular files and links are copied (links as links); anything
-/// else fails the copy. With attributes, every item is made with them; without, each keeps
-/// its mode. Nothing outside the two trees is read or changed.
+/// else fails the copy, as does an item that reader, when given, may not read. With
+/// attributes, every item is made with them; without, each keeps its mode but for the setuid
+/// and setgid bits, which no copy keeps. Nothing outside the two trees is read or changed.
 [[nodiscard]] bool copyTreeAt(int sourceParent, const std::string& sourceName,
                               int destinationParent, const std::string& destinationName,
-                              const std::optional<ItemAttributes>& attributes);
+                              const std::optional<ItemAttributes>& attributes,
+                              const Reader* reader = nullptr);
 
 /// Gives the open folder and everything beneath it the attributes, never following a link:
 /// links get the owner only, devices, FIFOs and sockets the owner only too (changing their

@@ -2,6 +2,7 @@
 #include "kexts/KextBackups.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextInstallation.h"
+#include "kexts/KextSwaps.h"
 #include "kexts/QVKernelExtensionsManager.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
@@ -193,16 +194,25 @@ void describePlan(const Plan& plan, const QVOSVolume& volume, Report& report) {
 /// failed, or nothing when the backup failed and nothing was installed.
 std::optional<int> installPlan(const Options& options, const QVOSVolume& volume, const Plan& plan,
                                Report& report) {
+    // One lock from the backup to the last kext: no other run changes the volume between them.
+    const auto lock = beginKextChanges(volume);
+    if (!lock) {
+        printError(lock.error());
+        return std::nullopt;
+    }
     std::string backupFolder;
     if (!backupReplaced(options, volume, plan, backupFolder, report))
         return std::nullopt;
     std::vector<std::string> installed;
     int failures = 0;
     for (const auto& [folder, kexts] : plan) {
-        const auto failed = installKernelExtensions(kexts, folder, volume);
+        const auto failed = installKexts(kexts, folder, volume);
         for (const auto& kext : kexts) {
-            if (std::ranges::find(failed, kext) != failed.end()) {
-                report.say("failed " + kext.name() + ": could not be installed into " + folder,
+            const auto failure = std::ranges::find_if(
+                failed, [&](const InstallFailure& item) { return item.kext == kext; });
+            if (failure != failed.end()) {
+                report.say("failed " + kext.name() + ": not installed into " + folder + ": " +
+                               failure->reason,
                            "failed", kext.name());
                 continue;
             }
