@@ -1,6 +1,7 @@
 // quelmctl's first commands, run as a user would run them.
 #include "KextFixtures.h"
 #include "TestSupport.h"
+#include "kexts/KextHistory.h"
 #include "repair/QVRepairPermissionsResult.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,37 @@ using test::TemporaryFolder;
 
 std::string quelmctl(const std::string& arguments) {
     return std::string(QUELMCTL_PATH) + " " + arguments;
+}
+
+/// What quelmctl writes on stderr alone.
+test::CommandResult quelmctlErrors(const std::string& arguments) {
+    return runCommand("(" + quelmctl(arguments) + " >/dev/null)");
+}
+
+/// Whether text is well-formed UTF-8, decoded code point by code point.
+bool isUtf8(std::string_view text) {
+    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80           ? 1
+                                   : (lead >> 5) == 0x6  ? 2
+                                   : (lead >> 4) == 0xE  ? 3
+                                   : (lead >> 3) == 0x1E ? 4
+                                                         : 0;
+        if (length == 0 || i + length > text.size())
+            return false;
+        char32_t point = length == 1 ? lead : lead & (0x7Fu >> length);
+        for (std::size_t k = 1; k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            if ((next >> 6) != 0x2)
+                return false;
+            point = point << 6 | (next & 0x3Fu);
+        }
+        if (point < kSmallest[length] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF))
+            return false;
+        i += length;
+    }
+    return true;
 }
 
 TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
@@ -234,13 +266,95 @@ TEST(QuelmctlTest, ContentCheckReportsChangedFilesAndRepairLeavesThemForReinstal
     EXPECT_EQ(test::readText(volume / "etc/hosts"), "127.0.0.2 localhost\n");
 }
 
-TEST(QuelmctlTest, EveryCommandHasHelp) {
-    for (const auto* command :
-         {"", "volume-info", "kext-info", "smart-table", "smart-table show"}) {
+TEST(QuelmctlTest, HelpAndVersionExitZeroEvenWithoutRequiredArguments) {
+    for (const auto* command : {"", "volume-info", "kext-info", "smart-table", "smart-table show",
+                                "smart-table lookup", "remove", "check-kext"}) {
         const auto result = runCommand(quelmctl(std::string(command) + " --help"));
         EXPECT_EQ(result.status, 0) << command;
         EXPECT_NE(result.output.find("Usage"), std::string::npos) << command;
     }
+    const auto version = runCommand(quelmctl("--version"));
+    EXPECT_EQ(version.status, 0);
+    EXPECT_FALSE(version.output.empty());
+}
+
+TEST(QuelmctlTest, UsageErrorsExitTwoWithOneLineNamingTheProblem) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"", "quelmctl: a command is required; see quelmctl --help"},
+        {"frobnicate", "quelmctl: frobnicate is not a command; see quelmctl --help"},
+        {"--bogus", "quelmctl: --bogus is not an option; see quelmctl --help"},
+        {"remove Lilu", "quelmctl: remove: --volume is required; see quelmctl remove --help"},
+        {"history --json extra", "quelmctl: history: the following argument was not expected: "
+                                 "extra; see quelmctl history --help"},
+        {"install --volume", "quelmctl: install: --volume"},
+        {"verify-permissions --volume /tmp --threads many", "quelmctl: verify-permissions: "},
+        {"smart-table nope", "quelmctl: smart-table: nope is not a command; see quelmctl "
+                             "smart-table --help"},
+        {"smart-table lookup", "quelmctl: smart-table lookup: NAME is required; see quelmctl "
+                               "smart-table lookup --help"},
+        {"kext-info ''", "quelmctl: kext-info: PATH: an empty path names no file"},
+        {"check-kext ''", "quelmctl: check-kext: KEXT: an empty path names no file"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        const auto result = quelmctlErrors(arguments);
+        EXPECT_EQ(result.status, 2) << arguments;
+        EXPECT_TRUE(result.output.starts_with(message)) << arguments << ": " << result.output;
+        EXPECT_EQ(std::ranges::count(result.output, '\n'), 1) << result.output;
+        EXPECT_TRUE(result.output.ends_with(" --help\n")) << result.output;
+    }
+}
+
+TEST(QuelmctlTest, APathThatIsNoKextGetsOneSentenceAndAFailingStatus) {
+    TemporaryFolder folder;
+    const auto notes = folder / "notes.txt";
+    test::writeText(notes, "not a kext");
+    const auto checked = runCommand(quelmctl("check-kext " + shellQuote(notes.string())));
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.output, notes.string() + " is not a kext bundle folder.\n");
+
+    const auto text = quelmctlErrors("kext-info " + shellQuote(notes.string()));
+    EXPECT_EQ(text.status, 1);
+    EXPECT_EQ(text.output, "quelmctl: " + notes.string() +
+                               " is not a kext bundle: its name must end in .kext\n");
+    const auto missing = quelmctlErrors("kext-info " + shellQuote((folder / "Gone.kext").string()));
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.output,
+              "quelmctl: " + (folder / "Gone.kext").string() + ": no such bundle folder\n");
+}
+
+TEST(QuelmctlTest, JsonIsValidUtf8WhateverBytesThePathsHold) {
+    TemporaryFolder folder;
+    const std::string volume = "/mnt/Mac\xff HD";
+    const HistoryRecord record{"2026-01-02T03:04:05Z",
+                               volume,
+                               "remove",
+                               {"/Library/Extensions/Caf\xc3\xa9 \xf0\x9f\x98\x80.kext",
+                                "/Library/Extensions/\xed\xa0\x80.kext",
+                                "/Library/Extensions/\xc0\xaf\xf4\x90\x80\x80.kext",
+                                "/Library/Extensions/Tab\tCut\xe2\x82"},
+                               "/backups/\x01\"quoted\"\\",
+                               false};
+    ASSERT_TRUE(appendHistory(folder / "data/Quelm/History.plist", record));
+    const auto result = runCommand("XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " " +
+                                   quelmctl("history --json --volume " + shellQuote(volume)));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(isUtf8(result.output)) << result.output;
+    const std::string replacement = "\xef\xbf\xbd";
+    for (const std::string& text :
+         {"\"volume\": \"/mnt/Mac" + replacement + " HD\"",
+          std::string("\"/Library/Extensions/Caf\xc3\xa9 \xf0\x9f\x98\x80.kext\""),
+          "\"/Library/Extensions/" + replacement + replacement + replacement + ".kext\"",
+          "\"/Library/Extensions/" + replacement + replacement + replacement + replacement +
+              replacement + replacement + ".kext\"",
+          "\"/Library/Extensions/Tab\\u0009Cut" + replacement + replacement + "\"",
+          std::string("\"backup\": \"/backups/\\u0001\\\"quoted\\\"\\\\\"")})
+        EXPECT_NE(result.output.find(text), std::string::npos) << text << "\n" << result.output;
+
+    const auto checked = runCommand(quelmctl("check-kext --json " + shellQuote("Bad\xfe.kext")));
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_TRUE(isUtf8(checked.output)) << checked.output;
+    EXPECT_NE(checked.output.find("\"kext\": \"Bad" + replacement + ".kext\""), std::string::npos)
+        << checked.output;
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
 
 namespace quelm::ctl {
@@ -13,6 +15,14 @@ struct Options {
     bool json = false;
     std::vector<std::string> kexts;
 };
+
+/// Whether one of the paths is a folder: only a bundle has libraries that could go unchecked.
+bool namesAFolder(const std::vector<std::string>& paths) {
+    return std::ranges::any_of(paths, [](const std::string& path) {
+        std::error_code error;
+        return std::filesystem::is_directory(path, error);
+    });
+}
 
 int printChecks(const Options& options) {
     std::optional<QVOSVolume> volume;
@@ -37,7 +47,7 @@ int printChecks(const Options& options) {
     }
     if (options.json)
         std::cout << "[" << json << (json.empty() ? "]\n" : "\n]\n");
-    if (!volume && !options.json)
+    if (!volume && !options.json && namesAFolder(options.kexts))
         std::cout << "Libraries were not checked: give --volume to check them against a "
                      "volume's kexts.\n";
     return status;
@@ -57,7 +67,9 @@ void addCheckKextCommand(CLI::App& app, int& status) {
     command->add_option("--volume", options->volume,
                         "Mount point of the macOS volume whose kexts must provide the libraries");
     command->add_flag("--json", options->json, "Print the failures of each kext as JSON");
-    command->add_option("KEXT", options->kexts, "The .kext bundles to check")->required();
+    command->add_option("KEXT", options->kexts, "The .kext bundles to check")
+        ->required()
+        ->check(refuseEmpty);
     command->footer("Exit status: 0 when every kext passes, 1 when one fails a check, 2 when "
                     "the --volume folder is no macOS volume.");
     command->callback([options, &status] { status = printChecks(*options); });

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace quelm::ctl {
@@ -38,6 +39,10 @@ std::optional<QVOSVolume> openVolume(const std::string& path);
 /// Says why root cannot write to the volume, when it cannot: commands that change a volume
 /// stop there with status 2, before their first write.
 bool refusesWrites(const QVOSVolume& volume);
+
+/// A CLI11 check for path arguments: the file system would read an empty one as the working
+/// folder.
+std::string refuseEmpty(const std::string& path);
 
 /// One line on stderr, prefixed with the program name.
 void printError(std::string_view message);

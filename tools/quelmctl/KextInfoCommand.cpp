@@ -31,7 +31,9 @@ void addKextInfoCommand(CLI::App& app, int& status) {
     auto* command = app.add_subcommand(
         "kext-info", "Show the name, path and version of the kext bundle at PATH.");
     auto path = std::make_shared<std::string>();
-    command->add_option("PATH", *path, "Path of the .kext bundle folder")->required();
+    command->add_option("PATH", *path, "Path of the .kext bundle folder")
+        ->required()
+        ->check(refuseEmpty);
     command->callback([path, &status] { status = showKext(*path); });
 }
 

@@ -6,6 +6,7 @@
 #include "quelmctl/Commands.h"
 #include "support/Strings.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -13,19 +14,65 @@
 
 namespace quelm::ctl {
 
+namespace {
+
+/// A first byte of a well-formed UTF-8 sequence: its length and the range of its second byte,
+/// which rules out overlong forms, surrogates and code points past U+10FFFF. The later bytes of
+/// a sequence are 0x80 to 0xBF.
+struct LeadByte {
+    unsigned char first, last;
+    std::size_t length;
+    unsigned char secondLow, secondHigh;
+};
+
+constexpr LeadByte kLeadBytes[] = {
+    {0x00, 0x7F, 1, 0x00, 0x00}, {0xC2, 0xDF, 2, 0x80, 0xBF}, {0xE0, 0xE0, 3, 0xA0, 0xBF},
+    {0xE1, 0xEC, 3, 0x80, 0xBF}, {0xED, 0xED, 3, 0x80, 0x9F}, {0xEE, 0xEF, 3, 0x80, 0xBF},
+    {0xF0, 0xF0, 4, 0x90, 0xBF}, {0xF1, 0xF3, 4, 0x80, 0xBF}, {0xF4, 0xF4, 4, 0x80, 0x8F}};
+
+constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD"; // U+FFFD
+
+/// The length of the well-formed UTF-8 sequence that text starts with, or 0.
+std::size_t wellFormedLength(std::string_view text) {
+    const auto byte = [&](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    const auto* lead = std::ranges::find_if(kLeadBytes, [&](const LeadByte& row) {
+        return byte(0) >= row.first && byte(0) <= row.last;
+    });
+    if (lead == std::ranges::end(kLeadBytes) || text.size() < lead->length)
+        return 0;
+    if (lead->length > 1 && (byte(1) < lead->secondLow || byte(1) > lead->secondHigh))
+        return 0;
+    for (std::size_t i = 2; i < lead->length; ++i)
+        if (byte(i) < 0x80 || byte(i) > 0xBF)
+            return 0;
+    return lead->length;
+}
+
+std::string escapedAscii(char c) {
+    if (c == '"' || c == '\\')
+        return {'\\', c};
+    if (static_cast<unsigned char>(c) >= 0x20)
+        return {c};
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(c));
+    return escaped;
+}
+
+} // namespace
+
 std::string jsonString(std::string_view text) {
     std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(c));
-            out += escaped;
-        } else {
-            out += c;
-        }
+    while (!text.empty()) {
+        const std::size_t length = wellFormedLength(text);
+        if (length == 0)
+            out += kReplacementCharacter;
+        else if (length == 1)
+            out += escapedAscii(text[0]);
+        else
+            out += text.substr(0, length);
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return out + "\"";
 }

@@ -14,7 +14,8 @@
 
 namespace quelm::ctl {
 
-/// A JSON string literal.
+/// A JSON string literal, always valid UTF-8: paths read from a disk are bytes, so each byte that
+/// is not part of a well-formed UTF-8 sequence becomes U+FFFD; control characters are escaped.
 std::string jsonString(std::string_view text);
 /// A JSON array of string literals.
 std::string jsonStrings(const std::vector<std::string>& texts);
