@@ -1,5 +1,7 @@
 // libFuzzer target: the channel's frame and message decoders on arbitrary bytes, as the
-// helper reads calls and as the application reads replies, must refuse or decode, never crash.
+// helper reads calls and as the application reads replies, must refuse or decode, never crash,
+// and never hold more than a few times the budget for a list of the input's size.
+#include "AllocationPeak.h"
 #include "helper/Channel.h"
 #include "helper/RemoteProtocol.h"
 
@@ -28,11 +30,16 @@ void decodeEveryWay(const std::string& body) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const quelm::fuzz::AllocationPeak peak;
     std::string buffer(reinterpret_cast<const char*>(data), size);
     for (;;) {
         auto frame = quelm::takeFrameBody(buffer);
         if (!frame || !*frame)
-            return 0;
+            break;
         decodeEveryWay(**frame);
     }
+    // Each frame is decoded whole, then again as each reply type; no frame is larger than
+    // the input.
+    peak.require(4 * quelm::plistReadBudget(size), size);
+    return 0;
 }

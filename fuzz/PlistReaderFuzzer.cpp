@@ -1,8 +1,11 @@
 // libFuzzer target: the receipt and bundle readers on an arbitrary file, as a volume to repair
-// or a kext to install may hold one, must refuse or read it, never crash; and nothing read may
-// be nested deeper than the check before parsing allows.
+// or a kext to install may hold one, must refuse or read it, never crash; nothing read may be
+// nested deeper than the check before parsing allows, and no input may make them hold more
+// than a few times the budget for a list of its size.
+#include "AllocationPeak.h"
 #include "repair/QVPackage.h"
 #include "support/Bundle.h"
+#include "support/PropertyList.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -42,6 +45,7 @@ volatile std::size_t readBytes;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const Scratch scratch;
+    const quelm::fuzz::AllocationPeak peak;
     const auto path = scratch.folder / "Info.plist";
     std::ofstream(path, std::ios::binary | std::ios::trunc)
         .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
@@ -56,5 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& [key, value] : bundle.infoDictionary())
         length += key.size() + (value.string() ? value.string()->size() : 0);
     readBytes = length;
+    // The budget counts values, not what the allocator makes of them, and each reader above
+    // holds its own copy of the file.
+    peak.require(4 * quelm::plistReadBudget(size), size);
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace quelm {
@@ -13,6 +14,7 @@ namespace {
 
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
+constexpr std::uint8_t kData = 0x4;
 constexpr std::uint8_t kAsciiString = 0x5;
 constexpr std::uint8_t kUtf16String = 0x6;
 // The types from array to dictionary (arrays, sets, dictionaries) refer to other objects.
@@ -78,12 +80,19 @@ objectLength(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
     return std::pair{*count, offset + 2 + width};
 }
 
-bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
+/// The bytes of the string or data object at offset, when they lie in the file.
+std::optional<ByteSlice> contentOf(const ByteSlice& bytes, std::size_t offset,
+                                   std::uint8_t marker) {
     const auto extent = objectLength(bytes, offset, marker);
     const std::uint64_t unit = (marker >> 4) == kUtf16String ? 2 : 1;
     if (!extent || extent->first > bytes.size() / unit)
-        return false;
-    const auto characters = bytes.slice(extent->second, extent->first * unit);
+        return std::nullopt;
+    return bytes.slice(extent->second, extent->first * unit);
+}
+
+bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
+    const std::size_t unit = (marker >> 4) == kUtf16String ? 2 : 1;
+    const auto characters = contentOf(bytes, offset, marker);
     if (!characters)
         return false;
     for (std::size_t i = 0; i < characters->size(); i += unit)
@@ -106,12 +115,14 @@ bool objectsAreSafe(const ByteSlice& bytes, const Trailer& trailer) {
     return true;
 }
 
-/// A depth-first walk from the top object along every reference, as libplist will follow
-/// them, holding only the open containers: at most kMaxPlistDepth of them.
+/// A depth-first walk from the top object along every reference, as the reader will follow
+/// them, holding only the open containers: at most kMaxPlistDepth of them. It adds up what
+/// reading the top object will take, to refuse a list over its budget before reading any.
 class StructureWalk {
 public:
     StructureWalk(const ByteSlice& bytes, const Trailer& trailer)
-        : bytes_(bytes), trailer_(trailer), seen_(trailer.count, Seen::no) {}
+        : bytes_(bytes), trailer_(trailer), seen_(trailer.count, Seen::no),
+          budget_(plistReadBudget(bytes.size())) {}
 
     std::expected<void, PlistError> run() {
         if (auto entered = enter(trailer_.root); !entered)
@@ -149,7 +160,7 @@ private:
         const auto [offset, marker] = *objectAt(bytes_, trailer_, index);
         const auto type = marker >> 4;
         if (type < kArray || type > kDict)
-            return {};
+            return chargeContent(offset, marker);
         if (seen_[index] != Seen::no)
             return refuse(PlistError::Kind::malformed, seen_[index] == Seen::open
                                                            ? "holds a container inside itself"
@@ -169,8 +180,30 @@ private:
         if (total > kMaxPlistValues - values_)
             return refuse(PlistError::Kind::unsupported, "has too many values");
         values_ += total;
+        if (auto charged = charge(total * kPlistValueCost); !charged)
+            return charged;
         seen_[index] = Seen::open;
         open_.push_back({index, length->second, total});
+        return {};
+    }
+
+    /// Charges what a string or data object decodes to: a UTF-16 unit takes up to three bytes
+    /// of UTF-8.
+    std::expected<void, PlistError> chargeContent(std::size_t offset, std::uint8_t marker) {
+        const auto type = marker >> 4;
+        if (type != kData && type != kAsciiString && type != kUtf16String)
+            return {};
+        const auto content = contentOf(bytes_, offset, marker);
+        if (!content)
+            return refuse(PlistError::Kind::malformed, "has a value outside the file");
+        return charge(type == kUtf16String ? content->size() / 2 * 3 : content->size());
+    }
+
+    std::expected<void, PlistError> charge(std::uint64_t bytes) {
+        if (bytes > budget_ - spent_)
+            return refuse(PlistError::Kind::unsupported,
+                          "would take more than " + std::to_string(budget_ >> 20) + " MiB to read");
+        spent_ += bytes;
         return {};
     }
 
@@ -179,6 +212,8 @@ private:
     std::vector<Seen> seen_;
     std::vector<Container> open_;
     std::uint64_t values_ = 1; // the top object
+    std::uint64_t budget_;
+    std::uint64_t spent_ = kPlistValueCost;
 };
 
 /// UTF-8 of big-endian UTF-16 units; a surrogate without its pair becomes U+FFFD.
@@ -229,7 +264,7 @@ public:
         case 0x2:
         case 0x3:
             return readReal(offset, marker);
-        case 0x4:
+        case kData:
         case kAsciiString:
         case kUtf16String:
             return readBytes(offset, marker);
@@ -266,15 +301,11 @@ private:
     }
 
     std::expected<PlistValue, PlistError> readBytes(std::size_t offset, std::uint8_t marker) const {
-        const auto extent = objectLength(bytes_, offset, marker);
-        const std::uint64_t unit = marker >> 4 == kUtf16String ? 2 : 1;
-        const auto content = extent && extent->first <= bytes_.size() / unit
-                                 ? bytes_.slice(extent->second, extent->first * unit)
-                                 : std::nullopt;
+        const auto content = contentOf(bytes_, offset, marker);
         if (!content)
             return refuse(PlistError::Kind::malformed, "has a value outside the file");
-        if (unit == 2)
-            return PlistValue(utf8FromUtf16(*content, extent->first));
+        if (marker >> 4 == kUtf16String)
+            return PlistValue(utf8FromUtf16(*content, content->size() / 2));
         const std::string_view raw = content->bytes();
         if (marker >> 4 == kAsciiString)
             return PlistValue(std::string(raw));

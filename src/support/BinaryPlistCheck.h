@@ -14,7 +14,8 @@ namespace quelm {
 /// Refuses a "bplist00" file that libplist must not see: an offset table, reference or string
 /// outside the file; a string holding a NUL (libplist aborts on such a dictionary key); values
 /// nested deeper than kMaxPlistDepth or more than kMaxPlistValues of them; a container reached
-/// twice, which is a cycle or a container that libplist would copy at every reference to it.
+/// twice, which is a cycle or a container that libplist would copy at every reference to it; a
+/// top object that would take more than plistReadBudget of the file's size to read.
 [[nodiscard]] std::expected<void, PlistError> checkBinaryPlist(std::string_view bytes);
 
 /// The trailer's fields: the sizes of offsets and references, the object count, the top
@@ -32,6 +33,8 @@ struct BinaryPlistTrailer {
 /// than by libplist, which copies every shared value and builds a tree of its own first: the
 /// reply of a repair of 100,000 files took seconds. Dictionary keys must be strings; sets and
 /// UIDs are unsupported, as they have no value here. The bytes must outlive the document.
+/// The budget checked on opening holds for the whole top object, so reading it once, whole or
+/// element after element, stays within it; only reading the same object again costs again.
 class BinaryPlistDocument {
 public:
     using Ref = std::uint64_t;

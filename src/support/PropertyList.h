@@ -1,6 +1,7 @@
 // Property-list values read from and written to XML and binary property-list files.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
@@ -74,14 +75,28 @@ inline constexpr std::uintmax_t kMaxPlistFileSize = 64u << 20;
 inline constexpr std::size_t kMaxPlistDepth = 128;
 /// Binary lists with more values than this are refused before parsing. A repair report on
 /// some 400,000 files stays under it, and 64 MB of binary values that share nothing hold
-/// about as many, so shared values cannot multiply what a file of that size costs.
+/// about as many, so shared values cannot multiply how many values a file of that size holds.
 inline constexpr std::size_t kMaxPlistValues = 1u << 23;
+/// What one value costs to read besides its bytes: about the memory of an array element, and
+/// of half a dictionary entry, whose key is a value of its own.
+inline constexpr std::uint64_t kPlistValueCost = 64;
+/// The most that reading a list of fileSize bytes may take, counted before anything is read:
+/// the bytes of its strings and data and kPlistValueCost per value, a value that is referred to
+/// many times counting each time. A binary list shares strings, so a small file could
+/// otherwise decode to gigabytes. Real lists decode to a few times their size: the largest,
+/// the reply of a repair of 100,000 results, to some 140 MiB, or 240 MiB were every path 1 kB
+/// long. 256 times the size, never less than 16 MiB nor more than 512 MiB, leaves them ample
+/// room and a hostile Info.plist of 70 kB no more than 17 MiB.
+constexpr std::uint64_t plistReadBudget(std::size_t fileSize) {
+    return std::clamp<std::uint64_t>(std::uint64_t{fileSize} * 256, std::uint64_t{16} << 20,
+                                     std::uint64_t{512} << 20);
+}
 /// XML lists with more elements than this are refused before parsing. Only files on disk come
 /// as XML, and the largest of those, a kext's Info.plist, has a few thousand.
 inline constexpr std::size_t kMaxXmlPlistElements = 1u << 20;
 
 /// Parses either encoding; the binary one is recognised by its "bplist00" header. The size,
-/// nesting and value count are checked before libplist sees the bytes.
+/// nesting, value count and what reading would take (plistReadBudget) are checked first.
 [[nodiscard]] std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes);
 [[nodiscard]] std::expected<PlistValue, PlistError>
 readPlistFile(const std::filesystem::path& path);

@@ -7,6 +7,13 @@
 namespace quelm {
 namespace {
 
+// XML shares no values, so it needs no count of what it decodes to: each value is an element
+// of four characters or more, so n bytes decode to at most n plus kPlistValueCost for each of
+// n / 4 elements, 17 n, within plistReadBudget(n); the element limit keeps the largest file
+// within the budget's ceiling.
+static_assert(kMaxPlistFileSize + kMaxXmlPlistElements * kPlistValueCost <=
+              plistReadBudget(kMaxPlistFileSize));
+
 std::unexpected<PlistError> refuse(PlistError::Kind kind, std::string message) {
     return std::unexpected(PlistError{kind, "XML property list " + std::move(message)});
 }

@@ -3,10 +3,12 @@
 
 #include "TestSupport.h"
 #include "helper/Channel.h"
+#include "helper/RemoteProtocol.h"
 #include "repair/QVPackage.h"
 #include "support/BinaryPlistCheck.h"
 
 #include <cstdlib>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
 #include <plist/plist.h>
@@ -294,6 +296,81 @@ TEST(PropertyListGateTest, TooManyValuesAreRefused) {
     for (std::size_t i = 0; i < kMaxXmlPlistElements; ++i)
         xml += "<true/>";
     EXPECT_FALSE(parsePlist(xml + "</array></plist>"));
+}
+
+/// An array of count references to one object of type (data, ASCII or UTF-16 string) holding
+/// content: a file about as large as the content and the references, that decodes to count
+/// copies of the content.
+std::string sharedContentBomb(std::uint8_t type, const std::string& content, std::uint64_t count) {
+    std::string references = "\x13";
+    appendBigEndian(references, count, 8);
+    references.append(count, '\1');
+    std::string object = "\x12";
+    appendBigEndian(object, type == 0x6 ? content.size() / 2 : content.size(), 4);
+    BinaryPlist plist(1);
+    plist.add(0xAF, {}, references);
+    plist.add(static_cast<std::uint8_t>(type << 4 | 0xF), {}, object + content);
+    return plist.bytes();
+}
+
+std::string utf16Text(std::size_t units) {
+    std::string text;
+    for (std::size_t i = 0; i < units; ++i)
+        text += {'\0', '\xE9'};
+    return text;
+}
+
+// Refused before anything is read, so the test holds no more than each file: reading them
+// would take terabytes, or hundreds of megabytes for a file of 70 kB.
+TEST(PropertyListGateTest, RegressionSharedValuesThatDecodeTooLargeAreRefused) {
+    const std::string megabomb = sharedContentBomb(0x5, std::string(1 << 20, 'x'), 2'500'000);
+    const auto parsed = parsePlist(megabomb);
+    ASSERT_FALSE(parsed);
+    EXPECT_EQ(parsed.error().kind, PlistError::Kind::unsupported);
+    EXPECT_EQ(parsed.error().message, "binary property list would take more than 512 MiB to read");
+    for (const auto& small : {sharedContentBomb(0x4, std::string(64 << 10, '\7'), 4096),
+                              sharedContentBomb(0x5, std::string(64 << 10, 'x'), 4096),
+                              sharedContentBomb(0x6, utf16Text(32 << 10), 4096)}) {
+        EXPECT_LT(small.size(), 71'000u);
+        const auto refused = parsePlist(small);
+        ASSERT_FALSE(refused);
+        EXPECT_THAT(refused.error().message, testing::HasSubstr("more than 17 MiB to read"));
+        EXPECT_FALSE(BinaryPlistDocument::open(small));
+    }
+}
+
+TEST(PropertyListGateTest, SharedValuesWithinTheBudgetRead) {
+    // Three bytes of UTF-8 for each UTF-16 unit: 1,000 copies of 4,000 units take 12 MB.
+    const auto bytes = sharedContentBomb(0x6, utf16Text(4000), 1000);
+    const auto parsed = parsePlist(bytes);
+    ASSERT_TRUE(parsed) << parsed.error().message;
+    ASSERT_EQ(parsed->array()->size(), 1000u);
+    const auto* last = parsed->array()->back().string();
+    ASSERT_TRUE(last && last->size() == 8000);
+    EXPECT_TRUE(last->starts_with("\u00E9") && last->ends_with("\u00E9"));
+}
+
+// The largest list we read: the reply of a repair of 100,000 files, its keys and class names
+// shared by every result, decodes to some 140 MiB and must stay within its budget.
+TEST(PropertyListGateTest, TheReplyOfALargeRepairOpens) {
+    std::vector<QVRepairPermissionsRepresentableResult> results;
+    for (int i = 0; i < 100'000; ++i)
+        results.push_back({"com.apple.pkg.Essentials",
+                           "/Volumes/Macintosh HD/System/Library/Frameworks/Framework" +
+                               std::to_string(i % 500) +
+                               ".framework/Versions/A/Resources/English.lproj/Localizable" +
+                               std::to_string(i) + ".strings",
+                           "POSIX Permissions Mismatched", 0644, 0755, 0755, "Fixed"});
+    const auto encoded = encodeReplyPlist(1, results);
+    const auto message = BinaryPlistDocument::open(encoded);
+    ASSERT_TRUE(message) << message.error().message;
+    const auto envelope = decodeReplyEnvelope(*message);
+    ASSERT_TRUE(envelope);
+    const auto items = message->items(envelope->value);
+    ASSERT_TRUE(items && items->size() == results.size());
+    const auto last = message->read(items->back());
+    ASSERT_TRUE(last);
+    EXPECT_EQ(unarchive<QVRepairPermissionsRepresentableResult>(*last), results.back());
 }
 
 TEST(PropertyListGateTest, MarkupOutsideElementsDoesNotCount) {
