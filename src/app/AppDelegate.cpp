@@ -69,6 +69,13 @@ QAction* itemWithTag(QMenuBar& menu, int tag) {
     return nullptr;
 }
 
+std::vector<std::string> stdPaths(const QStringList& paths) {
+    std::vector<std::string> converted;
+    for (const auto& path : paths)
+        converted.push_back(path.toStdString());
+    return converted;
+}
+
 bool mainProductIsRunning() {
     const auto* bus = QDBusConnection::sessionBus().interface();
     return bus && bus->isServiceRegistered(QString::fromLatin1(kIdentifierPrefix) + ".veskp");
@@ -139,10 +146,25 @@ void AppDelegate::openFiles(const QStringList& paths) {
 
 void AppDelegate::start() {
     timer_.stop();
-    std::vector<std::string> paths;
-    for (const auto& path : files_)
-        paths.push_back(path.toStdString());
-    NotificationCenter::defaultCenter().post(kDidCollectAllFiles, paths);
+    NotificationCenter::defaultCenter().post(kDidCollectAllFiles, stdPaths(files_));
+    // The screen takes the intake on its next turn of the event loop: the queued jobs follow.
+    QMetaObject::invokeMethod(this, &AppDelegate::handOnQueuedJobs, Qt::QueuedConnection);
+}
+
+void AppDelegate::queueJob(const QStringList& paths, std::optional<std::string> volume) {
+    queued_.push_back({stdPaths(paths), std::move(volume)});
+    if (!timer_.isActive())
+        handOnQueuedJobs();
+}
+
+void AppDelegate::handOnQueuedJobs() {
+    auto* screen = window_.installationScreen();
+    // A job may ask the user something, and a start queued meanwhile joins the end of the line.
+    while (screen && !queued_.empty()) {
+        auto job = std::move(queued_.front());
+        queued_.pop_front();
+        screen->enqueueJob(std::move(job.paths), std::move(job.volume));
+    }
 }
 
 void AppDelegate::applicationDidFinishLaunching() {

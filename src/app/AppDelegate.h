@@ -8,6 +8,9 @@
 #include <QStringList>
 #include <QTimer>
 #include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
 #include <vector>
 
 class QMenuBar;
@@ -29,8 +32,12 @@ public:
     bool applicationWillFinishLaunching(QMenuBar& menu);
     /// One batch of opened files; restarts the intake timer.
     void openFiles(const QStringList& paths);
-    /// The timer's action: hands every path collected so far on.
+    /// The timer's action: hands every path collected so far on, then the jobs queued meanwhile.
     void start();
+    /// Paths for a job of their own on volume (none: the one selected when it starts), after
+    /// the jobs before it. While the intake still collects, the job waits for it, so that the
+    /// intake's job comes first and keeps its volume.
+    void queueJob(const QStringList& paths, std::optional<std::string> volume);
     /// Shows the installation screen and starts the helper when files were opened, else the
     /// preferences.
     void applicationDidFinishLaunching();
@@ -50,10 +57,17 @@ private:
     void failWithAlert(const std::string& log, const QString& message);
     bool makeApplicationSupportFolder();
     bool prepareSmartTable();
+    /// Gives the installation screen the queued jobs, in order, once it is there.
+    void handOnQueuedJobs();
 
     QVMainQuelmWindowController& window_;
     QTimer timer_;
     QStringList files_;
+    struct QueuedJob {
+        std::vector<std::string> paths;
+        std::optional<std::string> volume;
+    };
+    std::deque<QueuedJob> queued_;
     std::vector<NotificationCenter::Token> observers_;
 };
 

@@ -4,12 +4,19 @@
 #include "app/AppDelegate.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
+#include "support/Log.h"
 #include "support/NotificationCenter.h"
 #include "support/PathValidation.h"
+#include "ui/QVViewExtensions.h"
 #include "volumes/QVOSVolumeManager.h"
 
+#include <QDir>
+#include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QPushButton>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -21,10 +28,90 @@ QString normalPath(const QString& path) {
     return QString::fromStdString(absoluteNormalPath(path.toStdString()));
 }
 
+QString baseName() {
+    return QString::fromLatin1(kIdentifierPrefix) + ".veskp.quelm";
+}
+
+/// Our own folder in the temporary folder, made when it is missing.
+std::optional<QString> ownTemporaryFolder() {
+    const QString folder = QDir::tempPath() + '/' + baseName() + '-' + QString::number(::geteuid());
+    // A name that is already there is used only when the check below finds it ours and private.
+    ::mkdir(QFile::encodeName(folder).constData(), 0700);
+    if (isPrivateFolder(folder))
+        return folder;
+    logLine("quelm: " + folder.toStdString() +
+            " is not a private folder of this user; this start has no instance socket.");
+    return std::nullopt;
+}
+
+std::optional<std::string> selectedVolume() {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    return volume ? std::optional(volume->mountPoint()) : std::nullopt;
+}
+
+QString confirmationText(const std::optional<std::string>& volume) {
+    if (volume)
+        //% "Install these kexts onto %1?"
+        return qtTrId("kQVLaterStartInstallOnto").arg(QString::fromStdString(*volume));
+    //% "Install these kexts onto the volume you choose next?"
+    return qtTrId("kQVLaterStartInstallOntoChosen");
+}
+
+/// One question that names the volume and every kext; true when the user says to install them.
+bool confirmHandedOver(const QStringList& files, const std::optional<std::string>& volume,
+                       QWidget* parent) {
+    QMessageBox box(QMessageBox::Question, "Quelm", confirmationText(volume),
+                    QMessageBox::Yes | QMessageBox::Cancel, parent);
+    //% "Another program handed them to Quelm. Install them only if you chose them yourself:"
+    box.setInformativeText(qtTrId("kQVLaterStartHandedOver") + '\n' + files.join('\n'));
+    //% "Install"
+    box.button(QMessageBox::Yes)->setText(qtTrId("kQVLaterStartInstall"));
+    //% "Cancel"
+    box.button(QMessageBox::Cancel)->setText(qtTrId("kQVLaterStartCancel"));
+    box.setDefaultButton(QMessageBox::Cancel);
+    return QVModalAnswers::run(box) == QMessageBox::Yes;
+}
+
+void takeConnection(QLocalSocket* socket, AppDelegate& delegate,
+                    QVMainQuelmWindowController& window) {
+    if (!peerIsThisUser(*socket)) {
+        logLine("quelm: refused a later start from another user.");
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate, &window] {
+        takeLaterStart(parseLaterStart(socket->readAll()), delegate, window);
+        socket->deleteLater();
+    });
+}
+
 } // namespace
 
-QString instanceName() {
-    return QString::fromLatin1(kIdentifierPrefix) + ".veskp.quelm." + QString::number(::getuid());
+bool isPrivateFolder(const QString& path) {
+    struct stat status {};
+    return ::lstat(QFile::encodeName(path).constData(), &status) == 0 && S_ISDIR(status.st_mode) &&
+           status.st_uid == ::geteuid() && (status.st_mode & 07777) == 0700;
+}
+
+std::optional<QString> instanceFolder() {
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (QDir::isAbsolutePath(runtime) && isPrivateFolder(runtime))
+        return runtime;
+    return ownTemporaryFolder();
+}
+
+std::optional<QString> instanceName() {
+    const auto folder = instanceFolder();
+    return folder ? std::optional(*folder + '/' + baseName()) : std::nullopt;
+}
+
+bool peerIsThisUser(const QLocalSocket& socket) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return ::getsockopt(static_cast<int>(socket.socketDescriptor()), SOL_SOCKET, SO_PEERCRED, &peer,
+                        &size) == 0 &&
+           peer.uid == ::geteuid();
 }
 
 QByteArray laterStartMessage(const QStringList& files, const QString& volume) {
@@ -52,6 +139,12 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
     socket.connectToServer(name);
     if (!socket.waitForConnected(500))
         return false;
+    if (!peerIsThisUser(socket)) {
+        logLine("quelm: " + name.toStdString() +
+                " belongs to another user; nothing was handed to it.");
+        socket.abort();
+        return false;
+    }
     socket.write(laterStartMessage(files, volume));
     socket.waitForBytesWritten(2000);
     socket.disconnectFromServer();
@@ -64,29 +157,28 @@ void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
         delegate.applicationShouldHandleReopen();
         return;
     }
-    auto* screen = window.installationScreen();
-    const auto& selected = QVOSVolumeManager::shared().selectedOSVolume();
-    const bool otherVolume = start.volume && (!selected || selected->mountPoint() != *start.volume);
-    if (screen && (screen->jobUnderWay() || otherVolume)) {
-        std::vector<std::string> paths;
-        for (const auto& file : start.files)
-            paths.push_back(file.toStdString());
-        screen->enqueueJob(std::move(paths), start.volume);
+    const auto volume = start.volume ? start.volume : selectedVolume();
+    if (!confirmHandedOver(start.files, volume, &window)) {
+        logLine("quelm: the kexts handed over by another start were declined; nothing changed.");
         return;
     }
-    delegate.openFiles(start.files);
+    // The question may have waited while the intake ended or another volume was chosen.
+    const auto* screen = window.installationScreen();
+    if (volume == selectedVolume() && !(screen && screen->jobUnderWay())) {
+        delegate.openFiles(start.files);
+        return;
+    }
+    delegate.queueJob(start.files, volume);
 }
 
 void listenForLaterStarts(QLocalServer& server, const QString& name, AppDelegate& delegate,
                           QVMainQuelmWindowController& window) {
     QLocalServer::removeServer(name);
+    server.setSocketOptions(QLocalServer::UserAccessOption);
     server.listen(name);
     QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate, &window] {
-        QLocalSocket* socket = server.nextPendingConnection();
-        QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate, &window] {
-            takeLaterStart(parseLaterStart(socket->readAll()), delegate, window);
-            socket->deleteLater();
-        });
+        while (QLocalSocket* socket = server.nextPendingConnection())
+            takeConnection(socket, delegate, window);
     });
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 class QLocalServer;
+class QLocalSocket;
 
 namespace quelm {
 
@@ -18,23 +19,38 @@ struct LaterStart {
     QStringList files;
 };
 
-/// The local socket of the user's running instance.
-QString instanceName();
+/// Whether path is a folder that only this user can enter: owned by us, a directory and not a
+/// link to one, mode 0700.
+bool isPrivateFolder(const QString& path);
+
+/// The folder of the user's instance socket: $XDG_RUNTIME_DIR when it is private, else a
+/// private folder of ours in the temporary folder; none when neither can be had safely, since
+/// a name in a shared folder can be taken first by another user.
+std::optional<QString> instanceFolder();
+/// The local socket of the user's running instance, in that folder.
+std::optional<QString> instanceName();
+
+/// Whether the process at the other end of the connected socket runs as this user.
+bool peerIsThisUser(const QLocalSocket& socket);
 
 /// "volume=PATH" first when a volume is named, then one path a line, each made absolute and
 /// normal here, where it was typed: the running instance has another working folder.
 QByteArray laterStartMessage(const QStringList& files, const QString& volume);
 LaterStart parseLaterStart(const QByteArray& message);
 
-/// Sends the paths and the volume to the instance listening at name; true when one took them.
+/// Sends the paths and the volume to the instance listening at name; true when one of this
+/// user took them. A server of another user is left without a word.
 bool handToRunningInstance(const QString& name, const QStringList& files, const QString& volume);
 
-/// One later start's paths join the intake, or make a job of their own when a job runs or
-/// they name another volume; a start without paths brings the window back.
+/// Kexts handed over by another process are installed only once the user has seen them, with
+/// their volume, in one question and said yes. Then they join the intake, or make a job of
+/// their own when a job runs or they name another volume; a start without paths brings the
+/// window back.
 void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
                     QVMainQuelmWindowController& window);
 
-/// Listens at name and takes each later start, one batch per connection.
+/// Listens at name and takes each later start of this user, one batch per connection; a
+/// connection from another user is closed unread.
 void listenForLaterStarts(QLocalServer& server, const QString& name, AppDelegate& delegate,
                           QVMainQuelmWindowController& window);
 

@@ -177,7 +177,8 @@ int runQuelm(int argc, char** argv) {
     const Arguments arguments = parseArguments(application);
     if (!arguments.results.isEmpty())
         return showResults(arguments.results);
-    if (handToRunningInstance(instanceName(), arguments.files, arguments.volume))
+    const auto instance = instanceName();
+    if (instance && handToRunningInstance(*instance, arguments.files, arguments.volume))
         return 0;
     if (!arguments.helperRoot.isEmpty())
         QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
@@ -193,7 +194,8 @@ int runQuelm(int argc, char** argv) {
     if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
         return 1;
     QLocalServer server;
-    listenForLaterStarts(server, instanceName(), delegate, window);
+    if (instance)
+        listenForLaterStarts(server, *instance, delegate, window);
     QApplication::setQuitOnLastWindowClosed(false);
     QObject::connect(&window, &QVMainQuelmWindowController::filesDropped, &delegate,
                      &AppDelegate::openFiles);

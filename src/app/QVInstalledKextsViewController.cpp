@@ -6,6 +6,7 @@
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
 #include "support/Log.h"
+#include "support/PathValidation.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/UserDefaults.h"
 #include "volumes/QVOSVolumeManager.h"
@@ -92,6 +93,55 @@ void record(const QVOSVolume& volume, const std::string& operation, std::vector<
     if (auto saved = appendHistory(historyFilePath(), entry); !saved)
         logLine("QVInstalledKextsVC::Error: the " + operation +
                 " is not in the history: " + saved.error());
+}
+
+/// The volume's folder with the macOS it holds, as the user knows it.
+QString volumeTitle(const QVOSVolume& volume) {
+    if (!volume.version() || !volume.buildVersion())
+        return qString(volume.mountPoint());
+    return qString(volume.mountPoint() + " (" + volume.getFullNameVersionString() + ")");
+}
+
+/// The macOS volume at the folder a backup's manifest names, if it is one now.
+std::optional<QVOSVolume> macOSVolumeAt(const std::string& folder) {
+    auto volume = QVOSVolume::initWithMountPoint(folder);
+    if (volume && volume->majorVersion())
+        return volume;
+    return std::nullopt;
+}
+
+QString restoreWarning(const std::string& originFolder, bool originIsThere,
+                       const QVOSVolume& shown) {
+    if (originIsThere)
+        //% "A kext made for one macOS may keep another from starting. Put them back where they came from unless you know they belong on %1."
+        return qtTrId("kQVInstalledKextsVCBackupGoesHome").arg(qString(shown.mountPoint()));
+    //% "%1 is not a macOS volume now. A kext made for one macOS may keep another from starting: put them onto %2 only if you know they belong there."
+    return qtTrId("kQVInstalledKextsVCBackupHomeMissing")
+        .arg(qString(originFolder), qString(shown.mountPoint()));
+}
+
+/// Asks onto which volume a backup of another one goes: Yes for the volume it came from
+/// (offered only when that is a macOS volume now), No for the volume shown.
+QMessageBox::StandardButton askRestoreVolume(QWidget* parent, const std::string& originFolder,
+                                             const std::optional<QVOSVolume>& origin,
+                                             const QVOSVolume& shown) {
+    const QString from = origin ? volumeTitle(*origin) : qString(originFolder);
+    //% "These kexts came from %1, but this window shows %2."
+    const QString text =
+        qtTrId("kQVInstalledKextsVCBackupOfOtherVolume").arg(from, volumeTitle(shown));
+    const auto buttons = origin ? QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel
+                                : QMessageBox::No | QMessageBox::Cancel;
+    QMessageBox box(QMessageBox::Warning, "Quelm", text, buttons, parent);
+    box.setInformativeText(restoreWarning(originFolder, origin.has_value(), shown));
+    if (origin)
+        //% "Restore onto %1"
+        box.button(QMessageBox::Yes)
+            ->setText(qtTrId("kQVInstalledKextsVCRestoreOnto").arg(qString(origin->mountPoint())));
+    box.button(QMessageBox::No)
+        ->setText(qtTrId("kQVInstalledKextsVCRestoreOnto").arg(qString(shown.mountPoint())));
+    box.button(QMessageBox::Cancel)->setText(qtTrId("kQVInstalledKextsVCCancel"));
+    box.setDefaultButton(origin ? QMessageBox::Yes : QMessageBox::Cancel);
+    return QVModalAnswers::run(box);
 }
 
 std::vector<std::string> without(std::vector<std::string> paths,
@@ -309,14 +359,40 @@ void QVInstalledKextsViewController::chooseBackup() {
         restoreFromBackup(folder);
 }
 
+std::optional<QVOSVolume> QVInstalledKextsViewController::restoreTarget(const std::string& backup,
+                                                                        const QVOSVolume& shown) {
+    const auto manifest = readBackupManifest(backup);
+    if (!manifest) {
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"), qString(manifest.error()));
+        return std::nullopt;
+    }
+    if (absoluteNormalPath(manifest->volume) == absoluteNormalPath(shown.mountPoint()))
+        return shown;
+    const auto origin = macOSVolumeAt(manifest->volume);
+    switch (askRestoreVolume(this, manifest->volume, origin, shown)) {
+    case QMessageBox::Yes:
+        return origin;
+    case QMessageBox::No:
+        logLine("QVInstalledKextsVC::Info: the user puts a backup of " + manifest->volume +
+                " onto " + shown.mountPoint() + ".");
+        return shown;
+    default:
+        return std::nullopt;
+    }
+}
+
 void QVInstalledKextsViewController::restoreFromBackup(const QString& folder) {
-    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
-    if (!volume)
+    const auto& shown = QVOSVolumeManager::shared().selectedOSVolume();
+    if (!shown)
         return;
     std::error_code error;
     // The helper reaches nothing through a link: it gets the folder with its links resolved.
     const auto backup = std::filesystem::canonical(folder.toStdString(), error).string();
-    const auto steps = planRestore(error ? folder.toStdString() : backup, *volume);
+    const auto source = error ? folder.toStdString() : backup;
+    const auto volume = restoreTarget(source, *shown);
+    if (!volume)
+        return;
+    const auto steps = planRestore(source, *volume);
     const auto root = backupFolderSetting();
     if (!steps || !root) {
         showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),

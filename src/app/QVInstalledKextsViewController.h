@@ -29,7 +29,8 @@ public:
     /// Asks, then moves the selected kexts (not plug-ins) with their staged copies into a new
     /// backup folder.
     void removeSelectedKexts();
-    /// Asks, then puts the kexts of the backup folder back onto the selected volume.
+    /// Asks, then puts the kexts of the backup folder back onto the volume they came from, or
+    /// onto the selected one when the user chooses it in a question that names both.
     void restoreFromBackup(const QString& folder);
 
 signals:
@@ -40,6 +41,9 @@ private:
     void buildView();
     void addRows(const KextBundle& kext, QTreeWidgetItem* parent);
     void chooseBackup();
+    /// The volume that the backup names, the one shown when it is that or the user says so;
+    /// none when the user cancels or the backup cannot be read.
+    std::optional<QVOSVolume> restoreTarget(const std::string& backup, const QVOSVolume& shown);
     /// The selected top-level kexts.
     std::vector<const KextBundle*> selectedKexts() const;
     /// Asks again for each of Apple's kexts among them; true when every one is confirmed.

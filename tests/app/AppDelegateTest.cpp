@@ -4,6 +4,7 @@
 
 #include "KextFixtures.h"
 #include "TestSupport.h"
+#include "app/LaterStarts.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
@@ -233,6 +234,42 @@ private slots:
         QCOMPARE(notifications[0].informativeText, QString("Skipped: notes.txt (not a kext)"));
         QCOMPARE(notifications[1].informativeText,
                  QString("The selected kexts have been installed."));
+        QVXPCHelperManager::shared().terminateHelper();
+    }
+
+    void aLaterStartOnAnotherVolumeIsInstalledThereAfterTheFirstJob() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto first = folder / "First HD";
+        const auto second = folder / "Second HD";
+        test::makeVolume(first, "10.12.6", "16G29");
+        test::makeVolume(second, "10.13.6", "17G66");
+        const auto a = test::makeKextBundle(folder / "kexts", "A.kext",
+                                            test::kextInfo("com.example.A", "1.0"));
+        const auto b = test::makeKextBundle(folder / "kexts", "B.kext",
+                                            test::kextInfo("com.example.B", "1.0"));
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(first));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVXPCHelperManager::shared().start(std::nullopt);
+
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        AppDelegate delegate(window, 24h);
+        int finished = 0;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { ++finished; });
+        delegate.openFiles({QString::fromStdString(a.string())});
+        // The second start comes within the intake: it waits for the first job, never
+        // replaces it.
+        QVModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({second.string(), {QString::fromStdString(b.string())}}, delegate, window);
+        QVERIFY(!window.installationScreen()->jobUnderWay());
+        delegate.start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
+        QVERIFY(std::filesystem::exists(first / "Library/Extensions/A.kext"));
+        QVERIFY(std::filesystem::exists(second / "Library/Extensions/B.kext"));
+        QVERIFY(!std::filesystem::exists(second / "Library/Extensions/A.kext"));
+        QVERIFY(!std::filesystem::exists(first / "Library/Extensions/B.kext"));
         QVXPCHelperManager::shared().terminateHelper();
     }
 

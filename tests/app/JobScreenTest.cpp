@@ -17,10 +17,125 @@
 #include <QProgressBar>
 #include <QSettings>
 #include <QtTest>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <grp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace quelm {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+/// Sets an environment variable (none: unsets it) until the end of the scope.
+class ScopedVariable {
+public:
+    ScopedVariable(const char* name, const std::optional<fs::path>& value)
+        : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
+        if (value)
+            qputenv(name, QByteArray::fromStdString(value->string()));
+        else
+            qunsetenv(name);
+    }
+    ~ScopedVariable() {
+        if (had_)
+            qputenv(name_, old_);
+        else
+            qunsetenv(name_);
+    }
+    ScopedVariable(const ScopedVariable&) = delete;
+    ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+private:
+    const char* name_;
+    QByteArray old_;
+    bool had_;
+};
+
+fs::path madeFolder(const fs::path& path, fs::perms mode) {
+    fs::create_directories(path);
+    fs::permissions(path, mode);
+    return path;
+}
+
+sockaddr_un socketAddress(const fs::path& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+/// A child process that runs body as the user nobody, doing only what is safe after fork; it
+/// ends with its scope at the latest.
+class NobodyProcess {
+public:
+    explicit NobodyProcess(const std::function<int()>& body) : pid_(::fork()) {
+        if (pid_ != 0)
+            return;
+        if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
+            ::_exit(100);
+        ::_exit(body());
+    }
+    ~NobodyProcess() {
+        if (pid_ <= 0)
+            return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    NobodyProcess(const NobodyProcess&) = delete;
+    NobodyProcess& operator=(const NobodyProcess&) = delete;
+
+    /// Its exit status, or -1 when it did not exit by itself.
+    int exitStatus() {
+        int status = 0;
+        const bool reaped = ::waitpid(pid_, &status, 0) == pid_;
+        pid_ = reaped ? 0 : pid_;
+        return reaped && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t pid_;
+};
+
+/// Connects to the socket at address and writes message: 0 when both worked.
+int connectAndSend(const sockaddr_un& address, const QByteArray& message) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return 1;
+    const bool sent = ::write(fd, message.constData(), static_cast<std::size_t>(message.size())) ==
+                      message.size();
+    ::close(fd);
+    return sent ? 0 : 2;
+}
+
+/// Listens at address, says so through ready, takes one connection and reads it to its end:
+/// 0 when it read nothing.
+int listenAndCount(const sockaddr_un& address, int ready) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd, 1) != 0 || ::write(ready, "r", 1) != 1)
+        return 1;
+    pollfd waiting{fd, POLLIN, 0};
+    if (::poll(&waiting, 1, test::kHangGuardMs) != 1)
+        return 2;
+    const int peer = ::accept(fd, nullptr, nullptr);
+    char buffer[256];
+    ssize_t total = 0;
+    ssize_t got = 0;
+    while ((got = ::read(peer, buffer, sizeof buffer)) > 0)
+        total += got;
+    return total == 0 ? 0 : 3;
+}
+
+} // namespace
 
 class JobScreenTest : public QObject {
     Q_OBJECT
@@ -115,12 +230,137 @@ private slots:
         window.switchViewController(true);
         AppDelegate delegate(window);
         QLocalServer server;
-        const QString name = "quelm-test-" + QString::number(QCoreApplication::applicationPid());
-        listenForLaterStarts(server, name, delegate, window);
-        QVERIFY(handToRunningInstance(name, {"/k/A.kext", "/k/B.kext"}, {}));
+        const auto name = instanceName();
+        QVERIFY(name);
+        listenForLaterStarts(server, *name, delegate, window);
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVERIFY(handToRunningInstance(*name, {"/k/A.kext", "/k/B.kext"}, {}));
         QTRY_COMPARE_WITH_TIMEOUT(delegate.files(), (QStringList{"/k/A.kext", "/k/B.kext"}),
                                   test::kHangGuardMs);
-        QVERIFY(!handToRunningInstance(name + "-none", {"/k/C.kext"}, {}));
+        QVERIFY(!handToRunningInstance(*name + "-none", {"/k/C.kext"}, {}));
+    }
+
+    void theInstanceSocketIsOnlyEverInAPrivateFolderOfOurs() {
+        const auto tmp = madeFolder(folder_ / "tmp", fs::perms::all | fs::perms::sticky_bit);
+        const ScopedVariable temporary("TMPDIR", tmp);
+        const auto runtime = madeFolder(folder_ / "runtime", fs::perms::owner_all);
+        const auto own = tmp / ("org.quelm.veskp.quelm-" + std::to_string(::geteuid()));
+        {
+            const ScopedVariable variable("XDG_RUNTIME_DIR", runtime);
+            QCOMPARE(instanceName(), std::optional(QString::fromStdString(
+                                         (runtime / "org.quelm.veskp.quelm").string())));
+        }
+        fs::create_directory_symlink(runtime, folder_ / "link");
+        const auto shared =
+            madeFolder(folder_ / "shared",
+                       fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
+        for (const auto& unsafe : std::vector<std::optional<fs::path>>{
+                 std::nullopt, shared, folder_ / "link", fs::path("relative")}) {
+            const ScopedVariable variable("XDG_RUNTIME_DIR", unsafe);
+            QCOMPARE(instanceFolder(), std::optional(QString::fromStdString(own.string())));
+            QCOMPARE(fs::status(own).permissions(), fs::perms::owner_all);
+        }
+        // Whatever holds our fallback name first, and is not our private folder, is never used.
+        const ScopedVariable variable("XDG_RUNTIME_DIR", std::nullopt);
+        std::vector<std::function<void()>> squatters{
+            [&] { madeFolder(own, fs::perms::owner_all | fs::perms::others_exec); },
+            [&] { fs::create_directory_symlink(runtime, own); },
+            [&] { test::writeText(own, ""); },
+        };
+        if (::geteuid() == 0)
+            squatters.push_back([&] {
+                madeFolder(own, fs::perms::owner_all);
+                QCOMPARE(::chown(own.c_str(), kNobody, kNobody), 0);
+            });
+        for (const auto& squat : squatters) {
+            fs::remove_all(own);
+            squat();
+            QVERIFY(!instanceName());
+        }
+    }
+
+    void aServerOfAnotherUserAtTheOldSharedNameGetsNothing() {
+        if (::geteuid() != 0)
+            QSKIP("only root can act as another user");
+        // A temporary folder that every user can write, as /tmp is.
+        test::TemporaryFolder outer;
+        fs::permissions(outer.path(), fs::perms::owner_all | fs::perms::others_exec);
+        const auto shared = madeFolder(outer / "tmp", fs::perms::all | fs::perms::sticky_bit);
+        const auto old = shared / ("org.quelm.veskp.quelm." + std::to_string(::getuid()));
+        const ScopedVariable temporary("TMPDIR", shared);
+        const ScopedVariable runtime("XDG_RUNTIME_DIR", std::nullopt);
+        QVERIFY(instanceName() != QString::fromStdString(old.string()));
+        int ready[2];
+        QCOMPARE(::pipe(ready), 0);
+        const auto address = socketAddress(old);
+        NobodyProcess squatter([&] { return listenAndCount(address, ready[1]); });
+        ::close(ready[1]);
+        char said = 0;
+        QCOMPARE(::read(ready[0], &said, 1), ssize_t{1});
+        ::close(ready[0]);
+        QVERIFY(!handToRunningInstance(QString::fromStdString(old.string()), {"/k/A.kext"},
+                                       "/Volumes/Mac"));
+        QCOMPARE(squatter.exitStatus(), 0);
+    }
+
+    void aConnectionOfAnotherUserIsClosedUnread() {
+        if (::geteuid() != 0)
+            QSKIP("only root can act as another user");
+        QVMainQuelmWindowController window;
+        AppDelegate delegate(window, std::chrono::hours(24));
+        // Open to everyone on purpose: the peer's uid is the only check left.
+        test::TemporaryFolder open;
+        fs::permissions(open.path(),
+                        fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+        const auto name = open / "instance";
+        QLocalServer server;
+        listenForLaterStarts(server, QString::fromStdString(name.string()), delegate, window);
+        fs::permissions(name, fs::perms::all);
+        const auto address = socketAddress(name);
+        const auto message = laterStartMessage({"/k/Theirs.kext"}, {});
+        NobodyProcess other([&] { return connectAndSend(address, message); });
+        QCOMPARE(other.exitStatus(), 0);
+        // Two answers: a start of the other user that got through is asked about, never hangs.
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVModalAnswers::preset(QMessageBox::Yes);
+        QVERIFY(handToRunningInstance(QString::fromStdString(name.string()), {"/k/Mine.kext"}, {}));
+        QTRY_VERIFY_WITH_TIMEOUT(delegate.files().contains("/k/Mine.kext"), test::kHangGuardMs);
+        QCOMPARE(delegate.files(), QStringList{"/k/Mine.kext"});
+        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{1});
+        QVERIFY(!QVModalAnswers::shown()[0].informativeText.contains("Theirs"));
+    }
+
+    void handedOverKextsAreInstalledOnlyAfterOneYesThatNamesThemAndTheirVolume() {
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        AppDelegate delegate(window, std::chrono::hours(24));
+        const auto* screen = window.installationScreen();
+        const auto other = folder_ / "Other HD";
+        test::makeVolume(other, "10.14.6", "18G103");
+        const QStringList kexts{"/k/A.kext", "/k/B.kext"};
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        takeLaterStart({other.string(), kexts}, delegate, window);
+        takeLaterStart({std::nullopt, kexts}, delegate, window);
+        const auto& asked = QVModalAnswers::shown();
+        QCOMPARE(asked.size(), std::size_t{2});
+        QCOMPARE(asked[0].text, "Install these kexts onto " + QString::fromStdString(other) + "?");
+        QCOMPARE(asked[1].text, "Install these kexts onto " + QString::fromStdString(base_) + "?");
+        for (const auto& box : asked) {
+            QCOMPARE(box.informativeText.split('\n').mid(1), kexts);
+            auto buttons = box.buttons;
+            buttons.sort();
+            QCOMPARE(buttons, (QStringList{"Cancel", "Install"}));
+        }
+        // Declined: no intake, no job, the same volume.
+        QVERIFY(delegate.files().isEmpty());
+        QVERIFY(!screen->jobUnderWay());
+        QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
+
+        QVModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({std::nullopt, kexts}, delegate, window);
+        QCOMPARE(asked.size(), std::size_t{3});
+        QCOMPARE(delegate.files(), kexts);
     }
 
     void kextsForAVolumeThatIsNotMacOSAreNamedAsSkipped() {
@@ -135,6 +375,7 @@ private slots:
         connect(screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
         const auto photos = folder_ / "Photos";
         fs::create_directories(photos);
+        QVModalAnswers::preset(QMessageBox::Yes);
         takeLaterStart({photos.string(), {"/k/A.kext"}}, delegate, window);
         QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(notification);

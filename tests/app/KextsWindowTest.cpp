@@ -6,6 +6,7 @@
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
+#include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
@@ -128,6 +129,77 @@ private slots:
         QCOMPARE(QVModalAnswers::shown()[1].text, QString("The kexts were put back."));
         QCOMPARE(lastRecord().operation, std::string("restore"));
         QCOMPARE(lastRecord().kexts, std::vector<std::string>{"/Library/Extensions/Lilu.kext"});
+    }
+
+    void aBackupGoesBackToItsOwnVolumeUnlessTheUserChoosesTheOneShown() {
+        const auto catalina = folder_ / "Catalina";
+        test::makeCatalinaVolume(catalina);
+        const auto lilu = "/Library/Extensions/Lilu.kext";
+        const auto takeLiluOff = [&](const std::string& name) {
+            fs::create_directories(backups_);
+            const auto backup = (backups_ / name).string();
+            moveKextsToBackup(*QVOSVolume::initWithMountPoint(volume_), {lilu}, backup, "remove",
+                              std::chrono::system_clock::now());
+            return QString::fromStdString(backup);
+        };
+        const auto restoreOnto = [](const fs::path& volume) {
+            return "Restore onto " + QString::fromStdString(volume.string());
+        };
+        const auto first = takeLiluOff("first");
+        QVERIFY(fs::exists(backups_ / "first/Lilu.kext"));
+        QVOSVolumeManager::shared().setSelectedOSVolume(*QVOSVolume::initWithMountPoint(catalina));
+        QVInstalledKextsViewController window;
+        QSignalSpy finished(&window, &QVInstalledKextsViewController::operationFinished);
+
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        window.restoreFromBackup(first);
+        const auto& asked = QVModalAnswers::shown();
+        QCOMPARE(asked.size(), std::size_t{1});
+        QCOMPARE(asked[0].text, "These kexts came from " + QString::fromStdString(volume_) +
+                                    " (macOS High Sierra 10.13.6 (17G66)), but this window shows " +
+                                    QString::fromStdString(catalina) +
+                                    " (macOS Catalina 10.15.7 (19H2)).");
+        auto buttons = asked[0].buttons;
+        buttons.sort();
+        QCOMPARE(buttons, (QStringList{"Cancel", restoreOnto(catalina), restoreOnto(volume_)}));
+        QVERIFY(!fs::exists(volume_ / "Library/Extensions/Lilu.kext"));
+        QVERIFY(!fs::exists(catalina / "Library/Extensions/Lilu.kext"));
+
+        // The default: back where it came from, whatever the window shows.
+        QVModalAnswers::clear();
+        for (const auto answer : {QMessageBox::Yes, QMessageBox::Yes, QMessageBox::Ok})
+            QVModalAnswers::preset(answer);
+        window.restoreFromBackup(first);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, test::kHangGuardMs);
+        QVERIFY(fs::exists(volume_ / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
+        QVERIFY(!fs::exists(catalina / "Library/Extensions/Lilu.kext"));
+        QCOMPARE(lastRecord().volume, volume_.string());
+
+        // Onto the volume shown only when the user picks it.
+        const auto second = takeLiluOff("second");
+        QVERIFY(fs::exists(backups_ / "second/Lilu.kext"));
+        QVModalAnswers::clear();
+        for (const auto answer : {QMessageBox::No, QMessageBox::Yes, QMessageBox::Ok})
+            QVModalAnswers::preset(answer);
+        window.restoreFromBackup(second);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, test::kHangGuardMs);
+        QVERIFY(fs::exists(catalina / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
+        QVERIFY(!fs::exists(volume_ / "Library/Extensions/Lilu.kext"));
+        QCOMPARE(lastRecord().volume, catalina.string());
+
+        // A volume that is gone cannot be chosen; the one shown still has to be.
+        const auto manifest = fs::path(first.toStdString()) / "Manifest.plist";
+        auto text = test::readText(manifest);
+        text.replace(text.find(volume_.string()), volume_.string().size(), "/Volumes/Gone");
+        test::writeText(manifest, text);
+        QVModalAnswers::clear();
+        QVModalAnswers::preset(QMessageBox::Cancel);
+        window.restoreFromBackup(first);
+        buttons = asked[0].buttons;
+        buttons.sort();
+        QCOMPARE(buttons, (QStringList{"Cancel", restoreOnto(catalina)}));
+        QVERIFY(asked[0].informativeText.startsWith("/Volumes/Gone is not a macOS volume now."));
+        QCOMPARE(finished.count(), 2);
     }
 
     void theJobAsksAboutKextsThatFailTheChecksAndBacksUpWhatItReplaces() {

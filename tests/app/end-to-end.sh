@@ -10,11 +10,12 @@ if [[ $(id -u) -ne 0 ]]; then
 fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/quelm-e2e.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-# A private TMPDIR gives this quelm its own instance socket: another quelm of the same user
-# running meanwhile would otherwise receive these kexts, or hand its own to this one.
+# A private runtime folder gives this quelm its own instance socket: another quelm of the same
+# user running meanwhile would otherwise receive these kexts, or hand its own to this one.
 mkdir -p "$work/tmp"
+mkdir -m 700 "$work/runtime"
 export XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config" TMPDIR="$work/tmp" \
-    QT_QPA_PLATFORM=offscreen
+    XDG_RUNTIME_DIR="$work/runtime" QT_QPA_PLATFORM=offscreen
 "$quelmctl" make-demo-volume "$work" >/dev/null
 volume="$work/Macintosh HD"
 fail() {

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,6 +83,8 @@ int runShipped(int argc, char** argv, const quelm::PlistValue::Dict& info) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // No process of the user who started it may trace the helper or read its memory.
+    ::prctl(PR_SET_DUMPABLE, 0);
     // Whatever the caller's umask, nothing the helper makes may be writable by others.
     ::umask(022);
     const auto info = helperInfo();

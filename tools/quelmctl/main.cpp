@@ -8,6 +8,7 @@
 #include <iostream>
 #include <ranges>
 #include <string>
+#include <sys/prctl.h>
 #include <vector>
 
 namespace quelm::ctl {
@@ -82,6 +83,7 @@ int usageError(const CLI::App& app, const CLI::ParseError& error) {
 } // namespace quelm::ctl
 
 int main(int argc, char** argv) {
+    ::prctl(PR_SET_DUMPABLE, 0);
     CLI::App app{"Quelm installs kext bundles onto a macOS volume and repairs the volume so that "
                  "it boots.",
                  "quelmctl"};

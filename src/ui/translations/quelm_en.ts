@@ -591,5 +591,41 @@
         <source>Backup: </source>
         <translation type="unfinished"></translation>
     </message>
+    <message id="kQVLaterStartInstallOnto">
+        <source>Install these kexts onto %1?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVLaterStartInstallOntoChosen">
+        <source>Install these kexts onto the volume you choose next?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVLaterStartHandedOver">
+        <source>Another program handed them to Quelm. Install them only if you chose them yourself:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVLaterStartInstall">
+        <source>Install</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVLaterStartCancel">
+        <source>Cancel</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCBackupGoesHome">
+        <source>A kext made for one macOS may keep another from starting. Put them back where they came from unless you know they belong on %1.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCBackupHomeMissing">
+        <source>%1 is not a macOS volume now. A kext made for one macOS may keep another from starting: put them onto %2 only if you know they belong there.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCBackupOfOtherVolume">
+        <source>These kexts came from %1, but this window shows %2.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCRestoreOnto">
+        <source>Restore onto %1</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 </TS>
