@@ -150,6 +150,8 @@ public:
     const std::string& folder() const { return folder_; }
 
 private:
+    /// Made under a hidden name with its attributes and an empty manifest, then renamed: a
+    /// backup folder is never seen without its manifest.
     bool open() {
         if (folder_fd_ || refused_)
             return bool(folder_fd_);
@@ -157,17 +159,28 @@ private:
         const auto place = isCleanAbsolutePath(folder_) && !folder_.ends_with("/")
                                ? openParentBelow("/", folder_)
                                : std::nullopt;
-        if (!place || ::mkdirat(place->first.get(), place->second.c_str(), 0700) != 0)
+        if (!place)
             return false;
-        folder_fd_ = openFolderAt(place->first.get(), place->second);
+        const int parent = place->first.get();
+        const std::string staging = hiddenName(place->second, HiddenRole::staging);
+        if (::mkdirat(parent, staging.c_str(), 0700) != 0)
+            return false;
+        UniqueFd made = openFolderAt(parent, staging);
         // Only root can give the folder away; anyone else keeps it as their own.
-        if (folder_fd_ && ::geteuid() == 0 &&
-            ::fchown(folder_fd_.get(), kBackupAttributes.owner, kBackupAttributes.group) != 0)
-            folder_fd_ = UniqueFd();
-        if (folder_fd_ && ::fchmod(folder_fd_.get(), kBackupAttributes.mode) != 0)
-            folder_fd_ = UniqueFd();
-        refused_ = !folder_fd_;
-        return !refused_;
+        const bool ready = made &&
+                           (::geteuid() != 0 || ::fchown(made.get(), kBackupAttributes.owner,
+                                                         kBackupAttributes.group) == 0) &&
+                           ::fchmod(made.get(), kBackupAttributes.mode) == 0 &&
+                           writeManifestAt(made.get(), manifest_) &&
+                           ::renameat(parent, staging.c_str(), parent, place->second.c_str()) == 0;
+        if (!ready) {
+            if (!removeTreeAt(parent, staging))
+                logLine("KextBackups::Error: Unable to remove " + staging);
+            return false;
+        }
+        folder_fd_ = std::move(made);
+        refused_ = false;
+        return true;
     }
 
     /// The folder the kext goes into, and its path in the backup: the name itself, or a
