@@ -83,6 +83,82 @@ void writeReceipt(const std::filesystem::path& volume, std::string_view relative
     writeBomFile(bom.replace_extension(".bom"), records);
 }
 
+void appendBigEndian(std::string& bytes, std::uint64_t value, int width) {
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+        bytes += static_cast<char>((value >> shift) & 0xFF);
+}
+
+std::uint64_t BinaryPlist::add(std::uint8_t marker, std::initializer_list<std::uint64_t> refs,
+                               std::string_view raw) {
+    std::string object(1, static_cast<char>(marker));
+    for (const auto ref : refs)
+        appendBigEndian(object, ref, refSize_);
+    return append(object + std::string(raw));
+}
+
+std::uint64_t BinaryPlist::string(std::string_view ascii) {
+    return append(header(0x5, ascii.size()) + std::string(ascii));
+}
+
+std::uint64_t BinaryPlist::integer(std::int64_t value) {
+    std::string object = "\x13";
+    appendBigEndian(object, static_cast<std::uint64_t>(value), 8);
+    return append(object);
+}
+
+std::uint64_t BinaryPlist::array(const std::vector<std::uint64_t>& items) {
+    std::string object = header(0xA, items.size());
+    for (const auto item : items)
+        appendBigEndian(object, item, refSize_);
+    return append(object);
+}
+
+std::uint64_t
+BinaryPlist::dict(const std::vector<std::pair<std::string_view, std::uint64_t>>& entries) {
+    std::vector<std::uint64_t> keys;
+    for (const auto& entry : entries)
+        keys.push_back(string(entry.first));
+    std::string object = header(0xD, entries.size());
+    for (const auto key : keys)
+        appendBigEndian(object, key, refSize_);
+    for (const auto& entry : entries)
+        appendBigEndian(object, entry.second, refSize_);
+    return append(object);
+}
+
+std::uint64_t BinaryPlist::repeated(std::uint64_t item, std::uint64_t copies) {
+    std::string reference;
+    appendBigEndian(reference, item, refSize_);
+    std::string object = header(0xA, copies);
+    object.reserve(object.size() + copies * reference.size());
+    for (std::uint64_t i = 0; i < copies; ++i)
+        object += reference;
+    return append(object);
+}
+
+std::string BinaryPlist::bytes(std::uint64_t top) const {
+    std::string trailer(6, '\0');
+    trailer += {'\4', static_cast<char>(refSize_)};
+    appendBigEndian(trailer, count_, 8);
+    appendBigEndian(trailer, top, 8);
+    appendBigEndian(trailer, objects_.size(), 8);
+    return objects_ + offsets_ + trailer;
+}
+
+std::uint64_t BinaryPlist::append(std::string_view object) {
+    appendBigEndian(offsets_, objects_.size(), 4);
+    objects_ += object;
+    return count_++;
+}
+
+std::string BinaryPlist::header(std::uint8_t type, std::uint64_t count) {
+    if (count < 0xF)
+        return std::string(1, static_cast<char>(type << 4 | count));
+    std::string marker{static_cast<char>(type << 4 | 0xF), '\x13'};
+    appendBigEndian(marker, count, 8);
+    return marker;
+}
+
 bool runningAsRoot() {
     return ::geteuid() == 0;
 }

@@ -4,10 +4,14 @@
 #include "repair/BomWriter.h"
 #include "support/PropertyList.h"
 
+#include <cstdint>
 #include <filesystem>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace quelm::test {
 
@@ -57,6 +61,40 @@ void writeReceipt(const std::filesystem::path& volume, std::string_view relative
 
 /// The standard group of receipts whose permissions are repaired.
 inline const std::string kRepairGroup = "com.apple.snowleopard-repair-permissions.pkg-group";
+
+/// Appends the width lowest bytes of value, most significant first.
+void appendBigEndian(std::string& bytes, std::uint64_t value, int width);
+
+/// A binary property list built object by object, each numbered in the order it is added, so
+/// that one object can be referred to from anywhere and any number of times.
+class BinaryPlist {
+public:
+    explicit BinaryPlist(int refSize) : refSize_(refSize) {}
+
+    /// An object of marker, then references to the objects numbered refs, then raw bytes.
+    std::uint64_t add(std::uint8_t marker, std::initializer_list<std::uint64_t> refs,
+                      std::string_view raw = {});
+    std::uint64_t string(std::string_view ascii);
+    std::uint64_t integer(std::int64_t value);
+    std::uint64_t array(const std::vector<std::uint64_t>& items);
+    /// A dictionary whose keys are ASCII strings.
+    std::uint64_t dict(const std::vector<std::pair<std::string_view, std::uint64_t>>& entries);
+    /// An array holding copies references to the one object item: a memory bomb when item is a
+    /// large string or data, which is copied at every reference when read.
+    std::uint64_t repeated(std::uint64_t item, std::uint64_t copies);
+    /// The file, with the object numbered top on top.
+    std::string bytes(std::uint64_t top = 0) const;
+
+private:
+    std::uint64_t append(std::string_view object);
+    /// The marker of a type with its count: in the marker when short, else an integer after it.
+    static std::string header(std::uint8_t type, std::uint64_t count);
+
+    int refSize_;
+    std::string objects_ = "bplist00";
+    std::string offsets_;
+    std::uint64_t count_ = 0;
+};
 
 bool runningAsRoot();
 

@@ -16,6 +16,8 @@
 namespace quelm {
 namespace {
 
+using test::appendBigEndian;
+using test::BinaryPlist;
 using test::TemporaryFolder;
 
 PlistValue sampleValue() {
@@ -161,42 +163,6 @@ TEST(PropertyListTest, RegressionNulInBinaryDictionaryKeyIsRefused) {
         EXPECT_FALSE(parsePlist(bytes));
 }
 
-void appendBigEndian(std::string& bytes, std::uint64_t value, int width) {
-    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
-        bytes += static_cast<char>((value >> shift) & 0xFF);
-}
-
-/// A binary property list built object by object, the first one on top.
-class BinaryPlist {
-public:
-    explicit BinaryPlist(int refSize) : refSize_(refSize) {}
-
-    /// An object of marker, then references to the objects numbered refs, then raw bytes.
-    void add(std::uint8_t marker, std::initializer_list<std::uint64_t> refs,
-             std::string_view raw = {}) {
-        appendBigEndian(offsets_, objects_.size(), 4);
-        objects_ += static_cast<char>(marker);
-        for (const auto ref : refs)
-            appendBigEndian(objects_, ref, refSize_);
-        objects_ += raw;
-        ++count_;
-    }
-    std::string bytes() const {
-        std::string trailer(6, '\0');
-        trailer += {'\4', static_cast<char>(refSize_)};
-        appendBigEndian(trailer, count_, 8);
-        appendBigEndian(trailer, 0, 8);
-        appendBigEndian(trailer, objects_.size(), 8);
-        return objects_ + offsets_ + trailer;
-    }
-
-private:
-    int refSize_;
-    std::string objects_ = "bplist00";
-    std::string offsets_;
-    std::uint64_t count_ = 0;
-};
-
 /// Arrays nested depth deep, each holding the next; the innermost holds the string "x", or
 /// the outermost array when closed.
 std::string nestedBinaryArrays(std::size_t depth, bool closed = false) {
@@ -302,15 +268,11 @@ TEST(PropertyListGateTest, TooManyValuesAreRefused) {
 /// content: a file about as large as the content and the references, that decodes to count
 /// copies of the content.
 std::string sharedContentBomb(std::uint8_t type, const std::string& content, std::uint64_t count) {
-    std::string references = "\x13";
-    appendBigEndian(references, count, 8);
-    references.append(count, '\1');
     std::string object = "\x12";
     appendBigEndian(object, type == 0x6 ? content.size() / 2 : content.size(), 4);
     BinaryPlist plist(1);
-    plist.add(0xAF, {}, references);
-    plist.add(static_cast<std::uint8_t>(type << 4 | 0xF), {}, object + content);
-    return plist.bytes();
+    const auto shared = plist.add(static_cast<std::uint8_t>(type << 4 | 0xF), {}, object + content);
+    return plist.bytes(plist.repeated(shared, count));
 }
 
 std::string utf16Text(std::size_t units) {
