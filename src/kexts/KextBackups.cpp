@@ -118,18 +118,19 @@ public:
     /// Takes name from the open folder, known as sourceFolder on the volume: moved, or copied.
     bool take(int folder, const std::string& name, const std::string& sourceFolder, bool move) {
         if (!open())
-            return false;
+            return failed("the backup folder " + folder_ + " cannot be made");
         auto [destination, pathInBackup] = placeFor(name);
         if (!destination)
-            return false;
+            return failed("the backup folder " + folder_ + " cannot be opened");
         manifest_.items.push_back({sourceFolder, name, pathInBackup});
         if (!writeManifestAt(folder_fd_.get(), manifest_)) {
             manifest_.items.pop_back();
-            return false;
+            return failed("the manifest of " + folder_ + " cannot be written");
         }
         if (move ? moveTree(folder, name, destination.get())
                  : copyWhole(folder, name, destination.get()))
             return true;
+        failed(name + " cannot be put into " + folder_);
         manifest_.items.pop_back();
         if (!writeManifestAt(folder_fd_.get(), manifest_))
             logLine("KextBackups::Error: the manifest of " + folder_ + " still names " + name +
@@ -148,8 +149,15 @@ public:
     /// The folder, once something went into it.
     std::string made() const { return manifest_.items.empty() ? "" : folder_; }
     const std::string& folder() const { return folder_; }
+    /// Why the last take failed.
+    const std::string& cause() const { return cause_; }
 
 private:
+    bool failed(const std::string& what) {
+        cause_ = what + ": " + failureCause(errno);
+        return false;
+    }
+
     /// Made under a hidden name with its attributes and an empty manifest, then renamed: a
     /// backup folder is never seen without its manifest.
     bool open() {
@@ -202,8 +210,10 @@ private:
         if (copyTreeAt(folder, name, destination, staging, std::nullopt) &&
             ::renameat(destination, staging.c_str(), destination, name.c_str()) == 0)
             return true;
+        const int error = errno;
         if (!removeTreeAt(destination, staging))
             logLine("KextBackups::Error: Unable to remove a partial copy " + staging);
+        errno = error;
         return false;
     }
 
@@ -216,8 +226,10 @@ private:
             return false;
         const std::string removing = hiddenName(name, HiddenRole::removing);
         if (::renameat(folder, name.c_str(), folder, removing.c_str()) != 0) {
+            const int error = errno;
             if (!removeTreeAt(destination, name))
                 logLine("KextBackups::Error: Unable to remove the copy of " + name);
+            errno = error;
             return false;
         }
         if (!removeTreeAt(folder, removing))
@@ -229,6 +241,7 @@ private:
     BackupManifest manifest_;
     UniqueFd folder_fd_;
     bool refused_ = false;
+    std::string cause_;
     std::set<std::string> used_;
 };
 
@@ -242,6 +255,9 @@ RescueOutcome takeKexts(const QVOSVolume& volume, const std::vector<std::string>
         const bool taken = listed && isKextSourceFolder(folder) &&
                            writer.take(place->first.get(), *listed, folder, move);
         (taken ? outcome.done : outcome.failed).push_back(path);
+        if (!taken)
+            outcome.causes[path] = (listed ? writer.cause() : "it is not there") +
+                                   (move ? "; it stays where it was" : "; nothing was changed");
     }
     return outcome;
 }
@@ -255,20 +271,31 @@ void finish(BackupWriter& writer, RescueOutcome& outcome) {
 /// Copies the kext from the backup under a staging name, copies what stands in its place into
 /// the backup of replaced kexts, then swaps the copy into place: a failure at any step leaves
 /// the installed kext as it was.
-bool putBack(int from, int to, const BackupItem& item, BackupWriter& replaced) {
+std::expected<void, std::string> putBack(int from, int to, const BackupItem& item,
+                                         BackupWriter& replaced) {
     const std::string staging = hiddenName(item.name, HiddenRole::staging);
     const auto installed = listedNameAt(to, item.name);
-    if (!copyTreeAt(from, item.name, to, staging, kSystemAttributes) ||
-        (installed && !replaced.take(to, *installed, item.sourceFolder, false))) {
+    std::string cause;
+    if (!copyTreeAt(from, item.name, to, staging, kSystemAttributes))
+        cause = "it cannot be copied from the backup: " + failureCause(errno);
+    else if (installed && !replaced.take(to, *installed, item.sourceFolder, false))
+        cause = "the kext in its place cannot be backed up: " + replaced.cause();
+    if (!cause.empty()) {
         if (!removeTreeAt(to, staging))
             logLine("KextBackups::Error: Unable to remove " + staging);
-        return false;
+        return std::unexpected(cause + "; the volume is unchanged");
     }
     const auto old = swapIntoPlace(to, staging, item.name);
     const std::string leftover = old ? *old : staging;
     if (!leftover.empty() && !removeTreeAt(to, leftover))
         logLine("KextBackups::Error: Unable to remove " + leftover + "; the next run will");
-    return old.has_value();
+    if (!old)
+        return std::unexpected(old.error().cause +
+                               (old.error().keptAs.empty()
+                                    ? "; the volume is unchanged"
+                                    : "; the kext in place was kept as " + old.error().keptAs +
+                                          ", which the next Quelm command puts back"));
+    return {};
 }
 
 std::expected<RescueOutcome, std::string>
@@ -283,8 +310,16 @@ restoreInto(const fs::path& backupFolder, const QVOSVolume& volume, BackupWriter
         const UniqueFd to =
             from ? openFolderBelow(volume.mountPoint(), item.sourceFolder, kSystemAttributes)
                  : UniqueFd();
-        const bool restored = to && putBack(from.get(), to.get(), item, replaced);
+        using Restored = std::expected<void, std::string>;
+        const Restored restored =
+            !from ? Restored(std::unexpect, "it is not in the backup")
+            : !to ? Restored(std::unexpect,
+                             item.sourceFolder +
+                                 " cannot be opened on the volume: " + failureCause(errno))
+                  : putBack(from.get(), to.get(), item, replaced);
         (restored ? outcome.done : outcome.failed).push_back(item.volumePath());
+        if (!restored)
+            outcome.causes[item.volumePath()] = restored.error();
     }
     return outcome;
 }
@@ -363,7 +398,10 @@ RescueOutcome backUpKexts(const QVOSVolume& volume, const std::vector<std::strin
     const auto lock = beginKextChanges(volume);
     if (!lock) {
         logLine("KextBackups::Error: " + lock.error());
-        return {{}, kexts, ""};
+        RescueOutcome refused{{}, kexts, "", {}};
+        for (const auto& path : kexts)
+            refused.causes[path] = lock.error();
+        return refused;
     }
     BackupWriter writer(backupFolder, volume, operation, now);
     auto outcome = takeKexts(volume, kexts, writer, move);

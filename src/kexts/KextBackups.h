@@ -8,6 +8,7 @@
 #include <chrono>
 #include <expected>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,8 @@ struct RescueOutcome {
     std::vector<std::string> done;
     std::vector<std::string> failed;
     std::string backupFolder;
+    /// Why each failed kext failed, and what was kept, in words for the user.
+    std::map<std::string, std::string> causes;
 };
 
 /// The manifest of a backup folder; refused when any entry could lead outside the volume's

@@ -144,6 +144,8 @@ KextBundle readKextBundleAt(int parent, const std::string& name, const std::stri
 }
 
 std::optional<KextBundle> readKextBundle(const std::string& path) {
+    if (path.empty())
+        return std::nullopt;
     const std::filesystem::path bundle = absoluteNormalPath(path);
     const UniqueFd parent(::open(bundle.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::string name = bundle.filename();

@@ -8,7 +8,7 @@
 # Usage: fault-lane.sh QUELMCTL [SAMPLES]. Exits 77 with one line where it cannot run.
 set -uo pipefail
 quelmctl=$1
-samples=${2:-3}
+samples=${2:-2}
 skip() { echo "faults: skipped: $*"; exit 77; }
 [[ $(id -u) -eq 0 ]] || skip "installed kexts belong to root"
 command -v strace >/dev/null || skip "no strace (scripts/deps installs it)"

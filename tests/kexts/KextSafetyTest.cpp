@@ -8,6 +8,8 @@
 #include "volumes/VolumeLock.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -70,6 +72,43 @@ TEST_F(KextSafetyTest, RootCopiesOnlyWhatTheUserCouldRead) {
     EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 0) << "no staging left";
     ::chmod(file.c_str(), 0644);
     EXPECT_TRUE(installKexts({kext}, "/Library/Extensions/", *volume, &nobody).empty());
+}
+
+TEST_F(KextSafetyTest, AFullVolumeKeepsTheOldKextAndSaysWhy) {
+    // A small file system of its own, in a mount namespace that ends with the child.
+    int report[2];
+    ASSERT_EQ(::pipe(report), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const auto small = folder / "small";
+        fs::create_directories(small);
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=256k") != 0)
+            ::_exit(77);
+        test::makeVolume(small / "HD", "10.12.6", "16G29");
+        test::writeText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist", "old");
+        const auto kext = makeKext(sources / "big", std::string(64 * 1024, 'x'), 8);
+        const auto failed = installKexts({kext}, "/Library/Extensions/",
+                                         *QVOSVolume::initWithMountPoint((small / "HD").string()));
+        const std::string text =
+            (failed.size() == 1 ? failed[0].reason : "installed") + "\n" +
+            test::readText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist");
+        ::_exit(::write(report[1], text.data(), text.size()) == static_cast<ssize_t>(text.size())
+                    ? 0
+                    : 1);
+    }
+    ::close(report[1]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "no mount namespace here";
+    char text[512] = {};
+    const auto count = ::read(report[0], text, sizeof text - 1);
+    ::close(report[0]);
+    ASSERT_GT(count, 0);
+    EXPECT_EQ(std::string(text),
+              "no space left on the volume; the installed Lilu.kext is unchanged\nold");
 }
 
 TEST_F(KextSafetyTest, NoCopyKeepsASetuidBit) {

@@ -99,6 +99,12 @@ TEST_F(RescueCommandsTest, InstallRefusesAKextThatCannotLoadUnlessForced) {
     EXPECT_EQ(result.output,
               "{\"checkFailures\": [\"Arm.kext's executable Arm has no 64-bit Intel (x86_64) "
               "code, only arm64.\"], \"refused\": [\"Arm.kext\"]}\n");
+    result = quelmctl("install --folder library" + onVolume() +
+                      shellQuote((folder / "notes.txt").string()));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("notes.txt is not a kext bundle: its name must end in .kext"),
+              std::string::npos)
+        << result.output;
     result = quelmctl(install + " --force");
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_TRUE(fs::exists(volume / "Library/Extensions/Arm.kext"));
@@ -165,6 +171,18 @@ TEST_F(RescueCommandsTest, RemoveRestoreAndUndoGoBackAndForth) {
     EXPECT_NE(result.output.find("is Apple's (com.apple.kernel)"), std::string::npos);
     EXPECT_NE(result.output.find("Nothing.kext is not installed"), std::string::npos);
     EXPECT_TRUE(fs::exists(volume / "System/Library/Extensions/System.kext"));
+
+    // Onto another volume only when asked for by name.
+    const auto other = folder / "Other HD";
+    test::makeVolume(other, "10.15.7", "19H2");
+    const std::string onOther = " --volume " + shellQuote(other.string()) + " ";
+    result = quelmctl("restore" + onOther + backupTo() + shellQuote(backup.string()));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.output.find("holds kexts of " + volume.string() + ", not of " +
+                                 other.string() + "; add --onto-other-volume"),
+              std::string::npos)
+        << result.output;
+    EXPECT_FALSE(fs::exists(other / "Library/Extensions/Lilu.kext"));
 
     result = quelmctl("restore" + backupTo() + shellQuote(backup.string()));
     ASSERT_EQ(result.status, 0) << result.output;

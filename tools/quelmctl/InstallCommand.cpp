@@ -249,11 +249,17 @@ int install(const Options& options) {
     }
     auto& manager = QVKernelExtensionsManager::shared();
     manager.addKernelExtensions(options.kexts);
+    // Other paths are left out by the manager; each is named here, and counts as not installed.
+    int notInstalled = 0;
+    for (const auto& path : options.kexts)
+        if (FileURL::fromPath(path, false).pathExtension() != "kext") {
+            printError(path + " is not a kext bundle: its name must end in .kext");
+            ++notInstalled;
+        }
     std::optional<QVSmartTableManager> table;
     if (*policy == QVKernelExtensionFolder::UseSmartTable &&
         !(table = preparedUserCopy(applicationSupportFolder())))
         return 2;
-    int notInstalled = static_cast<int>(options.kexts.size() - manager.kextsTBI().size());
     Report report(options.json);
     auto plan =
         planFolders(checkedKexts(manager.kextsTBI(), *volume, options.force, notInstalled, report),

@@ -1,10 +1,10 @@
 // quelmctl verify-permissions and repair-permissions: the repair job on a volume, in process.
 #include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
 #include "repair/QVCPU.h"
 #include "repair/YRRepairPermissions.h"
 #include "support/Files.h"
 
-#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <unistd.h>
@@ -51,24 +51,6 @@ private:
     bool enabled_;
     NotificationCenter::Token token_ = 0;
 };
-
-std::string jsonString(std::string_view text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
 
 std::string jsonResults(const std::vector<QVRepairPermissionsRepresentableResult>& results) {
     std::string out = "[";

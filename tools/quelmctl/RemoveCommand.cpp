@@ -54,7 +54,7 @@ int remove(const Options& options) {
         return 2;
     if (options.dryRun) {
         std::cout << (options.json ? "" : "Dry run: nothing is changed.\n");
-        reportOutcome({*paths, {}, ""}, "would-remove", options.json);
+        reportOutcome({*paths, {}, "", {}}, "would-remove", options.json);
         return 0;
     }
     if (refusesWrites(*volume))

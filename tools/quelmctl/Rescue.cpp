@@ -140,8 +140,11 @@ int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json
     } else {
         for (const auto& path : outcome.done)
             std::cout << verb << ' ' << path << '\n';
-        for (const auto& path : outcome.failed)
-            std::cout << "failed " << path << '\n';
+        for (const auto& path : outcome.failed) {
+            const auto cause = outcome.causes.find(path);
+            std::cout << "failed " << path
+                      << (cause == outcome.causes.end() ? "" : ": " + cause->second) << '\n';
+        }
         if (!outcome.backupFolder.empty())
             std::cout << "backup: " << outcome.backupFolder << '\n';
     }

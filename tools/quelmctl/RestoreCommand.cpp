@@ -4,6 +4,7 @@
 #include "quelmctl/Rescue.h"
 
 #include <iostream>
+#include <sys/stat.h>
 
 namespace quelm::ctl {
 namespace {
@@ -11,6 +12,7 @@ namespace {
 struct Options {
     std::string volume;
     std::string backupTo;
+    bool otherVolume = false;
     bool dryRun = false;
     bool json = false;
     std::string backup;
@@ -34,15 +36,29 @@ int describeRestore(const std::string& backup, const QVOSVolume& volume, bool js
     return 0;
 }
 
+bool sameFolder(const std::string& a, const std::string& b) {
+    struct stat first {
+    }, second{};
+    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+/// The volume the backup's manifest names; another only when the user asks for it by name.
 std::optional<QVOSVolume> volumeFor(const Options& options) {
-    if (!options.volume.empty())
-        return openVolume(options.volume);
     const auto manifest = readBackupManifest(options.backup);
     if (!manifest) {
         printError(manifest.error());
         return std::nullopt;
     }
-    return openVolume(manifest->volume);
+    if (options.volume.empty())
+        return openVolume(manifest->volume);
+    auto volume = openVolume(options.volume);
+    if (volume && !options.otherVolume && !sameFolder(volume->mountPoint(), manifest->volume)) {
+        printError(options.backup + " holds kexts of " + manifest->volume + ", not of " +
+                   volume->mountPoint() + "; add --onto-other-volume to put them there anyway");
+        return std::nullopt;
+    }
+    return volume;
 }
 
 int restore(const Options& options) {
@@ -77,6 +93,9 @@ void addRestoreCommand(CLI::App& app, int& status) {
     command->add_option("--volume", options->volume,
                         "Mount point of the macOS volume (default: the one the backup's "
                         "manifest names)");
+    command->add_flag("--onto-other-volume", options->otherVolume,
+                      "Restore onto the --volume given although the backup came from another "
+                      "one (a volume mounted elsewhere now, or another Mac's)");
     command->add_option("--backup-to", options->backupTo,
                         "Back up what is replaced into a folder in DIR (default: Backups in "
                         "Quelm's folder of the user's data folder)");
@@ -86,7 +105,8 @@ void addRestoreCommand(CLI::App& app, int& status) {
         ->required();
     command->footer("Exit status: 0 when every kext was put back, 1 when one could not be, 2 "
                     "when nothing was done: a folder without a readable manifest, a volume that "
-                    "cannot be written.");
+                    "cannot be written, a --volume other than the backup's without "
+                    "--onto-other-volume.");
     command->callback([options, &status] { status = restore(*options); });
 }
 
