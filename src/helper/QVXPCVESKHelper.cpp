@@ -15,6 +15,7 @@
 #include "support/PathValidation.h"
 #include "support/Process.h"
 #include "volumes/MountedFileSystem.h"
+#include "volumes/VolumeLock.h"
 
 #include <chrono>
 #include <fcntl.h>
@@ -105,6 +106,11 @@ std::vector<QVRepairPermissionsRepresentableResult>
 QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) const {
     if (!isAcceptableVolume(volume) || refusesWrites(volume))
         return {};
+    const auto lock = VolumeLock::acquire(volume.mountPoint());
+    if (!lock) {
+        logLine("QVXPCVESKHelper::Error: " + lock.error());
+        return {};
+    }
     YRRepairPermissions job(volume, QVRepairPermissionsJobType::repairPermissions);
     job.run();
     std::vector<QVRepairPermissionsRepresentableResult> results;

@@ -2,8 +2,10 @@
 #include "kexts/KextCaches.h"
 
 #include "support/FolderTrees.h"
+#include "support/Log.h"
 #include "support/PathValidation.h"
 #include "support/Process.h"
+#include "volumes/VolumeLock.h"
 
 #include <array>
 #include <fcntl.h>
@@ -89,6 +91,11 @@ std::vector<std::string> kernelCacheFolders(const PlistValue& bootCaches) {
 bool rebuildCaches(const QVOSVolume& volume) {
     if (!isCleanAbsolutePath(volume.mountPoint()))
         return false;
+    const auto lock = VolumeLock::acquire(volume.mountPoint());
+    if (!lock) {
+        logLine("KextCaches::Error: " + lock.error());
+        return false;
+    }
     if (const auto& kextcache = SystemTools::host().kextcache)
         return runTool(*kextcache, {"-i", volume.mountPoint()}) == 0;
     const auto bootCaches = readBootCaches(volume);

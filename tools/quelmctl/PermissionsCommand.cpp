@@ -4,6 +4,7 @@
 #include "repair/QVCPU.h"
 #include "repair/YRRepairPermissions.h"
 #include "support/Files.h"
+#include "volumes/VolumeLock.h"
 
 #include <filesystem>
 #include <iostream>
@@ -123,6 +124,15 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
         return 2;
     if (repairs && ::geteuid() != 0)
         printError("not running as root: owners and groups cannot be repaired");
+    std::optional<VolumeLock> lock;
+    if (repairs) {
+        auto taken = VolumeLock::acquire(volume->mountPoint());
+        if (!taken) {
+            printError(taken.error());
+            return 2;
+        }
+        lock.emplace(std::move(*taken));
+    }
     YRRepairPermissions job(*volume, type);
     job.setChecksContent(options.content);
     {
