@@ -115,8 +115,10 @@ bool copyEntry(int sourceFolder, const std::string& name, int destinationFolder,
         return copyFileAt(sourceFolder, name, destinationFolder, attributes, reader);
     if (S_ISLNK(info.st_mode))
         return copyLinkAt(sourceFolder, name, destinationFolder, attributes);
-    if (!S_ISDIR(info.st_mode))
+    if (!S_ISDIR(info.st_mode)) {
+        errno = ENOTSUP;
         return false;
+    }
     const UniqueFd inner = openFolderAt(sourceFolder, name);
     return inner && copyFolder(inner.get(), destinationFolder, name, attributes, reader, depth + 1);
 }
@@ -308,6 +310,8 @@ std::string failureCause(int error) {
         return "permission denied";
     case ELOOP:
         return "a link where a folder or file was expected";
+    case ENOTSUP:
+        return "it holds a device, FIFO or socket, which no kext holds";
     default:
         return std::strerror(error);
     }

@@ -139,7 +139,10 @@ TEST_F(KextInstallationTest, AnInterruptedSwapGivesTheOldBundleBack) {
 TEST_F(KextInstallationTest, ABundleWithADeviceOrFifoInsideIsRefused) {
     const auto kext = newKext("Odd.kext", "1");
     ASSERT_EQ(::mkfifo((fs::path(kext.path()) / "Contents/pipe").c_str(), 0600), 0);
-    EXPECT_EQ(installKernelExtensions({kext}, "/Library/Extensions/", *volume).size(), 1u);
+    const auto failed = installKexts({kext}, "/Library/Extensions/", *volume);
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].reason, "it holds a device, FIFO or socket, which no kext holds; the "
+                                "installed Odd.kext is unchanged");
     EXPECT_TRUE(fs::is_empty(volumeRoot / "Library/Extensions"));
 }
 
