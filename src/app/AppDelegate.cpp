@@ -147,7 +147,8 @@ void AppDelegate::openFiles(const QStringList& paths) {
 void AppDelegate::start() {
     timer_.stop();
     NotificationCenter::defaultCenter().post(kDidCollectAllFiles, stdPaths(files_));
-    // The screen takes the intake on its next turn of the event loop: the queued jobs follow.
+    // The screen takes the intake on its next turn of the event loop and the queued jobs right
+    // after it: an intake job that ends at once announces its end only after them.
     QMetaObject::invokeMethod(this, &AppDelegate::handOnQueuedJobs, Qt::QueuedConnection);
 }
 

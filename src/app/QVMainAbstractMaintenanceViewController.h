@@ -48,8 +48,8 @@ public:
     /// Installs the kexts into one of the three concrete folders.
     void callInstallKexts(const std::vector<QVKernelExtension>& kexts,
                           QVKernelExtensionFolder folder);
-    /// Copies the kexts installed in folder into destination + a dated folder, through the
-    /// helper; destination ends with "/".
+    /// Copies the kexts installed in folder into a dated folder that the helper makes in
+    /// destination, or adds to when one of the same second is there; destination ends with "/".
     void callBackupKexts(const std::vector<QVKernelExtension>& kexts,
                          QVKernelExtensionFolder folder, const std::string& destination);
 

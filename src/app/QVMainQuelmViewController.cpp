@@ -24,6 +24,7 @@
 #include <QPushButton>
 #include <algorithm>
 #include <chrono>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -47,14 +48,48 @@ std::vector<QVKernelExtension> replacedKexts(const std::vector<QVKernelExtension
     return replaced;
 }
 
-/// The newest dated folder in folder: the one the helper's last backup went into.
-std::string newestFolderIn(const std::string& folder) {
-    std::string newest;
+/// Each folder of root that has a manifest, by the inode of the manifest: the helper writes a
+/// manifest whole under another name and renames it into place, so every write gives a new one.
+std::map<std::string, ino_t> manifestInodes(const std::filesystem::path& root) {
+    std::map<std::string, ino_t> inodes;
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, error))
-        if (entry.is_directory(error) && entry.path().string() > newest)
-            newest = entry.path().string();
-    return newest;
+    for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
+        struct stat info {};
+        if (::lstat((entry.path() / kBackupManifestName).c_str(), &info) == 0)
+            inodes[entry.path().string()] = info.st_ino;
+    }
+    return inodes;
+}
+
+/// Whether the manifest of backup names each kext as taken from folder.
+bool manifestNames(const std::string& backup, const std::vector<QVKernelExtension>& kexts,
+                   std::string_view folder) {
+    const auto manifest = readBackupManifest(backup);
+    if (!manifest)
+        return false;
+    // The helper keeps the name the volume lists, which may differ in case from the source's.
+    return std::ranges::all_of(kexts, [&](const QVKernelExtension& kext) {
+        return std::ranges::any_of(manifest->items, [&](const BackupItem& item) {
+            return item.sourceFolder == folder &&
+                   QString::fromStdString(item.name).compare(QString::fromStdString(kext.name()),
+                                                             Qt::CaseInsensitive) == 0;
+        });
+    });
+}
+
+/// The folder of root that the helper backed kexts up into: the one whose manifest appeared or
+/// was written again since before and names them. A folder made earlier, whatever its name,
+/// is never taken for it, and one of the same second that the helper added to still is.
+std::string backupFolderOf(const std::filesystem::path& root,
+                           const std::map<std::string, ino_t>& before,
+                           const std::vector<QVKernelExtension>& kexts, std::string_view folder) {
+    for (const auto& [backup, inode] : manifestInodes(root)) {
+        const auto earlier = before.find(backup);
+        if ((earlier == before.end() || earlier->second != inode) &&
+            manifestNames(backup, kexts, folder))
+            return backup;
+    }
+    return {};
 }
 
 } // namespace
@@ -122,29 +157,23 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
         if (std::ranges::find(seen_, file) == seen_.end())
             fresh.push_back(file);
     seen_.insert(seen_.end(), fresh.begin(), fresh.end());
-    if (fresh.empty())
-        return;
-    if (filesReceived_) {
-        enqueueJob(fresh, std::nullopt);
-        return;
-    }
-    filesReceived_ = true;
-    beginJob(fresh);
+    if (!fresh.empty())
+        enqueueJob(std::move(fresh), std::nullopt);
 }
 
 void QVMainQuelmViewController::enqueueJob(std::vector<std::string> files,
                                            std::optional<std::string> volume) {
-    logLine("QVMainQuelmVC::Info: " + std::to_string(files.size()) +
-            " more paths arrived; they are installed in a job of their own after this one.");
     pending_.push_back({std::move(files), std::move(volume)});
-    if (!filesReceived_) {
-        filesReceived_ = true;
+    if (!jobUnderWay_) {
         startNextJob();
+        return;
     }
+    logLine("QVMainQuelmVC::Info: " + std::to_string(pending_.back().files.size()) +
+            " more paths arrived; they are installed in a job of their own after this one.");
 }
 
 bool QVMainQuelmViewController::jobUnderWay() const {
-    return filesReceived_;
+    return jobUnderWay_;
 }
 
 void QVMainQuelmViewController::beginJob(const std::vector<std::string>& files) {
@@ -191,23 +220,28 @@ void QVMainQuelmViewController::beginJob(const std::vector<std::string>& files) 
 void QVMainQuelmViewController::finishJob() {
     // The list belongs to one job: the next one, or the next run, starts from none.
     QVKernelExtensionsManager::shared().kextsTBI().clear();
-    if (pending_.empty()) {
-        emit jobFinished();
+    jobUnderWay_ = false;
+    if (!pending_.empty()) {
+        startNextJob();
         return;
     }
-    startNextJob();
+    // A job that ends at once ends on the turn that delivered it, before the application
+    // hands on the jobs it queued meanwhile: the end counts only when none started since.
+    QMetaObject::invokeMethod(
+        this,
+        [this, started = jobsStarted_] {
+            if (jobsStarted_ == started)
+                emit jobFinished();
+        },
+        Qt::QueuedConnection);
 }
 
 void QVMainQuelmViewController::startNextJob() {
     auto batch = std::move(pending_.front());
     pending_.pop_front();
-    index_ = 0;
-    sent_ = 0;
-    failed_.clear();
-    skipped_.clear();
-    jobBackupFolder_.clear();
-    backups_.clear();
-    jobStarted_ = false;
+    jobUnderWay_ = true;
+    ++jobsStarted_;
+    resetJob();
     if (batch.volume) {
         const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(*batch.volume));
         if (!volume || !volume->majorVersion()) {
@@ -224,6 +258,15 @@ void QVMainQuelmViewController::startNextJob() {
         QVOSVolumeManager::shared().setSelectedOSVolume(*volume);
     }
     beginJob(batch.files);
+}
+
+void QVMainQuelmViewController::resetJob() {
+    index_ = 0;
+    sent_ = 0;
+    failed_.clear();
+    skipped_.clear();
+    backups_.clear();
+    jobStarted_ = false;
 }
 
 void QVMainQuelmViewController::skip(const std::string& name, const QString& reason) {
@@ -300,21 +343,20 @@ void QVMainQuelmViewController::installInto(std::vector<QVKernelExtension> kexts
     const auto& volume = *QVOSVolumeManager::shared().selectedOSVolume();
     auto& replaced = QVKernelExtensionsManager::shared().kextsTBB();
     replaced = replacedKexts(kexts, folder, volume);
-    placing_ = Placement{std::move(kexts), folder, {}};
+    placing_ = Placement{std::move(kexts), folder, {}, {}, {}};
     if (replaced.empty()) {
         sendPlacement();
         return;
     }
-    // One fresh folder per job: a backup never lands on an earlier one of the same second.
-    if (jobBackupFolder_.empty())
-        if (const auto root = backupFolderSetting())
-            jobBackupFolder_ = newBackupFolderPath(*root, std::chrono::system_clock::now());
-    if (jobBackupFolder_.empty()) {
+    const auto root = backupFolderSetting();
+    if (!root) {
         logLine("QVMainQuelmVC::Error: the backup folder cannot be made.");
         didBackupKexts(replaced);
         return;
     }
-    callBackupKexts(replaced, folder, jobBackupFolder_ + "/");
+    placing_->backupRoot = *root;
+    placing_->manifestsBefore = manifestInodes(*root);
+    callBackupKexts(replaced, folder, (*root / "").string());
 }
 
 void QVMainQuelmViewController::willBackupKexts() {
@@ -323,6 +365,11 @@ void QVMainQuelmViewController::willBackupKexts() {
 }
 
 void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtension>& failed) {
+    auto& replaced = QVKernelExtensionsManager::shared().kextsTBB();
+    std::vector<QVKernelExtension> saved;
+    for (const auto& kext : replaced)
+        if (std::ranges::find(failed, kext) == failed.end())
+            saved.push_back(kext);
     // Installing over a kext that has no backup could lose the only working copy.
     for (const auto& kext : failed) {
         std::erase(placing_->kexts, kext);
@@ -330,12 +377,21 @@ void QVMainQuelmViewController::didBackupKexts(const std::vector<QVKernelExtensi
         skip(kext.name(), qtTrId("kQVMainQuelmVCNotBackedUp"));
     }
     // Cleared only now: failed may be this very list.
-    QVKernelExtensionsManager::shared().kextsTBB().clear();
-    if (!jobBackupFolder_.empty())
-        placing_->backup = newestFolderIn(jobBackupFolder_);
-    if (!placing_->backup.empty() && !backups_.contains(QString::fromStdString(placing_->backup)))
-        backups_ << QString::fromStdString(placing_->backup);
+    replaced.clear();
+    if (!saved.empty())
+        noteBackup(saved);
     sendPlacement();
+}
+
+void QVMainQuelmViewController::noteBackup(const std::vector<QVKernelExtension>& saved) {
+    auto& placing = *placing_;
+    placing.backup = backupFolderOf(placing.backupRoot, placing.manifestsBefore, saved,
+                                    rawValue(placing.folder));
+    if (placing.backup.empty())
+        logLine("QVMainQuelmVC::Error: no folder of " + placing.backupRoot.string() +
+                " holds the backup just made.");
+    else if (!backups_.contains(QString::fromStdString(placing.backup)))
+        backups_ << QString::fromStdString(placing.backup);
 }
 
 void QVMainQuelmViewController::sendPlacement() {

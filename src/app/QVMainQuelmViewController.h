@@ -8,8 +8,11 @@
 #include <QString>
 #include <QStringList>
 #include <deque>
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <sys/types.h>
 #include <vector>
 
 namespace Ui {
@@ -32,17 +35,19 @@ public:
     /// Starts the job with the paths the application collected; paths not seen before that
     /// arrive once a job runs make a job of their own after it.
     void runWithANotification(const std::vector<std::string>& files);
-    /// Paths handed over while a job runs, or for another volume (none: the current one):
-    /// installed in a job of their own once the jobs before it end.
+    /// Paths for a job of their own on volume (none: the one selected when it starts): it
+    /// starts now when no job runs, else once the jobs before it end, however they end.
     void enqueueJob(std::vector<std::string> files, std::optional<std::string> volume);
-    /// Whether a job has been given its paths (it may still wait for the helper).
+    /// Whether a job has been given its paths and has not ended (it may still wait for the
+    /// helper).
     bool jobUnderWay() const;
     /// Applies "LightMode" or "DarkMode": window background, indicator and status colours.
     void applyAppearanceMode(const std::string& mode);
 
 signals:
-    /// The job is over (its notification delivered), or ended before it changed anything: the
-    /// application may quit.
+    /// No job is left: the last one is over (its notification delivered) or ended before it
+    /// changed anything, and no other was handed on before the end was announced, a turn of
+    /// the event loop later. The application may quit.
     void jobFinished();
     /// The final notification of a job, as delivered to the desktop and the log.
     void notified(const QVUserNotification& notification);
@@ -63,7 +68,10 @@ private:
     void beginJob(const std::vector<std::string>& files);
     /// The job is over: the next one queued starts, or the application may quit.
     void finishJob();
+    /// Takes the first job queued, on its volume.
     void startNextJob();
+    /// Forgets what the last job counted, installed, skipped and backed up.
+    void resetJob();
     /// Records a path that the job does not install, with the reason, for the notification.
     void skip(const std::string& name, const QString& reason);
     /// Asks the helper first whether root can write to the volume: a refusal ends the job
@@ -79,6 +87,9 @@ private:
     void installKexts();
     /// Backs up the installed kexts that these replace, then installs them into folder.
     void installInto(std::vector<QVKernelExtension> kexts, QVKernelExtensionFolder folder);
+    /// Records the folder the helper backed the saved kexts up into, for the history and the
+    /// notification.
+    void noteBackup(const std::vector<QVKernelExtension>& saved);
     /// Sends the kexts being placed to the helper, or goes on when none are left.
     void sendPlacement();
     /// Records the kexts of the last placement that were installed in the user's history.
@@ -94,7 +105,9 @@ private:
     std::size_t index_ = 0;
     std::vector<std::string> files_;
     std::optional<QVSmartTableManager> smartTable_;
-    bool filesReceived_ = false;
+    bool jobUnderWay_ = false;
+    /// Jobs started in this run: an end counts only when none started after it.
+    std::size_t jobsStarted_ = 0;
     bool jobStarted_ = false;
     std::size_t sent_ = 0;
     std::vector<QVKernelExtension> failed_;
@@ -109,11 +122,13 @@ private:
     struct Placement {
         std::vector<QVKernelExtension> kexts;
         QVKernelExtensionFolder folder;
+        /// The folder of the preferences in which the helper makes the backup's dated folder.
+        std::filesystem::path backupRoot;
+        /// Each folder of backupRoot by the inode of its manifest, taken before the backup.
+        std::map<std::string, ino_t> manifestsBefore;
         std::string backup;
     };
     std::optional<Placement> placing_;
-    /// This job's folder in the backup folder: each backup goes into a dated folder in it.
-    std::string jobBackupFolder_;
     QStringList backups_;
 };
 

@@ -21,6 +21,7 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QtTest>
 #include <unistd.h>
@@ -171,7 +172,7 @@ private slots:
         });
         canceller.start(10ms);
         screen.runWithANotification({"/k/A.kext"});
-        QVERIFY(finished);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
     }
 
@@ -187,7 +188,7 @@ private slots:
         connect(&screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
         QVModalAnswers::preset(QMessageBox::Ok);
         screen.runWithANotification({kext.string()});
-        QVERIFY(finished);
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
         QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions"));
         QVERIFY(QVKernelExtensionsManager::shared().kextsTBI().empty());
@@ -271,6 +272,59 @@ private slots:
         QVERIFY(!std::filesystem::exists(second / "Library/Extensions/A.kext"));
         QVERIFY(!std::filesystem::exists(first / "Library/Extensions/B.kext"));
         QVXPCHelperManager::shared().terminateHelper();
+    }
+
+    void aQueuedJobRunsHoweverTheJobBeforeItEndsAndTheEndWaitsForIt() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto sealed = folder / "Catalina HD";
+        const auto second = folder / "Second HD";
+        const auto third = folder / "Third HD";
+        test::makeVolume(sealed, "10.15.7", "19H2");
+        test::makeVolume(second, "10.13.6", "17G66");
+        test::makeVolume(third, "10.12.6", "16G29");
+        const auto kext = [&](const std::string& name) {
+            return QString::fromStdString(
+                test::makeKextBundle(folder / "kexts", name + ".kext",
+                                     test::kextInfo("com.example." + name, "1.0"))
+                    .string());
+        };
+        const auto installed = [](const std::filesystem::path& volume, const std::string& name) {
+            return std::filesystem::exists(volume / "System/Library/Extensions" / name);
+        };
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(sealed));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/System/Library/Extensions/");
+        QVXPCHelperManager::shared().start(std::nullopt);
+        const auto helper = qScopeGuard([] { QVXPCHelperManager::shared().terminateHelper(); });
+
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        AppDelegate delegate(window, 24h);
+        // Whether the queued job had installed its kext when the application was told it may
+        // quit.
+        std::vector<bool> ends;
+        connect(&window, &QVMainQuelmWindowController::jobFinished,
+                [&] { ends.push_back(installed(second, "B.kext")); });
+        delegate.openFiles({kext("A")});
+        QVModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({second.string(), {kext("B")}}, delegate, window);
+        // The first job's folder is read-only on its volume: it ends at once, changing nothing.
+        QVModalAnswers::preset(QMessageBox::Ok);
+        delegate.start();
+        QTRY_VERIFY_WITH_TIMEOUT(!ends.empty() && ends.back(), test::kHangGuardMs);
+        QCOMPARE(ends, std::vector<bool>{true});
+        QCOMPARE(QVModalAnswers::shown().back().text,
+                 QString("The target volume cannot be changed"));
+        QVERIFY(!std::filesystem::exists(sealed / "System/Library/Extensions"));
+        QVERIFY(!installed(second, "A.kext"));
+
+        // Once every job is over, a job queued later still runs.
+        QVModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({third.string(), {kext("C")}}, delegate, window);
+        QTRY_COMPARE_WITH_TIMEOUT(ends.size(), std::size_t{2}, test::kHangGuardMs);
+        QVERIFY(installed(third, "C.kext"));
+        QCOMPARE(QVModalAnswers::pending(), std::size_t{0});
     }
 
     void askEveryTimeInstallsWhatTheDialogAnswers() {

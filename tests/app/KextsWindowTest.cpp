@@ -246,7 +246,7 @@ private slots:
         QVERIFY(fs::exists(volume_ / "Library/Extensions/Forced.kext"));
         QVERIFY(test::readText(volume_ / "Library/Extensions/Lilu.kext/Contents/Info.plist")
                     .find("1.5.0") != std::string::npos);
-        const auto backup = onlyFolderIn(onlyFolderIn(backups_));
+        const auto backup = onlyFolderIn(backups_);
         QVERIFY(test::readText(backup / "Lilu.kext/Contents/Info.plist").find("1.4.5") !=
                 std::string::npos);
         QVERIFY(fs::exists(backup / "Manifest.plist"));
@@ -259,6 +259,59 @@ private slots:
         QCOMPARE(lastRecord().kexts, (std::vector<std::string>{"/Library/Extensions/Lilu.kext",
                                                                "/Library/Extensions/Forced.kext"}));
         QCOMPARE(lastRecord().backup, backup.string());
+    }
+
+    void eachJobNamesTheBackupThatHoldsWhatItReplaced() {
+        // An earlier backup of the same kext, named later than any this run makes, is never
+        // taken for a job's own.
+        const auto later = backups_ / "99991231_235959";
+        fs::create_directories(backups_);
+        QVERIFY(copyKextsToBackup(*QVOSVolume::initWithMountPoint(volume_),
+                                  {"/Library/Extensions/Lilu.kext"}, later.string(), "install",
+                                  std::chrono::system_clock::now())
+                    .failed.empty());
+        const auto kexts = folder_ / "kexts";
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        auto* screen = window.installationScreen();
+        int finished = 0;
+        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { ++finished; });
+        struct Told {
+            fs::path backup;
+            std::string heldInfo;
+            std::string recorded;
+        };
+        // Read as each job tells of its backup: a later one may add to the same folder.
+        std::vector<Told> told;
+        connect(
+            screen, &QVMainQuelmViewController::notified, [&](const QVUserNotification& delivered) {
+                const fs::path backup =
+                    delivered.informativeText.section("Backup: ", 1).toStdString();
+                told.push_back({backup, test::readText(backup / "Lilu.kext/Contents/Info.plist"),
+                                lastRecord().backup});
+            });
+        for (const char* version : {"1.5.0", "1.6.0"})
+            screen->enqueueJob(
+                {test::makeKextBundle(kexts / version, "Lilu.kext",
+                                      test::kextInfo("as.vit9696.Lilu", version, "Lilu"),
+                                      test::thinMachO(test::kX86_64))
+                     .string()},
+                std::nullopt);
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
+
+        QCOMPARE(told.size(), std::size_t{2});
+        for (const auto& job : told) {
+            QCOMPARE(job.backup.parent_path(), backups_);
+            QVERIFY(job.backup != later);
+            QCOMPARE(job.recorded, job.backup.string());
+        }
+        QVERIFY(told[0].heldInfo.find("1.4.5") != std::string::npos);
+        QVERIFY(told[1].heldInfo.find("1.5.0") != std::string::npos);
+        QVERIFY(test::readText(later / "Lilu.kext/Contents/Info.plist").find("1.4.5") !=
+                std::string::npos);
+        QVERIFY(test::readText(volume_ / "Library/Extensions/Lilu.kext/Contents/Info.plist")
+                    .find("1.6.0") != std::string::npos);
     }
 
     void theWindowShowsFlatBundlesLikeTheOthers() {
