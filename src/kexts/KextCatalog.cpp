@@ -143,21 +143,28 @@ KextBundle readKextBundleAt(int parent, const std::string& name, const std::stri
     return readBundle(parent, name, path, 0);
 }
 
-std::optional<KextBundle> readKextBundle(const std::string& path) {
+std::optional<UserPathParent> openUserPathParent(const std::string& path) {
     if (path.empty())
         return std::nullopt;
-    const std::filesystem::path bundle = absoluteNormalPath(path);
-    const UniqueFd parent(::open(bundle.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::string name = bundle.filename();
-    if (!parent || !isPlainFileName(name) || !isFolderAt(parent.get(), name))
+    const std::filesystem::path whole = absoluteNormalPath(path);
+    UniqueFd parent(::open(whole.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string name = whole.filename();
+    if (!parent || !isPlainFileName(name))
         return std::nullopt;
-    return readKextBundleAt(parent.get(), name, bundle.string());
+    return UserPathParent{std::move(parent), whole.parent_path().string(), std::move(name)};
+}
+
+std::optional<KextBundle> readKextBundle(const std::string& path) {
+    const auto place = openUserPathParent(path);
+    if (!place || !isFolderAt(place->folder.get(), place->name))
+        return std::nullopt;
+    return readKextBundleAt(place->folder.get(), place->name,
+                            (std::filesystem::path(place->folderPath) / place->name).string());
 }
 
 std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std::string& name) {
-    const std::filesystem::path bundle = absoluteNormalPath(path);
-    const UniqueFd parent(::open(bundle.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const UniqueFd opened = parent ? openFolderAt(parent.get(), bundle.filename()) : UniqueFd();
+    const auto place = openUserPathParent(path);
+    const UniqueFd opened = place ? openFolderAt(place->folder.get(), place->name) : UniqueFd();
     bool flat = false;
     const UniqueFd infoFolder = opened ? openInfoFolder(opened.get(), flat) : UniqueFd();
     return infoFolder ? readDictionaryAt(infoFolder.get(), name) : std::nullopt;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kexts/MachO.h"
+#include "support/FolderTrees.h"
 #include "support/PropertyList.h"
 #include "volumes/QVOSVolume.h"
 
@@ -51,6 +52,16 @@ struct KextBundle {
 
 /// The bundle name inside the open folder parent, known as path.
 KextBundle readKextBundleAt(int parent, const std::string& name, const std::string& path);
+
+/// The open folder holding a path the user gives, its path and the last component, a plain
+/// file name: links on the way are the user's, the last component is for the caller to open
+/// without following one. Nothing when the folder cannot be opened.
+struct UserPathParent {
+    UniqueFd folder;
+    std::string folderPath;
+    std::string name;
+};
+std::optional<UserPathParent> openUserPathParent(const std::string& path);
 
 /// The bundle at a path the user gives (links on the way to it are the user's); nothing when
 /// it is not a folder.

@@ -2,6 +2,7 @@
 #include "kexts/KextInstallation.h"
 
 #include "kexts/KextBackups.h"
+#include "kexts/KextCatalog.h"
 #include "kexts/KextSwaps.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "support/FolderTrees.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <filesystem>
 #include <sys/stat.h>
 
 namespace quelm {
@@ -23,27 +23,23 @@ namespace {
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
 constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
-/// The kext's bundle opened without following a link: a link named like a kext must not make
-/// root copy what it points to.
-std::expected<std::pair<UniqueFd, std::string>, std::string>
-openSource(const QVKernelExtension& kext, const Reader* reader) {
-    std::filesystem::path path = kext.path();
-    if (!path.has_filename())
-        path = path.parent_path();
-    const UniqueFd parent(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat parentInfo {};
-    if (!parent || ::fstat(parent.get(), &parentInfo) != 0)
-        return std::unexpected(path.parent_path().string() +
-                               " cannot be opened: " + failureCause(errno));
-    if (reader && !reader->mayRead(parentInfo))
-        return std::unexpected(path.parent_path().string() + " cannot be read by you");
+/// The folder holding the kext's bundle, checked without following a link: a link named like
+/// a kext must not make root copy what it points to.
+std::expected<UserPathParent, std::string> openSource(const QVKernelExtension& kext,
+                                                      const Reader* reader) {
+    auto place = openUserPathParent(kext.path());
+    struct stat folder {};
+    if (!place || ::fstat(place->folder.get(), &folder) != 0)
+        return std::unexpected("its folder cannot be opened: " + failureCause(errno));
+    if (reader && !reader->mayRead(folder))
+        return std::unexpected(place->folderPath + " cannot be read by you");
     struct stat info {};
-    if (::fstatat(parent.get(), kext.name().c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::fstatat(place->folder.get(), place->name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return std::unexpected("it cannot be found: " + failureCause(errno));
     if (!S_ISDIR(info.st_mode))
         return std::unexpected(S_ISLNK(info.st_mode) ? "it is a link, not a kext bundle folder"
                                                      : "it is not a kext bundle folder");
-    return std::pair{UniqueFd(::fcntl(parent.get(), F_DUPFD_CLOEXEC, 0)), kext.name()};
+    return std::move(*place);
 }
 
 std::string keptText(const std::string& name, const SwapFailure& failure) {
@@ -67,7 +63,7 @@ std::expected<void, std::string> installOne(const QVKernelExtension& kext,
                                " cannot be opened on the volume: " + failureCause(errno));
     const std::string name = kext.name();
     const std::string staging = hiddenName(name, HiddenRole::staging);
-    if (!copyTreeAt(source->first.get(), source->second, folder.get(), staging, kSystemAttributes,
+    if (!copyTreeAt(source->folder.get(), source->name, folder.get(), staging, kSystemAttributes,
                     reader)) {
         const std::string cause = failureCause(errno);
         if (!removeTreeAt(folder.get(), staging))

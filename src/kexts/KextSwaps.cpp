@@ -62,12 +62,15 @@ std::expected<std::string, SwapFailure> replaceThroughAside(int folder, const st
 }
 
 /// The bundle name and role of a hidden entry this code made; nothing for any other entry.
-std::optional<std::pair<std::string, std::string>> parseHidden(const std::string& entry) {
+std::optional<std::pair<std::string, HiddenRole>> parseHidden(const std::string& entry) {
     const auto mark = entry.rfind(kHiddenMark);
     if (!entry.starts_with('.') || mark == std::string::npos || mark < 2)
         return std::nullopt;
     const std::string rest = entry.substr(mark + kHiddenMark.size());
-    return std::pair{entry.substr(1, mark - 1), rest.substr(0, rest.find('-'))};
+    for (const auto role : {HiddenRole::staging, HiddenRole::previous, HiddenRole::removing})
+        if (rest.substr(0, rest.find('-')) == roleName(role))
+            return std::pair{entry.substr(1, mark - 1), role};
+    return std::nullopt;
 }
 
 void removeLeftover(int folder, const std::string& entry) {
@@ -108,13 +111,12 @@ void recoverLeftovers(int folder) {
         if (!hidden)
             continue;
         const auto& [name, role] = *hidden;
-        if (role == "previous" && !listedNameAt(folder, name) &&
+        if (role == HiddenRole::previous && !listedNameAt(folder, name) &&
             ::renameat(folder, entry.c_str(), folder, name.c_str()) == 0) {
             logLine("KextSwaps: put " + name + " back from " + entry);
             continue;
         }
-        if (role == "previous" || role == "staging" || role == "removing")
-            removeLeftover(folder, entry);
+        removeLeftover(folder, entry);
     }
 }
 
