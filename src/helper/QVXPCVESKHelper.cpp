@@ -42,9 +42,10 @@ void stopRepairTool() {
     startTool(SystemTools::host().killall, {"RepairPermissions"});
 }
 
-/// Logs why root cannot write to the volume, when it cannot.
-bool refusesWrites(const QVOSVolume& volume) {
-    const auto refusal = writeRefusal(volume);
+/// Logs why root cannot write to the volume, or to the half that holds path when one is
+/// given, when it cannot.
+bool refusesWrites(const QVOSVolume& volume, std::string_view path = {}) {
+    const auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path);
     if (refusal)
         logLine("QVXPCVESKHelper::Error: " + *refusal);
     return refusal.has_value();
@@ -95,10 +96,11 @@ std::string QVXPCVESKHelper::getHelperBundleVersion() const {
 }
 
 bool QVXPCVESKHelper::repairWithFolder(const std::string& folder, const QVOSVolume& volume) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder) || refusesWrites(volume))
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder) ||
+        refusesWrites(volume, folder))
         return false;
     // Walked beneath the volume: a link anywhere on the way, or inside, is never followed.
-    const UniqueFd opened = openFolderBelow(volume.mountPoint(), folder);
+    const UniqueFd opened = openFolderOn(volume, folder);
     return opened && applyTreeAttributes(opened.get(), kSystemAttributes);
 }
 
@@ -121,7 +123,8 @@ QVXPCVESKHelper::repairDiskPermissionsOnTargetVolume(const QVOSVolume& volume) c
 }
 
 bool QVXPCVESKHelper::rebuildCachesOnTargetVolume(const QVOSVolume& volume) const {
-    return isAcceptableVolume(volume) && !refusesWrites(volume) && rebuildCaches(volume);
+    return isAcceptableVolume(volume) && !refusesWrites(volume, kKextChangesFolder) &&
+           rebuildCaches(volume);
 }
 
 std::vector<QVKernelExtension>
@@ -154,7 +157,8 @@ std::vector<std::string>
 QVXPCVESKHelper::removeKernelExtensions(const std::vector<std::string>& kexts,
                                         const QVOSVolume& volume,
                                         const std::string& backupFolder) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backupFolder) || refusesWrites(volume))
+    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backupFolder) ||
+        refusesWrites(volume, kKextChangesFolder))
         return kexts;
     const auto outcome =
         moveKextsToBackup(volume, kexts, backupFolder, "remove", std::chrono::system_clock::now());
@@ -167,7 +171,7 @@ QVXPCVESKHelper::removeKernelExtensions(const std::vector<std::string>& kexts,
 std::vector<std::string> QVXPCVESKHelper::restoreKernelExtensionsFromBackupFolder(
     const std::string& backup, const QVOSVolume& volume, const std::string& backupFolder) const {
     if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backup) ||
-        !isCleanAbsolutePath(backupFolder) || refusesWrites(volume))
+        !isCleanAbsolutePath(backupFolder) || refusesWrites(volume, kKextChangesFolder))
         return {backup};
     const auto outcome =
         restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());

@@ -249,7 +249,7 @@ RescueOutcome takeKexts(const QVOSVolume& volume, const std::vector<std::string>
                         BackupWriter& writer, bool move) {
     RescueOutcome outcome;
     for (const auto& path : kexts) {
-        const auto place = openParentBelow(volume.mountPoint(), path);
+        const auto place = openParentOn(volume, path);
         const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
         const std::string folder = path.substr(0, path.rfind('/') + 1);
         const bool taken = listed && isKextSourceFolder(folder) &&
@@ -308,8 +308,7 @@ restoreInto(const fs::path& backupFolder, const QVOSVolume& volume, BackupWriter
         const fs::path inBackup = fs::path(item.pathInBackup).parent_path();
         const UniqueFd from = openFolderBelow(backupFolder, inBackup.string());
         const UniqueFd to =
-            from ? openFolderBelow(volume.mountPoint(), item.sourceFolder, kSystemAttributes)
-                 : UniqueFd();
+            from ? openFolderOn(volume, item.sourceFolder, kSystemAttributes) : UniqueFd();
         using Restored = std::expected<void, std::string>;
         const Restored restored =
             !from ? Restored(std::unexpect, "it is not in the backup")
@@ -383,7 +382,7 @@ std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>&
 
 std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::string& kextPath) {
     const std::string staged = std::string(kStagedExtensionsFolder) + kextPath;
-    const auto place = openParentBelow(volume.mountPoint(), staged);
+    const auto place = openParentOn(volume, staged);
     const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
     if (!listed)
         return std::nullopt;
@@ -430,7 +429,7 @@ std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path&
         return std::unexpected(manifest.error());
     std::vector<RestoreStep> steps;
     for (const auto& item : manifest->items) {
-        const auto place = openParentBelow(volume.mountPoint(), item.volumePath());
+        const auto place = openParentOn(volume, item.volumePath());
         steps.push_back({item, place && listedNameAt(place->first.get(), place->second)});
     }
     return steps;

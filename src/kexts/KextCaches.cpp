@@ -51,7 +51,7 @@ std::vector<std::string> stringsOf(const PlistValue& value) {
 }
 
 std::optional<PlistValue> readBootCaches(const QVOSVolume& volume) {
-    const UniqueFd folder = openFolderBelow(volume.mountPoint(), "/usr/standalone");
+    const UniqueFd folder = openFolderOn(volume, "/usr/standalone");
     const auto bytes =
         folder ? readFileAt(folder.get(), "bootcaches.plist", kMaxBootCachesSize) : std::nullopt;
     auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
@@ -67,7 +67,7 @@ timespec newestKernelCache(const QVOSVolume& volume, const PlistValue::Dict* ent
     timespec newest{};
     for (const auto& cache : caches) {
         struct stat info {};
-        const auto place = openParentBelow(volume.mountPoint(), cache);
+        const auto place = openParentOn(volume, cache);
         if (place &&
             ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             info.st_mtim.tv_sec > newest.tv_sec)
@@ -109,7 +109,10 @@ bool rebuildCaches(const QVOSVolume& volume) {
     const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, stamp};
     int marked = 0;
     for (const auto& folder : folders) {
-        const auto place = openParentBelow(volume.mountPoint(), folder);
+        // A sealed system volume is never written; macOS rebuilds what it holds itself.
+        if (volume.isSealed() && !volume.placeOf(folder).onDataVolume)
+            continue;
+        const auto place = openParentOn(volume, folder);
         struct stat info {};
         if (!place ||
             ::fstatat(place->first.get(), place->second.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)

@@ -173,7 +173,7 @@ std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std
 std::vector<KextBundle> installedKexts(const QVOSVolume& volume) {
     std::vector<KextBundle> kexts;
     for (const auto folder : kExtensionsFolders) {
-        const UniqueFd opened = openFolderBelow(volume.mountPoint(), folder);
+        const UniqueFd opened = openFolderOn(volume, folder);
         if (!opened)
             continue;
         for (const auto& name : kextNamesIn(opened.get()))

@@ -57,7 +57,7 @@ std::expected<void, std::string> installOne(const QVKernelExtension& kext,
     if (!source)
         return std::unexpected(source.error());
     // Missing folders are made root:wheel 755, as macOS has them.
-    const UniqueFd folder = openFolderBelow(volume.mountPoint(), folderPath, kSystemAttributes);
+    const UniqueFd folder = openFolderOn(volume, folderPath, kSystemAttributes);
     if (!folder)
         return std::unexpected(folderPath +
                                " cannot be opened on the volume: " + failureCause(errno));
@@ -85,7 +85,7 @@ std::expected<void, std::string> installOne(const QVKernelExtension& kext,
 std::optional<std::string> backupOne(const QVKernelExtension& kext, const std::string& installedIn,
                                      const QVOSVolume& volume, int backupFolder) {
     const std::string name = kext.name();
-    const UniqueFd installed = openFolderBelow(volume.mountPoint(), installedIn, std::nullopt);
+    const UniqueFd installed = openFolderOn(volume, installedIn, std::nullopt);
     const auto listed =
         isPlainFileName(name) && installed ? listedNameAt(installed.get(), name) : std::nullopt;
     if (listed && removeTreeAt(backupFolder, *listed) &&
@@ -102,7 +102,7 @@ std::optional<std::string> installationRefusal(const QVOSVolume& volume,
         return folder + " is not a folder of the volume such as /Library/Extensions/";
     if (auto refusal = folderRefusal(folder, volume))
         return refusal;
-    return writeRefusal(volume);
+    return writeRefusal(volume, folder);
 }
 
 bool isInstallableKext(const QVKernelExtension& kext) {

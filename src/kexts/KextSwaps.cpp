@@ -78,8 +78,8 @@ void removeLeftover(int folder, const std::string& entry) {
         logLine("KextSwaps::Error: Unable to remove " + entry);
 }
 
-void recoverBelow(const std::string& mountPoint, const std::string& folder) {
-    const UniqueFd opened = openFolderBelow(mountPoint, folder);
+void recoverBelow(const QVOSVolume& volume, const std::string& folder) {
+    const UniqueFd opened = openFolderOn(volume, folder);
     if (opened)
         recoverLeftovers(opened.get());
 }
@@ -125,9 +125,8 @@ std::expected<VolumeLock, std::string> beginKextChanges(const QVOSVolume& volume
     if (!lock)
         return lock;
     for (const auto folder : kExtensionsFolders) {
-        recoverBelow(volume.mountPoint(), std::string(folder));
-        recoverBelow(volume.mountPoint(),
-                     std::string(kStagedExtensionsFolder) + std::string(folder));
+        recoverBelow(volume, std::string(folder));
+        recoverBelow(volume, std::string(kStagedExtensionsFolder) + std::string(folder));
     }
     return lock;
 }

@@ -101,58 +101,74 @@ QVPackageManager& QVPackageManager::shared() {
     return manager;
 }
 
-std::string QVPackageManager::receiptDirectory() const {
-    const auto& mountPoint = targetVolume_->mountPoint();
-    return (mountPoint == "/" ? "" : mountPoint) + std::string(systemReceiptDirectoryPathString);
+std::vector<std::string> QVPackageManager::receiptFolders() const {
+    std::vector<std::string> folders{std::string(systemReceiptDirectoryPathString)};
+    if (targetVolume_->dataMountPoint()) {
+        folders.emplace_back("/Library/Apple/System/Library/Receipts/");
+        folders.emplace_back("/private/var/db/receipts/");
+    }
+    return folders;
+}
+
+std::string QVPackageManager::hostPath(std::string_view volumePath) const {
+    const auto place = targetVolume_->placeOf(volumePath);
+    return (place.root == "/" ? "" : place.root) + place.path;
 }
 
 void QVPackageManager::setup() {
     if (!targetVolume_)
         fatalError("QVPackageManager::setup() FatalError: no target volume.");
-    const auto root = VolumeRoot::open(targetVolume_->mountPoint());
+    const auto& volume = *targetVolume_;
+    const auto root =
+        volume.dataMountPoint()
+            ? VolumeRoot::open(volume.mountPoint(), *volume.dataMountPoint(), volume.firmlinks())
+            : VolumeRoot::open(volume.mountPoint());
     if (!root) {
-        markUnreadable(receiptDirectory());
+        markUnreadable(hostPath(systemReceiptDirectoryPathString));
         return;
     }
     QVFileSystemResourceManager::shared().setVolumeRoot(root);
-    findPackages(root);
+    for (const auto& folder : receiptFolders())
+        findPackages(root, folder);
     readBoms(root);
     for (const auto& parser : parsers_)
         makeResources(*parser, root);
 }
 
-void QVPackageManager::findPackages(const std::shared_ptr<const VolumeRoot>& root) {
+void QVPackageManager::findPackages(const std::shared_ptr<const VolumeRoot>& root,
+                                    const std::string& folder) {
     VolumeWalker walker(root);
-    const auto parent = walker.parentOf("/System/Library/Receipts");
+    const auto parent = walker.parentOf(std::string_view(folder).substr(0, folder.size() - 1));
     const UniqueFd receipts(parent ? ::openat(parent->first, std::string(parent->second).c_str(),
                                               O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
                                    : -1);
     if (!receipts) {
         if (parent ? !isMissing(errno) : walker.failure() != 0)
-            markUnreadable(receiptDirectory());
+            markUnreadable(hostPath(folder));
         return;
     }
     std::vector<std::string> unreadable;
     findReceipts(
         receipts.get(), "", 0,
-        [this](const std::string& path, std::string_view bytes) { addPackage(path, bytes); },
+        [&](const std::string& path, std::string_view bytes) { addPackage(folder, path, bytes); },
         unreadable);
     for (const auto& path : unreadable)
-        markUnreadable(receiptDirectory() + (path.ends_with(".plist") ? bomPathOf(path) : path));
+        markUnreadable(hostPath(folder + (path.ends_with(".plist") ? bomPathOf(path) : path)));
 }
 
-void QVPackageManager::addPackage(const std::string& receiptPath, std::string_view bytes) {
+void QVPackageManager::addPackage(const std::string& folder, const std::string& receiptPath,
+                                  std::string_view bytes) {
     const auto bomPath = bomPathOf(receiptPath);
     const auto receipt = parsePlist(bytes);
     if (!receipt) {
         // A damaged receipt may be a standard one: its package's paths go unchecked.
-        markUnreadable(receiptDirectory() + bomPath);
+        markUnreadable(hostPath(folder + bomPath));
         return;
     }
-    auto package = QVStandardPackage::initWithReceipt(*receipt, receiptDirectory() + receiptPath);
+    auto package = QVStandardPackage::initWithReceipt(*receipt, hostPath(folder + receiptPath));
     if (!package)
         return;
-    bomVolumePaths_.push_back(std::string(systemReceiptDirectoryPathString) + bomPath);
+    bomVolumePaths_.push_back(folder + bomPath);
     standardPackages_.push_back(std::move(*package));
 }
 
@@ -211,6 +227,10 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
     const std::string_view fatalMessage =
         "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
     const auto& mountPoint = targetVolume_->mountPoint();
+    // A sealed system volume is never changed, and macOS checks its seal itself.
+    const auto isSealedPath = [&volume = *targetVolume_](std::string_view path) {
+        return volume.isSealed() && !path.empty() && !volume.placeOf(path).onDataVolume;
+    };
     runWorkSlices(parser.count(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
         VolumeWalker walker(root);
         const auto order =
@@ -219,6 +239,13 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
             const auto& record = records[begin + position];
             // The volume root itself is no resource.
             const std::string_view volumePath = volumePathOf(record);
+            if (isSealedPath(volumePath)) {
+                SerialWorkingQueue::shared().sync([this] {
+                    ++sealedPaths_;
+                    --total_;
+                });
+                continue;
+            }
             auto resource = volumePath.empty()
                                 ? std::nullopt
                                 : QVFileSystemResource::init(
@@ -247,6 +274,7 @@ void QVPackageManager::reset() {
     parsers_.clear();
     total_ = 0;
     counter_ = 0;
+    sealedPaths_ = 0;
 }
 
 } // namespace quelm

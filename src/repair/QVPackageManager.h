@@ -43,16 +43,22 @@ public:
     const std::vector<std::string>& unreadableBomPaths() const { return unreadableBomPaths_; }
     std::int64_t total() const { return total_; }
     std::int64_t counter() const { return counter_; }
+    /// Listed paths that lie on a sealed system volume: neither verified nor repaired.
+    std::int64_t sealedPaths() const { return sealedPaths_; }
     /// Back to the state of a new process: between two jobs.
     void reset();
 
 private:
-    /// The volume's receipt folder: "/System/Library/Receipts/" under its mount point.
-    std::string receiptDirectory() const;
-    void findPackages(const std::shared_ptr<const VolumeRoot>& root);
+    /// The receipt folders of the volume ("/System/Library/Receipts/"; on a joined system and
+    /// data volume also those of the data volume), as paths of the volume.
+    std::vector<std::string> receiptFolders() const;
+    /// A path of the volume as the host reaches it: under the mount point of its half.
+    std::string hostPath(std::string_view volumePath) const;
+    void findPackages(const std::shared_ptr<const VolumeRoot>& root, const std::string& folder);
     /// Logs and lists a receipt, BOM or receipt folder that exists but could not be read.
     void markUnreadable(const std::string& path);
-    void addPackage(const std::string& receiptPath, std::string_view bytes);
+    void addPackage(const std::string& folder, const std::string& receiptPath,
+                    std::string_view bytes);
     void readBoms(const std::shared_ptr<const VolumeRoot>& root);
     void makeResources(const YRBomParserWrapper& parser,
                        const std::shared_ptr<const VolumeRoot>& root);
@@ -68,6 +74,7 @@ private:
     std::vector<std::string> unreadableBomPaths_;
     std::int64_t total_ = 0;
     std::int64_t counter_ = 0;
+    std::int64_t sealedPaths_ = 0;
 };
 
 } // namespace quelm

@@ -40,11 +40,38 @@ std::shared_ptr<const VolumeRoot> VolumeRoot::open(const std::string& mountPoint
     const int fd = ::open(mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(fd));
+    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(fd, -1, {}));
+}
+
+std::shared_ptr<const VolumeRoot> VolumeRoot::open(const std::string& mountPoint,
+                                                   const std::string& dataMountPoint,
+                                                   std::vector<Firmlink> firmlinks) {
+    const int fd = ::open(mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int dataFd = ::open(dataMountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || dataFd < 0) {
+        for (const int opened : {fd, dataFd})
+            if (opened >= 0)
+                ::close(opened);
+        return nullptr;
+    }
+    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(fd, dataFd, std::move(firmlinks)));
 }
 
 VolumeRoot::~VolumeRoot() {
     ::close(fd_);
+    if (dataFd_ >= 0)
+        ::close(dataFd_);
+}
+
+std::pair<int, std::string_view> VolumeRoot::resolve(std::string_view path,
+                                                     std::string& scratch) const {
+    if (dataFd_ < 0)
+        return {fd_, path};
+    auto onData = dataPathOf(firmlinks_, path);
+    if (!onData)
+        return {fd_, path};
+    scratch = std::move(*onData);
+    return {dataFd_, scratch};
 }
 
 VolumeWalker::VolumeWalker(std::shared_ptr<const VolumeRoot> root) : root_(std::move(root)) {
@@ -61,8 +88,13 @@ void VolumeWalker::popTo(std::size_t depth) {
     }
 }
 
-std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::string_view path) {
+std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::string_view asked) {
     failure_ = 0;
+    const auto [rootFd, path] = root_->resolve(asked, scratch_);
+    if (rootFd != openFrom_) {
+        popTo(0);
+        openFrom_ = rootFd;
+    }
     const auto components = componentsOf(path);
     if (!components)
         return std::nullopt;
@@ -73,7 +105,7 @@ std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::stri
         ++shared;
     popTo(shared);
     for (std::size_t i = shared; i < folders; ++i) {
-        const int parent = open_.empty() ? root_->fd() : open_.back().second;
+        const int parent = open_.empty() ? rootFd : open_.back().second;
         const std::string name((*components)[i]);
         const int fd =
             ::openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -84,7 +116,7 @@ std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::stri
         }
         open_.emplace_back(name, fd);
     }
-    return std::pair{open_.empty() ? root_->fd() : open_.back().second, components->back()};
+    return std::pair{open_.empty() ? rootFd : open_.back().second, components->back()};
 }
 
 namespace {

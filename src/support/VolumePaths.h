@@ -1,6 +1,8 @@
 // Paths beneath a volume's root folder, reached without following any symbolic link.
 #pragma once
 
+#include "support/Firmlinks.h"
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,15 +19,26 @@ class VolumeRoot {
 public:
     /// Nothing when the folder cannot be opened.
     static std::shared_ptr<const VolumeRoot> open(const std::string& mountPoint);
+    /// A system volume joined to its data volume: the paths that the firmlinks hold are reached
+    /// from the data volume's root. Nothing when either folder cannot be opened.
+    static std::shared_ptr<const VolumeRoot> open(const std::string& mountPoint,
+                                                  const std::string& dataMountPoint,
+                                                  std::vector<Firmlink> firmlinks);
     ~VolumeRoot();
     VolumeRoot(const VolumeRoot&) = delete;
     VolumeRoot& operator=(const VolumeRoot&) = delete;
 
     int fd() const { return fd_; }
+    /// The root that holds path and the path beneath it; the path is written to scratch when it
+    /// lies on the data volume, which the answer then points into.
+    std::pair<int, std::string_view> resolve(std::string_view path, std::string& scratch) const;
 
 private:
-    explicit VolumeRoot(int fd) : fd_(fd) {}
+    VolumeRoot(int fd, int dataFd, std::vector<Firmlink> firmlinks)
+        : fd_(fd), dataFd_(dataFd), firmlinks_(std::move(firmlinks)) {}
     int fd_;
+    int dataFd_;
+    std::vector<Firmlink> firmlinks_;
 };
 
 /// The folder holding a path's last component, opened from the volume root one component at a
@@ -51,7 +64,9 @@ private:
     void popTo(std::size_t depth);
 
     std::shared_ptr<const VolumeRoot> root_;
+    int openFrom_ = -1; ///< the root the open folders lie beneath
     std::vector<std::pair<std::string, int>> open_;
+    std::string scratch_;
     int failure_ = 0;
 };
 

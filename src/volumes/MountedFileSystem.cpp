@@ -38,10 +38,12 @@ std::string unescapeMountField(std::string_view field) {
     return text;
 }
 
+/// Whether one of the comma-separated options is wanted, or begins with it when it ends in "=".
 bool hasOption(std::string_view options, std::string_view wanted) {
     for (std::size_t start = 0; start <= options.size();) {
         const auto comma = std::min(options.find(',', start), options.size());
-        if (options.substr(start, comma - start) == wanted)
+        const auto option = options.substr(start, comma - start);
+        if (option == wanted || (wanted.ends_with('=') && option.starts_with(wanted)))
             return true;
         start = comma + 1;
     }
@@ -71,6 +73,9 @@ std::optional<MountedFileSystem> parseMountLine(const std::string& line) {
     const bool superReadOnly =
         separator + 3 < fields.size() && hasOption(fields[separator + 3], "ro");
     mount.readOnly = hasOption(fields[5], "ro") || superReadOnly;
+    const std::string superOptions = separator + 3 < fields.size() ? fields[separator + 3] : "";
+    mount.replacesOwners = mount.type == "apfs" &&
+                           (hasOption(superOptions, "uid=") || hasOption(superOptions, "gid="));
     return mount;
 }
 
@@ -135,15 +140,21 @@ bool canChangeOwners(const std::string& mountPoint) {
 
 } // namespace
 
+std::vector<MountedFileSystem> parseMounts(std::string_view mountInfo) {
+    std::vector<MountedFileSystem> mounts;
+    std::istringstream lines{std::string(mountInfo)};
+    for (std::string line; std::getline(lines, line);)
+        if (auto mount = parseMountLine(line))
+            mounts.push_back(std::move(*mount));
+    return mounts;
+}
+
 std::optional<MountedFileSystem> findMount(std::string_view mountInfo, const std::string& path) {
     std::optional<MountedFileSystem> found;
-    std::istringstream lines{std::string(mountInfo)};
-    for (std::string line; std::getline(lines, line);) {
-        auto mount = parseMountLine(line);
-        if (mount && holds(mount->mountPoint, path) &&
-            (!found || mount->mountPoint.size() >= found->mountPoint.size()))
+    for (auto& mount : parseMounts(mountInfo))
+        if (holds(mount.mountPoint, path) &&
+            (!found || mount.mountPoint.size() >= found->mountPoint.size()))
             found = std::move(mount);
-    }
     return found;
 }
 
@@ -169,19 +180,54 @@ std::optional<MountedFileSystem> mountedFileSystemOf(const std::string& path) {
     return mount;
 }
 
-std::optional<std::string> writeRefusal(const QVOSVolume& volume) {
-    const std::string& where = volume.mountPoint();
+namespace {
+
+/// Why root cannot write beneath the mount point of one half, in one sentence.
+std::optional<std::string> mountRefusal(const std::string& where) {
     const auto mount = mountedFileSystemOf(where);
     struct statvfs stats {};
     const bool readOnly = (::statvfs(where.c_str(), &stats) == 0 && (stats.f_flag & ST_RDONLY)) ||
                           (mount && mount->readOnly);
     if (readOnly)
         return readOnlySentence(where, mount);
+    if (mount && mount->replacesOwners)
+        return where + " is an APFS volume mounted with uid= or gid=, so that every item shows " +
+               "that owner instead of its own: remount it without those options, since owners " +
+               "could be neither checked nor given to root.";
     if (mount && mount->type.starts_with("fuse") && !canChangeOwners(where))
         return where + " is a FUSE mount (" + mount->type +
                ") that cannot give files to root: mount it with the kernel's hfsplus or apfs "
                "driver instead.";
     return std::nullopt;
+}
+
+} // namespace
+
+std::string missingDataVolumeSentence(const QVOSVolume& volume) {
+    return volume.mountPoint() + " is the system volume of macOS " +
+           volume.version().value_or("10.15 or later") +
+           "; /Library, the receipts and the kext caches lie on its data volume, which was not "
+           "found: mount the data volume too and name it with --data-volume.";
+}
+
+std::optional<std::string> writeRefusal(const QVOSVolume& volume) {
+    if (volume.isSystemVolume() && !volume.dataMountPoint())
+        return missingDataVolumeSentence(volume);
+    if (volume.dataMountPoint())
+        if (auto refusal = mountRefusal(*volume.dataMountPoint()))
+            return refusal;
+    return volume.isSealed() ? std::nullopt : mountRefusal(volume.mountPoint());
+}
+
+std::optional<std::string> writeRefusal(const QVOSVolume& volume, std::string_view path) {
+    if (volume.isSystemVolume() && !volume.dataMountPoint() && dataPathOf(volume.firmlinks(), path))
+        return missingDataVolumeSentence(volume);
+    const auto place = volume.placeOf(path);
+    if (volume.isSealed() && !place.onDataVolume)
+        return std::string(path) + " lies on the sealed system volume of macOS " +
+               volume.version().value_or("11 or later") + " (" + volume.mountPoint() +
+               "), which Quelm never writes: macOS would no longer start from a changed seal.";
+    return mountRefusal(place.root);
 }
 
 } // namespace quelm

@@ -6,8 +6,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quelm {
+
+/// The folder whose half removing, restoring and the cache rebuild write: third-party kexts
+/// live there.
+inline constexpr std::string_view kKextChangesFolder = "/Library/Extensions";
 
 /// The mount that holds a folder, as the kernel lists it.
 struct MountedFileSystem {
@@ -15,6 +20,8 @@ struct MountedFileSystem {
     std::string source;     ///< what is mounted: "/dev/sdb2"
     std::string mountPoint; ///< where; the folder may lie below it
     bool readOnly = false;
+    /// Mounted with uid= or gid= (linux-apfs-rw): every item shows that owner, not its own.
+    bool replacesOwners = false;
     /// Whether an HFS+ volume keeps a journal (its volume header says so); nothing for other
     /// file systems or when the header cannot be read (it takes root).
     std::optional<bool> journaled;
@@ -32,9 +39,22 @@ std::optional<MountedFileSystem> findMount(std::string_view mountInfo, const std
 /// it is journaled; nothing when they hold no HFS+ header.
 std::optional<bool> isJournaledHFSPlus(std::string_view firstBytes);
 
-/// One sentence saying why root cannot write to the volume and what to do: a read-only mount
-/// (a journaled HFS+ volume that Linux mounted read-only, an APFS volume mounted without
-/// readwrite, a snapshot), a FUSE mount that cannot give files to root. Nothing when it can.
+/// Every mount that the kernel's mount table lists, in its order.
+std::vector<MountedFileSystem> parseMounts(std::string_view mountInfo);
+
+/// One sentence saying why root cannot write to the whole volume, every half that Quelm may
+/// change, and what to do: a read-only mount (a journaled HFS+ volume that Linux mounted
+/// read-only, an APFS volume mounted without readwrite, a snapshot), a FUSE mount that cannot
+/// give files to root, an APFS mount whose owners are not the disk's, a system volume whose
+/// data volume is missing. A sealed system volume is left out: nothing writes it. Nothing
+/// when root can.
 std::optional<std::string> writeRefusal(const QVOSVolume& volume);
+
+/// The same for writing path, a folder of the volume: the half that holds it, which must not
+/// be a sealed system volume.
+std::optional<std::string> writeRefusal(const QVOSVolume& volume, std::string_view path);
+
+/// Why a system volume of 10.15 or later without its data volume cannot be changed.
+std::string missingDataVolumeSentence(const QVOSVolume& volume);
 
 } // namespace quelm

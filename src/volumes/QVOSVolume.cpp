@@ -42,11 +42,50 @@ std::optional<PlistValue::Dict> readSystemVersion(const std::string& mountPoint)
     return *plist->dict();
 }
 
+std::string withoutTrailingSlash(std::string folder) {
+    if (folder.size() > 1 && folder.back() == '/')
+        folder.pop_back();
+    return folder;
+}
+
+std::vector<Firmlink> readFirmlinks(const std::string& mountPoint) {
+    const auto place = openParentBelow(mountPoint, QVOSVolume::firmlinksPath);
+    constexpr std::size_t kMaxFirmlinksSize = 64 * 1024;
+    const auto bytes =
+        place ? readFileAt(place->first.get(), place->second, kMaxFirmlinksSize) : std::nullopt;
+    return bytes ? parseFirmlinks(*bytes) : std::vector<Firmlink>{};
+}
+
+bool hasFolder(const std::string& mountPoint, std::string_view path) {
+    return static_cast<bool>(openFolderBelow(mountPoint, path));
+}
+
 } // namespace
 
+VolumeKind QVOSVolume::kindOf(const std::string& folder) {
+    if (const auto volume = initWithMountPoint(folder))
+        return volume->isSystemVolume() ? VolumeKind::system : VolumeKind::single;
+    // A data volume holds the firmlinks' targets at its root, and no system.
+    if (hasFolder(folder, "/Library") && hasFolder(folder, "/private/var") &&
+        !hasFolder(folder, "/System/Library/CoreServices"))
+        return VolumeKind::data;
+    return VolumeKind::none;
+}
+
+void QVOSVolume::setDataMountPoint(std::optional<std::string> folder) {
+    dataMountPoint_ =
+        folder ? std::optional(withoutTrailingSlash(std::move(*folder))) : std::nullopt;
+}
+
+VolumePlace QVOSVolume::placeOf(std::string_view path) const {
+    if (dataMountPoint_)
+        if (auto onData = dataPathOf(firmlinks_, path))
+            return {*dataMountPoint_, std::move(*onData), true};
+    return {mountPoint_, std::string(path), false};
+}
+
 std::optional<QVOSVolume> QVOSVolume::initWithMountPoint(std::string mountPoint) {
-    if (mountPoint.size() > 1 && mountPoint.back() == '/')
-        mountPoint.pop_back();
+    mountPoint = withoutTrailingSlash(std::move(mountPoint));
     const auto info = readSystemVersion(mountPoint);
     if (!info)
         return std::nullopt;
@@ -62,6 +101,7 @@ std::optional<QVOSVolume> QVOSVolume::initWithMountPoint(std::string mountPoint)
     if (!volume.version_ || !volume.buildVersion_)
         return std::nullopt;
     volume.majorVersion_ = parseMajorVersion(*volume.buildVersion_);
+    volume.firmlinks_ = readFirmlinks(volume.mountPoint_);
     return volume;
 }
 
@@ -78,10 +118,15 @@ std::expected<QVOSVolume, ArchiveError> QVOSVolume::initWithCoder(const KeyedUna
     auto major = coder.decodeInteger("majorVersion");
     if (!major)
         return std::unexpected(major.error());
+    auto data = coder.decodeOptionalString("dataMountPoint");
+    if (!data)
+        return std::unexpected(data.error());
     QVOSVolume volume(std::move(*mountPoint));
     volume.version_ = std::move(*version);
     volume.buildVersion_ = std::move(*build);
     volume.majorVersion_ = *major;
+    volume.firmlinks_ = readFirmlinks(volume.mountPoint_);
+    volume.setDataMountPoint(std::move(*data));
     return volume;
 }
 
@@ -93,6 +138,8 @@ void QVOSVolume::encodeWithCoder(KeyedArchiver& coder) const {
     coder.encodeObject("version", version_);
     coder.encodeObject("buildVersion", buildVersion_);
     coder.encodeInteger("majorVersion", *majorVersion_);
+    if (dataMountPoint_)
+        coder.encodeObject("dataMountPoint", PlistValue(*dataMountPoint_));
 }
 
 std::size_t QVOSVolume::hash() const {
@@ -139,6 +186,18 @@ bool QVOSVolume::isRecovery(std::string_view hostRoot) const {
 
 bool QVOSVolume::hasExtraFolder() const {
     return pathExists(mountPoint_ + "/Extra");
+}
+
+UniqueFd openFolderOn(const QVOSVolume& volume, std::string_view path,
+                      const std::optional<ItemAttributes>& makeWith) {
+    const auto place = volume.placeOf(path);
+    return openFolderBelow(place.root, place.path, makeWith);
+}
+
+std::optional<std::pair<UniqueFd, std::string>> openParentOn(const QVOSVolume& volume,
+                                                             std::string_view path) {
+    const auto place = volume.placeOf(path);
+    return openParentBelow(place.root, place.path);
 }
 
 } // namespace quelm

@@ -63,7 +63,8 @@ TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
                                   root.string() +
                                   "\n"
                                   "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
-                                  "isRecovery: false\nhasExtraFolder: true\nfileSystem: "))
+                                  "isRecovery: false\nhasExtraFolder: true\nkind: whole volume\n"
+                                  "fileSystem: "))
         << result.output;
     EXPECT_TRUE(result.output.ends_with("\nreadOnly: no\nwritable: yes\n")) << result.output;
 }

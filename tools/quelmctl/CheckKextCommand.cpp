@@ -66,6 +66,7 @@ void addCheckKextCommand(CLI::App& app, int& status) {
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume,
                         "Mount point of the macOS volume whose kexts must provide the libraries");
+    addDataVolumeOption(command);
     command->add_flag("--json", options->json, "Print the failures of each kext as JSON");
     command->add_option("KEXT", options->kexts, "The .kext bundles to check")
         ->required()

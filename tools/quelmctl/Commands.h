@@ -33,12 +33,17 @@ void addUndoCommand(CLI::App& app, int& status);
 /// launch; nothing (and a message) when that fails.
 std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder);
 
-/// The macOS volume mounted at path (made absolute), or nothing after a message naming it.
+/// The macOS volume mounted at path (made absolute), joined to its data volume from 10.15 on,
+/// or nothing after a message naming it.
 std::optional<QVOSVolume> openVolume(const std::string& path);
 
-/// Says why root cannot write to the volume, when it cannot: commands that change a volume
-/// stop there with status 2, before their first write.
-bool refusesWrites(const QVOSVolume& volume);
+/// Adds --data-volume, which every later openVolume takes as the data volume to join.
+void addDataVolumeOption(CLI::App* command);
+
+/// Says why root cannot write to the volume, or to the half that holds path when one is given,
+/// when it cannot: commands that change a volume stop there with status 2, before their first
+/// write.
+bool refusesWrites(const QVOSVolume& volume, std::string_view path = {});
 
 /// A CLI11 check for path arguments: the file system would read an empty one as the working
 /// folder.

@@ -7,6 +7,7 @@
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 #include "support/Paths.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <chrono>
 #include <iostream>
@@ -240,7 +241,7 @@ int install(const Options& options) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;
     }
-    if (!options.dryRun && refusesWrites(*volume))
+    if (!options.dryRun && refusesWrites(*volume, kKextChangesFolder))
         return 2;
     if (const auto refusal =
             isConcreteFolder(*policy) ? folderRefusal(rawValue(*policy), *volume) : std::nullopt) {
@@ -284,6 +285,7 @@ void addInstallCommand(CLI::App& app, int& status) {
                    "as root). A kext that fails leaves the bundle it would replace in place.");
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command->add_option("--folder", options->folder,
                         "Where the kexts go: library, system, extra, a folder such as "
                         "/Library/Extensions/, ask (asked per kext) or smart (the smart table; "

@@ -94,6 +94,7 @@ void addKextsCommand(CLI::App& app, int& status) {
                  "under their kext.");
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command->add_flag("--json", options->json, "Print the kexts as a JSON array");
     command->footer("Owners and modes are right when every item of the bundle belongs to 0:0, "
                     "every folder has mode 755 and every file 755 or 644.\n"

@@ -2,6 +2,7 @@
 #include "quelmctl/Commands.h"
 #include "repair/BomWriter.h"
 #include "support/Files.h"
+#include "support/Firmlinks.h"
 #include "support/PropertyList.h"
 
 #include <filesystem>
@@ -70,10 +71,54 @@ std::vector<Receipt> demoReceipts() {
     };
 }
 
-std::string systemVersion() {
+/// The macOS a demo stands for; from 10.15 on it is a system and a data volume.
+struct DemoMacOS {
+    std::string version;
+    std::string build;
+    bool split;
+};
+
+constexpr std::string_view kCatalinaFirmlinks =
+    "/AppleInternal\tAppleInternal\n/Applications\tApplications\n/Library\tLibrary\n"
+    "/System/Library/Caches\tSystem/Library/Caches\n/System/Library/Assets\tSystem/Library/Assets\n"
+    "/System/Library/PreinstalledAssets\tSystem/Library/PreinstalledAssets\n"
+    "/System/Library/AssetsV2\tSystem/Library/AssetsV2\n"
+    "/System/Library/PreinstalledAssetsV2\tSystem/Library/PreinstalledAssetsV2\n"
+    "/System/Library/CoreServices/CoreTypes.bundle/Contents/Library\t"
+    "System/Library/CoreServices/CoreTypes.bundle/Contents/Library\n"
+    "/System/Library/Speech\tSystem/Library/Speech\n/Users\tUsers\n/Volumes\tVolumes\n"
+    "/cores\tcores\n/opt\topt\n/private\tprivate\n/usr/local\tusr/local\n"
+    "/usr/libexec/cups\tusr/libexec/cups\n/usr/share/snmp\tusr/share/snmp\n";
+
+/// The two halves of the demo; both the same folder for a whole volume.
+struct DemoHalves {
+    fs::path system;
+    fs::path data;
+    std::vector<Firmlink> firmlinks;
+
+    /// Where a path of the macOS lies on the disk.
+    fs::path hostPath(std::string_view path) const {
+        const auto onData = dataPathOf(firmlinks, path);
+        return onData ? data / onData->substr(1) : system / path.substr(1);
+    }
+};
+
+std::optional<DemoMacOS> demoMacOS(std::string_view name) {
+    if (name == "10.12")
+        return DemoMacOS{"10.12.6", "16G29", false};
+    if (name == "10.15")
+        return DemoMacOS{"10.15.7", "19H2", true};
+    if (name == "11")
+        return DemoMacOS{"11.7.10", "20G1427", true};
+    if (name == "14")
+        return DemoMacOS{"14.6.1", "23G93", true};
+    return std::nullopt;
+}
+
+std::string systemVersion(const DemoMacOS& macOS) {
     return *serializePlist(PlistValue::Dict{{"ProductName", "Mac OS X"},
-                                            {"ProductVersion", "10.12.6"},
-                                            {"ProductBuildVersion", "16G29"}},
+                                            {"ProductVersion", macOS.version},
+                                            {"ProductBuildVersion", macOS.build}},
                            PlistFormat::xml);
 }
 
@@ -83,8 +128,8 @@ void writeFile(const fs::path& path, std::string_view bytes) {
         throw std::runtime_error(written.error().message);
 }
 
-void createListed(const fs::path& volume, const BomRecord& record) {
-    const auto path = volume / record.path;
+void createListed(const DemoHalves& halves, const BomRecord& record) {
+    const auto path = halves.hostPath(record.path.substr(1));
     if (S_ISDIR(record.mode))
         fs::create_directories(path);
     else if (!fs::exists(path))
@@ -95,8 +140,9 @@ void createListed(const fs::path& volume, const BomRecord& record) {
     ::chmod(path.c_str(), record.mode & 07777);
 }
 
-void writeReceipt(const fs::path& volume, const Receipt& receipt) {
-    const auto path = volume / "System/Library/Receipts" / receipt.file;
+/// The receipt in its folder on the volume, with its BOM, and the items it lists.
+void writeReceipt(const DemoHalves& halves, std::string_view folder, const Receipt& receipt) {
+    const auto path = halves.hostPath(folder) / receipt.file;
     const PlistValue plist = PlistValue::Dict{{"PackageIdentifier", receipt.identifier},
                                               {"PackageGroups", PlistValue::Array{receipt.group}},
                                               {"PackageVersion", "10.12.6"}};
@@ -106,20 +152,23 @@ void writeReceipt(const fs::path& volume, const Receipt& receipt) {
         throw std::runtime_error(bom.error().message);
     writeFile(fs::path(path).replace_extension(".bom"), *bom);
     for (const auto& record : receipt.records)
-        createListed(volume, record);
+        if (record.path != ".")
+            createListed(halves, record);
 }
 
 /// The damage a broken kext installation or a careless copy leaves behind.
-void damage(const fs::path& volume) {
-    ::chmod((volume / "bin/ps").c_str(), 0755);
-    ::chmod((volume / "private/tmp").c_str(), 0755);
-    ::chmod((volume / "System/Library/Extensions").c_str(), 0777);
-    ::chmod((volume / "System/Library/Extensions/AppleDemo.kext/Contents/Info.plist").c_str(),
-            0666);
-    ::chmod((volume / "usr/local/thirdparty").c_str(), 0600);
+void damage(const DemoHalves& halves) {
+    const auto at = [&](std::string_view path) {
+        return halves.hostPath(path);
+    };
+    ::chmod(at("/bin/ps").c_str(), 0755);
+    ::chmod(at("/private/tmp").c_str(), 0755);
+    ::chmod(at("/System/Library/Extensions").c_str(), 0777);
+    ::chmod(at("/System/Library/Extensions/AppleDemo.kext/Contents/Info.plist").c_str(), 0666);
+    ::chmod(at("/usr/local/thirdparty").c_str(), 0600);
     if (::geteuid() == 0) {
-        ::lchown((volume / "usr/bin/top").c_str(), 501, 20);
-        ::lchown((volume / "Library/Extensions").c_str(), 501, 0);
+        ::lchown(at("/usr/bin/top").c_str(), 501, 20);
+        ::lchown(at("/Library/Extensions").c_str(), 501, 0);
     }
 }
 
@@ -143,16 +192,40 @@ void writeKext(const fs::path& folder, const std::string& name, PlistValue::Dict
     writeFile(bundle / "Contents/MacOS" / executable, intelKextExecutable());
 }
 
-int makeDemo(const fs::path& folder) {
+/// A folder the demo may fill: missing, or empty (a mount point made for it).
+bool isFree(const fs::path& folder) {
+    std::error_code error;
+    return !fs::exists(folder, error) || fs::is_empty(folder, error);
+}
+
+/// Apple's receipts where the macOS keeps them: all in /System/Library/Receipts up to 10.14;
+/// from 10.15 the system's there, the rest on the data volume.
+void writeDemoReceipts(const DemoHalves& halves, bool split) {
+    const auto receipts = demoReceipts();
+    writeReceipt(halves, "/System/Library/Receipts", receipts[0]);
+    writeReceipt(halves,
+                 split ? "/Library/Apple/System/Library/Receipts" : "/System/Library/Receipts",
+                 receipts[1]);
+    writeReceipt(halves, split ? "/private/var/db/receipts" : "/System/Library/Receipts",
+                 receipts[2]);
+}
+
+int makeDemo(const fs::path& folder, const DemoMacOS& macOS) {
     const auto volume = fs::absolute(folder) / "Macintosh HD";
-    if (fs::exists(volume)) {
-        printError((volume).string() + " already exists; choose an empty folder");
-        return 1;
+    DemoHalves halves{volume, macOS.split ? fs::path(volume.string() + " - Data") : volume, {}};
+    for (const auto& half : {halves.system, halves.data})
+        if (!isFree(half)) {
+            printError(half.string() + " already exists and is not empty; choose an empty folder");
+            return 1;
+        }
+    writeFile(volume / "System/Library/CoreServices/SystemVersion.plist", systemVersion(macOS));
+    if (macOS.split) {
+        writeFile(volume / "usr/share/firmlinks", kCatalinaFirmlinks);
+        halves.firmlinks = parseFirmlinks(kCatalinaFirmlinks);
+        fs::create_directories(halves.data / "private/var/db");
     }
-    writeFile(volume / "System/Library/CoreServices/SystemVersion.plist", systemVersion());
-    for (const auto& receipt : demoReceipts())
-        writeReceipt(volume, receipt);
-    damage(volume);
+    writeDemoReceipts(halves, macOS.split);
+    damage(halves);
     const auto kexts = fs::absolute(folder) / "kexts";
     writeKext(kexts, "FakeSMC.kext",
               {{"CFBundleIdentifier", "org.netkas.driver.FakeSMC"},
@@ -166,7 +239,10 @@ int makeDemo(const fs::path& folder) {
     writeKext(kexts, "My Driver.kext",
               {{"CFBundleIdentifier", "com.example.MyDriver"}, {"CFBundleVersion", "1.0"}},
               PlistFormat::xml);
-    std::cout << "volume: " << volume.string() << '\n' << "kexts: " << kexts.string() << '\n';
+    std::cout << "volume: " << volume.string() << '\n';
+    if (macOS.split)
+        std::cout << "dataVolume: " << halves.data.string() << '\n';
+    std::cout << "kexts: " << kexts.string() << '\n';
     if (::geteuid() != 0)
         std::cerr << "note: not root, so owners are yours and only modes are damaged\n";
     return 0;
@@ -178,12 +254,19 @@ void addMakeDemoVolumeCommand(CLI::App& app, int& status) {
     auto* command = app.add_subcommand(
         "make-demo-volume",
         "Make DIR/Macintosh HD, a small macOS-shaped volume with receipts, BOMs and some damaged "
-        "permissions, and DIR/kexts with kext bundles to install on it.");
+        "permissions, and DIR/kexts with kext bundles to install on it; from macOS 10.15 on, "
+        "also its data volume, DIR/Macintosh HD - Data.");
     auto folder = std::make_shared<std::string>();
+    auto macOS = std::make_shared<std::string>("10.12");
     command->add_option("DIR", *folder, "Folder to make the demo in")->required();
-    command->callback([folder, &status] {
+    command
+        ->add_option("--macos", *macOS,
+                     "The macOS it stands for: 10.12 (one volume, the default), or 10.15, 11 "
+                     "or 14 (a system and a data volume)")
+        ->check(CLI::IsMember({"10.12", "10.15", "11", "14"}));
+    command->callback([folder, macOS, &status] {
         try {
-            status = makeDemo(*folder);
+            status = makeDemo(*folder, *demoMacOS(*macOS));
         } catch (const std::exception& error) {
             printError(std::string("cannot make the demo volume: ") + error.what());
             status = 1;

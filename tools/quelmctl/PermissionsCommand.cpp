@@ -164,6 +164,7 @@ void addJobCommand(CLI::App& app, int& status, const char* name, const char* des
     auto* command = app.add_subcommand(name, description);
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command
         ->add_option("--threads", options->threads,
                      "Work items run at once (default: one per logical processor; at most 64, "

@@ -1,6 +1,7 @@
 // quelmctl rebuild-caches: rebuild, or mark stale, the kext caches of a volume.
 #include "kexts/KextCaches.h"
 #include "quelmctl/Commands.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <iostream>
 
@@ -9,7 +10,7 @@ namespace {
 
 int rebuild(const std::string& path) {
     const auto volume = openVolume(path);
-    if (!volume || refusesWrites(*volume))
+    if (!volume || refusesWrites(*volume, kKextChangesFolder))
         return 2;
     if (!rebuildCaches(*volume)) {
         printError("cannot rebuild the kext caches of " + volume->mountPoint());
@@ -28,6 +29,7 @@ void addRebuildCachesCommand(CLI::App& app, int& status) {
                           "start.");
     auto volume = std::make_shared<std::string>();
     command->add_option("--volume", *volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command->callback([volume, &status] { status = rebuild(*volume); });
 }
 

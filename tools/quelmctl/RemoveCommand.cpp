@@ -2,6 +2,7 @@
 #include "kexts/KextBackups.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <iostream>
 
@@ -57,7 +58,7 @@ int remove(const Options& options) {
         reportOutcome({*paths, {}, "", {}}, "would-remove", options.json);
         return 0;
     }
-    if (refusesWrites(*volume))
+    if (refusesWrites(*volume, kKextChangesFolder))
         return 2;
     const auto root = backupRoot(options.backupTo);
     if (!root)
@@ -80,6 +81,7 @@ void addRemoveCommand(CLI::App& app, int& status) {
                   "then the kext caches are rebuilt or marked stale.");
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command->add_option("--backup-to", options->backupTo,
                         "Make the backup folder in DIR (default: Backups in Quelm's folder of "
                         "the user's data folder, ~/.local/share/Quelm)");

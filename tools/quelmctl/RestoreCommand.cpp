@@ -2,6 +2,7 @@
 #include "kexts/KextBackups.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <iostream>
 #include <sys/stat.h>
@@ -67,7 +68,7 @@ int restore(const Options& options) {
         return 2;
     if (options.dryRun)
         return describeRestore(options.backup, *volume, options.json);
-    if (!runsAsRoot("restore") || refusesWrites(*volume))
+    if (!runsAsRoot("restore") || refusesWrites(*volume, kKextChangesFolder))
         return 2;
     const auto root = backupRoot(options.backupTo);
     if (!root)
@@ -93,6 +94,7 @@ void addRestoreCommand(CLI::App& app, int& status) {
     command->add_option("--volume", options->volume,
                         "Mount point of the macOS volume (default: the one the backup's "
                         "manifest names)");
+    addDataVolumeOption(command);
     command->add_flag("--onto-other-volume", options->otherVolume,
                       "Restore onto the --volume given although the backup came from another "
                       "one (a volume mounted elsewhere now, or another Mac's)");

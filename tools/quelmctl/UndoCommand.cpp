@@ -3,6 +3,7 @@
 #include "kexts/KextHistory.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
+#include "volumes/MountedFileSystem.h"
 
 #include <iostream>
 
@@ -64,7 +65,7 @@ int undo(const Options& options) {
         describeUndo(record, *volume, options.json);
         return 0;
     }
-    if (!runsAsRoot("undo") || refusesWrites(*volume))
+    if (!runsAsRoot("undo") || refusesWrites(*volume, kKextChangesFolder))
         return 2;
     const auto root = backupRoot(options.backupTo);
     if (!root)
@@ -93,6 +94,7 @@ void addUndoCommand(CLI::App& app, int& status) {
                 "back. Then the kext caches are rebuilt or marked stale.");
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
+    addDataVolumeOption(command);
     command->add_option("--backup-to", options->backupTo,
                         "Make the new backup folder in DIR (default: Backups in Quelm's folder "
                         "of the user's data folder)");

@@ -2,6 +2,7 @@
 #include "quelmctl/Commands.h"
 #include "support/PathValidation.h"
 #include "volumes/MountedFileSystem.h"
+#include "volumes/VolumePairing.h"
 
 #include <algorithm>
 #include <cctype>
@@ -17,17 +18,36 @@ void printError(std::string_view message) {
     std::cerr << "quelmctl: " << message << '\n';
 }
 
-std::optional<QVOSVolume> openVolume(const std::string& path) {
-    auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(path));
-    if (!volume)
-        printError(path + " is not a macOS volume: it has no readable " +
-                   "System/Library/CoreServices/SystemVersion.plist with ProductVersion and " +
-                   "ProductBuildVersion");
-    return volume;
+namespace {
+
+std::optional<std::string>& dataVolumeOption() {
+    static std::optional<std::string> path;
+    return path;
 }
 
-bool refusesWrites(const QVOSVolume& volume) {
-    const auto refusal = writeRefusal(volume);
+} // namespace
+
+void addDataVolumeOption(CLI::App* command) {
+    command
+        ->add_option_function<std::string>(
+            "--data-volume",
+            [](const std::string& path) { dataVolumeOption() = absoluteNormalPath(path); },
+            "Mount point of the data volume of macOS 10.15 or later, when it is not found by "
+            "itself")
+        ->check(refuseEmpty);
+}
+
+std::optional<QVOSVolume> openVolume(const std::string& path) {
+    auto volume = openMacOS(absoluteNormalPath(path), dataVolumeOption());
+    if (!volume) {
+        printError(volume.error());
+        return std::nullopt;
+    }
+    return std::move(*volume);
+}
+
+bool refusesWrites(const QVOSVolume& volume, std::string_view path) {
+    const auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path);
     if (refusal)
         printError(*refusal);
     return refusal.has_value();

@@ -1,0 +1,29 @@
+// The links of macOS 10.15 and later that join a system volume to its data volume.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quelm {
+
+/// One line of a system volume's /usr/share/firmlinks: a folder of the system volume that is
+/// the folder dataPath of the data volume.
+struct Firmlink {
+    std::string systemPath; ///< "/Library"
+    std::string dataPath;   ///< "/Library", relative to the data volume's root
+};
+
+/// The firmlinks file parsed: one link per line, an absolute system path, a tab and the target
+/// relative to the data volume's root ("Device/" before it in early betas). Lines that are not
+/// clean paths are left out, so a hostile file can only point inside the data volume.
+std::vector<Firmlink> parseFirmlinks(std::string_view text);
+
+/// Where path, a clean absolute path of the joined volume, lies on the data volume: the target
+/// of the deepest firmlink that holds it, followed by the rest of the path. Nothing when the
+/// path lies on the system volume.
+std::optional<std::string> dataPathOf(const std::vector<Firmlink>& firmlinks,
+                                      std::string_view path);
+
+} // namespace quelm

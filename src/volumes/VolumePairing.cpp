@@ -1,0 +1,120 @@
+// A macOS of 10.15 or later is two volumes: finding the other half of the one the user names.
+#include "volumes/VolumePairing.h"
+
+#include "support/Files.h"
+
+#include <algorithm>
+
+namespace quelm {
+namespace {
+
+/// Data volumes are APFS, read by the kernel's driver or through FUSE; other mounts (/proc,
+/// network shares) are never looked into.
+bool mayHoldMacOS(const MountedFileSystem& mount) {
+    return mount.type == "apfs" || mount.type.starts_with("fuse");
+}
+
+const MountedFileSystem* mountAt(const std::vector<MountedFileSystem>& mounts,
+                                 const std::string& mountPoint) {
+    const MountedFileSystem* found = nullptr;
+    for (const auto& mount : mounts)
+        if (mount.mountPoint == mountPoint)
+            found = &mount;
+    return found;
+}
+
+/// The mount points of the given kind, those of the same container as near first.
+std::vector<std::string> halvesOfKind(VolumeKind kind, const std::string& near,
+                                      const std::vector<MountedFileSystem>& mounts) {
+    const auto* own = mountAt(mounts, near);
+    std::vector<std::string> sameContainer;
+    std::vector<std::string> others;
+    for (const auto& mount : mounts) {
+        if (mount.mountPoint == near || !mayHoldMacOS(mount) ||
+            QVOSVolume::kindOf(mount.mountPoint) != kind)
+            continue;
+        const bool same =
+            own && own->type == "apfs" && mount.type == "apfs" && mount.source == own->source;
+        (same ? sameContainer : others).push_back(mount.mountPoint);
+    }
+    return sameContainer.empty() ? others : sameContainer;
+}
+
+std::optional<std::string> onlyOne(std::vector<std::string> candidates) {
+    std::ranges::sort(candidates);
+    candidates.erase(std::ranges::unique(candidates).begin(), candidates.end());
+    return candidates.size() == 1 ? std::optional(candidates.front()) : std::nullopt;
+}
+
+std::string notMacOS(const std::string& path) {
+    return path + " is not a macOS volume: it has no readable "
+                  "System/Library/CoreServices/SystemVersion.plist with ProductVersion and "
+                  "ProductBuildVersion, and it is not the data volume of macOS 10.15 or later";
+}
+
+std::expected<QVOSVolume, std::string> joined(QVOSVolume system, const std::string& dataPath) {
+    if (QVOSVolume::kindOf(dataPath) != VolumeKind::data)
+        return std::unexpected(
+            dataPath + " is not the data volume of macOS 10.15 or later: it needs the "
+                       "folders Library and private/var and no System/Library/CoreServices");
+    system.setDataMountPoint(dataPath);
+    return system;
+}
+
+} // namespace
+
+std::optional<std::string> findDataVolume(const QVOSVolume& system,
+                                          const std::vector<MountedFileSystem>& mounts) {
+    return onlyOne(halvesOfKind(VolumeKind::data, system.mountPoint(), mounts));
+}
+
+std::optional<QVOSVolume> findSystemVolume(const std::string& dataPath,
+                                           const std::vector<MountedFileSystem>& mounts) {
+    const auto found = onlyOne(halvesOfKind(VolumeKind::system, dataPath, mounts));
+    return found ? QVOSVolume::initWithMountPoint(*found) : std::nullopt;
+}
+
+std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
+                                                 const std::optional<std::string>& dataPath,
+                                                 const std::vector<MountedFileSystem>& mounts) {
+    switch (QVOSVolume::kindOf(path)) {
+    case VolumeKind::single: {
+        if (dataPath)
+            return std::unexpected(path + " holds a whole macOS, up to 10.14, which has no "
+                                          "separate data volume: leave out --data-volume");
+        return *QVOSVolume::initWithMountPoint(path);
+    }
+    case VolumeKind::system: {
+        auto system = *QVOSVolume::initWithMountPoint(path);
+        if (dataPath)
+            return joined(std::move(system), *dataPath);
+        system.setDataMountPoint(findDataVolume(system, mounts));
+        return system;
+    }
+    case VolumeKind::data: {
+        if (dataPath && *dataPath != path)
+            return std::unexpected(path + " is a data volume; name its system volume with "
+                                          "--volume and this folder with --data-volume");
+        auto system = findSystemVolume(path, mounts);
+        if (!system)
+            return std::unexpected(
+                path + " is the data volume of macOS 10.15 or later, whose system volume was "
+                       "not found among the mounted volumes: mount it too and name it with "
+                       "--volume, and this folder with --data-volume");
+        system->setDataMountPoint(path);
+        return std::move(*system);
+    }
+    case VolumeKind::none:
+        break;
+    }
+    return std::unexpected(notMacOS(path));
+}
+
+std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
+                                                 const std::optional<std::string>& dataPath) {
+    const auto table = readFileBytes("/proc/self/mountinfo", 1u << 24);
+    return openMacOS(path, dataPath,
+                     table ? parseMounts(*table) : std::vector<MountedFileSystem>{});
+}
+
+} // namespace quelm
