@@ -1,6 +1,8 @@
 // Fixtures that the tests build for themselves: temporary folders, volumes, kext bundles.
 #include "TestSupport.h"
 
+#include "support/Firmlinks.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -69,10 +71,10 @@ void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord
     writeText(path, *bytes);
 }
 
-void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
-                  std::string_view identifier, const std::vector<std::string>& groups,
-                  const std::vector<BomRecord>& records, PlistFormat format) {
-    const auto receipt = volume / "System/Library/Receipts" / relativePath;
+void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
+                    std::string_view identifier, const std::vector<std::string>& groups,
+                    const std::vector<BomRecord>& records, PlistFormat format) {
+    const auto receipt = receiptFolder / relativePath;
     PlistValue::Array groupList(groups.begin(), groups.end());
     writePlist(receipt,
                PlistValue::Dict{{"PackageIdentifier", std::string(identifier)},
@@ -81,6 +83,23 @@ void writeReceipt(const std::filesystem::path& volume, std::string_view relative
                format);
     auto bom = receipt;
     writeBomFile(bom.replace_extension(".bom"), records);
+}
+
+void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                  std::string_view identifier, const std::vector<std::string>& groups,
+                  const std::vector<BomRecord>& records, PlistFormat format) {
+    writeReceiptIn(volume / "System/Library/Receipts", relativePath, identifier, groups, records,
+                   format);
+}
+
+void makeVolumeGroup(const std::filesystem::path& system, const std::filesystem::path& data,
+                     std::string_view version, std::string_view build) {
+    makeVolume(system, version, build);
+    writeText(system / "usr/share/firmlinks", kCatalinaFirmlinks);
+    for (const auto* folder : {"System/Library/Extensions", "Library", "private", "Users"})
+        std::filesystem::create_directories(system / folder);
+    for (const auto* folder : {"Library/Extensions", "private/var/db", "Users"})
+        std::filesystem::create_directories(data / folder);
 }
 
 void appendBigEndian(std::string& bytes, std::uint64_t value, int width) {

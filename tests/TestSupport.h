@@ -45,6 +45,12 @@ std::string readText(const std::filesystem::path& path);
 void makeVolume(const std::filesystem::path& root, std::string_view version, std::string_view build,
                 PlistFormat format = PlistFormat::xml);
 
+/// A macOS of 10.15 or later as its two volumes: at system the system-version file, the
+/// firmlinks of 10.15.7 and /System/Library/Extensions; at data Library/Extensions, private/var/db
+/// and Users, as the firmlinks lead there.
+void makeVolumeGroup(const std::filesystem::path& system, const std::filesystem::path& data,
+                     std::string_view version, std::string_view build);
+
 /// A kext bundle folder named name in folder, with the lists that are given.
 std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_view name,
                                const std::optional<PlistValue::Dict>& info,
@@ -53,6 +59,11 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
 
 /// A BOM file made by our writer; the records must list "." first.
 void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord>& records);
+
+/// A receipt at receiptFolder/relativePath with its BOM beside it.
+void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
+                    std::string_view identifier, const std::vector<std::string>& groups,
+                    const std::vector<BomRecord>& records, PlistFormat format = PlistFormat::xml);
 
 /// A receipt at VOLUME/System/Library/Receipts/relativePath with its BOM beside it.
 void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,

@@ -55,7 +55,12 @@ bool refusesWrites(const QVOSVolume& volume, std::string_view path = {}) {
 
 bool isAcceptableVolume(const QVOSVolume& volume) {
     std::error_code error;
-    return isCleanAbsolutePath(volume.mountPoint()) && fs::is_directory(volume.mountPoint(), error);
+    const auto& data = volume.dataMountPoint();
+    // A data volume is joined only to a system volume, and must be one itself.
+    return isCleanAbsolutePath(volume.mountPoint()) &&
+           fs::is_directory(volume.mountPoint(), error) &&
+           (!data || (volume.isSystemVolume() && isCleanAbsolutePath(*data) &&
+                      QVOSVolume::kindOf(*data) == VolumeKind::data));
 }
 
 QVXPCVESKHelper::QVXPCVESKHelper(const PlistValue::Dict& info, Settings settings)

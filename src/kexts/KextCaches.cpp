@@ -125,4 +125,25 @@ bool rebuildCaches(const QVOSVolume& volume) {
     return marked > 0;
 }
 
+std::optional<std::string> auxiliaryCollectionNotice(const QVOSVolume& volume) {
+    if (!volume.isSealed())
+        return std::nullopt;
+    return "macOS " + volume.version().value_or("11 or later") +
+           " loads third-party kexts only from its auxiliary kernel collection "
+           "(/Library/KernelCollections/AuxiliaryKernelExtensions.kc on the data volume), which "
+           "only macOS itself rebuilds: the changed kexts take effect once you approve them in "
+           "System Settings > Privacy & Security (System Preferences > Security & Privacy on "
+           "macOS 11 and 12) and restart.";
+}
+
+std::optional<std::string> auxiliaryCollectionRemovalNotice(const QVOSVolume& volume) {
+    if (!volume.isSealed())
+        return std::nullopt;
+    return "The auxiliary kernel collection still holds the removed kexts, and macOS loads "
+           "them from it until it rebuilds the collection: start once in safe mode, which loads "
+           "no third-party kexts, or from Recovery run kmutil trigger-panic-medic --volume-root "
+           "with the volume's path, which starts macOS without third-party kexts until you "
+           "approve them again.";
+}
+
 } // namespace quelm

@@ -4,6 +4,7 @@
 #include "support/PropertyList.h"
 #include "volumes/QVOSVolume.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,5 +21,13 @@ std::vector<std::string> kernelCacheFolders(const PlistValue& bootCaches);
 /// the volume, so that a clock running behind cannot hide the change. True when at least one
 /// folder was marked and none failed.
 bool rebuildCaches(const QVOSVolume& volume);
+
+/// What a user must know after changing the kexts of macOS 11 or later, which loads
+/// third-party kexts only from an auxiliary kernel collection that it rebuilds itself; nothing
+/// for earlier versions.
+std::optional<std::string> auxiliaryCollectionNotice(const QVOSVolume& volume);
+
+/// The same after taking kexts off: the old collection still holds them.
+std::optional<std::string> auxiliaryCollectionRemovalNotice(const QVOSVolume& volume);
 
 } // namespace quelm

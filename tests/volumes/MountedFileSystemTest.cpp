@@ -17,6 +17,8 @@ TEST(MountedFileSystemTest, TheDeepestAndLatestMountHoldsThePath) {
         "rw,umask=22\n"
         "41 22 0:50 / /mnt/apfs rw shared:9 - apfs /dev/sdc1 ro\n"
         "42 22 0:51 / /mnt/apfs rw - fuse.apfs-fuse apfs-fuse rw,user_id=0\n"
+        "43 22 0:52 / /mnt/data rw - apfs /dev/sdd1 rw,vol=1,uid=501,readwrite\n"
+        "44 22 0:53 / /mnt/hfs rw - hfsplus /dev/sde1 rw,uid=501\n"
         "not a mount line\n";
     const auto hfs = findMount(table, "/media/u/Macintosh HD/Library");
     ASSERT_TRUE(hfs);
@@ -31,6 +33,10 @@ TEST(MountedFileSystemTest, TheDeepestAndLatestMountHoldsThePath) {
     EXPECT_FALSE(fuse->readOnly);
 
     EXPECT_EQ(findMount(table, "/media/u/Macintosh HD2")->type, "ext4");
+    EXPECT_TRUE(findMount(table, "/mnt/data/Library")->replacesOwners);
+    EXPECT_FALSE(findMount(table, "/mnt/hfs")->replacesOwners)
+        << "hfsplus's uid= names only the owner of items that have none";
+    EXPECT_FALSE(findMount(table, "/mnt/apfs")->replacesOwners);
     EXPECT_FALSE(findMount("", "/x"));
 }
 

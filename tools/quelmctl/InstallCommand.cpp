@@ -1,5 +1,6 @@
 // quelmctl install: kexts onto a volume with root ownership, by the folder policy, in process.
 #include "kexts/KextBackups.h"
+#include "kexts/KextCaches.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextInstallation.h"
 #include "kexts/KextSwaps.h"
@@ -274,6 +275,8 @@ int install(const Options& options) {
         return 1;
     }
     report.printJson();
+    if (const auto notice = auxiliaryCollectionNotice(*volume); notice && !options.json)
+        std::cout << *notice << '\n';
     return notInstalled == 0 ? 0 : 1;
 }
 

@@ -78,18 +78,6 @@ struct DemoMacOS {
     bool split;
 };
 
-constexpr std::string_view kCatalinaFirmlinks =
-    "/AppleInternal\tAppleInternal\n/Applications\tApplications\n/Library\tLibrary\n"
-    "/System/Library/Caches\tSystem/Library/Caches\n/System/Library/Assets\tSystem/Library/Assets\n"
-    "/System/Library/PreinstalledAssets\tSystem/Library/PreinstalledAssets\n"
-    "/System/Library/AssetsV2\tSystem/Library/AssetsV2\n"
-    "/System/Library/PreinstalledAssetsV2\tSystem/Library/PreinstalledAssetsV2\n"
-    "/System/Library/CoreServices/CoreTypes.bundle/Contents/Library\t"
-    "System/Library/CoreServices/CoreTypes.bundle/Contents/Library\n"
-    "/System/Library/Speech\tSystem/Library/Speech\n/Users\tUsers\n/Volumes\tVolumes\n"
-    "/cores\tcores\n/opt\topt\n/private\tprivate\n/usr/local\tusr/local\n"
-    "/usr/libexec/cups\tusr/libexec/cups\n/usr/share/snmp\tusr/share/snmp\n";
-
 /// The two halves of the demo; both the same folder for a whole volume.
 struct DemoHalves {
     fs::path system;

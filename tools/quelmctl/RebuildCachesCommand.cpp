@@ -17,6 +17,8 @@ int rebuild(const std::string& path) {
         return 1;
     }
     std::cout << "kext caches of " << volume->mountPoint() << " rebuilt or marked for rebuilding\n";
+    if (const auto notice = auxiliaryCollectionNotice(*volume))
+        std::cout << *notice << '\n';
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // quelmctl remove: takes kexts off a volume into a dated backup folder, never deleting them.
 #include "kexts/KextBackups.h"
+#include "kexts/KextCaches.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 #include "volumes/MountedFileSystem.h"
@@ -68,7 +69,9 @@ int remove(const Options& options) {
         moveKextsToBackup(*volume, *paths, newBackupFolderPath(*root, now), "remove", now);
     const int status = finishChange(*volume, "remove", outcome, "removed", options.json);
     if (!outcome.done.empty() && !options.json)
-        std::cout << kKernelCacheWarning << '\n';
+        std::cout << auxiliaryCollectionRemovalNotice(*volume).value_or(
+                         std::string(kKernelCacheWarning))
+                  << '\n';
     return status;
 }
 

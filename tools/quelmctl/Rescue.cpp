@@ -128,7 +128,10 @@ int finishChange(const QVOSVolume& volume, std::string operation, const RescueOu
     if (outcome.done.empty())
         return status;
     recordInHistory(recordOf(volume, std::move(operation), outcome.done, outcome.backupFolder));
-    return invalidateCaches(volume) ? status : 1;
+    const bool invalidated = invalidateCaches(volume);
+    if (const auto notice = auxiliaryCollectionNotice(volume); notice && !json)
+        std::cout << *notice << '\n';
+    return invalidated ? status : 1;
 }
 
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json) {

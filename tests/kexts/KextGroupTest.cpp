@@ -1,0 +1,103 @@
+// Kexts on a macOS of 10.15 and later: installed, listed, moved and restored on the data volume,
+// the system volume written only where macOS allows it, the caches marked on the right half.
+#include "KextFixtures.h"
+#include "TestSupport.h"
+#include "kexts/KextBackups.h"
+#include "kexts/KextCaches.h"
+#include "kexts/KextCatalog.h"
+#include "kexts/KextInstallation.h"
+#include "volumes/VolumePairing.h"
+
+#include <gtest/gtest.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class KextGroupTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!test::runningAsRoot())
+            GTEST_SKIP() << "installed kexts must belong to root";
+    }
+
+    QVOSVolume group(std::string_view version, std::string_view build) {
+        test::makeVolumeGroup(system, data, version, build);
+        for (const auto& extensions :
+             {system / "System/Library/Extensions", data / "Library/Extensions"})
+            fs::last_write_time(extensions, fs::file_time_type::clock::now() - 48h);
+        return *openMacOS(system.string(), data.string(), {});
+    }
+
+    test::TemporaryFolder folder, backups;
+    fs::path system = folder / "Macintosh HD";
+    fs::path data = folder / "Macintosh HD - Data";
+};
+
+QVKernelExtension liluKext() {
+    return QVKernelExtension(
+        FileURL::fromPath((test::realKextsFolder() / "Lilu.kext").string(), false));
+}
+
+bool isRecent(const fs::path& path) {
+    return fs::last_write_time(path) > fs::file_time_type::clock::now() - 1h;
+}
+
+TEST_F(KextGroupTest, Catalina_KextsLiveOnTheDataVolumeThroughEveryOperation) {
+    const auto volume = group("10.15.7", "19H2");
+    EXPECT_FALSE(auxiliaryCollectionNotice(volume));
+    EXPECT_TRUE(installKexts({liluKext()}, "/Library/Extensions/", volume).empty());
+    EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext/Contents/Info.plist"));
+    EXPECT_FALSE(fs::exists(system / "Library/Extensions")) << "the firmlink's folder stays empty";
+
+    const auto listed = installedKexts(volume);
+    const auto found = std::ranges::find(listed, "Lilu.kext", &KextBundle::name);
+    ASSERT_NE(found, listed.end());
+    EXPECT_EQ(found->path, "/Library/Extensions/Lilu.kext");
+    EXPECT_TRUE(found->ownersAndModesRight);
+
+    const auto failed = installKexts({liluKext()}, "/System/Library/Extensions/", volume);
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_NE(failed[0].reason.find("read-only system volume"), std::string::npos);
+
+    ASSERT_TRUE(rebuildCaches(volume));
+    EXPECT_TRUE(isRecent(data / "Library/Extensions"));
+    EXPECT_TRUE(isRecent(system / "System/Library/Extensions")) << "10.15's is not sealed";
+
+    const auto now = std::chrono::system_clock::now();
+    const auto removed = moveKextsToBackup(volume, {"/Library/Extensions/Lilu.kext"},
+                                           (backups / "removed").string(), "remove", now);
+    EXPECT_EQ(removed.done, std::vector<std::string>{"/Library/Extensions/Lilu.kext"});
+    EXPECT_FALSE(fs::exists(data / "Library/Extensions/Lilu.kext"));
+    const auto restored =
+        restoreKextsFromBackup(backups / "removed", volume, (backups / "replaced").string(), now);
+    ASSERT_TRUE(restored) << restored.error();
+    EXPECT_EQ(restored->done, removed.done);
+    EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext/Contents/Info.plist"));
+}
+
+TEST_F(KextGroupTest, Sonoma_TheSealedSystemVolumeIsLeftExactlyAsItWas) {
+    const auto volume = group("14.6.1", "23G93");
+    const auto systemBefore = test::treeListing(system);
+    const auto systemTime = fs::last_write_time(system / "System/Library/Extensions");
+
+    EXPECT_TRUE(installKexts({liluKext()}, "/Library/Extensions/", volume).empty());
+    for (const auto* sealed : {"/Extra/Extensions/", "/System/Library/Extensions/"}) {
+        const auto failed = installKexts({liluKext()}, sealed, volume);
+        ASSERT_EQ(failed.size(), 1u) << sealed;
+        EXPECT_NE(failed[0].reason.find("system volume"), std::string::npos) << failed[0].reason;
+    }
+    ASSERT_TRUE(rebuildCaches(volume));
+    EXPECT_TRUE(isRecent(data / "Library/Extensions"));
+    EXPECT_EQ(fs::last_write_time(system / "System/Library/Extensions"), systemTime);
+    EXPECT_EQ(test::treeListing(system), systemBefore);
+
+    const auto notice = auxiliaryCollectionNotice(volume);
+    ASSERT_TRUE(notice);
+    EXPECT_NE(notice->find("AuxiliaryKernelExtensions.kc"), std::string::npos);
+}
+
+} // namespace
+} // namespace quelm

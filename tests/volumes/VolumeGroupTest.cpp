@@ -1,0 +1,143 @@
+// A macOS of 10.15 and later as two volumes: firmlinks, finding the other half, refusals.
+#include "TestSupport.h"
+#include "support/Firmlinks.h"
+#include "volumes/VolumePairing.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/mount.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(FirmlinksTest, APathLiesOnTheDataVolumeThroughTheDeepestLinkThatHoldsIt) {
+    const auto links = parseFirmlinks(std::string(kCatalinaFirmlinks) +
+                                      "/Old\tDevice/Old\n"
+                                      "/Escape\t../etc\nrelative\tx\n/\tall\n/Twice\t/x\nno tab\n");
+    EXPECT_EQ(links.size(), 19u) << "the 18 of 10.15.7 and the beta's Device/ form";
+    EXPECT_EQ(dataPathOf(links, "/Library/Extensions/Lilu.kext"), "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(dataPathOf(links, "/usr/local"), "/usr/local");
+    EXPECT_EQ(dataPathOf(links, "/System/Library/Caches/com.apple.kext.caches"),
+              "/System/Library/Caches/com.apple.kext.caches");
+    EXPECT_EQ(dataPathOf(links, "/Old/x"), "/Old/x");
+    for (const auto* onSystem : {"/System/Library/Extensions", "/Libraryx", "/usr/localbin",
+                                 "/usr/bin", "/Escape/passwd", "/", "/Twice"})
+        EXPECT_FALSE(dataPathOf(links, onSystem)) << onSystem;
+}
+
+class VolumeGroupTest : public testing::Test {
+protected:
+    void SetUp() override { test::makeVolumeGroup(system, data, "10.15.7", "19H2"); }
+
+    /// A mount table in which each folder is an APFS volume of the given device.
+    static std::vector<MountedFileSystem>
+    mounts(std::initializer_list<std::pair<fs::path, std::string>> volumes) {
+        std::vector<MountedFileSystem> table;
+        for (const auto& [where, device] : volumes)
+            table.push_back({"apfs", device, where.string(), false, false, std::nullopt});
+        return table;
+    }
+
+    test::TemporaryFolder folder;
+    fs::path system = folder / "Macintosh HD";
+    fs::path data = folder / "Macintosh HD - Data";
+};
+
+TEST_F(VolumeGroupTest, EitherHalfOpensTheWholeMacOSWhenTheOtherIsCertain) {
+    EXPECT_EQ(QVOSVolume::kindOf(system.string()), VolumeKind::system);
+    EXPECT_EQ(QVOSVolume::kindOf(data.string()), VolumeKind::data);
+    EXPECT_EQ(QVOSVolume::kindOf(folder.path().string()), VolumeKind::none);
+
+    const auto both = mounts({{system, "/dev/sdb2"}, {data, "/dev/sdb2"}});
+    for (const auto& named : {system, data}) {
+        const auto volume = openMacOS(named.string(), std::nullopt, both);
+        ASSERT_TRUE(volume) << volume.error();
+        EXPECT_EQ(volume->mountPoint(), system.string());
+        EXPECT_EQ(volume->dataMountPoint(), data.string());
+    }
+    const auto named = openMacOS(system.string(), data.string() + "/", {});
+    ASSERT_TRUE(named) << named.error();
+    EXPECT_EQ(named->dataMountPoint(), data.string());
+    EXPECT_EQ(named->placeOf("/Library/Extensions").root, data.string());
+    EXPECT_EQ(named->placeOf("/System/Library/Extensions").root, system.string());
+}
+
+TEST_F(VolumeGroupTest, TheContainerDecidesBetweenTwoDataVolumesAndNothingIsGuessed) {
+    const auto other = folder / "Other - Data";
+    fs::create_directories(other / "Library");
+    fs::create_directories(other / "private/var");
+    const auto sameDevice =
+        mounts({{system, "/dev/sdc1"}, {other, "/dev/sdb2"}, {data, "/dev/sdc1"}});
+    EXPECT_EQ(openMacOS(system.string(), std::nullopt, sameDevice)->dataMountPoint(),
+              data.string());
+
+    const auto twoContainers =
+        mounts({{system, "/dev/sdc1"}, {other, "/dev/sdb2"}, {data, "/dev/sdd2"}});
+    const auto alone = openMacOS(system.string(), std::nullopt, twoContainers);
+    ASSERT_TRUE(alone) << "a system volume opens alone";
+    EXPECT_FALSE(alone->dataMountPoint());
+    EXPECT_EQ(alone->placeOf("/Library/Extensions").root, system.string());
+    const auto refusal = writeRefusal(*alone, "/Library/Extensions");
+    ASSERT_TRUE(refusal);
+    EXPECT_NE(refusal->find("--data-volume"), std::string::npos) << *refusal;
+    EXPECT_EQ(writeRefusal(*alone), refusal);
+}
+
+TEST_F(VolumeGroupTest, EachWrongPairingSaysWhatTheFolderIsNot) {
+    const auto whole = folder / "Old HD";
+    test::makeVolume(whole, "10.14.6", "18G103");
+    const auto cases = std::vector<std::pair<std::expected<QVOSVolume, std::string>, std::string>>{
+        {openMacOS(whole.string(), data.string(), {}), "leave out --data-volume"},
+        {openMacOS(system.string(), whole.string(), {}), "is not the data volume"},
+        {openMacOS(data.string(), std::nullopt, {}), "whose system volume was not found"},
+        {openMacOS(data.string(), system.string(), {}), "name its system volume with --volume"},
+        {openMacOS(folder.path().string(), std::nullopt, {}), "is not a macOS volume"},
+    };
+    for (const auto& [opened, says] : cases) {
+        ASSERT_FALSE(opened) << says;
+        EXPECT_NE(opened.error().find(says), std::string::npos) << opened.error();
+    }
+}
+
+TEST_F(VolumeGroupTest, ASealedSystemVolumeIsNeverWrittenAndTheArchiveKeepsThePair) {
+    test::makeVolume(system, "14.6.1", "23G93");
+    auto volume = *openMacOS(system.string(), data.string(), {});
+    EXPECT_TRUE(volume.isSealed());
+    for (const auto* path : {"/System/Library/Extensions", "/Extra/Extensions", "/usr/bin"}) {
+        const auto refusal = writeRefusal(volume, path);
+        ASSERT_TRUE(refusal) << path;
+        EXPECT_NE(refusal->find("sealed system volume"), std::string::npos) << *refusal;
+    }
+    EXPECT_FALSE(writeRefusal(volume, "/Library/Extensions"));
+    EXPECT_FALSE(writeRefusal(volume)) << "the whole volume: its data half only";
+
+    const auto decoded = unarchive<QVOSVolume>(archive(volume));
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->dataMountPoint(), data.string());
+    EXPECT_EQ(decoded->placeOf("/private/var/db/receipts").root, data.string())
+        << "the firmlinks are read again from the disk";
+}
+
+TEST_F(VolumeGroupTest, AReadOnlyDataVolumeRefusesWhatLiesOnItOnly) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "mounting takes root";
+    if (::mount("quelm-test", data.c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "this host does not let tests mount";
+    const std::unique_ptr<const char, int (*)(const char*)> unmount(data.c_str(), ::umount);
+    test::makeVolumeGroup(system, data, "10.15.7", "19H2");
+    ASSERT_EQ(::mount(nullptr, data.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    const auto opened = openMacOS(system.string(), data.string(), {});
+    ASSERT_TRUE(opened) << opened.error();
+    const auto& volume = *opened;
+    const auto refusal = writeRefusal(volume, "/Library/Extensions");
+    ASSERT_TRUE(refusal);
+    EXPECT_NE(refusal->find(data.string() + " is mounted read-only"), std::string::npos)
+        << *refusal;
+    EXPECT_EQ(writeRefusal(volume), refusal);
+    EXPECT_FALSE(writeRefusal(volume, "/Extra/Extensions")) << "10.15's system volume is writable";
+}
+
+} // namespace
+} // namespace quelm
