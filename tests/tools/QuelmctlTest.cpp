@@ -197,6 +197,42 @@ TEST(QuelmctlTest, VerifyRepairAndVerifyAgainOnTheDemoVolume) {
         2);
 }
 
+TEST(QuelmctlTest, EveryCommandTakesTheDataVolumeOfACatalinaDemo) {
+    TemporaryFolder folder;
+    ASSERT_EQ(
+        runCommand(quelmctl("make-demo-volume --macos 10.15 " + shellQuote(folder.path().string())))
+            .status,
+        0);
+    const auto system = shellQuote((folder / "Macintosh HD").string());
+    const auto data = shellQuote((folder / "Macintosh HD - Data").string());
+    const std::string pair = " --volume " + system + " --data-volume " + data;
+
+    const auto info = runCommand(quelmctl("volume-info --data-volume " + data + " " + system));
+    EXPECT_NE(info.output.find("\ndataVolume: " + (folder / "Macintosh HD - Data").string()),
+              std::string::npos)
+        << info.output;
+    EXPECT_NE(info.output.find("  /Library/Extensions: data volume, " +
+                               (folder / "Macintosh HD - Data/Library/Extensions").string()),
+              std::string::npos)
+        << info.output;
+    EXPECT_NE(info.output.find("\nwritable: yes"), std::string::npos) << info.output;
+
+    const auto verify = runCommand(quelmctl("verify-permissions" + pair));
+    EXPECT_EQ(verify.status, 1);
+    for (const auto* damaged : {"Macintosh HD/bin/ps", "Macintosh HD/private/tmp"})
+        EXPECT_NE(verify.output.find(damaged), std::string::npos) << damaged;
+    EXPECT_EQ(runCommand(quelmctl("repair-permissions" + pair)).status, 0);
+    EXPECT_EQ(runCommand(quelmctl("verify-permissions" + pair)).status, 0);
+
+    const auto alone = quelmctlErrors("verify-permissions --volume " + data);
+    EXPECT_EQ(alone.status, 2);
+    EXPECT_NE(alone.output.find("whose system volume was not found"), std::string::npos)
+        << alone.output;
+    const auto unjoined = quelmctlErrors("rebuild-caches --volume " + system);
+    EXPECT_EQ(unjoined.status, 2);
+    EXPECT_NE(unjoined.output.find("--data-volume"), std::string::npos) << unjoined.output;
+}
+
 TEST(QuelmctlTest, ReceiptWithAnUnreadableBomIsNamedAndTheRestIsRepaired) {
     TemporaryFolder folder;
     const auto disk = folder / "Disque é";
