@@ -25,6 +25,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
+/// The collection is a file that macOS keeps readable by all, written by root only.
+constexpr ItemAttributes kCollectionAttributes{0, 0, 0644};
 constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
@@ -34,8 +36,13 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
            });
 }
 
-/// A folder a backed-up kext may come from: an extensions folder, or its staged counterpart.
-bool isKextSourceFolder(std::string_view folder) {
+/// What a backup may hold: a kext of an extensions folder or of its staged counterpart, or the
+/// auxiliary kernel collection.
+bool isBackupSource(std::string_view folder, std::string_view name) {
+    if (folder == kAuxiliaryCollectionFolder)
+        return name == kAuxiliaryCollectionName;
+    if (!name.ends_with(".kext"))
+        return false;
     for (const auto extensions : kExtensionsFolders)
         if (folder == extensions ||
             folder == std::string(kStagedExtensionsFolder) + std::string(extensions))
@@ -80,8 +87,8 @@ std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
     for (const auto& entry : *kexts->array()) {
         BackupItem item{text(entry, "SourceFolder"), text(entry, "Name"),
                         text(entry, "PathInBackup")};
-        if (!isKextSourceFolder(item.sourceFolder) || !isPlainFileName(item.name) ||
-            !item.name.ends_with(".kext") || !isPathInBackup(item.pathInBackup, item.name))
+        if (!isBackupSource(item.sourceFolder, item.name) || !isPlainFileName(item.name) ||
+            !isPathInBackup(item.pathInBackup, item.name))
             return std::unexpected("it has an entry that is not a kext of an extensions folder");
         manifest.items.push_back(std::move(item));
     }
@@ -252,7 +259,7 @@ RescueOutcome takeKexts(const QVOSVolume& volume, const std::vector<std::string>
         const auto place = openParentOn(volume, path);
         const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
         const std::string folder = path.substr(0, path.rfind('/') + 1);
-        const bool taken = listed && isKextSourceFolder(folder) &&
+        const bool taken = listed && isBackupSource(folder, *listed) &&
                            writer.take(place->first.get(), *listed, folder, move);
         (taken ? outcome.done : outcome.failed).push_back(path);
         if (!taken)
@@ -276,7 +283,9 @@ std::expected<void, std::string> putBack(int from, int to, const BackupItem& ite
     const std::string staging = hiddenName(item.name, HiddenRole::staging);
     const auto installed = listedNameAt(to, item.name);
     std::string cause;
-    if (!copyTreeAt(from, item.name, to, staging, kSystemAttributes))
+    const bool collection = item.sourceFolder == kAuxiliaryCollectionFolder;
+    if (!copyTreeAt(from, item.name, to, staging,
+                    collection ? kCollectionAttributes : kSystemAttributes))
         cause = "it cannot be copied from the backup: " + failureCause(errno);
     else if (installed && !replaced.take(to, *installed, item.sourceFolder, false))
         cause = "the kext in its place cannot be backed up: " + replaced.cause();

@@ -20,6 +20,11 @@ inline constexpr std::string_view kBackupManifestName = "Manifest.plist";
 /// Where macOS 10.13 and later keep the staged copy of a kext: this folder + the kext's path.
 inline constexpr std::string_view kStagedExtensionsFolder = "/Library/StagedExtensions";
 
+/// The auxiliary kernel collection of macOS 11 and later: the only place from which that macOS
+/// loads third-party kexts. A removal may set it aside into its backup.
+inline constexpr std::string_view kAuxiliaryCollectionFolder = "/Library/KernelCollections/";
+inline constexpr std::string_view kAuxiliaryCollectionName = "AuxiliaryKernelExtensions.kc";
+
 /// One kext kept in a backup folder.
 struct BackupItem {
     std::string sourceFolder; ///< its folder on the volume: "/Library/Extensions/"

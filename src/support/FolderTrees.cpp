@@ -64,14 +64,15 @@ bool mayCopy(const struct stat& item, const Reader* reader) {
 }
 
 bool copyFileAt(int sourceFolder, const std::string& name, int destinationFolder,
-                const std::optional<ItemAttributes>& attributes, const Reader* reader) {
+                const std::string& destinationName, const std::optional<ItemAttributes>& attributes,
+                const Reader* reader) {
     // Non-blocking, so that a FIFO swapped in for the file cannot hold the copy.
     const UniqueFd in(
         ::openat(sourceFolder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat info {};
     if (!in || ::fstat(in.get(), &info) != 0 || !S_ISREG(info.st_mode) || !mayCopy(info, reader))
         return false;
-    const UniqueFd out(::openat(destinationFolder, name.c_str(),
+    const UniqueFd out(::openat(destinationFolder, destinationName.c_str(),
                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!out)
         return false;
@@ -112,7 +113,7 @@ bool copyEntry(int sourceFolder, const std::string& name, int destinationFolder,
     if (::fstatat(sourceFolder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
     if (S_ISREG(info.st_mode))
-        return copyFileAt(sourceFolder, name, destinationFolder, attributes, reader);
+        return copyFileAt(sourceFolder, name, destinationFolder, name, attributes, reader);
     if (S_ISLNK(info.st_mode))
         return copyLinkAt(sourceFolder, name, destinationFolder, attributes);
     if (!S_ISDIR(info.st_mode)) {
@@ -260,6 +261,9 @@ bool copyTreeAt(int sourceParent, const std::string& sourceName, int destination
                 const std::string& destinationName, const std::optional<ItemAttributes>& attributes,
                 const Reader* reader) {
     const UniqueFd source = openFolderAt(sourceParent, sourceName);
+    if (!source && errno == ENOTDIR)
+        return copyFileAt(sourceParent, sourceName, destinationParent, destinationName, attributes,
+                          reader);
     return source &&
            copyFolder(source.get(), destinationParent, destinationName, attributes, reader, 0);
 }

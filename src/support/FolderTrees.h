@@ -77,10 +77,10 @@ std::optional<std::pair<UniqueFd, std::string>> openParentBelow(const std::strin
 /// when it is not one, cannot be read or holds more than maxSize bytes.
 std::optional<std::string> readFileAt(int folder, const std::string& name, std::size_t maxSize);
 
-/// Copies the folder sourceName of sourceParent to destinationName of destinationParent, which
-/// must not exist yet. Folders, regular files and links are copied (links as links); anything
-/// else fails the copy, as does an item that reader, when given, may not read. With
-/// attributes, every item is made with them; without, each keeps its mode but for the setuid
+/// Copies the folder (or the regular file) sourceName of sourceParent to destinationName of
+/// destinationParent, which must not exist yet. Folders, regular files and links are copied (links
+/// as links); anything else fails the copy, as does an item that reader, when given, may not read.
+/// With attributes, every item is made with them; without, each keeps its mode but for the setuid
 /// and setgid bits, which no copy keeps. Nothing outside the two trees is read or changed.
 [[nodiscard]] bool copyTreeAt(int sourceParent, const std::string& sourceName,
                               int destinationParent, const std::string& destinationName,

@@ -204,6 +204,36 @@ TEST_F(RescueCommandsTest, RemoveRestoreAndUndoGoBackAndForth) {
         EXPECT_NE(history.output.find(text), std::string::npos) << history.output;
 }
 
+TEST_F(RescueCommandsTest, RemovalSetsTheAuxiliaryCollectionAsideOnlyWhereMacOSHasOne) {
+    if (!test::runningAsRoot())
+        GTEST_SKIP() << "removing kexts takes root";
+    const auto system = folder / "Sonoma HD";
+    const auto data = folder / "Sonoma HD - Data";
+    test::makeVolumeGroup(system, data, "14.6.1", "23G93");
+    test::makeKextBundle(data / "Library/Extensions", "Lilu.kext",
+                         test::kextInfo("as.vit9696.Lilu", "1.6.8"));
+    const auto collection = data / "Library/KernelCollections/AuxiliaryKernelExtensions.kc";
+    test::writeText(collection, "collection");
+    const auto group =
+        " --volume " + shellQuote(system.string()) + " --data-volume " + shellQuote(data.string());
+
+    const auto removed = quelmctl("remove --set-aside-collection Lilu" + group + backupTo());
+    EXPECT_EQ(removed.status, 0) << removed.output;
+    EXPECT_NE(
+        removed.output.find("removed /Library/KernelCollections/AuxiliaryKernelExtensions.kc"),
+        std::string::npos)
+        << removed.output;
+    EXPECT_FALSE(fs::exists(collection));
+    EXPECT_EQ(quelmctl("undo" + group + backupTo()).status, 0);
+    EXPECT_EQ(test::readText(collection), "collection");
+    EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext"));
+
+    const auto refused = quelmctl("remove --set-aside-collection Lilu" + onVolume() + backupTo());
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.output.find("only macOS 11 and later"), std::string::npos) << refused.output;
+    EXPECT_TRUE(fs::exists(volume / "Library/Extensions/Lilu.kext"));
+}
+
 TEST_F(RescueCommandsTest, DryRunsChangeNothing) {
     const auto kext =
         test::makeKextBundle(incoming, "New.kext", test::kextInfo("com.example.New", "1.0", "New"),

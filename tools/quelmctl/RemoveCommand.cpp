@@ -5,6 +5,7 @@
 #include "quelmctl/Rescue.h"
 #include "volumes/MountedFileSystem.h"
 
+#include <algorithm>
 #include <iostream>
 
 namespace quelm::ctl {
@@ -14,6 +15,7 @@ struct Options {
     std::string volume;
     std::string backupTo;
     bool force = false;
+    bool setAsideCollection = false;
     bool dryRun = false;
     bool json = false;
     std::vector<std::string> names;
@@ -49,11 +51,48 @@ std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
     return refused ? std::nullopt : std::optional(paths);
 }
 
+/// The auxiliary kernel collection's path, when the user sets it aside and the volume has one;
+/// nothing after a message when it cannot be.
+std::optional<std::vector<std::string>> collectionToSetAside(const QVOSVolume& volume) {
+    if (!volume.isSealed()) {
+        printError("--set-aside-collection: only macOS 11 and later load kexts from an auxiliary "
+                   "kernel collection; " +
+                   volume.mountPoint() + " holds macOS " + volume.version().value_or("?"));
+        return std::nullopt;
+    }
+    const std::string path =
+        std::string(kAuxiliaryCollectionFolder) + std::string(kAuxiliaryCollectionName);
+    const auto place = openParentOn(volume, path);
+    if (!place || !listedNameAt(place->first.get(), place->second)) {
+        std::cout << volume.mountPoint() << " has no " << path << " to set aside\n";
+        return std::vector<std::string>{};
+    }
+    return std::vector<std::string>{path};
+}
+
+/// What the next start does with the kexts just taken off.
+std::string removalNotice(const QVOSVolume& volume, const RescueOutcome& outcome) {
+    const bool setAside = std::ranges::any_of(outcome.done, [](const std::string& path) {
+        return path.ends_with(kAuxiliaryCollectionName);
+    });
+    if (setAside)
+        return "The auxiliary kernel collection is in the backup: macOS starts without any "
+               "third-party kext and builds a new collection once you approve the kexts of "
+               "/Library/Extensions again; quelmctl undo puts the old collection back.";
+    return auxiliaryCollectionRemovalNotice(volume).value_or(std::string(kKernelCacheWarning));
+}
+
 int remove(const Options& options) {
     const auto volume = openVolume(options.volume);
-    const auto paths = volume ? kextsToRemove(options, *volume) : std::nullopt;
+    auto paths = volume ? kextsToRemove(options, *volume) : std::nullopt;
     if (!paths)
         return 2;
+    if (options.setAsideCollection) {
+        const auto collection = collectionToSetAside(*volume);
+        if (!collection)
+            return 2;
+        paths->insert(paths->end(), collection->begin(), collection->end());
+    }
     if (options.dryRun) {
         std::cout << (options.json ? "" : "Dry run: nothing is changed.\n");
         reportOutcome({*paths, {}, "", {}}, "would-remove", options.json);
@@ -69,9 +108,7 @@ int remove(const Options& options) {
         moveKextsToBackup(*volume, *paths, newBackupFolderPath(*root, now), "remove", now);
     const int status = finishChange(*volume, "remove", outcome, "removed", options.json);
     if (!outcome.done.empty() && !options.json)
-        std::cout << auxiliaryCollectionRemovalNotice(*volume).value_or(
-                         std::string(kKernelCacheWarning))
-                  << '\n';
+        std::cout << removalNotice(*volume, outcome) << '\n';
     return status;
 }
 
@@ -89,6 +126,12 @@ void addRemoveCommand(CLI::App& app, int& status) {
                         "Make the backup folder in DIR (default: Backups in Quelm's folder of "
                         "the user's data folder, ~/.local/share/Quelm)");
     command->add_flag("--force", options->force, "Remove Apple's kexts (com.apple.*) too");
+    command->add_flag(
+        "--set-aside-collection", options->setAsideCollection,
+        "macOS 11 and later: also move /Library/KernelCollections/AuxiliaryKernelExtensions.kc "
+        "into the backup, so that the removed kexts cannot load from it; macOS then starts "
+        "without third-party kexts until you approve them again and it builds a new one (undo "
+        "puts it back)");
     command->add_flag("--dry-run", options->dryRun, "Print what would be removed; change nothing");
     command->add_flag("--json", options->json, "Print the outcome as JSON");
     command
