@@ -24,8 +24,9 @@ QVFileAttributes attributesOf(const struct stat& info) {
             static_cast<std::uint64_t>(info.st_size)};
 }
 
-StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, QVFileAttributes& out) {
-    const auto parent = walker.parentOf(volumePath);
+StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, bool onData,
+                   QVFileAttributes& out) {
+    const auto parent = walker.parentOf(volumePath, onData);
     if (!parent)
         return walker.failure() == 0 ? StatOutcome::missing : StatOutcome::failed;
     struct stat info {};
@@ -43,8 +44,9 @@ StatOutcome statAt(VolumeWalker& walker, std::string_view volumePath, QVFileAttr
 /// link; without /proc their mode cannot be set, and that attempt fails.
 class RepairTarget {
 public:
-    RepairTarget(VolumeWalker& walker, std::string_view volumePath, std::uint32_t fileType) {
-        const auto parent = walker.parentOf(volumePath);
+    RepairTarget(VolumeWalker& walker, std::string_view volumePath, bool onData,
+                 std::uint32_t fileType) {
+        const auto parent = walker.parentOf(volumePath, onData);
         if (!parent)
             return;
         folder_ = parent->first;
@@ -126,8 +128,8 @@ std::int64_t attributeOf(const QVFileAttributes& attributes, Type type) {
 
 /// The regular file at volumePath opened for reading without following a link; -1 with errno
 /// when it cannot be (ENOENT when it went missing or is no longer a regular file).
-UniqueFd openRegularFile(VolumeWalker& walker, std::string_view volumePath) {
-    const auto parent = walker.parentOf(volumePath);
+UniqueFd openRegularFile(VolumeWalker& walker, std::string_view volumePath, bool onData) {
+    const auto parent = walker.parentOf(volumePath, onData);
     if (!parent) {
         errno = walker.failure() == 0 ? ENOENT : walker.failure();
         return UniqueFd();
@@ -166,17 +168,18 @@ QVFileSystemResource::QVFileSystemResource(std::string path, std::size_t volumeP
                                            std::int64_t uid, std::int64_t gid,
                                            std::int64_t posixpermissions,
                                            std::optional<QVFileAttributes> current,
-                                           std::optional<QVContentDigest> content)
+                                           std::optional<QVContentDigest> content, bool onData)
     : path_(std::move(path)), volumePathStart_(volumePathStart), uid_(uid), gid_(gid),
-      posixpermissions_(posixpermissions), current_(current), content_(content) {
+      posixpermissions_(posixpermissions), current_(current), content_(content), onData_(onData) {
 }
 
 std::optional<QVFileSystemResource>
 QVFileSystemResource::init(VolumeWalker& walker, const std::string& mountPoint,
                            std::string_view volumePath, std::int64_t uid, std::int64_t gid,
-                           std::int64_t posixpermissions, std::optional<QVContentDigest> content) {
+                           std::int64_t posixpermissions, std::optional<QVContentDigest> content,
+                           bool onData) {
     QVFileAttributes current;
-    const StatOutcome outcome = statAt(walker, volumePath, current);
+    const StatOutcome outcome = statAt(walker, volumePath, onData, current);
     if (outcome == StatOutcome::missing)
         return std::nullopt;
     std::string path = mountPoint + std::string(volumePath);
@@ -184,7 +187,7 @@ QVFileSystemResource::init(VolumeWalker& walker, const std::string& mountPoint,
         logLine("QVFile::Error: Unable to get attributes of " + path);
     return QVFileSystemResource(
         std::move(path), mountPoint.size(), uid, gid, posixpermissions,
-        outcome == StatOutcome::read ? std::optional(current) : std::nullopt, content);
+        outcome == StatOutcome::read ? std::optional(current) : std::nullopt, content, onData);
 }
 
 std::vector<QVRepairPermissionsResult>
@@ -236,7 +239,7 @@ std::vector<QVRepairPermissionsResult> QVFileSystemResource::repair(VolumeWalker
         if (before == correct)
             return;
         if (!target)
-            target.emplace(walker, volumePath(), current_->fileType);
+            target.emplace(walker, volumePath(), onData_, current_->fileType);
         const bool set = target->set(type, correct, current);
         const bool reread = target->read(current);
         results.emplace_back(QVRepairPermissionsJobType::repairPermissions, path_, type, before,
@@ -271,7 +274,7 @@ QVFileSystemResource::verifyContent(VolumeWalker& walker, std::span<char> buffer
     // Receipts keep the low 32 bits of the size here; larger sizes live in another tree.
     if (static_cast<std::uint32_t>(current_->size) != content_->size)
         return {contentResult(jobType, Type::sizeMismatched, size, content_->size)};
-    const UniqueFd file = openRegularFile(walker, volumePath());
+    const UniqueFd file = openRegularFile(walker, volumePath(), onData_);
     const auto digest = file ? digestOfFile(file.get(), buffer) : std::nullopt;
     if (!digest) {
         logLine("QVFile::Error: Unable to read the content of " + path_ + ": " +

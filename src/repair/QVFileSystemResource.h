@@ -37,14 +37,15 @@ std::uint32_t modeFromPermissions(std::int64_t permissions);
 class QVFileSystemResource {
 public:
     /// The resource for volumePath (beginning with "/", relative to the volume root) shown as
-    /// mountPoint + volumePath. Nothing when the item does not exist or would be reached
+    /// mountPoint + volumePath; with onData, volumePath is the data volume's own path and
+    /// mountPoint the data volume's. Nothing when the item does not exist or would be reached
     /// through a link or outside the volume. When its attributes cannot be read for another
     /// reason (EMFILE, EACCES, EIO...) that is logged and the resource has no current
     /// attributes: verify and repair then report it as failed, never as missing.
     static std::optional<QVFileSystemResource>
     init(VolumeWalker& walker, const std::string& mountPoint, std::string_view volumePath,
          std::int64_t uid, std::int64_t gid, std::int64_t posixpermissions,
-         std::optional<QVContentDigest> content = std::nullopt);
+         std::optional<QVContentDigest> content = std::nullopt, bool onData = false);
 
     const std::string& path() const { return path_; }
     std::int64_t uid() const { return uid_; }
@@ -71,7 +72,7 @@ private:
     QVFileSystemResource(std::string path, std::size_t volumePathStart, std::int64_t uid,
                          std::int64_t gid, std::int64_t posixpermissions,
                          std::optional<QVFileAttributes> current,
-                         std::optional<QVContentDigest> content);
+                         std::optional<QVContentDigest> content, bool onData);
     /// The failed result of a path whose attributes could not be read.
     std::vector<QVRepairPermissionsResult> unreadable(QVRepairPermissionsJobType jobType) const;
     QVRepairPermissionsResult contentResult(QVRepairPermissionsJobType jobType,
@@ -87,6 +88,7 @@ private:
     std::int64_t posixpermissions_;
     std::optional<QVFileAttributes> current_;
     std::optional<QVContentDigest> content_;
+    bool onData_;
 };
 
 } // namespace quelm

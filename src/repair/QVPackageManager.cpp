@@ -227,6 +227,18 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
     const std::string_view fatalMessage =
         "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
     const auto& mountPoint = targetVolume_->mountPoint();
+    // A path on the data volume is shown, and later reached, where it lies there.
+    const auto makeResource = [&](VolumeWalker& walker, const YRFileSystemResource& record,
+                                  std::string_view volumePath) {
+        const auto& volume = *targetVolume_;
+        const auto place =
+            volume.dataMountPoint() ? std::optional(volume.placeOf(volumePath)) : std::nullopt;
+        const bool onData = place && place->onDataVolume;
+        return QVFileSystemResource::init(walker, onData ? place->root : mountPoint,
+                                          onData ? std::string_view(place->path) : volumePath,
+                                          record.uid, record.gid, permissionsFromMode(record.mode),
+                                          contentOf(record), onData);
+    };
     // A sealed system volume is never changed, and macOS checks its seal itself.
     const auto isSealedPath = [&volume = *targetVolume_](std::string_view path) {
         return volume.isSealed() && !path.empty() && !volume.placeOf(path).onDataVolume;
@@ -246,11 +258,8 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
                 });
                 continue;
             }
-            auto resource = volumePath.empty()
-                                ? std::nullopt
-                                : QVFileSystemResource::init(
-                                      walker, mountPoint, volumePath, record.uid, record.gid,
-                                      permissionsFromMode(record.mode), contentOf(record));
+            auto resource =
+                volumePath.empty() ? std::nullopt : makeResource(walker, record, volumePath);
             if (!resource) {
                 dropRecord();
                 continue;

@@ -63,14 +63,16 @@ VolumeRoot::~VolumeRoot() {
         ::close(dataFd_);
 }
 
-std::pair<int, std::string_view> VolumeRoot::resolve(std::string_view path,
-                                                     std::string& scratch) const {
+std::pair<int, std::string_view> VolumeRoot::resolve(std::string_view path, std::string& scratch,
+                                                     bool onData) const {
     if (dataFd_ < 0)
         return {fd_, path};
-    auto onData = dataPathOf(firmlinks_, path);
-    if (!onData)
+    if (onData)
+        return {dataFd_, path};
+    auto mapped = dataPathOf(firmlinks_, path);
+    if (!mapped)
         return {fd_, path};
-    scratch = std::move(*onData);
+    scratch = std::move(*mapped);
     return {dataFd_, scratch};
 }
 
@@ -88,9 +90,10 @@ void VolumeWalker::popTo(std::size_t depth) {
     }
 }
 
-std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::string_view asked) {
+std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::string_view asked,
+                                                                       bool onData) {
     failure_ = 0;
-    const auto [rootFd, path] = root_->resolve(asked, scratch_);
+    const auto [rootFd, path] = root_->resolve(asked, scratch_, onData);
     if (rootFd != openFrom_) {
         popTo(0);
         openFrom_ = rootFd;

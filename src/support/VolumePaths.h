@@ -30,8 +30,10 @@ public:
 
     int fd() const { return fd_; }
     /// The root that holds path and the path beneath it; the path is written to scratch when it
-    /// lies on the data volume, which the answer then points into.
-    std::pair<int, std::string_view> resolve(std::string_view path, std::string& scratch) const;
+    /// lies on the data volume, which the answer then points into. A path already on the data
+    /// volume (onData) is taken from there as it is.
+    std::pair<int, std::string_view> resolve(std::string_view path, std::string& scratch,
+                                             bool onData = false) const;
 
 private:
     VolumeRoot(int fd, int dataFd, std::vector<Firmlink> firmlinks)
@@ -54,8 +56,10 @@ public:
     /// For "/System/Library/Kernels": the folder /System/Library and the name "Kernels".
     /// Nothing when the path does not begin with "/", holds an empty, "." or ".." component,
     /// passes through a link or a missing folder: such a path would leave the volume or does
-    /// not exist, and counts as missing. The folder stays valid until the next call.
-    std::optional<std::pair<int, std::string_view>> parentOf(std::string_view path);
+    /// not exist, and counts as missing. The folder stays valid until the next call. With
+    /// onData the path is one of the data volume's own, reached without the firmlinks.
+    std::optional<std::pair<int, std::string_view>> parentOf(std::string_view path,
+                                                             bool onData = false);
     /// Why the last parentOf found nothing: 0 when the path is missing, otherwise the error of
     /// a folder that exists but could not be opened (EMFILE, EACCES, EIO...).
     int failure() const { return failure_; }

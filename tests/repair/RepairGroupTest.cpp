@@ -64,7 +64,7 @@ protected:
         job.run();
         std::vector<std::string> paths;
         for (const auto& result : job.results())
-            paths.push_back(result.fileSystemResourcePath().substr(system.string().size()));
+            paths.push_back(result.fileSystemResourcePath().substr(folder.path().string().size()));
         std::ranges::sort(paths);
         return paths;
     }
@@ -76,8 +76,10 @@ protected:
 
 TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
     make("10.15.7", "19H2");
-    EXPECT_EQ(run(QVRepairPermissionsJobType::verifyPermissions),
-              (std::vector<std::string>{"/bin/ps", "/private/tmp"}));
+    EXPECT_EQ(
+        run(QVRepairPermissionsJobType::verifyPermissions),
+        (std::vector<std::string>{"/Macintosh HD - Data/private/tmp", "/Macintosh HD/bin/ps"}))
+        << "each path is named where it lies";
     run(QVRepairPermissionsJobType::repairPermissions);
     EXPECT_EQ(permissionsOf(system / "bin/ps"), 04755u);
     EXPECT_EQ(permissionsOf(data / "private/tmp"), 01777u);
@@ -90,7 +92,7 @@ TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
 TEST_F(RepairGroupTest, Sonoma_TheSealedSystemVolumeIsNeitherCheckedNorChanged) {
     make("14.6.1", "23G93");
     EXPECT_EQ(run(QVRepairPermissionsJobType::verifyPermissions),
-              std::vector<std::string>{"/private/tmp"});
+              std::vector<std::string>{"/Macintosh HD - Data/private/tmp"});
     run(QVRepairPermissionsJobType::repairPermissions);
     EXPECT_EQ(permissionsOf(data / "private/tmp"), 01777u);
     EXPECT_EQ(permissionsOf(system / "bin/ps"), 0755u);

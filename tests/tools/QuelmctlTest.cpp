@@ -219,7 +219,7 @@ TEST(QuelmctlTest, EveryCommandTakesTheDataVolumeOfACatalinaDemo) {
 
     const auto verify = runCommand(quelmctl("verify-permissions" + pair));
     EXPECT_EQ(verify.status, 1);
-    for (const auto* damaged : {"Macintosh HD/bin/ps", "Macintosh HD/private/tmp"})
+    for (const auto* damaged : {"Macintosh HD/bin/ps", "Macintosh HD - Data/private/tmp"})
         EXPECT_NE(verify.output.find(damaged), std::string::npos) << damaged;
     EXPECT_EQ(runCommand(quelmctl("repair-permissions" + pair)).status, 0);
     EXPECT_EQ(runCommand(quelmctl("verify-permissions" + pair)).status, 0);
