@@ -152,7 +152,7 @@ void AppDelegate::start() {
     QMetaObject::invokeMethod(this, &AppDelegate::handOnQueuedJobs, Qt::QueuedConnection);
 }
 
-void AppDelegate::queueJob(const QStringList& paths, std::optional<std::string> volume) {
+void AppDelegate::queueJob(const QStringList& paths, std::optional<NamedVolume> volume) {
     queued_.push_back({stdPaths(paths), std::move(volume)});
     if (!timer_.isActive())
         handOnQueuedJobs();

@@ -2,6 +2,7 @@
 // start and failures, and quitting.
 #pragma once
 
+#include "app/TargetVolume.h"
 #include "support/NotificationCenter.h"
 
 #include <QObject>
@@ -37,7 +38,7 @@ public:
     /// Paths for a job of their own on volume (none: the one selected when it starts), after
     /// the jobs before it. While the intake still collects, the job waits for it, so that the
     /// intake's job comes first and keeps its volume.
-    void queueJob(const QStringList& paths, std::optional<std::string> volume);
+    void queueJob(const QStringList& paths, std::optional<NamedVolume> volume);
     /// Shows the installation screen and starts the helper when files were opened, else the
     /// preferences.
     void applicationDidFinishLaunching();
@@ -65,7 +66,7 @@ private:
     QStringList files_;
     struct QueuedJob {
         std::vector<std::string> paths;
-        std::optional<std::string> volume;
+        std::optional<NamedVolume> volume;
     };
     std::deque<QueuedJob> queued_;
     std::vector<NotificationCenter::Token> observers_;

@@ -4,6 +4,7 @@
 #include "app/AppDelegate.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
+#include "app/TargetVolume.h"
 #include "support/Log.h"
 #include "support/NotificationCenter.h"
 #include "support/PathValidation.h"
@@ -23,6 +24,7 @@ namespace quelm {
 namespace {
 
 constexpr QLatin1StringView kVolumePrefix("volume=");
+constexpr QLatin1StringView kDataVolumePrefix("data-volume=");
 
 QString normalPath(const QString& path) {
     return QString::fromStdString(absoluteNormalPath(path.toStdString()));
@@ -44,21 +46,22 @@ std::optional<QString> ownTemporaryFolder() {
     return std::nullopt;
 }
 
-std::optional<std::string> selectedVolume() {
+std::optional<NamedVolume> selectedVolume() {
     const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
-    return volume ? std::optional(volume->mountPoint()) : std::nullopt;
+    return volume ? std::optional(NamedVolume{volume->mountPoint(), volume->dataMountPoint()})
+                  : std::nullopt;
 }
 
-QString confirmationText(const std::optional<std::string>& volume) {
+QString confirmationText(const std::optional<NamedVolume>& volume) {
     if (volume)
         //% "Install these kexts onto %1?"
-        return qtTrId("kQVLaterStartInstallOnto").arg(QString::fromStdString(*volume));
+        return qtTrId("kQVLaterStartInstallOnto").arg(QString::fromStdString(volume->path));
     //% "Install these kexts onto the volume you choose next?"
     return qtTrId("kQVLaterStartInstallOntoChosen");
 }
 
 /// One question that names the volume and every kext; true when the user says to install them.
-bool confirmHandedOver(const QStringList& files, const std::optional<std::string>& volume,
+bool confirmHandedOver(const QStringList& files, const std::optional<NamedVolume>& volume,
                        QWidget* parent) {
     QMessageBox box(QMessageBox::Question, "Quelm", confirmationText(volume),
                     QMessageBox::Yes | QMessageBox::Cancel, parent);
@@ -114,10 +117,13 @@ bool peerIsThisUser(const QLocalSocket& socket) {
            peer.uid == ::geteuid();
 }
 
-QByteArray laterStartMessage(const QStringList& files, const QString& volume) {
+QByteArray laterStartMessage(const QStringList& files, const QString& volume,
+                             const QString& dataVolume) {
     QString message;
     if (!volume.isEmpty())
         message += kVolumePrefix + normalPath(volume) + '\n';
+    if (!dataVolume.isEmpty())
+        message += kDataVolumePrefix + normalPath(dataVolume) + '\n';
     for (const auto& file : files)
         message += normalPath(file) + '\n';
     return message.toUtf8();
@@ -128,13 +134,16 @@ LaterStart parseLaterStart(const QByteArray& message) {
     for (const auto& line : QString::fromUtf8(message).split('\n', Qt::SkipEmptyParts)) {
         if (line.startsWith(kVolumePrefix))
             start.volume = line.mid(kVolumePrefix.size()).toStdString();
+        else if (line.startsWith(kDataVolumePrefix))
+            start.dataVolume = line.mid(kDataVolumePrefix.size()).toStdString();
         else
             start.files << line;
     }
     return start;
 }
 
-bool handToRunningInstance(const QString& name, const QStringList& files, const QString& volume) {
+bool handToRunningInstance(const QString& name, const QStringList& files, const QString& volume,
+                           const QString& dataVolume) {
     QLocalSocket socket;
     socket.connectToServer(name);
     if (!socket.waitForConnected(500))
@@ -145,7 +154,7 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
         socket.abort();
         return false;
     }
-    socket.write(laterStartMessage(files, volume));
+    socket.write(laterStartMessage(files, volume, dataVolume));
     socket.waitForBytesWritten(2000);
     socket.disconnectFromServer();
     return true;
@@ -157,7 +166,8 @@ void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
         delegate.applicationShouldHandleReopen();
         return;
     }
-    const auto volume = start.volume ? start.volume : selectedVolume();
+    const auto named = namedVolume(start.volume, start.dataVolume);
+    const auto volume = named ? named : selectedVolume();
     if (!confirmHandedOver(start.files, volume, &window)) {
         logLine("quelm: the kexts handed over by another start were declined; nothing changed.");
         return;

@@ -13,10 +13,12 @@ namespace quelm {
 class AppDelegate;
 class QVMainQuelmWindowController;
 
-/// What one later start sent: the volume it named, if any, and its paths.
+/// What one later start sent: the volume it named, if any, its paths, and the data volume it
+/// named, if any.
 struct LaterStart {
     std::optional<std::string> volume;
     QStringList files;
+    std::optional<std::string> dataVolume = std::nullopt;
 };
 
 /// Whether path is a folder that only this user can enter: owned by us, a directory and not a
@@ -33,14 +35,17 @@ std::optional<QString> instanceName();
 /// Whether the process at the other end of the connected socket runs as this user.
 bool peerIsThisUser(const QLocalSocket& socket);
 
-/// "volume=PATH" first when a volume is named, then one path a line, each made absolute and
-/// normal here, where it was typed: the running instance has another working folder.
-QByteArray laterStartMessage(const QStringList& files, const QString& volume);
+/// "volume=PATH" and "data-volume=PATH" first when they are named, then one path a line, each
+/// made absolute and normal here, where it was typed: the running instance has another working
+/// folder.
+QByteArray laterStartMessage(const QStringList& files, const QString& volume,
+                             const QString& dataVolume = {});
 LaterStart parseLaterStart(const QByteArray& message);
 
-/// Sends the paths and the volume to the instance listening at name; true when one of this
+/// Sends the paths and the volumes to the instance listening at name; true when one of this
 /// user took them. A server of another user is left without a word.
-bool handToRunningInstance(const QString& name, const QStringList& files, const QString& volume);
+bool handToRunningInstance(const QString& name, const QStringList& files, const QString& volume,
+                           const QString& dataVolume = {});
 
 /// Kexts handed over by another process are installed only once the user has seen them, with
 /// their volume, in one question and said yes. Then they join the intake, or make a job of

@@ -7,13 +7,14 @@
 #include "app/QVMainAbstractMaintenanceViewController.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
+#include "app/TargetVolume.h"
 #include "helper/QVXPCHelperManager.h"
 #include "support/Log.h"
-#include "support/PathValidation.h"
 #include "ui/QVMainQuelmAppearanceMode.h"
 #include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
+#include "volumes/MountedFileSystem.h"
 #include "volumes/QVOSVolumeManager.h"
 
 #include <QApplication>
@@ -34,46 +35,18 @@ static void initialiseResources() {
 namespace quelm {
 namespace {
 
-struct Arguments {
-    QString volume;
-    QString results;
-    QString helperRoot;
-    QStringList files;
-};
-
-Arguments parseArguments(const QApplication& application) {
-    QCommandLineParser parser;
-    //% "Installs kexts onto a macOS volume and repairs the volume so that it boots."
-    parser.setApplicationDescription(qtTrId("kQVAppDescription"));
-    parser.addHelpOption();
-    parser.addVersionOption();
-    //% "The mount point of the macOS volume to work on."
-    parser.addOption({"volume", qtTrId("kQVAppOptionVolume"), "PATH"});
-    //% "Show the results of a saved repair report."
-    parser.addOption({"results", qtTrId("kQVAppOptionResults"), "FILE"});
-    //% "Install and start the helper under this folder instead of / (for tests)."
-    parser.addOption({"helper-root", qtTrId("kQVAppOptionHelperRoot"), "DIR"});
-    //% "The kext bundles to install."
-    parser.addPositionalArgument("KEXT", qtTrId("kQVAppArgumentKexts"), "[KEXT...]");
-    parser.process(application);
-    return {parser.value("volume"), parser.value("results"), parser.value("helper-root"),
-            parser.positionalArguments()};
+std::optional<std::string> given(const QString& option) {
+    return option.isEmpty() ? std::nullopt : std::optional(option.toStdString());
 }
 
-/// Where no macOS runs the host, the target is the one named, else the last one used.
-bool chooseStartingVolume(const QString& named) {
-    auto& volumes = QVOSVolumeManager::shared();
-    const std::string path = named.isEmpty() ? userDefaultString(kLastTargetVolumeKey).value_or("")
-                                             : named.toStdString();
-    if (path.empty())
-        return true;
-    const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(path));
-    if (!volume || !volume->majorVersion()) {
-        logLine("quelm: " + path + " is not a macOS volume");
-        return named.isEmpty();
-    }
-    volumes.setStartingOSVolume(*volume);
-    return true;
+/// The last volume used, with its data volume while that is one; else the data volume is
+/// looked for again among the mounts, where it may now be mounted elsewhere.
+std::expected<QVOSVolume, QString> openLastTargetVolume(NamedVolume last) {
+    auto volume = openTargetVolume(last);
+    if (volume || !last.dataPath)
+        return volume;
+    last.dataPath.reset();
+    return openTargetVolume(last);
 }
 
 int showResults(const QString& file) {
@@ -164,6 +137,43 @@ void buildMainMenu(QMenuBar& menu, QApplication& application, QWidget& window) {
 
 } // namespace
 
+LaunchArguments parseLaunchArguments(const QStringList& arguments) {
+    QCommandLineParser parser;
+    //% "Installs kexts onto a macOS volume and repairs the volume so that it boots."
+    parser.setApplicationDescription(qtTrId("kQVAppDescription"));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    //% "The mount point of the macOS volume to work on."
+    parser.addOption({"volume", qtTrId("kQVAppOptionVolume"), "PATH"});
+    //% "The mount point of the data volume of macOS 10.15 or later, when it is not found by itself."
+    parser.addOption({"data-volume", qtTrId("kQVAppOptionDataVolume"), "PATH"});
+    //% "Show the results of a saved repair report."
+    parser.addOption({"results", qtTrId("kQVAppOptionResults"), "FILE"});
+    //% "Install and start the helper under this folder instead of / (for tests)."
+    parser.addOption({"helper-root", qtTrId("kQVAppOptionHelperRoot"), "DIR"});
+    //% "The kext bundles to install."
+    parser.addPositionalArgument("KEXT", qtTrId("kQVAppArgumentKexts"), "[KEXT...]");
+    parser.process(arguments);
+    return {parser.value("volume"), parser.value("data-volume"), parser.value("results"),
+            parser.value("helper-root"), parser.positionalArguments()};
+}
+
+bool chooseStartingVolume(const LaunchArguments& arguments) {
+    const auto named = namedVolume(given(arguments.volume), given(arguments.dataVolume));
+    const auto last = named ? std::nullopt : lastTargetVolume();
+    if (!named && !last)
+        return true;
+    const auto volume = named ? openTargetVolume(*named) : openLastTargetVolume(*last);
+    if (!volume) {
+        logLine("quelm: " + volume.error().toStdString());
+        return !named;
+    }
+    if (volume->isSystemVolume() && !volume->dataMountPoint())
+        logLine("quelm: " + missingDataVolumeSentence(*volume));
+    QVOSVolumeManager::shared().setStartingOSVolume(*volume);
+    return true;
+}
+
 int runQuelm(int argc, char** argv) {
     QApplication application(argc, argv);
     initialiseResources();
@@ -174,15 +184,16 @@ int runQuelm(int argc, char** argv) {
     // Desktops match the window to its .desktop file, its name and icon, by this name.
     QGuiApplication::setDesktopFileName("org.quelm.veskp.quelm");
     (void)installTranslations(application);
-    const Arguments arguments = parseArguments(application);
+    const LaunchArguments arguments = parseLaunchArguments(QApplication::arguments());
     if (!arguments.results.isEmpty())
         return showResults(arguments.results);
     const auto instance = instanceName();
-    if (instance && handToRunningInstance(*instance, arguments.files, arguments.volume))
+    if (instance &&
+        handToRunningInstance(*instance, arguments.files, arguments.volume, arguments.dataVolume))
         return 0;
     if (!arguments.helperRoot.isEmpty())
         QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
-    if (!chooseStartingVolume(arguments.volume))
+    if (!chooseStartingVolume(arguments))
         return 2;
     if (const auto mode =
             appearanceModeFromRawValue(userDefaultString(kDefaultAppearanceModeKey).value_or("")))

@@ -2,6 +2,7 @@
 // backup back through the helper.
 #include "app/QVInstalledKextsViewController.h"
 
+#include "app/TargetVolume.h"
 #include "helper/QVXPCHelperManager.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
@@ -102,12 +103,11 @@ QString volumeTitle(const QVOSVolume& volume) {
     return qString(volume.mountPoint() + " (" + volume.getFullNameVersionString() + ")");
 }
 
-/// The macOS volume at the folder a backup's manifest names, if it is one now.
+/// The macOS volume at the folder a backup's manifest names, if it is one now, joined to its
+/// data volume when it has one.
 std::optional<QVOSVolume> macOSVolumeAt(const std::string& folder) {
-    auto volume = QVOSVolume::initWithMountPoint(folder);
-    if (volume && volume->majorVersion())
-        return volume;
-    return std::nullopt;
+    auto volume = openTargetVolume({folder, std::nullopt});
+    return volume ? std::optional(std::move(*volume)) : std::nullopt;
 }
 
 QString restoreWarning(const std::string& originFolder, bool originIsThere,
@@ -157,8 +157,6 @@ QVInstalledKextsViewController::QVInstalledKextsViewController(QWidget* parent)
     : QVMainAbstractMaintenanceViewController(parent) {
     setWindowFlags(Qt::Window);
     setObjectName("QVSBIDInstalledKexts");
-    //% "Installed Kexts"
-    setWindowTitle(qtTrId("kQVInstalledKextsVCTitle"));
     buildView();
     viewDidLoad();
     observe<bool>(kDidSelectAValidOSVolume, [this](const bool&) { refresh(); });
@@ -179,6 +177,8 @@ void QVInstalledKextsViewController::buildView() {
     pathField = new QLabel(this);
     pathField->setObjectName("pathField");
     volumeInfoField = new QLabel(this);
+    volumeInfoField->setObjectName("volumeInfoField");
+    volumeInfoField->setWordWrap(true);
     for (auto* label : {mainTitle, pathField, volumeInfoField})
         volumeText->addWidget(label);
     volumeRow->addLayout(volumeText, 1);
@@ -223,6 +223,7 @@ void QVInstalledKextsViewController::buildView() {
 
 void QVInstalledKextsViewController::refresh() {
     const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    showTitle();
     kexts_ = volume ? installedKexts(*volume) : std::vector<KextBundle>{};
     table_->clear();
     for (const auto& kext : kexts_)
@@ -232,6 +233,19 @@ void QVInstalledKextsViewController::refresh() {
     restoreButton_->setEnabled(volume.has_value());
     //% "Kexts listed: %1"
     updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCCount").arg(kexts_.size()));
+}
+
+void QVInstalledKextsViewController::showTitle() {
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    if (!volume) {
+        //% "Installed Kexts"
+        setWindowTitle(qtTrId("kQVInstalledKextsVCTitle"));
+        return;
+    }
+    showVolume(*volume);
+    //% "Installed Kexts — %1"
+    setWindowTitle(
+        qtTrId("kQVInstalledKextsVCTitleOn").arg(qString(volume->getFullNameVersionString())));
 }
 
 void QVInstalledKextsViewController::addRows(const KextBundle& kext, QTreeWidgetItem* parent) {

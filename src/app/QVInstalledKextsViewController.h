@@ -39,6 +39,9 @@ signals:
 
 private:
     void buildView();
+    /// The selected volume in the title and the volume lines: the main window may have chosen
+    /// another one since.
+    void showTitle();
     void addRows(const KextBundle& kext, QTreeWidgetItem* parent);
     void chooseBackup();
     /// The volume that the backup names, the one shown when it is that or the user says so;

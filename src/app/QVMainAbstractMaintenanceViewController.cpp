@@ -6,7 +6,6 @@
 #include "support/FileURL.h"
 #include "support/Log.h"
 #include "ui/QVViewExtensions.h"
-#include "ui/UserDefaults.h"
 #include "volumes/QVOSVolumeManager.h"
 
 #include <QDir>
@@ -14,14 +13,10 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <filesystem>
 
 namespace quelm {
 namespace {
-
-QString volumeInfoText(const QVOSVolume& volume) {
-    return QString::fromStdString(volume.version().value_or("") + " (" +
-                                  volume.buildVersion().value_or("") + ")");
-}
 
 /// Where the folder chooser opens: "/Volumes" on macOS, where Linux mounts removable disks
 /// elsewhere.
@@ -30,6 +25,26 @@ QString volumesFolder() {
         if (QDir(folder).exists())
             return folder;
     return QDir::rootPath();
+}
+
+/// The chosen folder travels as a folder URL and comes back whole, "é" and "#" included,
+/// absolute and without "." or "..".
+std::string chosenPath(const QString& folder) {
+    std::string path = FileURL::fromPath(folder.toStdString(), true).path();
+    if (path.size() > 1)
+        path.pop_back();
+    return path;
+}
+
+/// The folder that holds path: the other volume of a macOS is mostly mounted beside it.
+QString folderAround(const std::string& path) {
+    return QString::fromStdString(std::filesystem::path(path).parent_path().string());
+}
+
+QString notASystemVolume(const std::string& folder) {
+    //% "%1 is not the system volume of macOS 10.15 or later."
+    return qtTrId("kQVMainAbstractMaintenanceVCNotASystemVolume")
+        .arg(QString::fromStdString(folder));
 }
 
 } // namespace
@@ -41,9 +56,6 @@ QVMainAbstractMaintenanceViewController::QVMainAbstractMaintenanceViewController
 void QVMainAbstractMaintenanceViewController::viewDidLoad() {
     QVMainAbstractViewController::viewDidLoad();
     renderLocalizedOutlets();
-    if (const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
-        volume && volumeInfoField)
-        volumeInfoField->setText(volumeInfoText(*volume));
     observe<double>(kDidReceiveRemoteProgress, [this](const double& progress) {
         if (circularIndicator)
             circularIndicator->setValue(static_cast<int>(progress));
@@ -78,7 +90,7 @@ void QVMainAbstractMaintenanceViewController::renderLocalizedOutlets() {
         //% "Select the target system volume"
         mainTitle->setText(qtTrId("kQVMainAbstractMaintenanceVCSelectTargetSystemVolume"));
     if (const auto& volume = QVOSVolumeManager::shared().selectedOSVolume())
-        showPath(QString::fromStdString(volume->mountPoint()));
+        showVolume(*volume);
     //% "Ready"
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));
     if (executeButton)
@@ -106,49 +118,102 @@ bool QVMainAbstractMaintenanceViewController::selectVolume() {
         //% "Select"
         const QString folder = QFileDialog::getExistingDirectory(
             this, qtTrId("kQVMainAbstractVCSelect"), volumesFolder());
-        if (folder.isEmpty()) {
+        const auto choice = folder.isEmpty() ? VolumeChoice::cancelled : chooseVolume(folder);
+        if (choice == VolumeChoice::accepted)
+            return true;
+        if (choice == VolumeChoice::cancelled) {
             if (circularIndicator)
                 stopBusyIndicator(*circularIndicator);
             return false;
         }
-        if (acceptVolume(folder))
-            return true;
     }
 }
 
 bool QVMainAbstractMaintenanceViewController::acceptVolume(const QString& folder) {
-    // The chosen folder travels as a folder URL and comes back whole, "é" and "#" included,
-    // absolute and without "." or "..".
-    std::string path = FileURL::fromPath(folder.toStdString(), true).path();
-    if (path.size() > 1)
-        path.pop_back();
-    const auto volume = QVOSVolume::initWithMountPoint(path);
-    //% "An error occurred"
-    const QString title = qtTrId("kQVMainAbstractVCAnErrorOccured");
-    if (!volume || !volume->majorVersion()) {
-        //% "The selected folder is not a valid macOS system volume."
-        showAlert(this, title, qtTrId("kQVMainAbstractMaintenanceVCSelectedVolumeIsNotValid"));
-        return false;
+    return chooseVolume(folder) == VolumeChoice::accepted;
+}
+
+QVMainAbstractMaintenanceViewController::VolumeChoice
+QVMainAbstractMaintenanceViewController::chooseVolume(const QString& folder) {
+    const std::string path = chosenPath(folder);
+    auto volume = openTargetVolume({path, std::nullopt});
+    if (!volume && QVOSVolume::kindOf(path) == VolumeKind::data)
+        return takeVolume(askSystemVolume(path));
+    if (!volume) {
+        refuseVolume(volume.error());
+        return VolumeChoice::refused;
     }
+    if (volume->isSystemVolume() && !volume->dataMountPoint() && !volume->isRecovery())
+        return takeVolume(askDataVolume(*volume));
+    return takeVolume(std::move(*volume));
+}
+
+std::optional<QVOSVolume>
+QVMainAbstractMaintenanceViewController::askDataVolume(const QVOSVolume& system) {
+    const auto& mountPoint = system.mountPoint();
+    //% "Select the data volume of %1"
+    const QString title = qtTrId("kQVMainAbstractMaintenanceVCSelectDataVolume")
+                              .arg(QString::fromStdString(system.getFullNameVersionString()));
+    return askOtherVolume(title, mountPoint, [&mountPoint](const std::string& dataFolder) {
+        return openTargetVolume({mountPoint, dataFolder});
+    });
+}
+
+std::optional<QVOSVolume>
+QVMainAbstractMaintenanceViewController::askSystemVolume(const std::string& dataFolder) {
+    //% "Select the system volume whose data volume is %1"
+    const QString title = qtTrId("kQVMainAbstractMaintenanceVCSelectSystemVolume")
+                              .arg(QString::fromStdString(dataFolder));
+    return askOtherVolume(title, dataFolder, [&dataFolder](const std::string& system) {
+        return QVOSVolume::kindOf(system) == VolumeKind::system
+                   ? openTargetVolume({system, dataFolder})
+                   : std::unexpected(notASystemVolume(system));
+    });
+}
+
+std::optional<QVOSVolume> QVMainAbstractMaintenanceViewController::askOtherVolume(
+    const QString& title, const std::string& near, const VolumeOpener& open) {
+    for (;;) {
+        const QString folder = QFileDialog::getExistingDirectory(this, title, folderAround(near));
+        if (folder.isEmpty())
+            return std::nullopt;
+        auto volume = open(chosenPath(folder));
+        if (volume)
+            return std::move(*volume);
+        refuseVolume(volume.error());
+    }
+}
+
+QVMainAbstractMaintenanceViewController::VolumeChoice
+QVMainAbstractMaintenanceViewController::takeVolume(std::optional<QVOSVolume> volume) {
+    if (!volume)
+        return VolumeChoice::cancelled;
     if (volume->isRecovery()) {
         //% "The selected volume is a recovery volume, which cannot be the target."
-        showAlert(this, title,
-                  qtTrId("kQVMainAbstractMaintenanceVCSelectedVolumeIsRecoveryVolume"));
-        return false;
+        refuseVolume(qtTrId("kQVMainAbstractMaintenanceVCSelectedVolumeIsRecoveryVolume"));
+        return VolumeChoice::refused;
     }
     QVOSVolumeManager::shared().setSelectedOSVolume(*volume);
-    setUserDefaultString(kLastTargetVolumeKey, volume->mountPoint());
+    rememberTargetVolume(*volume);
     showVolume(*volume);
     NotificationCenter::defaultCenter().post(kDidSelectAValidOSVolume, volume->hasExtraFolder());
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
-    return true;
+    return VolumeChoice::accepted;
+}
+
+void QVMainAbstractMaintenanceViewController::refuseVolume(const QString& reason) {
+    //% "An error occurred"
+    showAlert(this, qtTrId("kQVMainAbstractVCAnErrorOccured"), reason);
 }
 
 void QVMainAbstractMaintenanceViewController::showVolume(const QVOSVolume& volume) {
     showPath(QString::fromStdString(volume.mountPoint()));
-    if (volumeInfoField)
-        volumeInfoField->setText(volumeInfoText(volume));
+    if (!volumeInfoField)
+        return;
+    // Two long mount points may not fit the window: the whole line is in the tooltip.
+    volumeInfoField->setText(volumeDescription(volume));
+    volumeInfoField->setToolTip(volumeInfoField->text());
 }
 
 void QVMainAbstractMaintenanceViewController::showPath(const QString& path) {
@@ -172,9 +237,10 @@ void QVMainAbstractMaintenanceViewController::setControlsEnabled(bool enabled) {
 void QVMainAbstractMaintenanceViewController::reset() {
     auto& manager = QVOSVolumeManager::shared();
     manager.resetSelectedOSVolume();
-    showPath(manager.selectedOSVolume()
-                 ? QString::fromStdString(manager.selectedOSVolume()->mountPoint())
-                 : QString());
+    if (const auto& volume = manager.selectedOSVolume())
+        showVolume(*volume);
+    else
+        showPath(QString());
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));

@@ -3,11 +3,14 @@
 #pragma once
 
 #include "app/QVMainAbstractViewController.h"
+#include "app/TargetVolume.h"
 #include "helper/HelperConnection.h"
 #include "kexts/QVKernelExtension.h"
 #include "kexts/QVKernelExtensionFolder.h"
 #include "ui/QVDetailedResultsViewController.h"
 
+#include <expected>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -31,8 +34,6 @@ public:
 /// Posted with whether the accepted volume has an Extra folder.
 inline const auto kDidSelectAValidOSVolume =
     notificationName<bool>(".veskp.abstract.didSelectAValidOSVolume");
-/// The setting that remembers the last target volume where no macOS runs the host.
-inline constexpr std::string_view kLastTargetVolumeKey = "QVLastTargetVolume";
 
 class QVMainAbstractMaintenanceViewController : public QVMainAbstractViewController {
     Q_OBJECT
@@ -53,9 +54,12 @@ public:
     void callBackupKexts(const std::vector<QVKernelExtension>& kexts,
                          QVKernelExtensionFolder folder, const std::string& destination);
 
-    /// Asks for the volume's folder, then accepts it or says why not; true when accepted.
+    /// Asks for the volume's folder, then accepts it or says why not and asks again; true when
+    /// accepted, false when the user cancels.
     bool selectVolume();
-    /// Accepts the volume at path, or refuses it with an alert; true when accepted.
+    /// Accepts the volume at path, or refuses it with an alert; true when accepted. Either
+    /// volume of a macOS of 10.15 or later may be chosen: the other one is asked for when it is
+    /// not found among the mounts.
     bool acceptVolume(const QString& path);
     void reset();
     void execute() {}
@@ -88,9 +92,25 @@ protected:
     /// Runs on the main thread once the reply arrives.
     void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
                      std::function<void(const RemoteValue&)> handler);
+    /// The mount point, and the macOS with the folder of each of its volumes.
+    void showVolume(const QVOSVolume& volume);
 
 private:
-    void showVolume(const QVOSVolume& volume);
+    enum class VolumeChoice { accepted, refused, cancelled };
+    using VolumeOpener = std::function<std::expected<QVOSVolume, QString>(const std::string&)>;
+
+    VolumeChoice chooseVolume(const QString& folder);
+    /// Asks for the data volume of system: the two joined, or none on cancel.
+    std::optional<QVOSVolume> askDataVolume(const QVOSVolume& system);
+    /// Asks for the system volume whose data volume is dataFolder: the two joined, or none on
+    /// cancel.
+    std::optional<QVOSVolume> askSystemVolume(const std::string& dataFolder);
+    /// Asks for the folder of a macOS's other volume until open takes one; none on cancel.
+    std::optional<QVOSVolume> askOtherVolume(const QString& title, const std::string& near,
+                                             const VolumeOpener& open);
+    /// Selects the volume unless it is a recovery volume; cancelled when there is none.
+    VolumeChoice takeVolume(std::optional<QVOSVolume> volume);
+    void refuseVolume(const QString& reason);
     void showPath(const QString& path);
 
     QVAbstractMaintenaceDelegate* delegate_ = nullptr;

@@ -10,7 +10,6 @@
 #include "support/FileURL.h"
 #include "support/Files.h"
 #include "support/Log.h"
-#include "support/PathValidation.h"
 #include "support/Paths.h"
 #include "support/Strings.h"
 #include "ui/QVViewExtensions.h"
@@ -41,8 +40,10 @@ std::vector<QVKernelExtension> replacedKexts(const std::vector<QVKernelExtension
     std::vector<QVKernelExtension> replaced;
     for (const auto& kext : kexts) {
         std::error_code error;
-        const auto path = volume.mountPoint() + std::string(rawValue(folder)) + kext.name();
-        if (std::filesystem::exists(std::filesystem::symlink_status(path, error)))
+        // From macOS 10.15 the folder may lie on the data volume.
+        const auto place = volume.placeOf(std::string(rawValue(folder)) + kext.name());
+        if (std::filesystem::exists(
+                std::filesystem::symlink_status(place.root + place.path, error)))
             replaced.push_back(kext);
     }
     return replaced;
@@ -162,7 +163,7 @@ void QVMainQuelmViewController::runWithANotification(const std::vector<std::stri
 }
 
 void QVMainQuelmViewController::enqueueJob(std::vector<std::string> files,
-                                           std::optional<std::string> volume) {
+                                           std::optional<NamedVolume> volume) {
     pending_.push_back({std::move(files), std::move(volume)});
     if (!jobUnderWay_) {
         startNextJob();
@@ -243,10 +244,10 @@ void QVMainQuelmViewController::startNextJob() {
     ++jobsStarted_;
     resetJob();
     if (batch.volume) {
-        const auto volume = QVOSVolume::initWithMountPoint(absoluteNormalPath(*batch.volume));
-        if (!volume || !volume->majorVersion()) {
-            logLine("QVMainQuelmVC::Error: " + *batch.volume +
-                    " is not a macOS volume; these kexts were not installed.");
+        const auto volume = openTargetVolume(*batch.volume);
+        if (!volume) {
+            logLine("QVMainQuelmVC::Error: these kexts were not installed: " +
+                    volume.error().toStdString());
             for (const auto& file : batch.files)
                 //% "its volume is not a macOS volume"
                 skip(std::filesystem::path(file).filename().string(),

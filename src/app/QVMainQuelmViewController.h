@@ -37,7 +37,7 @@ public:
     void runWithANotification(const std::vector<std::string>& files);
     /// Paths for a job of their own on volume (none: the one selected when it starts): it
     /// starts now when no job runs, else once the jobs before it end, however they end.
-    void enqueueJob(std::vector<std::string> files, std::optional<std::string> volume);
+    void enqueueJob(std::vector<std::string> files, std::optional<NamedVolume> volume);
     /// Whether a job has been given its paths and has not ended (it may still wait for the
     /// helper).
     bool jobUnderWay() const;
@@ -115,7 +115,7 @@ private:
     std::vector<std::string> seen_;
     struct Batch {
         std::vector<std::string> files;
-        std::optional<std::string> volume;
+        std::optional<NamedVolume> volume;
     };
     std::deque<Batch> pending_;
     /// The kexts sent to one folder at once, and the backup of what they replace.

@@ -34,6 +34,12 @@ void setUserDefaultString(std::string_view key, std::string_view value) {
     settings.sync();
 }
 
+void removeUserDefault(std::string_view key) {
+    QSettings settings = standardUserDefaults();
+    settings.remove(qString(key));
+    settings.sync();
+}
+
 std::optional<std::filesystem::path> backupFolderSetting() {
     namespace fs = std::filesystem;
     const auto chosen = userDefaultString(kBackupFolderKey);

@@ -13,6 +13,8 @@ namespace quelm {
 std::optional<std::string> userDefaultString(std::string_view key);
 /// Stores the string under key and writes the settings out at once.
 void setUserDefaultString(std::string_view key, std::string_view value);
+/// Forgets what is stored under key and writes the settings out at once.
+void removeUserDefault(std::string_view key);
 
 /// The setting that names the folder where backups of replaced and removed kexts go.
 inline constexpr std::string_view kBackupFolderKey = "QVBackupFolder";

@@ -1,8 +1,10 @@
 // The installation screen's choice of volume, its status and progress, and the hand-off of
 // later starts, offscreen against real folders.
+#include "AppFixtures.h"
 #include "TestSupport.h"
 #include "app/AppDelegate.h"
 #include "app/LaterStarts.h"
+#include "app/Launch.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
 #include "helper/QVXPCHelperManager.h"
@@ -188,11 +190,54 @@ private slots:
         const auto& shown = QVModalAnswers::shown();
         QCOMPARE(shown.size(), std::size_t{2});
         QCOMPARE(shown[0].text, QString("An error occurred"));
-        QCOMPARE(shown[0].informativeText,
-                 QString("The selected folder is not a valid macOS system volume."));
+        QVERIFY(shown[0].informativeText.startsWith(
+            QString::fromStdString((folder_ / "Photos").string()) + " is not a macOS volume"));
         QCOMPARE(shown[1].informativeText,
                  QString("The selected volume is a recovery volume, which cannot be the target."));
         QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
+    }
+
+    void aDataVolumeIsJoinedToTheSystemVolumeChosenForItAndTheNextStartFindsBoth() {
+        const auto data = QString::fromStdString(catalina_.data);
+        QVMainQuelmViewController screen;
+        test::FolderAnswers answers({catalina_.system});
+        QVERIFY(screen.acceptVolume(data));
+        QCOMPARE(answers.titles, {"Select the system volume whose data volume is " + data});
+        QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
+        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(base_));
+        QVERIFY(chooseStartingVolume({}));
+        QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
+    }
+
+    void aSystemVolumeAsksForItsDataVolumeUntilItGetsItOrTheUserCancels() {
+        const auto photos = folder_ / "Photos";
+        fs::create_directories(photos);
+        const QString asked = "Select the data volume of macOS Catalina 10.15.7 (19H2)";
+        QVMainQuelmViewController screen;
+        test::FolderAnswers answers({photos, catalina_.data, catalina_.system});
+        QVModalAnswers::preset(QMessageBox::Ok);
+        QVERIFY(screen.acceptVolume(QString::fromStdString(catalina_.system)));
+        QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
+        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{1});
+        QVERIFY(QVModalAnswers::shown()[0].informativeText.startsWith(
+            QString::fromStdString(photos) + " is not the data volume"));
+        // A cancel there ends the whole choice, the first folder not asked for again.
+        screen.reset();
+        QVERIFY(!screen.selectVolume());
+        QCOMPARE(answers.titles, (QStringList{asked, asked, "Select", asked}));
+        QCOMPARE(selected()->mountPoint(), base_.string());
+    }
+
+    void launchSelectsTheSystemAndDataVolumesNamed() {
+        const auto launch = [&](const fs::path& data) {
+            return chooseStartingVolume(
+                parseLaunchArguments({"quelm", "--volume", QString::fromStdString(catalina_.system),
+                                      "--data-volume", QString::fromStdString(data)}));
+        };
+        QVERIFY(launch(catalina_.data));
+        QCOMPARE(test::halvesOf(*QVOSVolumeManager::shared().startingOSVolume()),
+                 catalina_.halves());
+        QVERIFY(!launch(catalina_.system));
     }
 
     void resetReturnsToTheStartingVolumeAndTheHelpersProgressMovesTheBar() {
@@ -215,10 +260,12 @@ private slots:
     void laterStartsCarryAbsoluteNormalPathsAndTheirVolume() {
         const auto previous = QDir::currentPath();
         QDir::setCurrent(QString::fromStdString(folder_.path().string()));
-        const auto message = laterStartMessage({"kexts/./A.kext", "x/../B.kext"}, "Mac HD/");
+        const auto message =
+            laterStartMessage({"kexts/./A.kext", "x/../B.kext"}, "Mac HD/", "Mac HD - Data/.");
         QDir::setCurrent(previous);
         const auto start = parseLaterStart(message);
         QCOMPARE(start.volume, std::optional((folder_ / "Mac HD").string()));
+        QCOMPARE(start.dataVolume, std::optional((folder_ / "Mac HD - Data").string()));
         QCOMPARE(start.files,
                  (QStringList{QString::fromStdString((folder_ / "kexts/A.kext").string()),
                               QString::fromStdString((folder_ / "B.kext").string())}));
@@ -386,7 +433,12 @@ private slots:
     }
 
 private:
+    static const std::optional<QVOSVolume>& selected() {
+        return QVOSVolumeManager::shared().selectedOSVolume();
+    }
+
     test::TemporaryFolder folder_;
+    const test::VolumeGroup catalina_ = test::makeCatalinaGroup(folder_ / "Catalina");
     const fs::path base_ = [this] {
         test::makeVolume(folder_ / "Macintosh HD", "10.12.6", "16G29");
         return folder_ / "Macintosh HD";

@@ -1,10 +1,12 @@
 // The window of installed kexts and the installation job's checks and backups, offscreen,
 // against volumes with real Mach-O kexts and the real helper.
+#include "AppFixtures.h"
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "app/QVInstalledKextsViewController.h"
 #include "app/QVMainQuelmViewController.h"
 #include "app/QVMainQuelmWindowController.h"
+#include "app/TargetVolume.h"
 #include "helper/QVXPCHelperManager.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
@@ -13,6 +15,7 @@
 #include "ui/UserDefaults.h"
 #include "volumes/QVOSVolumeManager.h"
 
+#include <QLabel>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTreeWidget>
@@ -36,6 +39,17 @@ fs::path onlyFolderIn(const fs::path& folder) {
 QTreeWidgetItem* rowNamed(QTreeWidget& table, const QString& name) {
     const auto items = table.findItems(name, Qt::MatchExactly | Qt::MatchRecursive);
     return items.isEmpty() ? nullptr : items[0];
+}
+
+/// The macOS 10.15.7 of two volumes in folder, selected, with Lilu 1.4.5 on its data volume.
+test::VolumeGroup selectCatalinaWithLilu(const fs::path& folder) {
+    const auto group = test::makeCatalinaGroup(folder);
+    test::makeKextBundle(group.data / "Library/Extensions", "Lilu.kext",
+                         test::kextInfo("as.vit9696.Lilu", "1.4.5", "Lilu"),
+                         test::thinMachO(test::kX86_64));
+    QVOSVolumeManager::shared().setStartingOSVolume(
+        *openTargetVolume({group.system.string(), group.data.string()}));
+    return group;
 }
 
 HistoryRecord lastRecord() {
@@ -330,6 +344,41 @@ private slots:
         QCOMPARE(system->childCount(), 6);
         QCOMPARE(system->child(0)->text(1), QString("com.apple.kpi.bsd"));
         QCOMPARE(system->child(0)->text(2), QString("19.6.0"));
+    }
+
+    void theWindowListsTheKextsOfBothVolumesOfAMacOS() {
+        const auto group = selectCatalinaWithLilu(folder_ / "Catalina");
+        QVInstalledKextsViewController window;
+        auto& table = *window.findChild<QTreeWidget*>("kextsTable");
+        QVERIFY(rowNamed(table, "System.kext"));
+        const auto* lilu = rowNamed(table, "Lilu.kext");
+        QVERIFY(lilu);
+        QCOMPARE(lilu->text(3), QString("/Library/Extensions/"));
+        QCOMPARE(window.windowTitle(), QString("Installed Kexts — macOS Catalina 10.15.7 (19H2)"));
+        QCOMPARE(window.findChild<QLabel*>("volumeInfoField")->text(),
+                 QString::fromStdString("macOS Catalina 10.15.7 (19H2) — system: " +
+                                        group.system.string() + ", data: " + group.data.string()));
+    }
+
+    void aJobOnBothVolumesBacksUpTheKextItReplacesOnTheDataVolume() {
+        const auto group = selectCatalinaWithLilu(folder_ / "Catalina");
+        const auto lilu = test::makeKextBundle(folder_ / "kexts", "Lilu.kext",
+                                               test::kextInfo("as.vit9696.Lilu", "1.5.0", "Lilu"),
+                                               test::thinMachO(test::kX86_64));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        QVMainQuelmWindowController window;
+        window.switchViewController(true);
+        QSignalSpy finished(&window, &QVMainQuelmWindowController::jobFinished);
+        QCoreApplication::processEvents();
+        NotificationCenter::defaultCenter().post(kDidCollectAllFiles,
+                                                 std::vector<std::string>{lilu.string()});
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, test::kHangGuardMs);
+        const auto isOld = [](const fs::path& kext) {
+            return test::readText(kext / "Contents/Info.plist").find("1.4.5") != std::string::npos;
+        };
+        QVERIFY(!isOld(group.data / "Library/Extensions/Lilu.kext"));
+        QVERIFY(fs::exists(backups_));
+        QVERIFY(isOld(onlyFolderIn(backups_) / "Lilu.kext"));
     }
 
     void realKextsWhoseLibrariesAreThereRaiseNoQuestion() {

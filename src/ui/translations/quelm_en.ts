@@ -259,10 +259,6 @@
         <source>An error occurred</source>
         <translation type="unfinished"></translation>
     </message>
-    <message id="kQVMainAbstractMaintenanceVCSelectedVolumeIsNotValid">
-        <source>The selected folder is not a valid macOS system volume.</source>
-        <translation type="unfinished"></translation>
-    </message>
     <message id="kQVMainAbstractMaintenanceVCSelectedVolumeIsRecoveryVolume">
         <source>The selected volume is a recovery volume, which cannot be the target.</source>
         <translation type="unfinished"></translation>
@@ -625,6 +621,38 @@
     </message>
     <message id="kQVInstalledKextsVCRestoreOnto">
         <source>Restore onto %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVAppOptionDataVolume">
+        <source>The mount point of the data volume of macOS 10.15 or later, when it is not found by itself.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVInstalledKextsVCTitleOn">
+        <source>Installed Kexts — %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCSelectDataVolume">
+        <source>Select the data volume of %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCSelectSystemVolume">
+        <source>Select the system volume whose data volume is %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVMainAbstractMaintenanceVCNotASystemVolume">
+        <source>%1 is not the system volume of macOS 10.15 or later.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVTargetVolumeUnreadableBuild">
+        <source>%1 holds a macOS whose build version Quelm cannot read.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVTargetVolumeSystemOnly">
+        <source>%1 — system: %2, data volume not found</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message id="kQVTargetVolumeSystemAndData">
+        <source>%1 — system: %2, data: %3</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
