@@ -105,8 +105,9 @@ QString volumeTitle(const QVOSVolume& volume) {
 
 /// The macOS volume at the folder a backup's manifest names, if it is one now, joined to its
 /// data volume when it has one.
-std::optional<QVOSVolume> macOSVolumeAt(const std::string& folder) {
-    auto volume = openTargetVolume({folder, std::nullopt});
+std::optional<QVOSVolume> macOSVolumeAt(const std::string& folder,
+                                        const std::optional<std::string>& dataFolder) {
+    auto volume = openTargetVolume({folder, dataFolder});
     return volume ? std::optional(std::move(*volume)) : std::nullopt;
 }
 
@@ -382,7 +383,7 @@ std::optional<QVOSVolume> QVInstalledKextsViewController::restoreTarget(const st
     }
     if (absoluteNormalPath(manifest->volume) == absoluteNormalPath(shown.mountPoint()))
         return shown;
-    const auto origin = macOSVolumeAt(manifest->volume);
+    const auto origin = macOSVolumeAt(manifest->volume, manifest->dataVolume);
     switch (askRestoreVolume(this, manifest->volume, origin, shown)) {
     case QMessageBox::Yes:
         return origin;

@@ -67,10 +67,13 @@ PlistValue plistOf(const BackupManifest& manifest) {
         items.push_back(PlistValue::Dict{{"SourceFolder", item.sourceFolder},
                                          {"Name", item.name},
                                          {"PathInBackup", item.pathInBackup}});
-    return PlistValue::Dict{{"Volume", manifest.volume},
-                            {"Time", manifest.time},
-                            {"Operation", manifest.operation},
-                            {"Kexts", std::move(items)}};
+    PlistValue::Dict list{{"Volume", manifest.volume},
+                          {"Time", manifest.time},
+                          {"Operation", manifest.operation},
+                          {"Kexts", std::move(items)}};
+    if (manifest.dataVolume)
+        list.emplace("DataVolume", *manifest.dataVolume);
+    return list;
 }
 
 /// The manifest in the list; refused when any entry could lead outside the volume's extensions
@@ -80,10 +83,16 @@ std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
         const auto* value = from.stringForKey(key);
         return value ? *value : std::string();
     };
-    BackupManifest manifest{text(list, "Volume"), text(list, "Time"), text(list, "Operation"), {}};
+    BackupManifest manifest{
+        text(list, "Volume"), text(list, "Time"), text(list, "Operation"), {}, std::nullopt};
     const auto* kexts = list.find("Kexts");
     if (!isCleanAbsolutePath(manifest.volume) || !kexts || !kexts->array())
         return std::unexpected("it names no volume or no kexts");
+    if (list.find("DataVolume")) {
+        manifest.dataVolume = text(list, "DataVolume");
+        if (!isCleanAbsolutePath(*manifest.dataVolume))
+            return std::unexpected("its data volume is not a clean absolute path");
+    }
     for (const auto& entry : *kexts->array()) {
         BackupItem item{text(entry, "SourceFolder"), text(entry, "Name"),
                         text(entry, "PathInBackup")};
@@ -120,7 +129,8 @@ public:
         : folder_(std::move(folder)), manifest_{volume.mountPoint(),
                                                 isoTimestamp(now),
                                                 std::string(operation),
-                                                {}} {}
+                                                {},
+                                                volume.dataMountPoint()} {}
 
     /// Takes name from the open folder, known as sourceFolder on the volume: moved, or copied.
     bool take(int folder, const std::string& name, const std::string& sourceFolder, bool move) {
@@ -356,10 +366,12 @@ bool addToManifest(int backupFolder, const QVOSVolume& volume, std::string_view 
     const auto bytes = readFileAt(backupFolder, std::string(kBackupManifestName), kMaxManifestSize);
     const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
     auto existing = plist ? manifestOf(*plist) : std::unexpected(std::string());
-    BackupManifest manifest =
-        existing
-            ? std::move(*existing)
-            : BackupManifest{volume.mountPoint(), isoTimestamp(now), std::string(operation), {}};
+    BackupManifest manifest = existing ? std::move(*existing)
+                                       : BackupManifest{volume.mountPoint(),
+                                                        isoTimestamp(now),
+                                                        std::string(operation),
+                                                        {},
+                                                        volume.dataMountPoint()};
     // A kext copied again under the same name replaced the earlier copy: its entry goes too.
     for (const auto& item : items) {
         std::erase_if(manifest.items, [&](const BackupItem& kept) {

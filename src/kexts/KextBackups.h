@@ -41,6 +41,8 @@ struct BackupManifest {
     std::string time;
     std::string operation;
     std::vector<BackupItem> items;
+    /// The data volume joined to the volume, from macOS 10.15 on.
+    std::optional<std::string> dataVolume;
 };
 
 /// What an operation did: the kexts (paths on the volume) it handled and those that failed,

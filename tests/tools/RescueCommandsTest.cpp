@@ -228,6 +228,15 @@ TEST_F(RescueCommandsTest, RemovalSetsTheAuxiliaryCollectionAsideOnlyWhereMacOSH
     EXPECT_EQ(test::readText(collection), "collection");
     EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext"));
 
+    const auto again = quelmctl("remove Lilu" + group + backupTo());
+    const auto backup = again.output.find("backup: ");
+    ASSERT_NE(backup, std::string::npos) << again.output;
+    const auto folderOfBackup =
+        again.output.substr(backup + 8, again.output.find('\n', backup) - backup - 8);
+    EXPECT_EQ(quelmctl("restore " + shellQuote(folderOfBackup)).status, 0)
+        << "the manifest names both volumes";
+    EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext"));
+
     const auto refused = quelmctl("remove --set-aside-collection Lilu" + onVolume() + backupTo());
     EXPECT_EQ(refused.status, 2);
     EXPECT_NE(refused.output.find("only macOS 11 and later"), std::string::npos) << refused.output;

@@ -33,9 +33,11 @@ void addUndoCommand(CLI::App& app, int& status);
 /// launch; nothing (and a message) when that fails.
 std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder);
 
-/// The macOS volume mounted at path (made absolute), joined to its data volume from 10.15 on,
-/// or nothing after a message naming it.
-std::optional<QVOSVolume> openVolume(const std::string& path);
+/// The macOS volume mounted at path (made absolute), joined to its data volume from 10.15 on
+/// (--data-volume, else dataPath, else the one found among the mounts), or nothing after a
+/// message naming it.
+std::optional<QVOSVolume> openVolume(const std::string& path,
+                                     const std::optional<std::string>& dataPath = std::nullopt);
 
 /// Adds --data-volume, which every later openVolume takes as the data volume to join.
 void addDataVolumeOption(CLI::App* command);

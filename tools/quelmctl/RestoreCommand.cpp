@@ -52,7 +52,7 @@ std::optional<QVOSVolume> volumeFor(const Options& options) {
         return std::nullopt;
     }
     if (options.volume.empty())
-        return openVolume(manifest->volume);
+        return openVolume(manifest->volume, manifest->dataVolume);
     auto volume = openVolume(options.volume);
     if (volume && !options.otherVolume && !sameFolder(volume->mountPoint(), manifest->volume)) {
         printError(options.backup + " holds kexts of " + manifest->volume + ", not of " +

@@ -37,8 +37,10 @@ void addDataVolumeOption(CLI::App* command) {
         ->check(refuseEmpty);
 }
 
-std::optional<QVOSVolume> openVolume(const std::string& path) {
-    auto volume = openMacOS(absoluteNormalPath(path), dataVolumeOption());
+std::optional<QVOSVolume> openVolume(const std::string& path,
+                                     const std::optional<std::string>& dataPath) {
+    auto volume =
+        openMacOS(absoluteNormalPath(path), dataVolumeOption() ? dataVolumeOption() : dataPath);
     if (!volume) {
         printError(volume.error());
         return std::nullopt;
