@@ -23,7 +23,8 @@ const MountedFileSystem* mountAt(const std::vector<MountedFileSystem>& mounts,
     return found;
 }
 
-/// The mount points of the given kind, those of the same container as near first.
+/// The mount points of the given kind: those of the same container as near when there are any,
+/// else all of them.
 std::vector<std::string> halvesOfKind(VolumeKind kind, const std::string& near,
                                       const std::vector<MountedFileSystem>& mounts) {
     const auto* own = mountAt(mounts, near);
