@@ -2,6 +2,7 @@
 #include "kexts/QVKernelExtensionFolder.h"
 
 #include "support/RawValues.h"
+#include "volumes/MountedFileSystem.h"
 
 namespace quelm {
 namespace {
@@ -25,7 +26,9 @@ std::string folderOnVolume(std::string_view folder, const QVOSVolume& volume) {
 
 std::optional<std::string> folderRefusal(std::string_view folder, const QVOSVolume& volume) {
     if (!isReadOnlySystemFolder(folder, volume))
-        return std::nullopt;
+        return volume.isSealed() && !volume.placeOf(folder).onDataVolume
+                   ? writeRefusal(volume, folder)
+                   : std::nullopt;
     return volume.mountPoint() + " holds macOS " + volume.version().value_or("10.15 or later") +
            ", whose /System/Library/Extensions/ lies on a read-only system volume (sealed from "
            "macOS 11): install into /Library/Extensions/ instead.";

@@ -6,6 +6,7 @@
 #include "kexts/KextCaches.h"
 #include "kexts/KextCatalog.h"
 #include "kexts/KextInstallation.h"
+#include "kexts/QVKernelExtensionFolder.h"
 #include "volumes/VolumePairing.h"
 
 #include <gtest/gtest.h>
@@ -99,7 +100,9 @@ TEST_F(KextGroupTest, Sonoma_TheSealedSystemVolumeIsLeftExactlyAsItWas) {
     const auto systemTime = fs::last_write_time(system / "System/Library/Extensions");
 
     EXPECT_TRUE(installKexts({liluKext()}, "/Library/Extensions/", volume).empty());
+    EXPECT_FALSE(folderRefusal("/Library/Extensions/", volume));
     for (const auto* sealed : {"/Extra/Extensions/", "/System/Library/Extensions/"}) {
+        EXPECT_TRUE(folderRefusal(sealed, volume)) << "refused before any write: " << sealed;
         const auto failed = installKexts({liluKext()}, sealed, volume);
         ASSERT_EQ(failed.size(), 1u) << sealed;
         EXPECT_NE(failed[0].reason.find("system volume"), std::string::npos) << failed[0].reason;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The rescue case on real Mac file systems, run as root inside the guest: Linux's hfsplus driver on
-# an Apple-made HFS+ volume (/dev/vda) and linux-apfs-rw on a fresh APFS container (/dev/vdb).
+# an Apple-made HFS+ volume (/dev/vda) and linux-apfs-rw on a fresh APFS container (/dev/vdb), and
+# on two more (/dev/vdc, /dev/vdd) for the system and data volumes of a macOS of 10.15 or later.
 # Usage: lane.sh BUILD_BIN_DIR
 set -uo pipefail
 bin=$1
@@ -26,6 +27,11 @@ no_leftovers() { [[ -z $(find "$1" -maxdepth 1 -name '.*quelm*' -print) ]]; }
 count_named() { find "$1" -maxdepth 1 -iname "$2" | wc -l; }
 status_of() { "$@" >/tmp/out 2>&1; echo $?; }
 says() { grep -q -- "$1" /tmp/out || { cat /tmp/out; false; }; }
+# Every item with its owner, group, mode and time: what a sealed system volume must keep.
+snapshot() { find "$1" -printf '%p %U %G %m %T@\n' | sort; }
+unchanged() { snapshot "$1" | diff "$2" - >/tmp/out || { head -20 /tmp/out; false; }; }  # FOLDER SNAPSHOT
+mode_is() { [[ $(stat -c %a "$1") == "$2" ]] || { stat -c '%n has mode %a' "$1"; false; }; }
+owner_is() { [[ $(stat -c %u:%g "$1") == "$2" ]] || { stat -c '%n is owned by %u:%g' "$1"; false; }; }
 
 mkdir -p /mnt/hfs /mnt/apfs /tmp/data /tmp/config
 mount -t hfsplus /dev/vda /mnt/hfs || { echo "FAIL cannot mount the HFS+ volume"; exit 1; }
@@ -149,6 +155,127 @@ mount -t hfsplus /dev/vda /mnt/hfs 2>/dev/null
 check "journaled HFS+: volume-info says so" grep -q "^journaled: yes" /tmp/info
 check "journaled HFS+: install refused with status 2" [ "$(status_of "$quelmctl" install --volume "/mnt/hfs/Macintosh HD" --folder library /mnt/hfs/kexts/FakeSMC.kext)" = 2 ]
 check "journaled HFS+: the reason says journaled and force" says "journaled HFS+ volume.*force"
+
+# macOS 10.15 and later: a system and a data volume, each the root of its own APFS mount as a Mac's
+# disk mounts on Linux. Named by either half, Quelm finds the other among the mounts.
+group=/mnt/group
+system="$group/Macintosh HD"
+data="$group/Macintosh HD - Data"
+# A line of the last volume-info; else it and the mount table it read, where the halves are found.
+info_says() { grep -qx -- "$1" /tmp/info || { cat /tmp/info; grep -F ' - apfs ' /proc/self/mountinfo; false; }; }
+group_lane() {  # MACOS
+    local macos=$1 kexts=$group/kexts sle="$system/System/Library/Extensions"
+    local le="$data/Library/Extensions" name="group $1" sealed=no
+    [[ $macos == 10.* ]] || sealed=yes
+    echo "== $name"
+    # Fresh containers for each macOS; the demo fills only empty volumes.
+    if mountpoint -q "$system"; then
+        umount "$system" "$data" || { check "$name: the volumes of the last group unmount" false; return; }
+        mkapfs -L "Macintosh HD" /dev/vdc >/dev/null && mkapfs -L "Macintosh HD - Data" /dev/vdd >/dev/null
+    fi
+    rm -rf "$kexts"
+    mkdir -p "$system" "$data"
+    if ! mount -t apfs -o readwrite /dev/vdc "$system" || ! mount -t apfs -o readwrite /dev/vdd "$data"; then
+        check "$name: both volumes mount" false
+        return
+    fi
+    check "$name: demo volumes made on both disks" "$quelmctl" make-demo-volume --macos "$macos" "$group" >/dev/null
+    snapshot "$system" >/tmp/system-before
+
+    "$quelmctl" volume-info "$system" >/tmp/info
+    local kind="kind: system volume"
+    [[ $sealed == no ]] || kind+=" (sealed)"
+    check "$name: volume-info knows the system volume" info_says "$kind"
+    check "$name: volume-info finds the data volume by itself" info_says "dataVolume: $data"
+    check "$name: the data volume is the driver's" info_says "dataFileSystem: apfs (/dev/vdd on $data)"
+    check "$name: /Library/Extensions lies on the data volume" info_says "  /Library/Extensions: data volume, $le"
+    check "$name: both are writable" info_says "writable: yes"
+    "$quelmctl" volume-info "$data" >/tmp/info
+    check "$name: volume-info on the data volume names its system volume" info_says "mountPoint: $system"
+    check "$name: and the data volume itself" info_says "dataVolume: $data"
+
+    local install=("$quelmctl" install --volume "$system")
+    check "$name: a kext installs into /Library/Extensions" [ "$(status_of "${install[@]}" --folder library "$kexts/IntelMausiEthernet.kext")" = 0 ]
+    check "$name: it lands on the data volume, root:wheel 755" root_owned_755 "$le/IntelMausiEthernet.kext"
+    check "$name: nothing of it on the system volume" test ! -e "$system/Library/Extensions/IntelMausiEthernet.kext"
+    check "$name: /System/Library/Extensions refused with status 2" [ "$(status_of "${install[@]}" --folder system "$kexts/FakeSMC.kext")" = 2 ]
+    check "$name: the reason names the read-only system volume" says "read-only system volume"
+    check "$name: nothing written there" test ! -e "$sle/FakeSMC.kext"
+    if [[ $sealed == yes ]]; then
+        check "$name: /Extra/Extensions refused with status 2" [ "$(status_of "${install[@]}" --folder extra "$kexts/FakeSMC.kext")" = 2 ]
+        check "$name: the reason names the sealed system volume" says "sealed system volume"
+        check "$name: no /Extra made on it" test ! -e "$system/Extra"
+    fi
+
+    check "$name: verify finds the damage" [ "$(status_of "$quelmctl" verify-permissions --volume "$system")" = 1 ]
+    check "$name: repair fixes it" [ "$(status_of "$quelmctl" repair-permissions --volume "$system")" = 0 ]
+    check "$name: verify after repair is clean" [ "$(status_of "$quelmctl" verify-permissions --volume "$system")" = 0 ]
+    check "$name: data volume: private/tmp is 1777 again" mode_is "$data/private/tmp" 1777
+    check "$name: data volume: Library/Extensions is root's again" owner_is "$le" 0:0
+    if [[ $sealed == no ]]; then
+        check "$name: system volume: bin/ps is setuid again" mode_is "$system/bin/ps" 4755
+        check "$name: system volume: usr/bin/top is root's again" owner_is "$system/usr/bin/top" 0:0
+        check "$name: system volume: its Extensions folder is 755 again" mode_is "$sle" 755
+    else
+        check "$name: sealed: bin/ps keeps its wrong mode" mode_is "$system/bin/ps" 755
+        check "$name: sealed: usr/bin/top keeps its wrong owner" owner_is "$system/usr/bin/top" 501:20
+    fi
+
+    # As in the lane above, a day after the folders' old time, for the file systems' whole seconds.
+    touch -d '2001-01-01' "$le"
+    [[ $sealed == yes ]] || touch -d '2001-01-01' "$sle"
+    touch -d '2001-01-02' /tmp/reference
+    local sealed_time
+    sealed_time=$(stat -c %y "$sle")
+    check "$name: rebuild-caches marks the caches stale" [ "$(status_of "$quelmctl" rebuild-caches --volume "$system")" = 0 ]
+    check "$name: /Library/Extensions on the data volume is newer" test "$le" -nt /tmp/reference
+    if [[ $sealed == no ]]; then
+        check "$name: /System/Library/Extensions is newer" test "$sle" -nt /tmp/reference
+    else
+        check "$name: sealed: /System/Library/Extensions keeps its time" [ "$(stat -c %y "$sle")" = "$sealed_time" ]
+    fi
+
+    local rescue=(--volume "$system" --backup-to "/tmp/rescue-group-$macos")
+    check "$name: a kext is removed" [ "$(status_of "$quelmctl" remove "${rescue[@]}" IntelMausiEthernet)" = 0 ]
+    check "$name: it is gone from the data volume" test ! -e "$le/IntelMausiEthernet.kext"
+    check "$name: restore puts it back" [ "$(status_of "$quelmctl" restore "${rescue[@]}" "$(echo "/tmp/rescue-group-$macos"/*/)")" = 0 ]
+    check "$name: the restored kext is root:wheel 755" root_owned_755 "$le/IntelMausiEthernet.kext"
+    check "$name: undo takes the restore back" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$name: the kext is gone again" test ! -e "$le/IntelMausiEthernet.kext"
+    check "$name: undo again reverses the removal" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$name: the kext is back, root:wheel 755" root_owned_755 "$le/IntelMausiEthernet.kext"
+    check "$name: no hidden leftovers after the rescue" no_leftovers "$le"
+
+    "$bin/quelm" --volume "$system" --helper-root /tmp/helper-root "$kexts/FakeSMC.kext" "$kexts/My Driver.kext" >/tmp/quelm.log 2>&1
+    check "$name: quelm ran the job to its end" grep -q "Installed: 1 Failed: 0" /tmp/quelm.log
+    check "$name: quelm installed onto the data volume" root_owned_755 "$le/FakeSMC.kext"
+    check "$name: quelm left both volumes repaired (--data-volume named)" [ "$(status_of "$quelmctl" verify-permissions --volume "$system" --data-volume "$data")" = 0 ]
+    check "$name: no hidden leftovers after the job" no_leftovers "$le"
+
+    if [[ $sealed == yes ]]; then
+        check "$name: sealed: nothing on the system volume changed" unchanged "$system" /tmp/system-before
+    fi
+}
+
+group_lane 10.15
+group_lane 11
+
+# Mounts through which the data volume cannot be written are refused before anything is written.
+echo "== group refusals"
+refused_install() { status_of "$quelmctl" install --volume "$system" --folder library "$group/kexts/IntelMausiEthernet.kext"; }
+entries=$(find "$data" | wc -l)
+umount "$data" && mount -t apfs -o readwrite,uid=501 /dev/vdd "$data"
+"$quelmctl" volume-info "$system" >/tmp/info
+check "uid= data volume: volume-info says the owners are replaced" info_says "dataOwnersReplaced: yes.*"
+check "uid= data volume: install refused with status 2" [ "$(refused_install)" = 2 ]
+check "uid= data volume: the reason names uid=" says "mounted with uid= or gid="
+check "uid= data volume: nothing changed" [ "$(find "$data" | wc -l)" = "$entries" ]
+umount "$data" && mount -t apfs /dev/vdd "$data"
+check "read-only data volume: install refused with status 2" [ "$(refused_install)" = 2 ]
+check "read-only data volume: the reason names -o readwrite" says "mounted with -o readwrite"
+umount "$data"
+check "no data volume: install refused with status 2" [ "$(refused_install)" = 2 ]
+check "no data volume: the reason names --data-volume" says "name it with --data-volume"
 
 echo "== $failures failed"
 [[ $failures -eq 0 ]]

@@ -224,8 +224,11 @@ std::optional<int> installPlan(const Options& options, const QVOSVolume& volume,
         }
         failures += static_cast<int>(failed.size());
     }
-    if (!installed.empty())
-        recordInHistory(recordOf(volume, "install", installed, backupFolder));
+    if (installed.empty())
+        return failures;
+    recordInHistory(recordOf(volume, "install", installed, backupFolder));
+    if (const auto notice = auxiliaryCollectionNotice(volume); notice && !options.json)
+        std::cout << *notice << '\n';
     return failures;
 }
 
@@ -275,8 +278,6 @@ int install(const Options& options) {
         return 1;
     }
     report.printJson();
-    if (const auto notice = auxiliaryCollectionNotice(*volume); notice && !options.json)
-        std::cout << *notice << '\n';
     return notInstalled == 0 ? 0 : 1;
 }
 
