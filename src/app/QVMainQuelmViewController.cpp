@@ -4,6 +4,7 @@
 #include "app/QVUserNotification.h"
 #include "helper/QVXPCHelperManager.h"
 #include "kexts/KextBackups.h"
+#include "kexts/KextCaches.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextHistory.h"
 #include "kexts/QVKernelExtensionsManager.h"
@@ -562,6 +563,10 @@ void QVMainQuelmViewController::deliverFinalNotification() {
     if (!backups_.isEmpty())
         //% "Backup: "
         lines << qtTrId("kQVMainQuelmVCBackup") + backups_.join(", ");
+    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    if (const auto notice = volume ? auxiliaryCollectionNotice(*volume) : std::nullopt;
+        notice && installed > 0)
+        lines << QString::fromStdString(*notice);
     //% "Finished"
     const QString title = "Quelm - " + qtTrId("kQVMainQuelmVCFinished");
     //% "Installed: "

@@ -253,6 +253,7 @@ group_lane() {  # MACOS
     check "$name: no hidden leftovers after the job" no_leftovers "$le"
 
     if [[ $sealed == yes ]]; then
+        check "$name: quelm's notification explains the auxiliary collection" grep -q "auxiliary kernel collection" /tmp/quelm.log
         check "$name: sealed: nothing on the system volume changed" unchanged "$system" /tmp/system-before
     fi
 }
