@@ -25,7 +25,7 @@ std::string withoutTrailingSlash(std::string path) {
 std::vector<Firmlink> parseFirmlinks(std::string_view text) {
     std::vector<Firmlink> firmlinks;
     std::istringstream lines{std::string(text)};
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; firmlinks.size() < kMaxFirmlinks && std::getline(lines, line);) {
         const auto tab = line.find('\t');
         if (tab == std::string::npos)
             continue;

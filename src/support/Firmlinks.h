@@ -1,6 +1,7 @@
 // The links of macOS 10.15 and later that join a system volume to its data volume.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,9 +29,13 @@ inline constexpr std::string_view kCatalinaFirmlinks =
     "/cores\tcores\n/opt\topt\n/private\tprivate\n/usr/local\tusr/local\n"
     "/usr/libexec/cups\tusr/libexec/cups\n/usr/share/snmp\tusr/share/snmp\n";
 
+/// macOS lists about twenty.
+inline constexpr std::size_t kMaxFirmlinks = 128;
+
 /// The firmlinks file parsed: one link per line, an absolute system path, a tab and the target
 /// relative to the data volume's root ("Device/" before it in early betas). Lines that are not
-/// clean paths are left out, so a hostile file can only point inside the data volume.
+/// clean paths are left out, so a hostile file can only point inside the data volume; lines
+/// past kMaxFirmlinks too, since every path of a repair is looked up among them.
 std::vector<Firmlink> parseFirmlinks(std::string_view text);
 
 /// Where path, a clean absolute path of the joined volume, lies on the data volume: the target

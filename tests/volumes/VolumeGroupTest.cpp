@@ -25,6 +25,11 @@ TEST(FirmlinksTest, APathLiesOnTheDataVolumeThroughTheDeepestLinkThatHoldsIt) {
     for (const auto* onSystem : {"/System/Library/Extensions", "/Libraryx", "/usr/localbin",
                                  "/usr/bin", "/Escape/passwd", "/", "/Twice"})
         EXPECT_FALSE(dataPathOf(links, onSystem)) << onSystem;
+
+    std::string flood;
+    for (int i = 0; i < 5000; ++i)
+        flood += "/f" + std::to_string(i) + "\tf\n";
+    EXPECT_EQ(parseFirmlinks(flood).size(), kMaxFirmlinks) << "every repaired path scans them";
 }
 
 class VolumeGroupTest : public testing::Test {
