@@ -8,10 +8,10 @@
 namespace quelm {
 namespace {
 
-/// Data volumes are APFS, read by the kernel's driver or through FUSE; other mounts (/proc,
-/// network shares) are never looked into.
+/// Data volumes are APFS, read by the kernel's driver or apfs-fuse; other mounts (/proc, network
+/// shares, which may hang) are never looked into.
 bool mayHoldMacOS(const MountedFileSystem& mount) {
-    return mount.type == "apfs" || mount.type.starts_with("fuse");
+    return mount.type == "apfs" || mount.type.starts_with("fuse.apfs");
 }
 
 const MountedFileSystem* mountAt(const std::vector<MountedFileSystem>& mounts,
