@@ -37,6 +37,25 @@ mkdir -p /mnt/hfs /mnt/apfs /tmp/data /tmp/config
 mount -t hfsplus /dev/vda /mnt/hfs || { echo "FAIL cannot mount the HFS+ volume"; exit 1; }
 mount -t apfs -o readwrite /dev/vdb /mnt/apfs || { echo "FAIL cannot mount the APFS volume"; exit 1; }
 
+# The rescue: take a kext off into a backup on another disk, put it back, undo both; the kext
+# ends where it was, root-owned, with nothing hidden left beside it.
+rescue_round() {  # NAME EXTENSIONS_FOLDER BACKUPS VOLUME_ARGS...
+    local name=$1 ext=$2 backups=$3
+    shift 3
+    local rescue=("$@" --backup-to "$backups")
+    check "$name: a kext is removed" [ "$(status_of "$quelmctl" remove "${rescue[@]}" IntelMausiEthernet)" = 0 ]
+    check "$name: remove says how the next start avoids it" says "safe mode"
+    check "$name: the removed kext is gone" test ! -e "$ext/IntelMausiEthernet.kext"
+    check "$name: its backup has a manifest" test -f "$(echo "$backups"/*/Manifest.plist)"
+    check "$name: restore puts it back" [ "$(status_of "$quelmctl" restore "${rescue[@]}" "$(echo "$backups"/*/)")" = 0 ]
+    check "$name: the restored kext is root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
+    check "$name: undo takes the restore back" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$name: the kext is gone again" test ! -e "$ext/IntelMausiEthernet.kext"
+    check "$name: undo again reverses the removal" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
+    check "$name: the kext is back, root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
+    check "$name: no hidden leftovers after the rescue" no_leftovers "$ext"
+}
+
 # The same rescue on each file system: the volume is a folder of the mounted disk.
 lane() {  # FS MOUNT
     local fs=$1 disk=$2 volume="$2/Macintosh HD" kexts="$2/kexts" ext="$2/Macintosh HD/Library/Extensions"
@@ -99,17 +118,7 @@ lane() {  # FS MOUNT
     entries=$(find "$volume" | wc -l)
     check "$fs: remove --dry-run succeeds" [ "$(status_of "$quelmctl" remove --dry-run "${rescue[@]}" IntelMausiEthernet)" = 0 ]
     check "$fs: remove --dry-run changes nothing" [ "$(find "$volume" | wc -l)" = "$entries" ]
-    check "$fs: a kext is removed" [ "$(status_of "$quelmctl" remove "${rescue[@]}" IntelMausiEthernet)" = 0 ]
-    check "$fs: remove warns about the old kernel cache" says "safe mode"
-    check "$fs: the removed kext is gone" test ! -e "$ext/IntelMausiEthernet.kext"
-    check "$fs: its backup has a manifest" test -f "$(echo /tmp/rescue-"$fs"/*/Manifest.plist)"
-    check "$fs: restore puts it back" [ "$(status_of "$quelmctl" restore "${rescue[@]}" "$(echo /tmp/rescue-"$fs"/*/)")" = 0 ]
-    check "$fs: the restored kext is root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
-    check "$fs: undo takes the restore back" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
-    check "$fs: the kext is gone again" test ! -e "$ext/IntelMausiEthernet.kext"
-    check "$fs: undo again reverses the removal" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
-    check "$fs: the kext is back, root:wheel 755" root_owned_755 "$ext/IntelMausiEthernet.kext"
-    check "$fs: no hidden leftovers after the rescue" no_leftovers "$ext"
+    rescue_round "$fs" "$ext" "/tmp/rescue-$fs" --volume "$volume"
 
     # The whole job in the desktop application, through the real helper.
     rm -rf "$ext/FakeSMC.kext"
@@ -235,16 +244,7 @@ group_lane() {  # MACOS
         check "$name: sealed: /System/Library/Extensions keeps its time" [ "$(stat -c %y "$sle")" = "$sealed_time" ]
     fi
 
-    local rescue=(--volume "$system" --backup-to "/tmp/rescue-group-$macos")
-    check "$name: a kext is removed" [ "$(status_of "$quelmctl" remove "${rescue[@]}" IntelMausiEthernet)" = 0 ]
-    check "$name: it is gone from the data volume" test ! -e "$le/IntelMausiEthernet.kext"
-    check "$name: restore puts it back" [ "$(status_of "$quelmctl" restore "${rescue[@]}" "$(echo "/tmp/rescue-group-$macos"/*/)")" = 0 ]
-    check "$name: the restored kext is root:wheel 755" root_owned_755 "$le/IntelMausiEthernet.kext"
-    check "$name: undo takes the restore back" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
-    check "$name: the kext is gone again" test ! -e "$le/IntelMausiEthernet.kext"
-    check "$name: undo again reverses the removal" [ "$(status_of "$quelmctl" undo "${rescue[@]}")" = 0 ]
-    check "$name: the kext is back, root:wheel 755" root_owned_755 "$le/IntelMausiEthernet.kext"
-    check "$name: no hidden leftovers after the rescue" no_leftovers "$le"
+    rescue_round "$name" "$le" "/tmp/rescue-group-$macos" --volume "$system"
 
     "$bin/quelm" --volume "$system" --helper-root /tmp/helper-root "$kexts/FakeSMC.kext" "$kexts/My Driver.kext" >/tmp/quelm.log 2>&1
     check "$name: quelm ran the job to its end" grep -q "Installed: 1 Failed: 0" /tmp/quelm.log
