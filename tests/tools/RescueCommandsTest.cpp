@@ -224,7 +224,10 @@ TEST_F(RescueCommandsTest, RemovalSetsTheAuxiliaryCollectionAsideOnlyWhereMacOSH
         std::string::npos)
         << removed.output;
     EXPECT_FALSE(fs::exists(collection));
-    EXPECT_EQ(quelmctl("undo" + group + backupTo()).status, 0);
+    const auto undone = quelmctl("undo" + group + backupTo());
+    EXPECT_EQ(undone.status, 0);
+    EXPECT_NE(undone.output.find("auxiliary kernel collection"), std::string::npos)
+        << undone.output;
     EXPECT_EQ(test::readText(collection), "collection");
     EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext"));
 

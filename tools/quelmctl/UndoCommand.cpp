@@ -1,5 +1,6 @@
 // quelmctl undo: reverses the last installation, removal or restore on a volume.
 #include "kexts/KextBackups.h"
+#include "kexts/KextCaches.h"
 #include "kexts/KextHistory.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
@@ -81,7 +82,10 @@ int undo(const Options& options) {
     records->push_back(recordOf(*volume, "undo", outcome->done, outcome->backupFolder));
     if (auto saved = writeHistory(historyFilePath(), *records); !saved)
         printError("the undo is not in the history: " + saved.error());
-    return invalidateCaches(*volume) ? status : 1;
+    const bool invalidated = invalidateCaches(*volume);
+    if (const auto notice = auxiliaryCollectionNotice(*volume); notice && !options.json)
+        std::cout << *notice << '\n';
+    return invalidated ? status : 1;
 }
 
 } // namespace
