@@ -111,8 +111,7 @@ std::vector<std::string> QVPackageManager::receiptFolders() const {
 }
 
 std::string QVPackageManager::hostPath(std::string_view volumePath) const {
-    const auto place = targetVolume_->placeOf(volumePath);
-    return (place.root == "/" ? "" : place.root) + place.path;
+    return targetVolume_->placeOf(volumePath).hostPath();
 }
 
 void QVPackageManager::setup() {
@@ -226,22 +225,20 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
                          folderDepth(parser.count(), pathAt) + 1);
     const std::string_view fatalMessage =
         "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
-    const auto& mountPoint = targetVolume_->mountPoint();
-    // A path on the data volume is shown, and later reached, where it lies there.
-    const auto makeResource = [&](VolumeWalker& walker, const YRFileSystemResource& record,
-                                  std::string_view volumePath) {
-        const auto& volume = *targetVolume_;
-        const auto place =
-            volume.dataMountPoint() ? std::optional(volume.placeOf(volumePath)) : std::nullopt;
-        const bool onData = place && place->onDataVolume;
-        return QVFileSystemResource::init(walker, onData ? place->root : mountPoint,
-                                          onData ? std::string_view(place->path) : volumePath,
-                                          record.uid, record.gid, permissionsFromMode(record.mode),
-                                          contentOf(record), onData);
-    };
-    // A sealed system volume is never changed, and macOS checks its seal itself.
-    const auto isSealedPath = [&volume = *targetVolume_](std::string_view path) {
-        return volume.isSealed() && !path.empty() && !volume.placeOf(path).onDataVolume;
+    const auto& volume = *targetVolume_;
+    // A path that the firmlinks lead to the data volume is shown, and later reached, where it
+    // lies there. A sealed system volume is left alone: macOS checks its seal itself.
+    const auto makeResource =
+        [&](VolumeWalker& walker, const YRFileSystemResource& record,
+            std::string_view volumePath) -> std::optional<QVFileSystemResource> {
+        const auto onData =
+            volume.dataMountPoint() ? dataPathOf(volume.firmlinks(), volumePath) : std::nullopt;
+        if (!onData && volume.isSealed())
+            return std::nullopt;
+        return QVFileSystemResource::init(
+            walker, onData ? *volume.dataMountPoint() : volume.mountPoint(),
+            onData ? std::string_view(*onData) : volumePath, record.uid, record.gid,
+            permissionsFromMode(record.mode), contentOf(record), onData.has_value());
     };
     runWorkSlices(parser.count(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
         VolumeWalker walker(root);
@@ -251,13 +248,6 @@ void QVPackageManager::makeResources(const YRBomParserWrapper& parser,
             const auto& record = records[begin + position];
             // The volume root itself is no resource.
             const std::string_view volumePath = volumePathOf(record);
-            if (isSealedPath(volumePath)) {
-                SerialWorkingQueue::shared().sync([this] {
-                    ++sealedPaths_;
-                    --total_;
-                });
-                continue;
-            }
             auto resource =
                 volumePath.empty() ? std::nullopt : makeResource(walker, record, volumePath);
             if (!resource) {
@@ -283,7 +273,6 @@ void QVPackageManager::reset() {
     parsers_.clear();
     total_ = 0;
     counter_ = 0;
-    sealedPaths_ = 0;
 }
 
 } // namespace quelm

@@ -32,9 +32,10 @@ public:
     void setDelegate(QVPackageManagerDelegate* delegate) { delegate_ = delegate; }
 
     /// Finds the standard packages, reads their BOMs and hands every listed path that exists on
-    /// the volume to the resource manager. Returns when all are handed over. A package whose BOM
-    /// cannot be read, or lists nothing, is skipped and its BOM listed as unreadable; so is a
-    /// receipt that cannot be read, and a receipt folder that cannot be listed is listed itself.
+    /// the volume, and not on a sealed system volume, to the resource manager. Returns when all
+    /// are handed over. A package whose BOM cannot be read, or lists nothing, is skipped and its
+    /// BOM listed as unreadable; so is a receipt that cannot be read, and a receipt folder that
+    /// cannot be listed is listed itself.
     void setup();
 
     const std::vector<QVStandardPackage>& standardPackages() const { return standardPackages_; }
@@ -43,8 +44,6 @@ public:
     const std::vector<std::string>& unreadableBomPaths() const { return unreadableBomPaths_; }
     std::int64_t total() const { return total_; }
     std::int64_t counter() const { return counter_; }
-    /// Listed paths that lie on a sealed system volume: neither verified nor repaired.
-    std::int64_t sealedPaths() const { return sealedPaths_; }
     /// Back to the state of a new process: between two jobs.
     void reset();
 
@@ -74,7 +73,6 @@ private:
     std::vector<std::string> unreadableBomPaths_;
     std::int64_t total_ = 0;
     std::int64_t counter_ = 0;
-    std::int64_t sealedPaths_ = 0;
 };
 
 } // namespace quelm

@@ -26,6 +26,9 @@ struct VolumePlace {
     std::string root;
     std::string path;
     bool onDataVolume = false;
+
+    /// The path as this host reaches it: "/mnt/Macintosh HD - Data/Library/Extensions".
+    std::string hostPath() const { return (root == "/" ? "" : root) + path; }
 };
 
 class QVOSVolume {

@@ -78,37 +78,30 @@ std::optional<QVOSVolume> findSystemVolume(const std::string& dataPath,
 std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
                                                  const std::optional<std::string>& dataPath,
                                                  const std::vector<MountedFileSystem>& mounts) {
-    switch (QVOSVolume::kindOf(path)) {
-    case VolumeKind::single: {
-        if (dataPath)
+    if (auto volume = QVOSVolume::initWithMountPoint(path)) {
+        if (!volume->isSystemVolume() && dataPath)
             return std::unexpected(path + " holds a whole macOS, up to 10.14, which has no "
                                           "separate data volume: leave out --data-volume");
-        return *QVOSVolume::initWithMountPoint(path);
-    }
-    case VolumeKind::system: {
-        auto system = *QVOSVolume::initWithMountPoint(path);
+        if (!volume->isSystemVolume())
+            return std::move(*volume);
         if (dataPath)
-            return joined(std::move(system), *dataPath);
-        system.setDataMountPoint(findDataVolume(system, mounts));
-        return system;
+            return joined(std::move(*volume), *dataPath);
+        volume->setDataMountPoint(findDataVolume(*volume, mounts));
+        return std::move(*volume);
     }
-    case VolumeKind::data: {
-        if (dataPath && *dataPath != path)
-            return std::unexpected(path + " is a data volume; name its system volume with "
-                                          "--volume and this folder with --data-volume");
-        auto system = findSystemVolume(path, mounts);
-        if (!system)
-            return std::unexpected(
-                path + " is the data volume of macOS 10.15 or later, whose system volume was "
-                       "not found among the mounted volumes: mount it too and name it with "
-                       "--volume, and this folder with --data-volume");
-        system->setDataMountPoint(path);
-        return std::move(*system);
-    }
-    case VolumeKind::none:
-        break;
-    }
-    return std::unexpected(notMacOS(path));
+    if (QVOSVolume::kindOf(path) != VolumeKind::data)
+        return std::unexpected(notMacOS(path));
+    if (dataPath && *dataPath != path)
+        return std::unexpected(path + " is a data volume; name its system volume with "
+                                      "--volume and this folder with --data-volume");
+    auto system = findSystemVolume(path, mounts);
+    if (!system)
+        return std::unexpected(
+            path + " is the data volume of macOS 10.15 or later, whose system volume was not "
+                   "found among the mounted volumes: mount it too and name it with --volume, "
+                   "and this folder with --data-volume");
+    system->setDataMountPoint(path);
+    return std::move(*system);
 }
 
 std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,

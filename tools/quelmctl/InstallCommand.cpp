@@ -1,6 +1,5 @@
 // quelmctl install: kexts onto a volume with root ownership, by the folder policy, in process.
 #include "kexts/KextBackups.h"
-#include "kexts/KextCaches.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextInstallation.h"
 #include "kexts/KextSwaps.h"
@@ -227,8 +226,7 @@ std::optional<int> installPlan(const Options& options, const QVOSVolume& volume,
     if (installed.empty())
         return failures;
     recordInHistory(recordOf(volume, "install", installed, backupFolder));
-    if (const auto notice = auxiliaryCollectionNotice(volume); notice && !options.json)
-        std::cout << *notice << '\n';
+    printCollectionNotice(volume, options.json);
     return failures;
 }
 

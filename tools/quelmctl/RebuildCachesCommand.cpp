@@ -1,6 +1,7 @@
 // quelmctl rebuild-caches: rebuild, or mark stale, the kext caches of a volume.
 #include "kexts/KextCaches.h"
 #include "quelmctl/Commands.h"
+#include "quelmctl/Rescue.h"
 #include "volumes/MountedFileSystem.h"
 
 #include <iostream>
@@ -17,8 +18,7 @@ int rebuild(const std::string& path) {
         return 1;
     }
     std::cout << "kext caches of " << volume->mountPoint() << " rebuilt or marked for rebuilding\n";
-    if (const auto notice = auxiliaryCollectionNotice(*volume))
-        std::cout << *notice << '\n';
+    printCollectionNotice(*volume, false);
     return 0;
 }
 

@@ -129,9 +129,13 @@ int finishChange(const QVOSVolume& volume, std::string operation, const RescueOu
         return status;
     recordInHistory(recordOf(volume, std::move(operation), outcome.done, outcome.backupFolder));
     const bool invalidated = invalidateCaches(volume);
+    printCollectionNotice(volume, json);
+    return invalidated ? status : 1;
+}
+
+void printCollectionNotice(const QVOSVolume& volume, bool json) {
     if (const auto notice = auxiliaryCollectionNotice(volume); notice && !json)
         std::cout << *notice << '\n';
-    return invalidated ? status : 1;
 }
 
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json) {

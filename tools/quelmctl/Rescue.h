@@ -40,6 +40,9 @@ inline constexpr std::string_view kKernelCacheWarning =
     "start the Mac once in safe mode (hold Shift while it starts), or rebuild the caches from "
     "Recovery, so that macOS builds a new cache without it.";
 
+/// On macOS 11 and later, says on stdout (not in JSON) when the changed kexts take effect.
+void printCollectionNotice(const QVOSVolume& volume, bool json);
+
 /// Prints the outcome as "VERB path" and "failed path" lines, or as a JSON object; returns the
 /// exit status: 0 when nothing failed, else 1.
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json);

@@ -1,6 +1,5 @@
 // quelmctl undo: reverses the last installation, removal or restore on a volume.
 #include "kexts/KextBackups.h"
-#include "kexts/KextCaches.h"
 #include "kexts/KextHistory.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
@@ -83,8 +82,7 @@ int undo(const Options& options) {
     if (auto saved = writeHistory(historyFilePath(), *records); !saved)
         printError("the undo is not in the history: " + saved.error());
     const bool invalidated = invalidateCaches(*volume);
-    if (const auto notice = auxiliaryCollectionNotice(*volume); notice && !options.json)
-        std::cout << *notice << '\n';
+    printCollectionNotice(*volume, options.json);
     return invalidated ? status : 1;
 }
 

@@ -59,9 +59,7 @@ void showHalves(const QVOSVolume& volume) {
         const auto place = volume.placeOf(folder);
         const bool onData = dataPathOf(volume.firmlinks(), folder).has_value();
         std::cout << "  " << folder << ": " << (onData ? "data volume" : "system volume") << ", "
-                  << (onData == place.onDataVolume
-                          ? (place.root == "/" ? "" : place.root) + place.path
-                          : std::string("not found"))
+                  << (onData == place.onDataVolume ? place.hostPath() : std::string("not found"))
                   << '\n';
     }
 }
