@@ -1,6 +1,6 @@
 // Benchmarks of the BOM reader and lister over a BOM shaped like a whole system volume.
+#include "repair/BomReader.h"
 #include "repair/BomWriter.h"
-#include "repair/YRBomParser.h"
 #include "support/Files.h"
 
 #include <array>
@@ -67,8 +67,8 @@ std::filesystem::path bomFile;
 
 void parseAndRebuild(benchmark::State& state) {
     for (auto _ : state) {
-        YRBomParser parser(bomFile.string());
-        if (parser.parse() != YRBomParser::success)
+        BomReader parser(bomFile.string());
+        if (parser.parse() != BomReader::success)
             state.SkipWithError("cannot parse the BOM");
         benchmark::DoNotOptimize(parser.resources());
     }
@@ -79,8 +79,8 @@ void parseRebuildAndFormat(benchmark::State& state) {
     std::string out;
     out.reserve((std::size_t{1} << 20) + 4096);
     for (auto _ : state) {
-        YRBomParser parser(bomFile.string());
-        if (parser.parse() != YRBomParser::success)
+        BomReader parser(bomFile.string());
+        if (parser.parse() != BomReader::success)
             state.SkipWithError("cannot parse the BOM");
         const std::uint32_t total = parser.total();
         for (std::uint32_t index = 0; index < total; ++index) {

@@ -49,9 +49,9 @@ void makeKext(const fs::path& bundle, const std::string& identifier, bool flat) 
 }
 
 /// The volume, made once per run in a temporary folder.
-class Volume {
+class KextVolume {
 public:
-    Volume() {
+    KextVolume() {
         root_ = fs::temp_directory_path() / ("quelm-kexts-bench-" + std::to_string(::getpid()));
         writeFile(root_ / "System/Library/CoreServices/SystemVersion.plist",
                   *serializePlist(PlistValue::Dict{{"ProductVersion", "10.15.7"},
@@ -71,16 +71,16 @@ public:
         }
         makeKext(root_ / "System/Library/Extensions/IOKit.kext", "com.apple.kpi.iokit", true);
     }
-    ~Volume() { fs::remove_all(root_); }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root_.string()); }
+    ~KextVolume() { fs::remove_all(root_); }
+    quelm::Volume volume() const { return *quelm::Volume::initWithMountPoint(root_.string()); }
     const fs::path& root() const { return root_; }
 
 private:
     fs::path root_;
 };
 
-const Volume& sharedVolume() {
-    static const Volume volume;
+const KextVolume& sharedVolume() {
+    static const KextVolume volume;
     return volume;
 }
 

@@ -4,9 +4,9 @@
 // `quelm_repair_bench --make-volume DIR [--random-order] [--content]` only makes a volume, for
 // timing quelmctl against find(1) and cksum(1).
 #include "repair/BomWriter.h"
+#include "repair/PermissionRepair.h"
 #include "repair/PosixChecksum.h"
-#include "repair/QVCPU.h"
-#include "repair/YRRepairPermissions.h"
+#include "repair/Processor.h"
 #include "support/Files.h"
 #include "support/PropertyList.h"
 
@@ -128,7 +128,7 @@ struct BenchVolume {
         makeVolume(root, records, bytes);
     }
     ~BenchVolume() { fs::remove_all(root); }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+    Volume volume() const { return *Volume::initWithMountPoint(root.string()); }
 
     fs::path root;
     std::vector<BomRecord> records;
@@ -153,9 +153,9 @@ const BenchVolume& contentVolume() {
 /// runs on other threads, so the times are wall-clock times.
 void BM_VerifyVolume(benchmark::State& state) {
     const auto& bench = benchVolume(state.range(0) == 0 ? Order::tree : Order::random);
-    QVCPU::shared().setMaxthread(state.range(1));
+    Processor::shared().setMaxthread(state.range(1));
     for (auto _ : state) {
-        YRRepairPermissions job(bench.volume(), QVRepairPermissionsJobType::verifyPermissions);
+        PermissionRepair job(bench.volume(), RepairMode::verifyPermissions);
         job.run();
         benchmark::DoNotOptimize(job.results().data());
     }
@@ -171,13 +171,13 @@ BENCHMARK(BM_VerifyVolume)
 /// Every 100th file damaged before each run, so that repair changes 1% of the volume.
 void BM_RepairVolume(benchmark::State& state) {
     const auto& bench = benchVolume(state.range(0) == 0 ? Order::tree : Order::random);
-    QVCPU::shared().setMaxthread(state.range(1));
+    Processor::shared().setMaxthread(state.range(1));
     for (auto _ : state) {
         state.PauseTiming();
         for (std::size_t i = 1; i < bench.records.size(); i += 100)
             ::chmod((bench.root / bench.records[i].path).c_str(), 0700);
         state.ResumeTiming();
-        YRRepairPermissions job(bench.volume(), QVRepairPermissionsJobType::repairPermissions);
+        PermissionRepair job(bench.volume(), RepairMode::repairPermissions);
         job.run();
         benchmark::DoNotOptimize(job.results().data());
     }
@@ -192,9 +192,9 @@ BENCHMARK(BM_RepairVolume)
 /// Verify with the content check over 256 files of 1 MiB, read from the page cache.
 void BM_VerifyContent(benchmark::State& state) {
     const auto& bench = contentVolume();
-    QVCPU::shared().setMaxthread(state.range(0));
+    Processor::shared().setMaxthread(state.range(0));
     for (auto _ : state) {
-        YRRepairPermissions job(bench.volume(), QVRepairPermissionsJobType::verifyPermissions);
+        PermissionRepair job(bench.volume(), RepairMode::verifyPermissions);
         job.setChecksContent(true);
         job.run();
         if (!job.results().empty())

@@ -1,5 +1,5 @@
 // libFuzzer target: the BOM reader on arbitrary bytes must refuse or list, never misbehave.
-#include "repair/YRBomParser.h"
+#include "repair/BomReader.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,9 +11,9 @@ volatile std::size_t pathBytes;
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    quelm::YRBomParser parser("fuzz input");
+    quelm::BomReader parser("fuzz input");
     if (parser.parseBytes(std::string(reinterpret_cast<const char*>(data), size)) !=
-        quelm::YRBomParser::success)
+        quelm::BomReader::success)
         return 0;
     // Touch every path so that a bad pointer or a missing NUL shows up under AddressSanitizer.
     std::size_t length = 0;

@@ -3,7 +3,7 @@
 // nested deeper than the check before parsing allows, and no input may make them hold more
 // than a few times the budget for a list of its size.
 #include "AllocationPeak.h"
-#include "repair/QVPackage.h"
+#include "repair/Package.h"
 #include "support/Bundle.h"
 #include "support/PropertyList.h"
 
@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         value && depthOf(*value) > quelm::kMaxPlistDepth + 1)
         __builtin_trap();
     std::size_t length = 0;
-    if (const auto package = quelm::QVStandardPackage::initWithReceiptPath(path.string()))
+    if (const auto package = quelm::StandardPackage::initWithReceiptPath(path.string()))
         length += package->identifier().size() + package->bomPathString().size();
     const quelm::Bundle bundle(scratch.folder);
     for (const auto& [key, value] : bundle.infoDictionary())

@@ -1,15 +1,15 @@
 // Later starts of quelm hand their paths, and the volume they name, to the running instance.
 #include "app/LaterStarts.h"
 
-#include "app/AppDelegate.h"
-#include "app/QVMainQuelmViewController.h"
-#include "app/QVMainQuelmWindowController.h"
+#include "app/AppController.h"
+#include "app/JobScreen.h"
+#include "app/MainWindow.h"
 #include "app/TargetVolume.h"
 #include "support/Log.h"
 #include "support/NotificationCenter.h"
 #include "support/PathValidation.h"
-#include "ui/QVViewExtensions.h"
-#include "volumes/QVOSVolumeManager.h"
+#include "ui/ViewExtensions.h"
+#include "volumes/VolumeManager.h"
 
 #include <QDir>
 #include <QFile>
@@ -47,7 +47,7 @@ std::optional<QString> ownTemporaryFolder() {
 }
 
 std::optional<NamedVolume> selectedVolume() {
-    const auto& volume = QVOSVolumeManager::shared().selectedOSVolume();
+    const auto& volume = VolumeManager::shared().selectedOSVolume();
     return volume ? std::optional(NamedVolume{volume->mountPoint(), volume->dataMountPoint()})
                   : std::nullopt;
 }
@@ -72,11 +72,10 @@ bool confirmHandedOver(const QStringList& files, const std::optional<NamedVolume
     //% "Cancel"
     box.button(QMessageBox::Cancel)->setText(qtTrId("kQVLaterStartCancel"));
     box.setDefaultButton(QMessageBox::Cancel);
-    return QVModalAnswers::run(box) == QMessageBox::Yes;
+    return ModalAnswers::run(box) == QMessageBox::Yes;
 }
 
-void takeConnection(QLocalSocket* socket, AppDelegate& delegate,
-                    QVMainQuelmWindowController& window) {
+void takeConnection(QLocalSocket* socket, AppController& delegate, MainWindow& window) {
     if (!peerIsThisUser(*socket)) {
         logLine("quelm: refused a later start from another user.");
         socket->abort();
@@ -160,8 +159,7 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
     return true;
 }
 
-void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
-                    QVMainQuelmWindowController& window) {
+void takeLaterStart(const LaterStart& start, AppController& delegate, MainWindow& window) {
     if (start.files.isEmpty()) {
         delegate.applicationShouldHandleReopen();
         return;
@@ -181,8 +179,8 @@ void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
     delegate.queueJob(start.files, volume);
 }
 
-void listenForLaterStarts(QLocalServer& server, const QString& name, AppDelegate& delegate,
-                          QVMainQuelmWindowController& window) {
+void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& delegate,
+                          MainWindow& window) {
     QLocalServer::removeServer(name);
     server.setSocketOptions(QLocalServer::UserAccessOption);
     server.listen(name);

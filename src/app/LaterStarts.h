@@ -10,8 +10,8 @@ class QLocalSocket;
 
 namespace quelm {
 
-class AppDelegate;
-class QVMainQuelmWindowController;
+class AppController;
+class MainWindow;
 
 /// What one later start sent: the volume it named, if any, its paths, and the data volume it
 /// named, if any.
@@ -51,12 +51,11 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
 /// their volume, in one question and said yes. Then they join the intake, or make a job of
 /// their own when a job runs or they name another volume; a start without paths brings the
 /// window back.
-void takeLaterStart(const LaterStart& start, AppDelegate& delegate,
-                    QVMainQuelmWindowController& window);
+void takeLaterStart(const LaterStart& start, AppController& delegate, MainWindow& window);
 
 /// Listens at name and takes each later start of this user, one batch per connection; a
 /// connection from another user is closed unread.
-void listenForLaterStarts(QLocalServer& server, const QString& name, AppDelegate& delegate,
-                          QVMainQuelmWindowController& window);
+void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& delegate,
+                          MainWindow& window);
 
 } // namespace quelm

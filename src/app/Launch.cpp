@@ -1,21 +1,21 @@
 // The whole start of the desktop application, from its command line to its event loop.
 #include "app/Launch.h"
 
-#include "app/AppDelegate.h"
+#include "app/AppController.h"
+#include "app/InstalledKextsWindow.h"
+#include "app/JobScreen.h"
 #include "app/LaterStarts.h"
-#include "app/QVInstalledKextsViewController.h"
-#include "app/QVMainAbstractMaintenanceViewController.h"
-#include "app/QVMainQuelmViewController.h"
-#include "app/QVMainQuelmWindowController.h"
+#include "app/MainWindow.h"
 #include "app/TargetVolume.h"
-#include "helper/QVXPCHelperManager.h"
+#include "app/VolumeScreen.h"
+#include "helper/HelperManager.h"
 #include "support/Log.h"
-#include "ui/QVMainQuelmAppearanceMode.h"
-#include "ui/QVViewExtensions.h"
+#include "ui/AppearanceMode.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
+#include "ui/ViewExtensions.h"
 #include "volumes/MountedFileSystem.h"
-#include "volumes/QVOSVolumeManager.h"
+#include "volumes/VolumeManager.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -41,7 +41,7 @@ std::optional<std::string> given(const QString& option) {
 
 /// The last volume used, with its data volume while that is one; else the data volume is
 /// looked for again among the mounts, where it may now be mounted elsewhere.
-std::expected<QVOSVolume, QString> openLastTargetVolume(NamedVolume last) {
+std::expected<Volume, QString> openLastTargetVolume(NamedVolume last) {
     auto volume = openTargetVolume(last);
     if (volume || !last.dataPath)
         return volume;
@@ -58,11 +58,10 @@ int showResults(const QString& file) {
         logLine("quelm: " + file.toStdString() + ": " + results.error());
         return 1;
     }
-    QVMainAbstractMaintenanceViewController source;
+    VolumeScreen source;
     //% "Permissions repair report"
-    source.setResult(QVDetailedRepresentableResult(QPixmap(":/quelm/QVUIVolume.svg"),
-                                                   qtTrId("kQVDetailedResultsVCReportTitle"), file,
-                                                   *results));
+    source.setResult(ResultsSource(QPixmap(":/quelm/QVUIVolume.svg"),
+                                   qtTrId("kQVDetailedResultsVCReportTitle"), file, *results));
     auto window = source.prepareForSegue("QVSBSegueIDMaintenance2DetailedResults");
     window->show();
     return QApplication::exec();
@@ -94,9 +93,9 @@ void showHelp(QWidget& window) {
 
 /// The one window of installed kexts, brought to the front with the volume's kexts read again.
 void showInstalledKexts(QWidget& window) {
-    auto* kexts = window.findChild<QVInstalledKextsViewController*>();
+    auto* kexts = window.findChild<InstalledKextsWindow*>();
     if (!kexts)
-        kexts = new QVInstalledKextsViewController(&window);
+        kexts = new InstalledKextsWindow(&window);
     else
         kexts->refresh();
     kexts->show();
@@ -170,7 +169,7 @@ bool chooseStartingVolume(const LaunchArguments& arguments) {
     }
     if (volume->isSystemVolume() && !volume->dataMountPoint())
         logLine("quelm: " + missingDataVolumeSentence(*volume));
-    QVOSVolumeManager::shared().setStartingOSVolume(*volume);
+    VolumeManager::shared().setStartingOSVolume(*volume);
     return true;
 }
 
@@ -192,15 +191,15 @@ int runQuelm(int argc, char** argv) {
         handToRunningInstance(*instance, arguments.files, arguments.volume, arguments.dataVolume))
         return 0;
     if (!arguments.helperRoot.isEmpty())
-        QVXPCHelperManager::setSharedRoot(arguments.helperRoot.toStdString());
+        HelperManager::setSharedRoot(arguments.helperRoot.toStdString());
     if (!chooseStartingVolume(arguments))
         return 2;
     if (const auto mode =
             appearanceModeFromRawValue(userDefaultString(kDefaultAppearanceModeKey).value_or("")))
         applyAppearance(application, *mode);
 
-    QVMainQuelmWindowController window;
-    AppDelegate delegate(window);
+    MainWindow window;
+    AppController delegate(window);
     buildMainMenu(*window.menuBar(), application, window);
     if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
         return 1;
@@ -208,20 +207,18 @@ int runQuelm(int argc, char** argv) {
     if (instance)
         listenForLaterStarts(server, *instance, delegate, window);
     QApplication::setQuitOnLastWindowClosed(false);
-    QObject::connect(&window, &QVMainQuelmWindowController::filesDropped, &delegate,
-                     &AppDelegate::openFiles);
-    QObject::connect(&window, &QVMainQuelmWindowController::jobFinished, &application,
-                     &QApplication::quit);
-    QObject::connect(&window, &QVMainQuelmWindowController::windowClosed, &application, [&] {
+    QObject::connect(&window, &MainWindow::filesDropped, &delegate, &AppController::openFiles);
+    QObject::connect(&window, &MainWindow::jobFinished, &application, &QApplication::quit);
+    QObject::connect(&window, &MainWindow::windowClosed, &application, [&] {
         if (delegate.applicationShouldTerminateAfterLastWindowClosed())
             QApplication::quit();
     });
-    QObject::connect(&delegate, &AppDelegate::terminate, &application, &QApplication::quit);
+    QObject::connect(&delegate, &AppController::terminate, &application, &QApplication::quit);
     QObject::connect(&application, &QApplication::aboutToQuit, &delegate,
-                     &AppDelegate::applicationWillTerminate);
+                     &AppController::applicationWillTerminate);
     if (!arguments.files.isEmpty())
         delegate.openFiles(arguments.files);
-    QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
+    QTimer::singleShot(0, &delegate, &AppController::applicationDidFinishLaunching);
     return QApplication::exec();
 }
 

@@ -22,7 +22,7 @@ std::optional<NamedVolume> namedVolume(const std::optional<std::string>& path,
     return NamedVolume{path.value_or(dataPath.value_or("")), dataPath};
 }
 
-std::expected<QVOSVolume, QString> openTargetVolume(const NamedVolume& named) {
+std::expected<Volume, QString> openTargetVolume(const NamedVolume& named) {
     const auto dataPath =
         named.dataPath ? std::optional(absoluteNormalPath(*named.dataPath)) : std::nullopt;
     auto volume = openMacOS(absoluteNormalPath(named.path), dataPath);
@@ -41,7 +41,7 @@ std::optional<NamedVolume> lastTargetVolume() {
     return NamedVolume{*path, userDefaultString(kLastTargetDataVolumeKey)};
 }
 
-void rememberTargetVolume(const QVOSVolume& volume) {
+void rememberTargetVolume(const Volume& volume) {
     setUserDefaultString(kLastTargetVolumeKey, volume.mountPoint());
     if (volume.dataMountPoint())
         setUserDefaultString(kLastTargetDataVolumeKey, *volume.dataMountPoint());
@@ -49,7 +49,7 @@ void rememberTargetVolume(const QVOSVolume& volume) {
         removeUserDefault(kLastTargetDataVolumeKey);
 }
 
-QString volumeDescription(const QVOSVolume& volume) {
+QString volumeDescription(const Volume& volume) {
     const QString name = qString(volume.getFullNameVersionString());
     if (!volume.isSystemVolume())
         return name;

@@ -2,7 +2,7 @@
 // or later, which is a system and a data volume.
 #pragma once
 
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <QString>
 #include <expected>
@@ -33,15 +33,15 @@ std::optional<NamedVolume> namedVolume(const std::optional<std::string>& path,
 /// The macOS in the named folders (made absolute and normal), joined to its other volume as
 /// openMacOS joins them. A build without a major version is refused too, since such a volume
 /// cannot be sent to the helper. The error is one sentence for the user.
-std::expected<QVOSVolume, QString> openTargetVolume(const NamedVolume& named);
+std::expected<Volume, QString> openTargetVolume(const NamedVolume& named);
 
 /// The last target volume remembered, with its data volume; none when there is none.
 std::optional<NamedVolume> lastTargetVolume();
 /// Remembers the volume, and its data volume or that it has none, for the next start.
-void rememberTargetVolume(const QVOSVolume& volume);
+void rememberTargetVolume(const Volume& volume);
 
 /// The macOS and the folder of each of its volumes, such as "macOS Catalina 10.15.7 (19H2) —
 /// system: /Volumes/Macintosh HD, data: /Volumes/Macintosh HD - Data".
-QString volumeDescription(const QVOSVolume& volume);
+QString volumeDescription(const Volume& volume);
 
 } // namespace quelm

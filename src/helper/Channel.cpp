@@ -33,13 +33,13 @@ std::string encodeFrame(const PlistValue& message) {
     return frameOfBody(serializePlist(message, PlistFormat::binary).value_or(""));
 }
 
-std::expected<std::optional<std::string>, ChannelError> takeFrameBody(std::string& buffer) {
+std::expected<std::optional<std::string>, Error> takeFrameBody(std::string& buffer) {
     if (buffer.size() < kHeaderSize)
         return std::nullopt;
     const std::uint32_t length = frameLength(buffer);
     if (length > kMaxFrameSize)
         return std::unexpected(
-            ChannelError{"frame of " + std::to_string(length) + " bytes is over the limit"});
+            Error{"frame of " + std::to_string(length) + " bytes is over the limit"});
     if (buffer.size() - kHeaderSize < length)
         return std::nullopt;
     std::string body = buffer.substr(kHeaderSize, length);
@@ -47,14 +47,14 @@ std::expected<std::optional<std::string>, ChannelError> takeFrameBody(std::strin
     return std::optional(std::move(body));
 }
 
-std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& buffer) {
+std::expected<std::optional<PlistValue>, Error> takeFrame(std::string& buffer) {
     auto body = takeFrameBody(buffer);
     if (!body || !*body)
-        return body ? std::expected<std::optional<PlistValue>, ChannelError>()
+        return body ? std::expected<std::optional<PlistValue>, Error>()
                     : std::unexpected(body.error());
     auto message = parsePlist(**body);
     if (!message)
-        return std::unexpected(ChannelError{"frame is not a property list"});
+        return std::unexpected(Error{"frame is not a property list"});
     return std::optional(std::move(*message));
 }
 
@@ -67,7 +67,7 @@ bool FrameWriter::writeFrame(std::string_view frame) {
     return writeAll(fd_, frame);
 }
 
-std::expected<std::optional<PlistValue>, ChannelError> FrameReader::read() {
+std::expected<std::optional<PlistValue>, Error> FrameReader::read() {
     char chunk[65536];
     for (;;) {
         auto frame = takeFrame(buffer_);
@@ -77,11 +77,10 @@ std::expected<std::optional<PlistValue>, ChannelError> FrameReader::read() {
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
-            return std::unexpected(ChannelError{"cannot read the channel"});
+            return std::unexpected(Error{"cannot read the channel"});
         if (count == 0)
-            return buffer_.empty()
-                       ? std::expected<std::optional<PlistValue>, ChannelError>()
-                       : std::unexpected(ChannelError{"the channel ended within a frame"});
+            return buffer_.empty() ? std::expected<std::optional<PlistValue>, Error>()
+                                   : std::unexpected(Error{"the channel ended within a frame"});
         buffer_.append(chunk, static_cast<std::size_t>(count));
     }
 }

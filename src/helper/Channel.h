@@ -23,13 +23,12 @@ std::string encodeFrame(const PlistValue& message);
 
 /// Takes one whole frame's body off the front of buffer, or nothing when the buffer does not
 /// yet hold a whole frame. A frame over the size limit is an error.
-[[nodiscard]] std::expected<std::optional<std::string>, ChannelError>
-takeFrameBody(std::string& buffer);
+[[nodiscard]] std::expected<std::optional<std::string>, Error> takeFrameBody(std::string& buffer);
 
 /// Takes one whole frame off the front of buffer: its message, or nothing when the buffer
 /// does not yet hold a whole frame. A frame over the size limit or whose body is not a
 /// property list is an error.
-[[nodiscard]] std::expected<std::optional<PlistValue>, ChannelError> takeFrame(std::string& buffer);
+[[nodiscard]] std::expected<std::optional<PlistValue>, Error> takeFrame(std::string& buffer);
 
 /// Writes whole frames to a file descriptor; frames from several threads never interleave.
 class FrameWriter {
@@ -51,7 +50,7 @@ public:
     explicit FrameReader(int fd) : fd_(fd) {}
     /// The next message; nothing at a clean end of stream (between frames); an error for a
     /// cut frame, an oversized frame or a body that is not a property list.
-    [[nodiscard]] std::expected<std::optional<PlistValue>, ChannelError> read();
+    [[nodiscard]] std::expected<std::optional<PlistValue>, Error> read();
 
 private:
     int fd_;

@@ -198,7 +198,7 @@ void HelperConnection::handle(std::string_view frame) {
     if (message->entry(message->top(), "op")) {
         const auto value = message->read(message->top());
         auto call = value ? decodeCall(*value, Sender::helper)
-                          : std::unexpected(ChannelError{value.error().message});
+                          : std::unexpected(Error{value.error().message});
         if (!call)
             return fail(call.error().message);
         if (handlers_.progress)

@@ -56,7 +56,7 @@ std::optional<std::string> readTrustedFile(const std::string& path, uid_t caller
     return bytes;
 }
 
-bool installHelperFiles(const QVXPCHelper& helper, const std::string& sourceTool,
+bool installHelperFiles(const HelperIdentity& helper, const std::string& sourceTool,
                         const std::string& policyTemplatePath, const std::string& root,
                         uid_t caller) {
     const auto tool = readTrustedFile(sourceTool, caller, kMaxToolSize);

@@ -1,7 +1,7 @@
 // Putting the helper tool and its launch policy in place.
 #pragma once
 
-#include "helper/QVXPCHelper.h"
+#include "helper/HelperIdentity.h"
 
 #include <optional>
 #include <string>
@@ -23,7 +23,7 @@ std::optional<std::string> readTrustedFile(const std::string& path, uid_t caller
 /// writes its launch policy from the template file (mode 644), each atomically; folders made
 /// on the way get mode 755 whatever the umask. Both sources must pass readTrustedFile for
 /// caller. Must run as root outside tests.
-bool installHelperFiles(const QVXPCHelper& helper, const std::string& sourceTool,
+bool installHelperFiles(const HelperIdentity& helper, const std::string& sourceTool,
                         const std::string& policyTemplatePath, const std::string& root,
                         uid_t caller);
 

@@ -53,7 +53,7 @@ bool peerIsAllowed(int channel) {
     return true;
 }
 
-int serveHelper(QVXPCVESKHelper& helper, int in, int out) {
+int serveHelper(HelperOperations& helper, int in, int out) {
     FrameWriter writer(out);
     FrameReader reader(in);
     helper.setConnection(&writer);

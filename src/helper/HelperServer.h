@@ -1,7 +1,7 @@
 // The helper's side of the channel: reads calls, runs each on its own thread, writes replies.
 #pragma once
 
-#include "helper/QVXPCVESKHelper.h"
+#include "helper/HelperOperations.h"
 
 #include <sys/types.h>
 
@@ -18,6 +18,6 @@ bool peerIsAllowed(int channel);
 /// Serves calls read from in, replying on out, until the application closes the channel (0)
 /// or sends something malformed (1: the channel is closed at once, calls under way finish).
 /// terminateHelper ends the process with status 0 immediately.
-int serveHelper(QVXPCVESKHelper& helper, int in, int out);
+int serveHelper(HelperOperations& helper, int in, int out);
 
 } // namespace quelm

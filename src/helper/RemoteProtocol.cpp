@@ -10,8 +10,8 @@ namespace {
 
 using enum ValueType;
 
-std::unexpected<ChannelError> refuse(std::string message) {
-    return std::unexpected(ChannelError{std::move(message)});
+std::unexpected<Error> refuse(std::string message) {
+    return std::unexpected(Error{std::move(message)});
 }
 
 template <class T> PlistValue archiveArray(const std::vector<T>& objects) {
@@ -22,8 +22,7 @@ template <class T> PlistValue archiveArray(const std::vector<T>& objects) {
     return items;
 }
 
-template <class T>
-std::expected<RemoteValue, ChannelError> unarchiveArray(const PlistValue& value) {
+template <class T> std::expected<RemoteValue, Error> unarchiveArray(const PlistValue& value) {
     const auto* items = value.array();
     if (!items)
         return refuse("expected an array of " + std::string(T::className));
@@ -38,7 +37,7 @@ std::expected<RemoteValue, ChannelError> unarchiveArray(const PlistValue& value)
     return RemoteValue(std::move(objects));
 }
 
-std::expected<RemoteValue, ChannelError> decodeStrings(const PlistValue& value) {
+std::expected<RemoteValue, Error> decodeStrings(const PlistValue& value) {
     const auto* items = value.array();
     if (!items)
         return refuse("expected an array of strings");
@@ -52,7 +51,7 @@ std::expected<RemoteValue, ChannelError> decodeStrings(const PlistValue& value) 
 }
 
 template <class T>
-std::expected<RemoteValue, ChannelError> scalar(const PlistValue& value, const char* what) {
+std::expected<RemoteValue, Error> scalar(const PlistValue& value, const char* what) {
     if (const auto* held = value.get<T>())
         return RemoteValue(*held);
     return refuse(std::string("expected ") + what);
@@ -64,11 +63,10 @@ PlistValue encodeValue(const RemoteValue& value) {
             using T = std::decay_t<decltype(held)>;
             if constexpr (std::is_same_v<T, std::vector<std::string>>)
                 return PlistValue::Array(held.begin(), held.end());
-            else if constexpr (std::is_same_v<T, QVOSVolume>)
+            else if constexpr (std::is_same_v<T, Volume>)
                 return archive(held);
-            else if constexpr (std::is_same_v<T, std::vector<QVKernelExtension>> ||
-                               std::is_same_v<T,
-                                              std::vector<QVRepairPermissionsRepresentableResult>>)
+            else if constexpr (std::is_same_v<T, std::vector<Kext>> ||
+                               std::is_same_v<T, std::vector<ResultRecord>>)
                 return archiveArray(held);
             else
                 return PlistValue(held);
@@ -76,8 +74,8 @@ PlistValue encodeValue(const RemoteValue& value) {
         value);
 }
 
-std::expected<std::vector<RemoteValue>, ChannelError>
-decodeArguments(const PlistValue& message, const RemoteOperation& operation) {
+std::expected<std::vector<RemoteValue>, Error> decodeArguments(const PlistValue& message,
+                                                               const RemoteOperation& operation) {
     const auto* args = message.find("args");
     if (!args || !args->array() || args->array()->size() != operation.arguments.size())
         return refuse(std::string(operation.selector) + ": wrong number of arguments");
@@ -104,18 +102,17 @@ BinaryPlistStream::Ref streamArchives(BinaryPlistStream& stream, const std::vect
 }
 
 BinaryPlistStream::Ref streamValue(BinaryPlistStream& stream, const RemoteValue& value) {
-    if (const auto* kexts = std::get_if<std::vector<QVKernelExtension>>(&value))
+    if (const auto* kexts = std::get_if<std::vector<Kext>>(&value))
         return streamArchives(stream, *kexts);
-    if (const auto* results =
-            std::get_if<std::vector<QVRepairPermissionsRepresentableResult>>(&value))
+    if (const auto* results = std::get_if<std::vector<ResultRecord>>(&value))
         return streamArchives(stream, *results);
     return stream.add(encodeValue(value));
 }
 
 /// Each element of an array of objects decoded on its own, never the whole list at once.
 template <class T>
-std::expected<RemoteValue, ChannelError> unarchiveItems(const BinaryPlistDocument& document,
-                                                        BinaryPlistDocument::Ref ref) {
+std::expected<RemoteValue, Error> unarchiveItems(const BinaryPlistDocument& document,
+                                                 BinaryPlistDocument::Ref ref) {
     const auto items = document.items(ref);
     if (!items)
         return refuse("expected an array of " + std::string(T::className));
@@ -123,7 +120,7 @@ std::expected<RemoteValue, ChannelError> unarchiveItems(const BinaryPlistDocumen
     objects.reserve(items->size());
     for (const auto item : *items) {
         const auto value = document.read(item);
-        auto object = value ? unarchive<T>(*value) : std::unexpected(ArchiveError{"unreadable"});
+        auto object = value ? unarchive<T>(*value) : std::unexpected(Error{"unreadable"});
         if (!object)
             return refuse(object.error().message);
         objects.push_back(std::move(*object));
@@ -180,7 +177,7 @@ const RemoteOperation* findRemoteOperation(std::string_view selector) {
     return nullptr;
 }
 
-std::expected<RemoteValue, ChannelError> decodeValue(const PlistValue& value, ValueType type) {
+std::expected<RemoteValue, Error> decodeValue(const PlistValue& value, ValueType type) {
     switch (type) {
     case boolean:
         return scalar<bool>(value, "a boolean");
@@ -193,15 +190,15 @@ std::expected<RemoteValue, ChannelError> decodeValue(const PlistValue& value, Va
     case stringArray:
         return decodeStrings(value);
     case volume: {
-        auto decoded = unarchive<QVOSVolume>(value);
+        auto decoded = unarchive<Volume>(value);
         if (!decoded)
             return refuse(decoded.error().message);
         return RemoteValue(std::move(*decoded));
     }
     case kextArray:
-        return unarchiveArray<QVKernelExtension>(value);
+        return unarchiveArray<Kext>(value);
     case resultArray:
-        return unarchiveArray<QVRepairPermissionsRepresentableResult>(value);
+        return unarchiveArray<ResultRecord>(value);
     }
     return refuse("unknown value type");
 }
@@ -226,7 +223,7 @@ std::string encodeReplyPlist(std::int64_t id, const RemoteValue& value) {
     return std::move(stream).finish(stream.addDict(keys, values));
 }
 
-std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message, Sender sender) {
+std::expected<RemoteCall, Error> decodeCall(const PlistValue& message, Sender sender) {
     if (!message.dict())
         return refuse("a message must be a dictionary");
     const auto* selector = message.stringForKey("op");
@@ -243,9 +240,9 @@ std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message, Se
                       std::move(*arguments)};
 }
 
-std::expected<RemoteReply, ChannelError> decodeReplyEnvelope(const BinaryPlistDocument& message) {
+std::expected<RemoteReply, Error> decodeReplyEnvelope(const BinaryPlistDocument& message) {
     const auto idRef = message.entry(message.top(), "id");
-    const auto id = idRef ? message.read(*idRef) : std::unexpected(PlistError{});
+    const auto id = idRef ? message.read(*idRef) : std::unexpected(Error{});
     const auto replyRef = message.entry(message.top(), "reply");
     const auto reply = replyRef ? message.items(*replyRef) : std::nullopt;
     if (!id || !id->is<std::int64_t>() || !reply || reply->size() != 1)
@@ -253,12 +250,12 @@ std::expected<RemoteReply, ChannelError> decodeReplyEnvelope(const BinaryPlistDo
     return RemoteReply{*id->get<std::int64_t>(), reply->front()};
 }
 
-std::expected<RemoteValue, ChannelError> decodeValue(const BinaryPlistDocument& document,
-                                                     BinaryPlistDocument::Ref ref, ValueType type) {
+std::expected<RemoteValue, Error> decodeValue(const BinaryPlistDocument& document,
+                                              BinaryPlistDocument::Ref ref, ValueType type) {
     if (type == ValueType::kextArray)
-        return unarchiveItems<QVKernelExtension>(document, ref);
+        return unarchiveItems<Kext>(document, ref);
     if (type == ValueType::resultArray)
-        return unarchiveItems<QVRepairPermissionsRepresentableResult>(document, ref);
+        return unarchiveItems<ResultRecord>(document, ref);
     const auto value = document.read(ref);
     if (!value)
         return refuse(value.error().message);

@@ -2,11 +2,12 @@
 // encoding of calls, replies and their values as property lists.
 #pragma once
 
-#include "kexts/QVKernelExtension.h"
-#include "repair/QVRepairPermissionsResult.h"
+#include "kexts/Kext.h"
+#include "repair/RepairResult.h"
 #include "support/BinaryPlistCheck.h"
+#include "support/Error.h"
 #include "support/PropertyList.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <array>
 #include <cstdint>
@@ -32,8 +33,7 @@ enum class ValueType {
 
 /// One argument or reply value as it crosses the channel.
 using RemoteValue = std::variant<bool, std::int64_t, double, std::string, std::vector<std::string>,
-                                 QVOSVolume, std::vector<QVKernelExtension>,
-                                 std::vector<QVRepairPermissionsRepresentableResult>>;
+                                 Volume, std::vector<Kext>, std::vector<ResultRecord>>;
 
 /// Who sends a call: the application calls the helper; the helper only reports progress.
 enum class Sender { application, helper };
@@ -66,10 +66,6 @@ struct RemoteReply {
     BinaryPlistDocument::Ref value;
 };
 
-struct ChannelError {
-    std::string message;
-};
-
 /// {"id": n, "op": selector, "args": [...]}, without "id" for a one-way call.
 PlistValue encodeCall(const RemoteCall& call);
 /// {"id": n, "reply": [value]} as a binary property list, written an object of a list at a
@@ -78,16 +74,15 @@ std::string encodeReplyPlist(std::int64_t id, const RemoteValue& value);
 
 /// A call sent by sender: a known operation of that sender, a well-typed "id" exactly when it
 /// expects a reply, and every argument of its type and allowed class.
-[[nodiscard]] std::expected<RemoteCall, ChannelError> decodeCall(const PlistValue& message,
-                                                                 Sender sender);
+[[nodiscard]] std::expected<RemoteCall, Error> decodeCall(const PlistValue& message, Sender sender);
 /// The id of a reply and its value still encoded, to be decoded against the pending call.
-[[nodiscard]] std::expected<RemoteReply, ChannelError>
+[[nodiscard]] std::expected<RemoteReply, Error>
 decodeReplyEnvelope(const BinaryPlistDocument& message);
 /// A value of the given type, refusing anything else (wrong class, missing or mistyped key).
-[[nodiscard]] std::expected<RemoteValue, ChannelError> decodeValue(const PlistValue& value,
-                                                                   ValueType type);
+[[nodiscard]] std::expected<RemoteValue, Error> decodeValue(const PlistValue& value,
+                                                            ValueType type);
 /// The same for a value in a frame; the elements of a list of objects are read one by one.
-[[nodiscard]] std::expected<RemoteValue, ChannelError>
+[[nodiscard]] std::expected<RemoteValue, Error>
 decodeValue(const BinaryPlistDocument& document, BinaryPlistDocument::Ref ref, ValueType type);
 
 } // namespace quelm

@@ -124,7 +124,7 @@ bool writeManifestAt(int folder, const BackupManifest& manifest) {
 /// backup is ever without its manifest; a kext that could not be taken leaves it again.
 class BackupWriter {
 public:
-    BackupWriter(std::string folder, const QVOSVolume& volume, std::string_view operation,
+    BackupWriter(std::string folder, const Volume& volume, std::string_view operation,
                  std::chrono::system_clock::time_point now)
         : folder_(std::move(folder)), manifest_{volume.mountPoint(),
                                                 isoTimestamp(now),
@@ -262,7 +262,7 @@ private:
     std::set<std::string> used_;
 };
 
-RescueOutcome takeKexts(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome takeKexts(const Volume& volume, const std::vector<std::string>& kexts,
                         BackupWriter& writer, bool move) {
     RescueOutcome outcome;
     for (const auto& path : kexts) {
@@ -318,7 +318,7 @@ std::expected<void, std::string> putBack(int from, int to, const BackupItem& ite
 }
 
 std::expected<RescueOutcome, std::string>
-restoreInto(const fs::path& backupFolder, const QVOSVolume& volume, BackupWriter& replaced) {
+restoreInto(const fs::path& backupFolder, const Volume& volume, BackupWriter& replaced) {
     const auto manifest = readBackupManifest(backupFolder);
     if (!manifest)
         return std::unexpected(manifest.error());
@@ -360,11 +360,11 @@ std::expected<BackupManifest, std::string> readBackupManifest(const fs::path& ba
     return manifest;
 }
 
-bool addToManifest(int backupFolder, const QVOSVolume& volume, std::string_view operation,
+bool addToManifest(int backupFolder, const Volume& volume, std::string_view operation,
                    const std::vector<BackupItem>& items,
                    std::chrono::system_clock::time_point now) {
     const auto bytes = readFileAt(backupFolder, std::string(kBackupManifestName), kMaxManifestSize);
-    const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(Error{});
     auto existing = plist ? manifestOf(*plist) : std::unexpected(std::string());
     BackupManifest manifest = existing ? std::move(*existing)
                                        : BackupManifest{volume.mountPoint(),
@@ -401,7 +401,7 @@ std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>&
     return found;
 }
 
-std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::string& kextPath) {
+std::optional<std::string> stagedCopyOf(const Volume& volume, const std::string& kextPath) {
     const std::string staged = std::string(kStagedExtensionsFolder) + kextPath;
     const auto place = openParentOn(volume, staged);
     const auto listed = place ? listedNameAt(place->first.get(), place->second) : std::nullopt;
@@ -412,7 +412,7 @@ std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::str
 
 namespace {
 
-RescueOutcome backUpKexts(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome backUpKexts(const Volume& volume, const std::vector<std::string>& kexts,
                           const std::string& backupFolder, std::string_view operation,
                           std::chrono::system_clock::time_point now, bool move) {
     const auto lock = beginKextChanges(volume);
@@ -431,20 +431,20 @@ RescueOutcome backUpKexts(const QVOSVolume& volume, const std::vector<std::strin
 
 } // namespace
 
-RescueOutcome moveKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome moveKextsToBackup(const Volume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now) {
     return backUpKexts(volume, kexts, backupFolder, operation, now, true);
 }
 
-RescueOutcome copyKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome copyKextsToBackup(const Volume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now) {
     return backUpKexts(volume, kexts, backupFolder, operation, now, false);
 }
 
 std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path& backupFolder,
-                                                                 const QVOSVolume& volume) {
+                                                                 const Volume& volume) {
     const auto manifest = readBackupManifest(backupFolder);
     if (!manifest)
         return std::unexpected(manifest.error());
@@ -457,7 +457,7 @@ std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path&
 }
 
 std::expected<RescueOutcome, std::string>
-restoreKextsFromBackup(const fs::path& backupFolder, const QVOSVolume& volume,
+restoreKextsFromBackup(const fs::path& backupFolder, const Volume& volume,
                        const std::string& replacedBackupFolder,
                        std::chrono::system_clock::time_point now) {
     const auto lock = beginKextChanges(volume);
@@ -471,7 +471,7 @@ restoreKextsFromBackup(const fs::path& backupFolder, const QVOSVolume& volume,
 }
 
 std::expected<RescueOutcome, std::string>
-takeBackPlacedKexts(const QVOSVolume& volume, const std::vector<std::string>& placed,
+takeBackPlacedKexts(const Volume& volume, const std::vector<std::string>& placed,
                     const std::string& replacedBackup, const std::string& backupFolder,
                     std::chrono::system_clock::time_point now) {
     const auto lock = beginKextChanges(volume);

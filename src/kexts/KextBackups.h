@@ -3,7 +3,7 @@
 #pragma once
 
 #include "kexts/KextCatalog.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <chrono>
 #include <expected>
@@ -62,8 +62,8 @@ readBackupManifest(const std::filesystem::path& backupFolder);
 
 /// Adds kexts copied into the open backup folder to its manifest, made when it has none: so
 /// that backups made by the helper's backup operation can be restored too.
-[[nodiscard]] bool addToManifest(int backupFolder, const QVOSVolume& volume,
-                                 std::string_view operation, const std::vector<BackupItem>& items,
+[[nodiscard]] bool addToManifest(int backupFolder, const Volume& volume, std::string_view operation,
+                                 const std::vector<BackupItem>& items,
                                  std::chrono::system_clock::time_point now);
 
 /// A backup folder path that does not exist yet: root + the compact timestamp of now, with
@@ -78,18 +78,18 @@ std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>&
 
 /// The path of the kext's staged copy ("/Library/StagedExtensions/Library/Extensions/X.kext")
 /// when the volume has one.
-std::optional<std::string> stagedCopyOf(const QVOSVolume& volume, const std::string& kextPath);
+std::optional<std::string> stagedCopyOf(const Volume& volume, const std::string& kextPath);
 
 /// Moves each kext (a path on the volume such as "/Library/Extensions/X.kext") into
 /// backupFolder, which is made (owner 501, group 80, mode 755) and must not exist yet; its
 /// manifest records operation. A kext that cannot be moved whole stays where it was.
-RescueOutcome moveKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome moveKextsToBackup(const Volume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now);
 
 /// Copies each kext into backupFolder as moveKextsToBackup would move it: for kexts about to
 /// be replaced.
-RescueOutcome copyKextsToBackup(const QVOSVolume& volume, const std::vector<std::string>& kexts,
+RescueOutcome copyKextsToBackup(const Volume& volume, const std::vector<std::string>& kexts,
                                 const std::string& backupFolder, std::string_view operation,
                                 std::chrono::system_clock::time_point now);
 
@@ -101,20 +101,20 @@ struct RestoreStep {
 
 /// What restoring the backup onto the volume would do, changing nothing.
 [[nodiscard]] std::expected<std::vector<RestoreStep>, std::string>
-planRestore(const std::filesystem::path& backupFolder, const QVOSVolume& volume);
+planRestore(const std::filesystem::path& backupFolder, const Volume& volume);
 
 /// Puts the kexts of backupFolder back onto the volume where they came from, owned by 0:0 with
 /// mode 755, through a hidden staging name so that a failed copy changes nothing. What they
 /// replace is first moved into replacedBackupFolder (made only then). The backup stays whole.
 [[nodiscard]] std::expected<RescueOutcome, std::string>
-restoreKextsFromBackup(const std::filesystem::path& backupFolder, const QVOSVolume& volume,
+restoreKextsFromBackup(const std::filesystem::path& backupFolder, const Volume& volume,
                        const std::string& replacedBackupFolder,
                        std::chrono::system_clock::time_point now);
 
 /// Moves the kexts an installation or restore put in place into backupFolder, then puts back
 /// what it replaced from its own backup, when it made one: how such an operation is undone.
 [[nodiscard]] std::expected<RescueOutcome, std::string>
-takeBackPlacedKexts(const QVOSVolume& volume, const std::vector<std::string>& placed,
+takeBackPlacedKexts(const Volume& volume, const std::vector<std::string>& placed,
                     const std::string& replacedBackup, const std::string& backupFolder,
                     std::chrono::system_clock::time_point now);
 

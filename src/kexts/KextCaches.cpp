@@ -50,16 +50,16 @@ std::vector<std::string> stringsOf(const PlistValue& value) {
     return strings;
 }
 
-std::optional<PlistValue> readBootCaches(const QVOSVolume& volume) {
+std::optional<PlistValue> readBootCaches(const Volume& volume) {
     const UniqueFd folder = openFolderOn(volume, "/usr/standalone");
     const auto bytes =
         folder ? readFileAt(folder.get(), "bootcaches.plist", kMaxBootCachesSize) : std::nullopt;
-    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(Error{});
     return plist ? std::optional(std::move(*plist)) : std::nullopt;
 }
 
 /// The newest modification time among the volume's kernel caches; zero when there is none.
-timespec newestKernelCache(const QVOSVolume& volume, const PlistValue::Dict* entry) {
+timespec newestKernelCache(const Volume& volume, const PlistValue::Dict* entry) {
     std::vector<std::string> caches(kKnownKernelCaches.begin(), kKnownKernelCaches.end());
     if (entry)
         if (const auto found = entry->find("Path"); found != entry->end() && found->second.string())
@@ -88,7 +88,7 @@ std::vector<std::string> kernelCacheFolders(const PlistValue& bootCaches) {
     return folders;
 }
 
-bool rebuildCaches(const QVOSVolume& volume) {
+bool rebuildCaches(const Volume& volume) {
     if (!isCleanAbsolutePath(volume.mountPoint()))
         return false;
     const auto lock = VolumeLock::acquire(volume.mountPoint());
@@ -125,7 +125,7 @@ bool rebuildCaches(const QVOSVolume& volume) {
     return marked > 0;
 }
 
-std::optional<std::string> auxiliaryCollectionNotice(const QVOSVolume& volume) {
+std::optional<std::string> auxiliaryCollectionNotice(const Volume& volume) {
     if (!volume.isSealed())
         return std::nullopt;
     return "macOS " + volume.version().value_or("11 or later") +
@@ -136,7 +136,7 @@ std::optional<std::string> auxiliaryCollectionNotice(const QVOSVolume& volume) {
            "macOS 11 and 12) and restart.";
 }
 
-std::optional<std::string> auxiliaryCollectionRemovalNotice(const QVOSVolume& volume) {
+std::optional<std::string> auxiliaryCollectionRemovalNotice(const Volume& volume) {
     if (!volume.isSealed())
         return std::nullopt;
     return "The auxiliary kernel collection still holds the removed kexts, and macOS loads "

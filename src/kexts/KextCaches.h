@@ -2,7 +2,7 @@
 #pragma once
 
 #include "support/PropertyList.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <optional>
 #include <string>
@@ -20,14 +20,14 @@ std::vector<std::string> kernelCacheFolders(const PlistValue& bootCaches);
 /// is built from gets a modification time later than both now and the newest kernel cache on
 /// the volume, so that a clock running behind cannot hide the change. True when at least one
 /// folder was marked and none failed.
-bool rebuildCaches(const QVOSVolume& volume);
+bool rebuildCaches(const Volume& volume);
 
 /// What a user must know after changing the kexts of macOS 11 or later, which loads
 /// third-party kexts only from an auxiliary kernel collection that it rebuilds itself; nothing
 /// for earlier versions.
-std::optional<std::string> auxiliaryCollectionNotice(const QVOSVolume& volume);
+std::optional<std::string> auxiliaryCollectionNotice(const Volume& volume);
 
 /// The same after taking kexts off: the old collection still holds them.
-std::optional<std::string> auxiliaryCollectionRemovalNotice(const QVOSVolume& volume);
+std::optional<std::string> auxiliaryCollectionRemovalNotice(const Volume& volume);
 
 } // namespace quelm

@@ -45,7 +45,7 @@ bool treeIsRight(int folder, int depth) {
 
 std::optional<PlistValue::Dict> readDictionaryAt(int folder, const std::string& name) {
     const auto bytes = readFileAt(folder, name, kMaxInfoPlistSize);
-    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(PlistError{});
+    auto plist = bytes ? parsePlist(*bytes) : std::unexpected(Error{});
     if (!plist || !plist->dict())
         return std::nullopt;
     return *plist->dict();
@@ -79,18 +79,17 @@ std::vector<std::string> kextNamesIn(int folder) {
     return names;
 }
 
-std::optional<std::expected<MachOFile, MachOError>> readExecutable(const KextBundle& kext,
-                                                                   int infoFolder) {
+std::optional<std::expected<MachOFile, Error>> readExecutable(const KextBundle& kext,
+                                                              int infoFolder) {
     const std::string executable = kext.infoString("CFBundleExecutable");
     if (executable.empty())
         return std::nullopt;
     if (!isPlainFileName(executable))
-        return std::unexpected(MachOError{"names no file"});
+        return std::unexpected(Error{"names no file"});
     if (kext.flat)
         return readMachOAt(infoFolder, executable);
     const UniqueFd code = openFolderAt(infoFolder, "MacOS");
-    return code ? readMachOAt(code.get(), executable)
-                : std::unexpected(MachOError{"cannot be opened"});
+    return code ? readMachOAt(code.get(), executable) : std::unexpected(Error{"cannot be opened"});
 }
 
 KextBundle readBundle(int parent, const std::string& name, const std::string& path, int depth) {
@@ -170,7 +169,7 @@ std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std
     return infoFolder ? readDictionaryAt(infoFolder.get(), name) : std::nullopt;
 }
 
-std::vector<KextBundle> installedKexts(const QVOSVolume& volume) {
+std::vector<KextBundle> installedKexts(const Volume& volume) {
     std::vector<KextBundle> kexts;
     for (const auto folder : kExtensionsFolders) {
         const UniqueFd opened = openFolderOn(volume, folder);

@@ -5,7 +5,7 @@
 #include "kexts/MachO.h"
 #include "support/FolderTrees.h"
 #include "support/PropertyList.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <array>
 #include <expected>
@@ -35,7 +35,7 @@ struct KextBundle {
     /// Its Info.plist; nothing when it cannot be read as a dictionary.
     std::optional<PlistValue::Dict> info;
     /// The code its CFBundleExecutable names; nothing when it names none.
-    std::optional<std::expected<MachOFile, MachOError>> executable;
+    std::optional<std::expected<MachOFile, Error>> executable;
     /// Every item owned by 0:0, every folder 755, every file 755 or 644.
     bool ownersAndModesRight = false;
     bool hasCodeSignature = false;
@@ -74,7 +74,7 @@ std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std
 
 /// The kexts in the volume's extensions folders, folder by folder in name order, each with its
 /// plug-ins. A missing folder has none.
-std::vector<KextBundle> installedKexts(const QVOSVolume& volume);
+std::vector<KextBundle> installedKexts(const Volume& volume);
 
 /// The kexts and, beneath each, its plug-ins, as one list.
 std::vector<const KextBundle*> withPlugIns(const std::vector<KextBundle>& kexts);

@@ -126,7 +126,7 @@ std::vector<std::string> kextCheckFailures(const KextBundle& kext,
 }
 
 std::vector<std::vector<std::string>> checkKexts(const std::vector<std::string>& paths,
-                                                 const std::optional<QVOSVolume>& volume) {
+                                                 const std::optional<Volume>& volume) {
     std::vector<std::optional<KextBundle>> bundles;
     auto available = volume ? installedKexts(*volume) : std::vector<KextBundle>{};
     for (const auto& path : paths)

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kexts/KextCatalog.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <optional>
 #include <string>
@@ -25,6 +25,6 @@ std::vector<std::string> kextCheckFailures(const KextBundle& kext,
 /// on the volume, when one is given, and the job's own kexts, which will be there too. A path
 /// that is no bundle folder fails with one sentence.
 std::vector<std::vector<std::string>> checkKexts(const std::vector<std::string>& paths,
-                                                 const std::optional<QVOSVolume>& volume);
+                                                 const std::optional<Volume>& volume);
 
 } // namespace quelm

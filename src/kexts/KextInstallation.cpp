@@ -3,8 +3,8 @@
 
 #include "kexts/KextBackups.h"
 #include "kexts/KextCatalog.h"
+#include "kexts/KextFolder.h"
 #include "kexts/KextSwaps.h"
-#include "kexts/QVKernelExtensionFolder.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
 #include "support/PathValidation.h"
@@ -25,8 +25,7 @@ constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
 /// The folder holding the kext's bundle, checked without following a link: a link named like
 /// a kext must not make root copy what it points to.
-std::expected<UserPathParent, std::string> openSource(const QVKernelExtension& kext,
-                                                      const Reader* reader) {
+std::expected<UserPathParent, std::string> openSource(const Kext& kext, const Reader* reader) {
     auto place = openUserPathParent(kext.path());
     struct stat folder {};
     if (!place || ::fstat(place->folder.get(), &folder) != 0)
@@ -48,9 +47,8 @@ std::string keptText(const std::string& name, const SwapFailure& failure) {
                                         ", which the next Quelm command puts back";
 }
 
-std::expected<void, std::string> installOne(const QVKernelExtension& kext,
-                                            const std::string& folderPath, const QVOSVolume& volume,
-                                            const Reader* reader) {
+std::expected<void, std::string> installOne(const Kext& kext, const std::string& folderPath,
+                                            const Volume& volume, const Reader* reader) {
     if (!isInstallableKext(kext))
         return std::unexpected("it is not a .kext bundle given by a whole path");
     const auto source = openSource(kext, reader);
@@ -82,8 +80,8 @@ std::expected<void, std::string> installOne(const QVKernelExtension& kext,
 }
 
 /// The name the kext was backed up under; nothing when it was not.
-std::optional<std::string> backupOne(const QVKernelExtension& kext, const std::string& installedIn,
-                                     const QVOSVolume& volume, int backupFolder) {
+std::optional<std::string> backupOne(const Kext& kext, const std::string& installedIn,
+                                     const Volume& volume, int backupFolder) {
     const std::string name = kext.name();
     const UniqueFd installed = openFolderOn(volume, installedIn, std::nullopt);
     const auto listed =
@@ -96,8 +94,7 @@ std::optional<std::string> backupOne(const QVKernelExtension& kext, const std::s
 
 } // namespace
 
-std::optional<std::string> installationRefusal(const QVOSVolume& volume,
-                                               const std::string& folder) {
+std::optional<std::string> installationRefusal(const Volume& volume, const std::string& folder) {
     if (!isVolumeFolder(folder))
         return folder + " is not a folder of the volume such as /Library/Extensions/";
     if (auto refusal = folderRefusal(folder, volume))
@@ -105,15 +102,15 @@ std::optional<std::string> installationRefusal(const QVOSVolume& volume,
     return writeRefusal(volume, folder);
 }
 
-bool isInstallableKext(const QVKernelExtension& kext) {
+bool isInstallableKext(const Kext& kext) {
     const std::string path = kext.path();
     return isCleanAbsolutePath(path) && isPlainFileName(kext.name()) &&
            kext.url().pathExtension() == "kext";
 }
 
-std::vector<InstallFailure> installKexts(const std::vector<QVKernelExtension>& kexts,
-                                         const std::string& destinationFolder,
-                                         const QVOSVolume& volume, const Reader* reader) {
+std::vector<InstallFailure> installKexts(const std::vector<Kext>& kexts,
+                                         const std::string& destinationFolder, const Volume& volume,
+                                         const Reader* reader) {
     auto refusal = installationRefusal(volume, destinationFolder);
     std::optional<VolumeLock> lock;
     if (!refusal) {
@@ -133,11 +130,10 @@ std::vector<InstallFailure> installKexts(const std::vector<QVKernelExtension>& k
     return failed;
 }
 
-std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
-                                                       const std::string& destinationFolder,
-                                                       const QVOSVolume& volume,
-                                                       const Reader* reader) {
-    std::vector<QVKernelExtension> failed;
+std::vector<Kext> installKernelExtensions(const std::vector<Kext>& kexts,
+                                          const std::string& destinationFolder,
+                                          const Volume& volume, const Reader* reader) {
+    std::vector<Kext> failed;
     for (auto& failure : installKexts(kexts, destinationFolder, volume, reader)) {
         logLine("KextInstallation::Error: " + failure.kext.name() + ": " + failure.reason);
         failed.push_back(std::move(failure.kext));
@@ -145,11 +141,10 @@ std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKerne
     return failed;
 }
 
-std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernelExtension>& kexts,
-                                                      const std::string& installedInFolder,
-                                                      const QVOSVolume& volume,
-                                                      const std::string& destinationFolder,
-                                                      std::chrono::system_clock::time_point now) {
+std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
+                                         const std::string& installedInFolder, const Volume& volume,
+                                         const std::string& destinationFolder,
+                                         std::chrono::system_clock::time_point now) {
     if (kexts.empty())
         return {};
     const std::string backupPath = destinationFolder + compactTimestamp(now) + "/";
@@ -158,7 +153,7 @@ std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernel
     const UniqueFd backupFolder = openFolderBelow("/", backupPath, kBackupAttributes);
     if (!backupFolder)
         return kexts;
-    std::vector<QVKernelExtension> failed;
+    std::vector<Kext> failed;
     std::vector<BackupItem> saved;
     for (const auto& kext : kexts) {
         if (const auto name = backupOne(kext, installedInFolder, volume, backupFolder.get()))

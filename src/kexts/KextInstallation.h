@@ -1,9 +1,9 @@
 // Backing up and installing kext bundles on a volume: the privileged file operations.
 #pragma once
 
-#include "kexts/QVKernelExtension.h"
+#include "kexts/Kext.h"
 #include "support/FolderTrees.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <chrono>
 #include <optional>
@@ -14,7 +14,7 @@ namespace quelm {
 
 /// A kext that was not installed, and why, in words that also say what was kept.
 struct InstallFailure {
-    QVKernelExtension kext;
+    Kext kext;
     std::string reason;
 };
 
@@ -26,33 +26,31 @@ struct InstallFailure {
 /// included, and with a reader only what that user may read is copied. The volume's lock is
 /// held throughout, and what an interrupted run left is put right first. Returns the kexts
 /// that failed, in list order: all of them when installationRefusal answers.
-std::vector<InstallFailure> installKexts(const std::vector<QVKernelExtension>& kexts,
-                                         const std::string& destinationFolder,
-                                         const QVOSVolume& volume, const Reader* reader = nullptr);
+std::vector<InstallFailure> installKexts(const std::vector<Kext>& kexts,
+                                         const std::string& destinationFolder, const Volume& volume,
+                                         const Reader* reader = nullptr);
 
 /// The same, logging each failure with its reason: the helper's operation, whose reply names
 /// the kexts only.
-std::vector<QVKernelExtension> installKernelExtensions(const std::vector<QVKernelExtension>& kexts,
-                                                       const std::string& destinationFolder,
-                                                       const QVOSVolume& volume,
-                                                       const Reader* reader = nullptr);
+std::vector<Kext> installKernelExtensions(const std::vector<Kext>& kexts,
+                                          const std::string& destinationFolder,
+                                          const Volume& volume, const Reader* reader = nullptr);
 
 /// Copies each kext found at mount point + installedInFolder + its name into
 /// destinationFolder + the compact timestamp of now, a folder made with owner 501, group 80
 /// and mode 755. Returns the kexts that failed; all of them when the folder cannot be made.
-std::vector<QVKernelExtension> backupKernelExtensions(const std::vector<QVKernelExtension>& kexts,
-                                                      const std::string& installedInFolder,
-                                                      const QVOSVolume& volume,
-                                                      const std::string& destinationFolder,
-                                                      std::chrono::system_clock::time_point now);
+std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
+                                         const std::string& installedInFolder, const Volume& volume,
+                                         const std::string& destinationFolder,
+                                         std::chrono::system_clock::time_point now);
 
 /// Why nothing may be installed into folder of the volume, in one sentence: a folder that is
 /// not one, a system folder that the volume's macOS keeps read-only, a volume that cannot be
 /// written as root. Nothing when installing may go ahead.
-std::optional<std::string> installationRefusal(const QVOSVolume& volume, const std::string& folder);
+std::optional<std::string> installationRefusal(const Volume& volume, const std::string& folder);
 
 /// Whether the installation accepts the kext as a source: its path is clean and absolute and
 /// its name a plain file name ending in ".kext".
-bool isInstallableKext(const QVKernelExtension& kext);
+bool isInstallableKext(const Kext& kext);
 
 } // namespace quelm

@@ -78,7 +78,7 @@ void removeLeftover(int folder, const std::string& entry) {
         logLine("KextSwaps::Error: Unable to remove " + entry);
 }
 
-void recoverBelow(const QVOSVolume& volume, const std::string& folder) {
+void recoverBelow(const Volume& volume, const std::string& folder) {
     const UniqueFd opened = openFolderOn(volume, folder);
     if (opened)
         recoverLeftovers(opened.get());
@@ -120,7 +120,7 @@ void recoverLeftovers(int folder) {
     }
 }
 
-std::expected<VolumeLock, std::string> beginKextChanges(const QVOSVolume& volume) {
+std::expected<VolumeLock, std::string> beginKextChanges(const Volume& volume) {
     auto lock = VolumeLock::acquire(volume.mountPoint());
     if (!lock)
         return lock;

@@ -25,8 +25,8 @@ constexpr std::size_t kFatArch64Size = 32;
 /// their version here, which is 45 or more.
 constexpr std::uint32_t kMaxFatSlices = 32;
 
-std::unexpected<MachOError> refuse(std::string message) {
-    return std::unexpected(MachOError{std::move(message)});
+std::unexpected<Error> refuse(std::string message) {
+    return std::unexpected(Error{std::move(message)});
 }
 
 std::uint32_t swapped(std::uint32_t value) {
@@ -62,8 +62,8 @@ private:
     bool is64_;
 };
 
-std::expected<MachOSlice, MachOError> readThin(const ByteSource& source, std::uint64_t offset,
-                                               std::uint64_t size) {
+std::expected<MachOSlice, Error> readThin(const ByteSource& source, std::uint64_t offset,
+                                          std::uint64_t size) {
     const auto bytes = source(offset, std::min<std::uint64_t>(size, kHeaderSize64));
     const auto header = bytes ? ThinHeader::of(ByteSlice(*bytes)) : std::nullopt;
     if (!header)
@@ -108,8 +108,8 @@ std::optional<FatEntry> fatEntry(ByteSlice table, std::size_t index, bool wide) 
                     *size};
 }
 
-std::expected<MachOFile, MachOError> readFat(const ByteSource& source, std::uint64_t size,
-                                             std::uint32_t count, bool wide) {
+std::expected<MachOFile, Error> readFat(const ByteSource& source, std::uint64_t size,
+                                        std::uint32_t count, bool wide) {
     if (count == 0 || count > kMaxFatSlices)
         return refuse("not a Mach-O file: its fat header lists " + std::to_string(count) +
                       " architectures");
@@ -141,7 +141,7 @@ bool MachOFile::hasX86_64() const {
                                [](const MachOSlice& s) { return s.cpuType == kCpuTypeX86_64; });
 }
 
-std::expected<MachOFile, MachOError> readMachO(const ByteSource& source, std::uint64_t size) {
+std::expected<MachOFile, Error> readMachO(const ByteSource& source, std::uint64_t size) {
     const auto head = source(0, std::min<std::uint64_t>(size, kFatHeaderSize));
     const auto magic = head ? ByteSlice(*head).u32(0) : std::nullopt;
     if (!magic)
@@ -158,7 +158,7 @@ std::expected<MachOFile, MachOError> readMachO(const ByteSource& source, std::ui
     return MachOFile{false, {*slice}};
 }
 
-std::expected<MachOFile, MachOError> parseMachO(std::string_view bytes) {
+std::expected<MachOFile, Error> parseMachO(std::string_view bytes) {
     const ByteSource source = [bytes](std::uint64_t offset,
                                       std::size_t length) -> std::optional<std::string> {
         if (offset > bytes.size() || length > bytes.size() - offset)
@@ -168,7 +168,7 @@ std::expected<MachOFile, MachOError> parseMachO(std::string_view bytes) {
     return readMachO(source, bytes.size());
 }
 
-std::expected<MachOFile, MachOError> readMachOAt(int folder, const std::string& name) {
+std::expected<MachOFile, Error> readMachOAt(int folder, const std::string& name) {
     const UniqueFd file(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat info {};
     if (!file || ::fstat(file.get(), &info) != 0)

@@ -16,8 +16,8 @@ constexpr std::size_t smallNodeSize = 128;
 constexpr std::size_t entriesPerNode = (nodeSize - 12) / 8;
 constexpr std::uint16_t architecture = 0x000f;
 
-std::unexpected<BomWriteError> failure(std::string message) {
-    return std::unexpected(BomWriteError{std::move(message)});
+std::unexpected<Error> failure(std::string message) {
+    return std::unexpected(Error{std::move(message)});
 }
 
 void putU8(std::string& out, std::uint8_t value) {
@@ -65,7 +65,7 @@ public:
     std::uint32_t nextId() const { return static_cast<std::uint32_t>(blocks_.size()); }
 
     /// The whole file: variables and block table appended, header filled in.
-    std::expected<std::string, BomWriteError>
+    std::expected<std::string, Error>
     finish(const std::vector<std::pair<std::string, std::uint32_t>>& variables);
 
 private:
@@ -77,7 +77,7 @@ private:
     std::vector<Block> blocks_;
 };
 
-std::expected<std::string, BomWriteError>
+std::expected<std::string, Error>
 BlockFile::finish(const std::vector<std::pair<std::string, std::uint32_t>>& variables) {
     const std::size_t variablesOffset = bytes_.size();
     putU32(bytes_, static_cast<std::uint32_t>(variables.size()));
@@ -192,8 +192,7 @@ std::uint32_t addAttributes(BlockFile& file, const BomRecord& record) {
 }
 
 /// The path id of each record's parent, 0 for "."; the error names the record at fault.
-std::expected<std::vector<std::uint32_t>, BomWriteError>
-parentIds(std::span<const BomRecord> records) {
+std::expected<std::vector<std::uint32_t>, Error> parentIds(std::span<const BomRecord> records) {
     if (records.empty() || records.front().path != ".")
         return failure("the first path must be \".\", the root of the volume");
     std::unordered_map<std::string_view, std::uint32_t> ids;
@@ -275,7 +274,7 @@ std::expected<BomRecord, std::string> parseLine(std::string_view line) {
 
 } // namespace
 
-std::expected<std::string, BomWriteError> writeBom(std::span<const BomRecord> records) {
+std::expected<std::string, Error> writeBom(std::span<const BomRecord> records) {
     const auto parents = parentIds(records);
     if (!parents)
         return std::unexpected(parents.error());
@@ -318,7 +317,7 @@ std::expected<std::string, BomWriteError> writeBom(std::span<const BomRecord> re
                         {"Size64", sizes}});
 }
 
-std::expected<std::vector<BomRecord>, BomWriteError> parseListing(std::string_view text) {
+std::expected<std::vector<BomRecord>, Error> parseListing(std::string_view text) {
     std::vector<BomRecord> records;
     for (std::size_t lineNumber = 1; !text.empty(); ++lineNumber) {
         const std::size_t end = text.find('\n');

@@ -1,6 +1,8 @@
 // The BOM store writer, and the text listing both the writer and the lister speak.
 #pragma once
 
+#include "support/Error.h"
+
 #include <cstdint>
 #include <expected>
 #include <span>
@@ -31,18 +33,12 @@ struct BomRecord {
     bool operator==(const BomRecord&) const = default;
 };
 
-struct BomWriteError {
-    std::string message;
-};
-
 /// A complete BOMStore file listing records in the given order: "." first, each directory
 /// before its contents. Refuses records whose parent is not listed before them.
-[[nodiscard]] std::expected<std::string, BomWriteError>
-writeBom(std::span<const BomRecord> records);
+[[nodiscard]] std::expected<std::string, Error> writeBom(std::span<const BomRecord> records);
 
 /// Parses a whole listing; the error names the line at fault.
-[[nodiscard]] std::expected<std::vector<BomRecord>, BomWriteError>
-parseListing(std::string_view text);
+[[nodiscard]] std::expected<std::vector<BomRecord>, Error> parseListing(std::string_view text);
 
 /// Appends one listing line, with its line break, to out.
 void appendListingLine(std::string& out, std::string_view path, std::uint16_t mode,

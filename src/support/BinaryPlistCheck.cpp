@@ -21,8 +21,8 @@ constexpr std::uint8_t kUtf16String = 0x6;
 constexpr std::uint8_t kArray = 0xA;
 constexpr std::uint8_t kDict = 0xD;
 
-std::unexpected<PlistError> refuse(PlistError::Kind kind, std::string message) {
-    return std::unexpected(PlistError{kind, "binary property list " + std::move(message)});
+std::unexpected<Error> refuse(ErrorKind kind, std::string message) {
+    return std::unexpected(Error{"binary property list " + std::move(message), kind});
 }
 
 /// An unsigned big-endian integer of width bytes (1 to 8).
@@ -124,7 +124,7 @@ public:
         : bytes_(bytes), trailer_(trailer), seen_(trailer.count, Seen::no),
           budget_(plistReadBudget(bytes.size())) {}
 
-    std::expected<void, PlistError> run() {
+    std::expected<void, Error> run() {
         if (auto entered = enter(trailer_.root); !entered)
             return entered;
         while (!open_.empty()) {
@@ -152,33 +152,32 @@ private:
     };
 
     /// Takes the value at index one level below the open containers; opens it if a container.
-    std::expected<void, PlistError> enter(std::uint64_t index) {
+    std::expected<void, Error> enter(std::uint64_t index) {
         if (index >= trailer_.count)
-            return refuse(PlistError::Kind::malformed, "refers to a missing object");
+            return refuse(ErrorKind::invalid, "refers to a missing object");
         if (open_.size() >= kMaxPlistDepth)
-            return refuse(PlistError::Kind::unsupported, "is nested too deeply");
+            return refuse(ErrorKind::unsupported, "is nested too deeply");
         const auto [offset, marker] = *objectAt(bytes_, trailer_, index);
         const auto type = marker >> 4;
         if (type < kArray || type > kDict)
             return chargeContent(offset, marker);
         if (seen_[index] != Seen::no)
-            return refuse(PlistError::Kind::malformed, seen_[index] == Seen::open
-                                                           ? "holds a container inside itself"
-                                                           : "shares a container");
+            return refuse(ErrorKind::invalid, seen_[index] == Seen::open
+                                                  ? "holds a container inside itself"
+                                                  : "shares a container");
         return open(index, offset, marker);
     }
 
-    std::expected<void, PlistError> open(std::uint64_t index, std::size_t offset,
-                                         std::uint8_t marker) {
+    std::expected<void, Error> open(std::uint64_t index, std::size_t offset, std::uint8_t marker) {
         const auto length = objectLength(bytes_, offset, marker);
         const std::uint64_t refsPerEntry = (marker >> 4) == kDict ? 2 : 1;
         if (!length || length->first > bytes_.size() / (refsPerEntry * trailer_.refSize) ||
             !bytes_.slice(length->second, length->first * refsPerEntry * trailer_.refSize))
-            return refuse(PlistError::Kind::malformed, "has a container outside the file");
+            return refuse(ErrorKind::invalid, "has a container outside the file");
         // Each reference becomes a value of its own, even to an object already referred to.
         const std::uint64_t total = length->first * refsPerEntry;
         if (total > kMaxPlistValues - values_)
-            return refuse(PlistError::Kind::unsupported, "has too many values");
+            return refuse(ErrorKind::unsupported, "has too many values");
         values_ += total;
         if (auto charged = charge(total * kPlistValueCost); !charged)
             return charged;
@@ -189,19 +188,19 @@ private:
 
     /// Charges what a string or data object decodes to: a UTF-16 unit takes up to three bytes
     /// of UTF-8.
-    std::expected<void, PlistError> chargeContent(std::size_t offset, std::uint8_t marker) {
+    std::expected<void, Error> chargeContent(std::size_t offset, std::uint8_t marker) {
         const auto type = marker >> 4;
         if (type != kData && type != kAsciiString && type != kUtf16String)
             return {};
         const auto content = contentOf(bytes_, offset, marker);
         if (!content)
-            return refuse(PlistError::Kind::malformed, "has a value outside the file");
+            return refuse(ErrorKind::invalid, "has a value outside the file");
         return charge(type == kUtf16String ? content->size() / 2 * 3 : content->size());
     }
 
-    std::expected<void, PlistError> charge(std::uint64_t bytes) {
+    std::expected<void, Error> charge(std::uint64_t bytes) {
         if (bytes > budget_ - spent_)
-            return refuse(PlistError::Kind::unsupported,
+            return refuse(ErrorKind::unsupported,
                           "would take more than " + std::to_string(budget_ >> 20) + " MiB to read");
         spent_ += bytes;
         return {};
@@ -252,7 +251,7 @@ public:
     ObjectReader(const ByteSlice& bytes, const Trailer& trailer)
         : bytes_(bytes), trailer_(trailer) {}
 
-    std::expected<PlistValue, PlistError> read(std::uint64_t index) const {
+    std::expected<PlistValue, Error> read(std::uint64_t index) const {
         const auto [offset, marker] = *objectAt(bytes_, trailer_, index);
         switch (marker >> 4) {
         case 0x0:
@@ -273,26 +272,25 @@ public:
         case kDict:
             return readDict(offset, marker);
         }
-        return refuse(PlistError::Kind::unsupported, "holds an unsupported value type");
+        return refuse(ErrorKind::unsupported, "holds an unsupported value type");
     }
 
 private:
-    std::expected<PlistValue, PlistError> readInteger(std::size_t offset,
-                                                      std::uint8_t marker) const {
+    std::expected<PlistValue, Error> readInteger(std::size_t offset, std::uint8_t marker) const {
         const std::size_t width = std::size_t{1} << (marker & 0xF);
         const auto value = width <= 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
         if (!value)
-            return refuse(PlistError::Kind::unsupported, "holds an unreadable integer");
+            return refuse(ErrorKind::unsupported, "holds an unreadable integer");
         // Narrower integers are unsigned; eight bytes hold a signed one.
         return PlistValue(static_cast<std::int64_t>(*value));
     }
 
-    std::expected<PlistValue, PlistError> readReal(std::size_t offset, std::uint8_t marker) const {
+    std::expected<PlistValue, Error> readReal(std::size_t offset, std::uint8_t marker) const {
         const std::size_t width = std::size_t{1} << (marker & 0xF);
         const auto bits =
             width == 4 || width == 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
         if (!bits || (marker >> 4 == 0x3 && width != 8))
-            return refuse(PlistError::Kind::unsupported, "holds an unreadable real or date");
+            return refuse(ErrorKind::unsupported, "holds an unreadable real or date");
         const double value = width == 4 ? std::bit_cast<float>(static_cast<std::uint32_t>(*bits))
                                         : std::bit_cast<double>(*bits);
         if (marker >> 4 == 0x3)
@@ -300,10 +298,10 @@ private:
         return PlistValue(value);
     }
 
-    std::expected<PlistValue, PlistError> readBytes(std::size_t offset, std::uint8_t marker) const {
+    std::expected<PlistValue, Error> readBytes(std::size_t offset, std::uint8_t marker) const {
         const auto content = contentOf(bytes_, offset, marker);
         if (!content)
-            return refuse(PlistError::Kind::malformed, "has a value outside the file");
+            return refuse(ErrorKind::invalid, "has a value outside the file");
         if (marker >> 4 == kUtf16String)
             return PlistValue(utf8FromUtf16(*content, content->size() / 2));
         const std::string_view raw = content->bytes();
@@ -312,7 +310,7 @@ private:
         return PlistValue(PlistValue::Data(raw.begin(), raw.end()));
     }
 
-    std::expected<PlistValue, PlistError> readArray(std::size_t offset, std::uint8_t marker) const {
+    std::expected<PlistValue, Error> readArray(std::size_t offset, std::uint8_t marker) const {
         const auto [count, refs] = *objectLength(bytes_, offset, marker);
         PlistValue::Array items;
         items.reserve(count);
@@ -325,7 +323,7 @@ private:
         return PlistValue(std::move(items));
     }
 
-    std::expected<PlistValue, PlistError> readDict(std::size_t offset, std::uint8_t marker) const {
+    std::expected<PlistValue, Error> readDict(std::size_t offset, std::uint8_t marker) const {
         const auto [count, refs] = *objectLength(bytes_, offset, marker);
         PlistValue::Dict entries;
         for (std::uint64_t i = 0; i < count; ++i) {
@@ -333,7 +331,7 @@ private:
             if (!key)
                 return key;
             if (!key->string())
-                return refuse(PlistError::Kind::malformed, "has a key that is not a string");
+                return refuse(ErrorKind::invalid, "has a key that is not a string");
             auto value = read(reference(bytes_, trailer_, refs, count + i));
             if (!value)
                 return value;
@@ -348,23 +346,23 @@ private:
 
 } // namespace
 
-std::expected<void, PlistError> checkBinaryPlist(std::string_view text) {
+std::expected<void, Error> checkBinaryPlist(std::string_view text) {
     const ByteSlice bytes(text);
     const auto trailer = readTrailer(bytes);
     if (!trailer || !objectsAreSafe(bytes, *trailer))
-        return refuse(PlistError::Kind::malformed, "is damaged");
+        return refuse(ErrorKind::invalid, "is damaged");
     return StructureWalk(bytes, *trailer).run();
 }
 
-std::expected<BinaryPlistDocument, PlistError> BinaryPlistDocument::open(std::string_view text) {
+std::expected<BinaryPlistDocument, Error> BinaryPlistDocument::open(std::string_view text) {
     if (auto checked = checkBinaryPlist(text); !checked)
         return std::unexpected(checked.error());
     return BinaryPlistDocument(text, *readTrailer(ByteSlice(text)));
 }
 
-std::expected<PlistValue, PlistError> BinaryPlistDocument::read(Ref ref) const {
+std::expected<PlistValue, Error> BinaryPlistDocument::read(Ref ref) const {
     if (ref >= trailer_.count)
-        return refuse(PlistError::Kind::malformed, "refers to a missing object");
+        return refuse(ErrorKind::invalid, "refers to a missing object");
     const ByteSlice bytes(bytes_);
     return ObjectReader(bytes, trailer_).read(ref);
 }
@@ -397,7 +395,7 @@ std::optional<BinaryPlistDocument::Ref> BinaryPlistDocument::entry(Ref ref,
     return std::nullopt;
 }
 
-std::expected<PlistValue, PlistError> readBinaryPlist(std::string_view text) {
+std::expected<PlistValue, Error> readBinaryPlist(std::string_view text) {
     auto document = BinaryPlistDocument::open(text);
     if (!document)
         return std::unexpected(document.error());

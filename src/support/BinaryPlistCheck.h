@@ -16,7 +16,7 @@ namespace quelm {
 /// nested deeper than kMaxPlistDepth or more than kMaxPlistValues of them; a container reached
 /// twice, which is a cycle or a container that libplist would copy at every reference to it; a
 /// top object that would take more than plistReadBudget of the file's size to read.
-[[nodiscard]] std::expected<void, PlistError> checkBinaryPlist(std::string_view bytes);
+[[nodiscard]] std::expected<void, Error> checkBinaryPlist(std::string_view bytes);
 
 /// The trailer's fields: the sizes of offsets and references, the object count, the top
 /// object and where the offset table starts.
@@ -39,12 +39,11 @@ class BinaryPlistDocument {
 public:
     using Ref = std::uint64_t;
 
-    [[nodiscard]] static std::expected<BinaryPlistDocument, PlistError>
-    open(std::string_view bytes);
+    [[nodiscard]] static std::expected<BinaryPlistDocument, Error> open(std::string_view bytes);
 
     Ref top() const { return trailer_.root; }
     /// The value of the object, with everything it holds.
-    [[nodiscard]] std::expected<PlistValue, PlistError> read(Ref ref) const;
+    [[nodiscard]] std::expected<PlistValue, Error> read(Ref ref) const;
     /// The objects an array holds; none when ref is no array.
     std::optional<std::vector<Ref>> items(Ref ref) const;
     /// The value for key in a dictionary; none when ref is no dictionary or lacks the key.
@@ -59,6 +58,6 @@ private:
 };
 
 /// The whole value of a "bplist00" file that passes the checks above.
-[[nodiscard]] std::expected<PlistValue, PlistError> readBinaryPlist(std::string_view bytes);
+[[nodiscard]] std::expected<PlistValue, Error> readBinaryPlist(std::string_view bytes);
 
 } // namespace quelm

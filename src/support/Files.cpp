@@ -11,8 +11,8 @@
 namespace quelm {
 namespace {
 
-std::unexpected<FileError> failure(const std::filesystem::path& path, std::string_view what) {
-    return std::unexpected(FileError{path.string() + ": " + std::string(what)});
+std::unexpected<Error> failure(const std::filesystem::path& path, std::string_view what) {
+    return std::unexpected(Error{path.string() + ": " + std::string(what)});
 }
 
 } // namespace
@@ -29,8 +29,8 @@ bool writeAll(int fd, std::string_view bytes) {
     return true;
 }
 
-std::expected<std::string, FileError> readFileBytes(const std::filesystem::path& path,
-                                                    std::uintmax_t maxSize) {
+std::expected<std::string, Error> readFileBytes(const std::filesystem::path& path,
+                                                std::uintmax_t maxSize) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error))
         return failure(path, error ? error.message() : "not a regular file");
@@ -49,8 +49,8 @@ std::expected<std::string, FileError> readFileBytes(const std::filesystem::path&
     return bytes;
 }
 
-std::expected<void, FileError> writeFileAtomically(const std::filesystem::path& path,
-                                                   std::string_view bytes) {
+std::expected<void, Error> writeFileAtomically(const std::filesystem::path& path,
+                                               std::string_view bytes) {
     std::string temporary = path.parent_path() / ("." + path.filename().string() + ".XXXXXX");
     const int fd = ::mkstemp(temporary.data());
     if (fd < 0)

@@ -28,19 +28,19 @@ PlistValue::Dict KeyedArchiver::finish() && {
     return std::move(entries_);
 }
 
-std::expected<KeyedUnarchiver, ArchiveError>
+std::expected<KeyedUnarchiver, Error>
 KeyedUnarchiver::open(const PlistValue& archive,
                       std::initializer_list<std::string_view> allowedClasses) {
     const auto* entries = archive.dict();
     if (!entries)
-        return std::unexpected(ArchiveError{"archived object is not a dictionary"});
+        return std::unexpected(Error{"archived object is not a dictionary"});
     const auto* className = archive.stringForKey(kArchiveClassKey);
     if (!className)
-        return std::unexpected(ArchiveError{"archived object has no class name"});
+        return std::unexpected(Error{"archived object has no class name"});
     for (const auto allowed : allowedClasses)
         if (*className == allowed)
             return KeyedUnarchiver(*entries, *className);
-    return std::unexpected(ArchiveError{"class " + *className + " is not allowed here"});
+    return std::unexpected(Error{"class " + *className + " is not allowed here"});
 }
 
 const PlistValue* KeyedUnarchiver::entry(std::string_view key) const {
@@ -48,20 +48,20 @@ const PlistValue* KeyedUnarchiver::entry(std::string_view key) const {
     return found == entries_->end() ? nullptr : &found->second;
 }
 
-std::unexpected<ArchiveError> KeyedUnarchiver::mistyped(std::string_view key,
-                                                        std::string_view expected) const {
-    return std::unexpected(ArchiveError{className_ + ": \"" + std::string(key) + "\" is not " +
-                                        std::string(expected)});
+std::unexpected<Error> KeyedUnarchiver::mistyped(std::string_view key,
+                                                 std::string_view expected) const {
+    return std::unexpected(
+        Error{className_ + ": \"" + std::string(key) + "\" is not " + std::string(expected)});
 }
 
-std::expected<std::string, ArchiveError> KeyedUnarchiver::decodeString(std::string_view key) const {
+std::expected<std::string, Error> KeyedUnarchiver::decodeString(std::string_view key) const {
     const auto* value = entry(key);
     if (!value || !value->string())
         return mistyped(key, "a string");
     return *value->string();
 }
 
-std::expected<std::optional<std::string>, ArchiveError>
+std::expected<std::optional<std::string>, Error>
 KeyedUnarchiver::decodeOptionalString(std::string_view key) const {
     const auto* value = entry(key);
     if (!value)
@@ -71,8 +71,7 @@ KeyedUnarchiver::decodeOptionalString(std::string_view key) const {
     return std::optional<std::string>(*value->string());
 }
 
-std::expected<std::int64_t, ArchiveError>
-KeyedUnarchiver::decodeInteger(std::string_view key) const {
+std::expected<std::int64_t, Error> KeyedUnarchiver::decodeInteger(std::string_view key) const {
     const auto* value = entry(key);
     if (!value)
         return 0;
@@ -81,7 +80,7 @@ KeyedUnarchiver::decodeInteger(std::string_view key) const {
     return mistyped(key, "an integer");
 }
 
-std::expected<FileURL, ArchiveError> KeyedUnarchiver::decodeURL(std::string_view key) const {
+std::expected<FileURL, Error> KeyedUnarchiver::decodeURL(std::string_view key) const {
     const auto* value = entry(key);
     auto url =
         value && value->string() ? FileURL::fromAbsoluteString(*value->string()) : std::nullopt;

@@ -1,6 +1,7 @@
 // Keyed archives: an object as a dictionary of its class name under "$class" and its keys.
 #pragma once
 
+#include "support/Error.h"
 #include "support/FileURL.h"
 #include "support/PropertyList.h"
 
@@ -15,10 +16,6 @@
 namespace quelm {
 
 inline constexpr std::string_view kArchiveClassKey = "$class";
-
-struct ArchiveError {
-    std::string message;
-};
 
 /// Collects the keys of one object; an absent optional value writes no key at all.
 class KeyedArchiver {
@@ -40,27 +37,26 @@ private:
 class KeyedUnarchiver {
 public:
     /// Refuses anything that is not a dictionary whose "$class" is one of allowedClasses.
-    [[nodiscard]] static std::expected<KeyedUnarchiver, ArchiveError>
+    [[nodiscard]] static std::expected<KeyedUnarchiver, Error>
     open(const PlistValue& archive, std::initializer_list<std::string_view> allowedClasses);
 
     const std::string& className() const { return className_; }
 
     /// A string that must be present.
-    [[nodiscard]] std::expected<std::string, ArchiveError> decodeString(std::string_view key) const;
+    [[nodiscard]] std::expected<std::string, Error> decodeString(std::string_view key) const;
     /// A string that may be absent; present but of another type is an error.
-    [[nodiscard]] std::expected<std::optional<std::string>, ArchiveError>
+    [[nodiscard]] std::expected<std::optional<std::string>, Error>
     decodeOptionalString(std::string_view key) const;
     /// An integer; a missing key decodes as 0.
-    [[nodiscard]] std::expected<std::int64_t, ArchiveError>
-    decodeInteger(std::string_view key) const;
+    [[nodiscard]] std::expected<std::int64_t, Error> decodeInteger(std::string_view key) const;
     /// A file URL travelling as its absolute string; must be present.
-    [[nodiscard]] std::expected<FileURL, ArchiveError> decodeURL(std::string_view key) const;
+    [[nodiscard]] std::expected<FileURL, Error> decodeURL(std::string_view key) const;
 
 private:
     KeyedUnarchiver(const PlistValue::Dict& entries, std::string className)
         : entries_(&entries), className_(std::move(className)) {}
     const PlistValue* entry(std::string_view key) const;
-    std::unexpected<ArchiveError> mistyped(std::string_view key, std::string_view expected) const;
+    std::unexpected<Error> mistyped(std::string_view key, std::string_view expected) const;
 
     const PlistValue::Dict* entries_;
     std::string className_;
@@ -74,8 +70,7 @@ template <class T> PlistValue archive(const T& object) {
 }
 
 /// The object of class T from its archive, or why it was refused.
-template <class T>
-[[nodiscard]] std::expected<T, ArchiveError> unarchive(const PlistValue& archive) {
+template <class T> [[nodiscard]] std::expected<T, Error> unarchive(const PlistValue& archive) {
     auto coder = KeyedUnarchiver::open(archive, {T::className});
     if (!coder)
         return std::unexpected(coder.error());

@@ -19,17 +19,17 @@ struct NodeDeleter {
 };
 using Node = std::unique_ptr<void, NodeDeleter>;
 
-std::unexpected<PlistError> failure(PlistError::Kind kind, std::string message) {
-    return std::unexpected(PlistError{kind, std::move(message)});
+std::unexpected<Error> failure(ErrorKind kind, std::string message) {
+    return std::unexpected(Error{std::move(message), kind});
 }
 
 // The conversion recurses once per level; parsePlist refused lists nested deeper than
 // kMaxPlistDepth before libplist made these nodes.
-std::expected<PlistValue, PlistError> fromNode(plist_t node);
+std::expected<PlistValue, Error> fromNode(plist_t node);
 
 // The iterator walks the list once; a lookup by index in an array read from binary walks it
 // from the start each time.
-std::expected<PlistValue, PlistError> fromArrayNode(plist_t node) {
+std::expected<PlistValue, Error> fromArrayNode(plist_t node) {
     PlistValue::Array items;
     items.reserve(plist_array_get_size(node));
     plist_array_iter iter = nullptr;
@@ -47,7 +47,7 @@ std::expected<PlistValue, PlistError> fromArrayNode(plist_t node) {
     }
 }
 
-std::expected<PlistValue, PlistError> fromDictNode(plist_t node) {
+std::expected<PlistValue, Error> fromDictNode(plist_t node) {
     PlistValue::Dict entries;
     plist_dict_iter iter = nullptr;
     plist_dict_new_iter(node, &iter);
@@ -69,7 +69,7 @@ std::expected<PlistValue, PlistError> fromDictNode(plist_t node) {
     }
 }
 
-std::expected<PlistValue, PlistError> fromScalarNode(plist_t node) {
+std::expected<PlistValue, Error> fromScalarNode(plist_t node) {
     switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
         uint8_t value = 0;
@@ -106,13 +106,13 @@ std::expected<PlistValue, PlistError> fromScalarNode(plist_t node) {
         return PlistValue(PlistDate{sec + usec / 1e6});
     }
     default:
-        return failure(PlistError::Kind::unsupported, "unsupported property-list value type");
+        return failure(ErrorKind::unsupported, "unsupported property-list value type");
     }
 }
 
-std::expected<PlistValue, PlistError> fromNode(plist_t node) {
+std::expected<PlistValue, Error> fromNode(plist_t node) {
     if (!node)
-        return failure(PlistError::Kind::malformed, "missing property-list value");
+        return failure(ErrorKind::invalid, "missing property-list value");
     switch (plist_get_node_type(node)) {
     case PLIST_ARRAY:
         return fromArrayNode(node);
@@ -175,9 +175,9 @@ const std::string* PlistValue::stringForKey(std::string_view key) const {
     return entry ? entry->string() : nullptr;
 }
 
-std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes) {
+std::expected<PlistValue, Error> parsePlist(std::string_view bytes) {
     if (bytes.empty() || bytes.size() > kMaxPlistFileSize)
-        return failure(PlistError::Kind::malformed, "not a property list");
+        return failure(ErrorKind::invalid, "not a property list");
     // libplist took the binary parser for exactly this header, the XML one for anything else.
     if (bytes.starts_with("bplist00"))
         return readBinaryPlist(bytes);
@@ -187,31 +187,31 @@ std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes) {
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     if (!root)
-        return failure(PlistError::Kind::malformed, "not a property list");
+        return failure(ErrorKind::invalid, "not a property list");
     Node owner(root);
     return fromNode(root);
 }
 
-std::expected<PlistValue, PlistError> readPlistFile(const std::filesystem::path& path) {
+std::expected<PlistValue, Error> readPlistFile(const std::filesystem::path& path) {
     auto bytes = readFileBytes(path, kMaxPlistFileSize);
     if (!bytes)
-        return failure(PlistError::Kind::unreadable, bytes.error().message);
+        return failure(ErrorKind::io, bytes.error().message);
     auto value = parsePlist(*bytes);
     if (!value)
         return failure(value.error().kind, path.string() + ": " + value.error().message);
     return value;
 }
 
-std::expected<PlistValue::Dict, PlistError> readPlistDictionary(const std::filesystem::path& path) {
+std::expected<PlistValue::Dict, Error> readPlistDictionary(const std::filesystem::path& path) {
     auto value = readPlistFile(path);
     if (!value)
         return std::unexpected(value.error());
     if (const auto* entries = value->dict())
         return *entries;
-    return failure(PlistError::Kind::malformed, path.string() + ": not a dictionary");
+    return failure(ErrorKind::invalid, path.string() + ": not a dictionary");
 }
 
-std::expected<std::string, PlistError> serializePlist(const PlistValue& value, PlistFormat format) {
+std::expected<std::string, Error> serializePlist(const PlistValue& value, PlistFormat format) {
     if (format == PlistFormat::binary)
         return writeBinaryPlist(value);
     Node root(toNode(value));
@@ -219,20 +219,19 @@ std::expected<std::string, PlistError> serializePlist(const PlistValue& value, P
     uint32_t length = 0;
     plist_to_xml(root.get(), &bytes, &length);
     if (!bytes)
-        return failure(PlistError::Kind::unsupported, "cannot encode the property list");
+        return failure(ErrorKind::unsupported, "cannot encode the property list");
     std::string text(bytes, length);
     std::free(bytes);
     return text;
 }
 
-std::expected<void, PlistError> writePlistFileAtomically(const std::filesystem::path& path,
-                                                         const PlistValue& value,
-                                                         PlistFormat format) {
+std::expected<void, Error> writePlistFileAtomically(const std::filesystem::path& path,
+                                                    const PlistValue& value, PlistFormat format) {
     auto bytes = serializePlist(value, format);
     if (!bytes)
         return std::unexpected(bytes.error());
     if (auto written = writeFileAtomically(path, *bytes); !written)
-        return failure(PlistError::Kind::unwritable, written.error().message);
+        return failure(ErrorKind::io, written.error().message);
     return {};
 }
 

@@ -1,6 +1,8 @@
 // Property-list values read from and written to XML and binary property-list files.
 #pragma once
 
+#include "support/Error.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -61,12 +63,6 @@ private:
 
 enum class PlistFormat { xml, binary };
 
-struct PlistError {
-    enum class Kind { unreadable, malformed, unsupported, unwritable };
-    Kind kind;
-    std::string message;
-};
-
 /// Files larger than this are not property lists we read.
 inline constexpr std::uintmax_t kMaxPlistFileSize = 64u << 20;
 /// Lists nested deeper than this are refused before parsing: libplist parses binary lists and
@@ -97,17 +93,16 @@ inline constexpr std::size_t kMaxXmlPlistElements = 1u << 20;
 
 /// Parses either encoding; the binary one is recognised by its "bplist00" header. The size,
 /// nesting, value count and what reading would take (plistReadBudget) are checked first.
-[[nodiscard]] std::expected<PlistValue, PlistError> parsePlist(std::string_view bytes);
-[[nodiscard]] std::expected<PlistValue, PlistError>
-readPlistFile(const std::filesystem::path& path);
+[[nodiscard]] std::expected<PlistValue, Error> parsePlist(std::string_view bytes);
+[[nodiscard]] std::expected<PlistValue, Error> readPlistFile(const std::filesystem::path& path);
 /// Reads a file whose top level must be a dictionary.
-[[nodiscard]] std::expected<PlistValue::Dict, PlistError>
+[[nodiscard]] std::expected<PlistValue::Dict, Error>
 readPlistDictionary(const std::filesystem::path& path);
 
-[[nodiscard]] std::expected<std::string, PlistError> serializePlist(const PlistValue& value,
-                                                                    PlistFormat format);
+[[nodiscard]] std::expected<std::string, Error> serializePlist(const PlistValue& value,
+                                                               PlistFormat format);
 /// Replaces the file atomically: a failure leaves no partial file and the old one in place.
-[[nodiscard]] std::expected<void, PlistError>
+[[nodiscard]] std::expected<void, Error>
 writePlistFileAtomically(const std::filesystem::path& path, const PlistValue& value,
                          PlistFormat format = PlistFormat::xml);
 

@@ -14,8 +14,8 @@ namespace {
 static_assert(kMaxPlistFileSize + kMaxXmlPlistElements * kPlistValueCost <=
               plistReadBudget(kMaxPlistFileSize));
 
-std::unexpected<PlistError> refuse(PlistError::Kind kind, std::string message) {
-    return std::unexpected(PlistError{kind, "XML property list " + std::move(message)});
+std::unexpected<Error> refuse(ErrorKind kind, std::string message) {
+    return std::unexpected(Error{"XML property list " + std::move(message), kind});
 }
 
 /// One pass over the text that keeps the names of the open elements. It reads markup as
@@ -25,17 +25,17 @@ class XmlScan {
 public:
     explicit XmlScan(std::string_view text) : text_(text) {}
 
-    std::expected<void, PlistError> run() {
+    std::expected<void, Error> run() {
         while ((pos_ = text_.find('<', pos_)) != std::string_view::npos)
             if (auto read = markup(); !read)
                 return read;
         if (!open_.empty())
-            return refuse(PlistError::Kind::malformed, "ends inside an element");
+            return refuse(ErrorKind::invalid, "ends inside an element");
         return {};
     }
 
 private:
-    std::expected<void, PlistError> markup() {
+    std::expected<void, Error> markup() {
         const auto rest = text_.substr(pos_);
         if (rest.starts_with("<!--"))
             return skipPast(4, "-->");
@@ -46,23 +46,23 @@ private:
         if (rest.starts_with("<!DOCTYPE")) {
             const auto subset = rest.find_first_of("[>");
             if (subset != std::string_view::npos && rest[subset] == '[')
-                return refuse(PlistError::Kind::unsupported, "declares entities or elements");
+                return refuse(ErrorKind::unsupported, "declares entities or elements");
             return moveTo(markupEnd(pos_ + 9, ">"));
         }
         if (rest.starts_with("<!"))
-            return refuse(PlistError::Kind::unsupported, "has a declaration");
+            return refuse(ErrorKind::unsupported, "has a declaration");
         return tag(rest.starts_with("</"));
     }
 
-    std::expected<void, PlistError> skipPast(std::size_t openerSize, std::string_view closer) {
+    std::expected<void, Error> skipPast(std::size_t openerSize, std::string_view closer) {
         const auto at = text_.find(closer, pos_ + openerSize);
         if (at == std::string_view::npos)
-            return refuse(PlistError::Kind::malformed, "has an unterminated comment or CDATA");
+            return refuse(ErrorKind::invalid, "has an unterminated comment or CDATA");
         pos_ = at + closer.size();
         return {};
     }
 
-    std::expected<void, PlistError> moveTo(const std::expected<std::size_t, PlistError>& end) {
+    std::expected<void, Error> moveTo(const std::expected<std::size_t, Error>& end) {
         if (!end)
             return std::unexpected(end.error());
         pos_ = *end;
@@ -70,21 +70,21 @@ private:
     }
 
     /// Just past the closer, which ends in '>', found outside double quotes from from on.
-    std::expected<std::size_t, PlistError> markupEnd(std::size_t from, std::string_view closer) {
+    std::expected<std::size_t, Error> markupEnd(std::size_t from, std::string_view closer) {
         bool quoted = false;
         for (std::size_t i = from; i < text_.size(); ++i) {
             const char c = text_[i];
             if (c == '"')
                 quoted = !quoted;
             else if (c == '<' || (quoted && c == '>'))
-                return refuse(PlistError::Kind::unsupported, "has '<' or a quoted '>' in markup");
+                return refuse(ErrorKind::unsupported, "has '<' or a quoted '>' in markup");
             else if (c == '>' && text_.substr(0, i + 1).ends_with(closer))
                 return i + 1;
         }
-        return refuse(PlistError::Kind::malformed, "has unterminated markup");
+        return refuse(ErrorKind::invalid, "has unterminated markup");
     }
 
-    std::expected<void, PlistError> tag(bool closing) {
+    std::expected<void, Error> tag(bool closing) {
         const std::size_t nameStart = pos_ + (closing ? 2 : 1);
         const std::size_t nameEnd =
             std::min(text_.find_first_of(" \t\r\n<>", nameStart), text_.size());
@@ -99,18 +99,18 @@ private:
         if (closing)
             return close(name);
         if (++elements_ > kMaxXmlPlistElements)
-            return refuse(PlistError::Kind::unsupported, "has too many elements");
+            return refuse(ErrorKind::unsupported, "has too many elements");
         // The plist element wraps the values, so it adds a level of its own.
         if (open_.size() > kMaxPlistDepth)
-            return refuse(PlistError::Kind::unsupported, "is nested too deeply");
+            return refuse(ErrorKind::unsupported, "is nested too deeply");
         if (!empty)
             open_.push_back(name);
         return {};
     }
 
-    std::expected<void, PlistError> close(std::string_view name) {
+    std::expected<void, Error> close(std::string_view name) {
         if (open_.empty() || open_.back() != name)
-            return refuse(PlistError::Kind::malformed, "has an unmatched closing tag");
+            return refuse(ErrorKind::invalid, "has an unmatched closing tag");
         open_.pop_back();
         return {};
     }
@@ -123,7 +123,7 @@ private:
 
 } // namespace
 
-std::expected<void, PlistError> checkXmlPlist(std::string_view text) {
+std::expected<void, Error> checkXmlPlist(std::string_view text) {
     return XmlScan(text).run();
 }
 

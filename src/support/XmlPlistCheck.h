@@ -12,6 +12,6 @@ namespace quelm {
 /// element around them aside), more than kMaxXmlPlistElements elements, unmatched tags, a DOCTYPE
 /// with an internal subset or any other declaration, and quoted '<' or '>' inside markup, where
 /// this scan and libplist could disagree about where the markup ends.
-[[nodiscard]] std::expected<void, PlistError> checkXmlPlist(std::string_view text);
+[[nodiscard]] std::expected<void, Error> checkXmlPlist(std::string_view text);
 
 } // namespace quelm

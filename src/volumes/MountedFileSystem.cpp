@@ -203,14 +203,14 @@ std::optional<std::string> mountRefusal(const std::string& where) {
 
 } // namespace
 
-std::string missingDataVolumeSentence(const QVOSVolume& volume) {
+std::string missingDataVolumeSentence(const Volume& volume) {
     return volume.mountPoint() + " is the system volume of macOS " +
            volume.version().value_or("10.15 or later") +
            "; /Library, the receipts and the kext caches lie on its data volume, which was not "
            "found: mount the data volume too and name it with --data-volume.";
 }
 
-std::optional<std::string> writeRefusal(const QVOSVolume& volume) {
+std::optional<std::string> writeRefusal(const Volume& volume) {
     if (volume.isSystemVolume() && !volume.dataMountPoint())
         return missingDataVolumeSentence(volume);
     if (volume.dataMountPoint())
@@ -219,7 +219,7 @@ std::optional<std::string> writeRefusal(const QVOSVolume& volume) {
     return volume.isSealed() ? std::nullopt : mountRefusal(volume.mountPoint());
 }
 
-std::optional<std::string> writeRefusal(const QVOSVolume& volume, std::string_view path) {
+std::optional<std::string> writeRefusal(const Volume& volume, std::string_view path) {
     if (volume.isSystemVolume() && !volume.dataMountPoint() && dataPathOf(volume.firmlinks(), path))
         return missingDataVolumeSentence(volume);
     const auto place = volume.placeOf(path);

@@ -32,7 +32,7 @@ std::vector<std::string> halvesOfKind(VolumeKind kind, const std::string& near,
     std::vector<std::string> others;
     for (const auto& mount : mounts) {
         if (mount.mountPoint == near || !mayHoldMacOS(mount) ||
-            QVOSVolume::kindOf(mount.mountPoint) != kind)
+            Volume::kindOf(mount.mountPoint) != kind)
             continue;
         const bool same =
             own && own->type == "apfs" && mount.type == "apfs" && mount.source == own->source;
@@ -53,8 +53,8 @@ std::string notMacOS(const std::string& path) {
                   "ProductBuildVersion, and it is not the data volume of macOS 10.15 or later";
 }
 
-std::expected<QVOSVolume, std::string> joined(QVOSVolume system, const std::string& dataPath) {
-    if (QVOSVolume::kindOf(dataPath) != VolumeKind::data)
+std::expected<Volume, std::string> joined(Volume system, const std::string& dataPath) {
+    if (Volume::kindOf(dataPath) != VolumeKind::data)
         return std::unexpected(
             dataPath + " is not the data volume of macOS 10.15 or later: it needs the "
                        "folders Library and private/var and no System/Library/CoreServices");
@@ -64,21 +64,21 @@ std::expected<QVOSVolume, std::string> joined(QVOSVolume system, const std::stri
 
 } // namespace
 
-std::optional<std::string> findDataVolume(const QVOSVolume& system,
+std::optional<std::string> findDataVolume(const Volume& system,
                                           const std::vector<MountedFileSystem>& mounts) {
     return onlyOne(halvesOfKind(VolumeKind::data, system.mountPoint(), mounts));
 }
 
-std::optional<QVOSVolume> findSystemVolume(const std::string& dataPath,
-                                           const std::vector<MountedFileSystem>& mounts) {
+std::optional<Volume> findSystemVolume(const std::string& dataPath,
+                                       const std::vector<MountedFileSystem>& mounts) {
     const auto found = onlyOne(halvesOfKind(VolumeKind::system, dataPath, mounts));
-    return found ? QVOSVolume::initWithMountPoint(*found) : std::nullopt;
+    return found ? Volume::initWithMountPoint(*found) : std::nullopt;
 }
 
-std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
-                                                 const std::optional<std::string>& dataPath,
-                                                 const std::vector<MountedFileSystem>& mounts) {
-    if (auto volume = QVOSVolume::initWithMountPoint(path)) {
+std::expected<Volume, std::string> openMacOS(const std::string& path,
+                                             const std::optional<std::string>& dataPath,
+                                             const std::vector<MountedFileSystem>& mounts) {
+    if (auto volume = Volume::initWithMountPoint(path)) {
         if (!volume->isSystemVolume() && dataPath)
             return std::unexpected(path + " holds a whole macOS, up to 10.14, which has no "
                                           "separate data volume: leave out --data-volume");
@@ -89,7 +89,7 @@ std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
         volume->setDataMountPoint(findDataVolume(*volume, mounts));
         return std::move(*volume);
     }
-    if (QVOSVolume::kindOf(path) != VolumeKind::data)
+    if (Volume::kindOf(path) != VolumeKind::data)
         return std::unexpected(notMacOS(path));
     if (dataPath && *dataPath != path)
         return std::unexpected(path + " is a data volume; name its system volume with "
@@ -104,8 +104,8 @@ std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
     return std::move(*system);
 }
 
-std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
-                                                 const std::optional<std::string>& dataPath) {
+std::expected<Volume, std::string> openMacOS(const std::string& path,
+                                             const std::optional<std::string>& dataPath) {
     const auto table = readFileBytes("/proc/self/mountinfo", 1u << 24);
     return openMacOS(path, dataPath,
                      table ? parseMounts(*table) : std::vector<MountedFileSystem>{});

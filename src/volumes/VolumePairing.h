@@ -2,7 +2,7 @@
 #pragma once
 
 #include "volumes/MountedFileSystem.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <expected>
 #include <optional>
@@ -16,21 +16,21 @@ namespace quelm {
 /// joined to its other half. That half is dataPath when given, otherwise the one found among
 /// mounts; a system volume whose data volume is not found stays alone, and every change to it
 /// is refused with the reason. The error is one sentence that says what the folders are not.
-std::expected<QVOSVolume, std::string> openMacOS(const std::string& path,
-                                                 const std::optional<std::string>& dataPath,
-                                                 const std::vector<MountedFileSystem>& mounts);
+std::expected<Volume, std::string> openMacOS(const std::string& path,
+                                             const std::optional<std::string>& dataPath,
+                                             const std::vector<MountedFileSystem>& mounts);
 
 /// The same among the host's mounts.
-std::expected<QVOSVolume, std::string>
+std::expected<Volume, std::string>
 openMacOS(const std::string& path, const std::optional<std::string>& dataPath = std::nullopt);
 
 /// The data volume of system among mounts, when one can be told for certain: the only data
 /// volume of the same APFS container, else the only mounted data volume.
-std::optional<std::string> findDataVolume(const QVOSVolume& system,
+std::optional<std::string> findDataVolume(const Volume& system,
                                           const std::vector<MountedFileSystem>& mounts);
 
 /// The system volume whose data volume is mounted at dataPath, found the same way.
-std::optional<QVOSVolume> findSystemVolume(const std::string& dataPath,
-                                           const std::vector<MountedFileSystem>& mounts);
+std::optional<Volume> findSystemVolume(const std::string& dataPath,
+                                       const std::vector<MountedFileSystem>& mounts);
 
 } // namespace quelm

@@ -3,7 +3,7 @@
 
 #include "KextFixtures.h"
 #include "TestSupport.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <QApplication>
 #include <QFileDialog>
@@ -25,7 +25,7 @@ struct VolumeGroup {
 };
 
 /// The folders of the volume's system and data volumes.
-inline Halves halvesOf(const QVOSVolume& volume) {
+inline Halves halvesOf(const Volume& volume) {
     return {volume.mountPoint(), volume.dataMountPoint()};
 }
 

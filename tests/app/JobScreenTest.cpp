@@ -1,17 +1,18 @@
 // The installation screen's choice of volume, its status and progress, and the hand-off of
 // later starts, offscreen against real folders.
+#include "app/JobScreen.h"
+
 #include "AppFixtures.h"
 #include "TestSupport.h"
-#include "app/AppDelegate.h"
+#include "app/AppController.h"
 #include "app/LaterStarts.h"
 #include "app/Launch.h"
-#include "app/QVMainQuelmViewController.h"
-#include "app/QVMainQuelmWindowController.h"
-#include "helper/QVXPCHelperManager.h"
-#include "ui/QVViewExtensions.h"
+#include "app/MainWindow.h"
+#include "helper/HelperManager.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
-#include "volumes/QVOSVolumeManager.h"
+#include "ui/ViewExtensions.h"
+#include "volumes/VolumeManager.h"
 
 #include <QDir>
 #include <QLabel>
@@ -146,16 +147,16 @@ private slots:
     void initTestCase() {
         QVERIFY(installTranslations(*QCoreApplication::instance()));
         QSettings("org.quelm", "Quelm").clear();
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(base_));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(base_));
     }
 
     void cleanup() {
-        QVModalAnswers::clear();
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(base_));
+        ModalAnswers::clear();
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(base_));
     }
 
     void aChosenFolderIsTakenWholeRememberedAndAnnounced() {
-        QVMainQuelmViewController screen;
+        JobScreen screen;
         std::vector<bool> extraFolders;
         const auto token = NotificationCenter::defaultCenter().addObserver(
             kDidSelectAValidOSVolume, [&](const bool& extra) { extraFolders.push_back(extra); });
@@ -164,7 +165,7 @@ private slots:
             const auto volume = folder_ / name;
             test::makeVolume(volume, "10.13.6", "17G65");
             QVERIFY(screen.acceptVolume(QString::fromStdString(volume.string() + "/./")));
-            QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), volume.string());
+            QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), volume.string());
             QCOMPARE(userDefaultString(kLastTargetVolumeKey), std::optional(volume.string()));
             QCOMPARE(screen.findChild<QLabel*>("pathField")->toolTip(),
                      QString::fromStdString(volume.string()));
@@ -173,38 +174,38 @@ private slots:
         QVERIFY(
             screen.acceptVolume(QString::fromStdString((folder_ / "Système #1 100%").string())));
         QCOMPARE(extraFolders, (std::vector<bool>{false, false, true}));
-        QVERIFY(QVModalAnswers::shown().empty());
+        QVERIFY(ModalAnswers::shown().empty());
         NotificationCenter::defaultCenter().removeObserver(token);
     }
 
     void foldersThatCannotBeTheTargetAreRefusedWithTheirReason() {
-        QVMainQuelmViewController screen;
+        JobScreen screen;
         const auto recovery = folder_ / "Recovery HD";
         test::makeVolume(recovery, "10.13.6", "17G65");
         fs::create_directories(recovery / "System/Installation");
         fs::create_directories(folder_ / "Photos");
-        QVModalAnswers::preset(QMessageBox::Ok);
-        QVModalAnswers::preset(QMessageBox::Ok);
+        ModalAnswers::preset(QMessageBox::Ok);
+        ModalAnswers::preset(QMessageBox::Ok);
         QVERIFY(!screen.acceptVolume(QString::fromStdString((folder_ / "Photos").string())));
         QVERIFY(!screen.acceptVolume(QString::fromStdString(recovery.string())));
-        const auto& shown = QVModalAnswers::shown();
+        const auto& shown = ModalAnswers::shown();
         QCOMPARE(shown.size(), std::size_t{2});
         QCOMPARE(shown[0].text, QString("An error occurred"));
         QVERIFY(shown[0].informativeText.startsWith(
             QString::fromStdString((folder_ / "Photos").string()) + " is not a macOS volume"));
         QCOMPARE(shown[1].informativeText,
                  QString("The selected volume is a recovery volume, which cannot be the target."));
-        QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
+        QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
     }
 
     void aDataVolumeIsJoinedToTheSystemVolumeChosenForItAndTheNextStartFindsBoth() {
         const auto data = QString::fromStdString(catalina_.data);
-        QVMainQuelmViewController screen;
+        JobScreen screen;
         test::FolderAnswers answers({catalina_.system});
         QVERIFY(screen.acceptVolume(data));
         QCOMPARE(answers.titles, {"Select the system volume whose data volume is " + data});
         QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(base_));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(base_));
         QVERIFY(chooseStartingVolume({}));
         QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
     }
@@ -213,14 +214,14 @@ private slots:
         const auto photos = folder_ / "Photos";
         fs::create_directories(photos);
         const QString asked = "Select the data volume of macOS Catalina 10.15.7 (19H2)";
-        QVMainQuelmViewController screen;
+        JobScreen screen;
         test::FolderAnswers answers({photos, catalina_.data, catalina_.system});
-        QVModalAnswers::preset(QMessageBox::Ok);
+        ModalAnswers::preset(QMessageBox::Ok);
         QVERIFY(screen.acceptVolume(QString::fromStdString(catalina_.system)));
         QCOMPARE(test::halvesOf(*selected()), catalina_.halves());
-        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{1});
-        QVERIFY(QVModalAnswers::shown()[0].informativeText.startsWith(
-            QString::fromStdString(photos) + " is not the data volume"));
+        QCOMPARE(ModalAnswers::shown().size(), std::size_t{1});
+        QVERIFY(ModalAnswers::shown()[0].informativeText.startsWith(QString::fromStdString(photos) +
+                                                                    " is not the data volume"));
         // A cancel there ends the whole choice, the first folder not asked for again.
         screen.reset();
         QVERIFY(!screen.selectVolume());
@@ -235,13 +236,12 @@ private slots:
                                       "--data-volume", QString::fromStdString(data)}));
         };
         QVERIFY(launch(catalina_.data));
-        QCOMPARE(test::halvesOf(*QVOSVolumeManager::shared().startingOSVolume()),
-                 catalina_.halves());
+        QCOMPARE(test::halvesOf(*VolumeManager::shared().startingOSVolume()), catalina_.halves());
         QVERIFY(!launch(catalina_.system));
     }
 
     void resetReturnsToTheStartingVolumeAndTheHelpersProgressMovesTheBar() {
-        QVMainQuelmViewController screen;
+        JobScreen screen;
         const auto other = folder_ / "Other HD";
         test::makeVolume(other, "10.14.6", "18G103");
         QVERIFY(screen.acceptVolume(QString::fromStdString(other.string())));
@@ -250,7 +250,7 @@ private slots:
         NotificationCenter::defaultCenter().post(kDidReceiveRemoteProgress, 42.5);
         QTRY_COMPARE_WITH_TIMEOUT(bar->value(), 42, test::kHangGuardMs);
         screen.reset();
-        QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
+        QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
         QCOMPARE(screen.findChild<QLabel*>("pathField")->toolTip(),
                  QString::fromStdString(base_.string()));
         QCOMPARE(screen.findChild<QLabel*>("statusField")->text(), QString("Status: Ready"));
@@ -273,14 +273,14 @@ private slots:
     }
 
     void aLaterStartJoinsTheIntakeThroughTheInstanceSocket() {
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
-        AppDelegate delegate(window);
+        AppController delegate(window);
         QLocalServer server;
         const auto name = instanceName();
         QVERIFY(name);
         listenForLaterStarts(server, *name, delegate, window);
-        QVModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Yes);
         QVERIFY(handToRunningInstance(*name, {"/k/A.kext", "/k/B.kext"}, {}));
         QTRY_COMPARE_WITH_TIMEOUT(delegate.files(), (QStringList{"/k/A.kext", "/k/B.kext"}),
                                   test::kHangGuardMs);
@@ -353,8 +353,8 @@ private slots:
     void aConnectionOfAnotherUserIsClosedUnread() {
         if (::geteuid() != 0)
             QSKIP("only root can act as another user");
-        QVMainQuelmWindowController window;
-        AppDelegate delegate(window, std::chrono::hours(24));
+        MainWindow window;
+        AppController delegate(window, std::chrono::hours(24));
         // Open to everyone on purpose: the peer's uid is the only check left.
         test::TemporaryFolder open;
         fs::permissions(open.path(),
@@ -368,28 +368,28 @@ private slots:
         NobodyProcess other([&] { return connectAndSend(address, message); });
         QCOMPARE(other.exitStatus(), 0);
         // Two answers: a start of the other user that got through is asked about, never hangs.
-        QVModalAnswers::preset(QMessageBox::Yes);
-        QVModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Yes);
         QVERIFY(handToRunningInstance(QString::fromStdString(name.string()), {"/k/Mine.kext"}, {}));
         QTRY_VERIFY_WITH_TIMEOUT(delegate.files().contains("/k/Mine.kext"), test::kHangGuardMs);
         QCOMPARE(delegate.files(), QStringList{"/k/Mine.kext"});
-        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{1});
-        QVERIFY(!QVModalAnswers::shown()[0].informativeText.contains("Theirs"));
+        QCOMPARE(ModalAnswers::shown().size(), std::size_t{1});
+        QVERIFY(!ModalAnswers::shown()[0].informativeText.contains("Theirs"));
     }
 
     void handedOverKextsAreInstalledOnlyAfterOneYesThatNamesThemAndTheirVolume() {
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
-        AppDelegate delegate(window, std::chrono::hours(24));
+        AppController delegate(window, std::chrono::hours(24));
         const auto* screen = window.installationScreen();
         const auto other = folder_ / "Other HD";
         test::makeVolume(other, "10.14.6", "18G103");
         const QStringList kexts{"/k/A.kext", "/k/B.kext"};
-        QVModalAnswers::preset(QMessageBox::Cancel);
-        QVModalAnswers::preset(QMessageBox::Cancel);
+        ModalAnswers::preset(QMessageBox::Cancel);
+        ModalAnswers::preset(QMessageBox::Cancel);
         takeLaterStart({other.string(), kexts}, delegate, window);
         takeLaterStart({std::nullopt, kexts}, delegate, window);
-        const auto& asked = QVModalAnswers::shown();
+        const auto& asked = ModalAnswers::shown();
         QCOMPARE(asked.size(), std::size_t{2});
         QCOMPARE(asked[0].text, "Install these kexts onto " + QString::fromStdString(other) + "?");
         QCOMPARE(asked[1].text, "Install these kexts onto " + QString::fromStdString(base_) + "?");
@@ -402,27 +402,27 @@ private slots:
         // Declined: no intake, no job, the same volume.
         QVERIFY(delegate.files().isEmpty());
         QVERIFY(!screen->jobUnderWay());
-        QCOMPARE(QVOSVolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
+        QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
 
-        QVModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Yes);
         takeLaterStart({std::nullopt, kexts}, delegate, window);
         QCOMPARE(asked.size(), std::size_t{3});
         QCOMPARE(delegate.files(), kexts);
     }
 
     void kextsForAVolumeThatIsNotMacOSAreNamedAsSkipped() {
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
-        AppDelegate delegate(window);
+        AppController delegate(window);
         auto* screen = window.installationScreen();
-        std::optional<QVUserNotification> notification;
-        connect(screen, &QVMainQuelmViewController::notified,
-                [&](const QVUserNotification& delivered) { notification = delivered; });
+        std::optional<UserNotification> notification;
+        connect(screen, &JobScreen::notified,
+                [&](const UserNotification& delivered) { notification = delivered; });
         bool finished = false;
-        connect(screen, &QVMainQuelmViewController::jobFinished, [&] { finished = true; });
+        connect(screen, &JobScreen::jobFinished, [&] { finished = true; });
         const auto photos = folder_ / "Photos";
         fs::create_directories(photos);
-        QVModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Yes);
         takeLaterStart({photos.string(), {"/k/A.kext"}}, delegate, window);
         QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(notification);
@@ -433,8 +433,8 @@ private slots:
     }
 
 private:
-    static const std::optional<QVOSVolume>& selected() {
-        return QVOSVolumeManager::shared().selectedOSVolume();
+    static const std::optional<Volume>& selected() {
+        return VolumeManager::shared().selectedOSVolume();
     }
 
     test::TemporaryFolder folder_;

@@ -3,17 +3,17 @@
 #include "AppFixtures.h"
 #include "KextFixtures.h"
 #include "TestSupport.h"
-#include "app/QVInstalledKextsViewController.h"
-#include "app/QVMainQuelmViewController.h"
-#include "app/QVMainQuelmWindowController.h"
+#include "app/InstalledKextsWindow.h"
+#include "app/JobScreen.h"
+#include "app/MainWindow.h"
 #include "app/TargetVolume.h"
-#include "helper/QVXPCHelperManager.h"
+#include "helper/HelperManager.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
-#include "ui/QVViewExtensions.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
-#include "volumes/QVOSVolumeManager.h"
+#include "ui/ViewExtensions.h"
+#include "volumes/VolumeManager.h"
 
 #include <QLabel>
 #include <QSettings>
@@ -47,7 +47,7 @@ test::VolumeGroup selectCatalinaWithLilu(const fs::path& folder) {
     test::makeKextBundle(group.data / "Library/Extensions", "Lilu.kext",
                          test::kextInfo("as.vit9696.Lilu", "1.4.5", "Lilu"),
                          test::thinMachO(test::kX86_64));
-    QVOSVolumeManager::shared().setStartingOSVolume(
+    VolumeManager::shared().setStartingOSVolume(
         *openTargetVolume({group.system.string(), group.data.string()}));
     return group;
 }
@@ -66,28 +66,28 @@ private slots:
     void initTestCase() {
         QVERIFY(installTranslations(*QCoreApplication::instance()));
         QSettings("org.quelm", "Quelm").clear();
-        QVXPCHelperManager::setSharedRoot(helperRoot_.path().string());
+        HelperManager::setSharedRoot(helperRoot_.path().string());
     }
 
     void init() {
         if (::geteuid() != 0)
             QSKIP("the helper changes the volume as root");
         test::makeRescueVolume(volume_);
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(volume_));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(volume_));
         setUserDefaultString(kBackupFolderKey, backups_.string());
-        QVXPCHelperManager::shared().start(std::nullopt);
+        HelperManager::shared().start(std::nullopt);
     }
 
     void cleanup() {
-        QVModalAnswers::clear();
-        QVXPCHelperManager::shared().terminateHelper();
+        ModalAnswers::clear();
+        HelperManager::shared().terminateHelper();
         for (const auto& entry : fs::directory_iterator(folder_.path()))
             fs::remove_all(entry.path());
     }
 
     void theWindowListsNestedKextsRemovesIntoABackupAndRestoresIt() {
-        QVInstalledKextsViewController window;
-        QSignalSpy finished(&window, &QVInstalledKextsViewController::operationFinished);
+        InstalledKextsWindow window;
+        QSignalSpy finished(&window, &InstalledKextsWindow::operationFinished);
         auto& table = *window.findChild<QTreeWidget*>("kextsTable");
         QCOMPARE(table.topLevelItemCount(), 2);
         auto* system = table.topLevelItem(0);
@@ -103,27 +103,27 @@ private slots:
 
         // Apple's kext needs a second yes: cancelled there, nothing moves.
         system->setSelected(true);
-        QVModalAnswers::preset(QMessageBox::Yes);
-        QVModalAnswers::preset(QMessageBox::Cancel);
+        ModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Cancel);
         window.removeSelectedKexts();
-        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{2});
-        QCOMPARE(QVModalAnswers::shown()[1].text,
+        QCOMPARE(ModalAnswers::shown().size(), std::size_t{2});
+        QCOMPARE(ModalAnswers::shown()[1].text,
                  QString("System.kext is Apple's (com.apple.kernel): macOS may need it to start."));
         QVERIFY(fs::exists(volume_ / "System/Library/Extensions/System.kext"));
         QCOMPARE(finished.count(), 0);
 
         system->setSelected(false);
         rowNamed(table, "Lilu.kext")->setSelected(true);
-        QVModalAnswers::clear();
-        QVModalAnswers::preset(QMessageBox::Yes);
-        QVModalAnswers::preset(QMessageBox::Ok);
+        ModalAnswers::clear();
+        ModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Ok);
         window.removeSelectedKexts();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, test::kHangGuardMs);
         const auto backup = onlyFolderIn(backups_);
         QVERIFY(fs::exists(backup / "Lilu.kext/Contents/MacOS/Lilu"));
         QVERIFY(!fs::exists(volume_ / "Library/Extensions/Lilu.kext"));
         QCOMPARE(table.topLevelItemCount(), 1);
-        const auto& told = QVModalAnswers::shown();
+        const auto& told = ModalAnswers::shown();
         QCOMPARE(told[0].text, QString("Remove Lilu.kext?"));
         QCOMPARE(told[1].text, "The kexts were moved into " + QString::fromStdString(backup) + ".");
         QVERIFY(told[1].informativeText.startsWith("The next start still uses the old kernel "
@@ -131,16 +131,16 @@ private slots:
         QCOMPARE(lastRecord().operation, std::string("remove"));
         QCOMPARE(lastRecord().backup, backup.string());
 
-        QVModalAnswers::clear();
-        QVModalAnswers::preset(QMessageBox::Yes);
-        QVModalAnswers::preset(QMessageBox::Ok);
+        ModalAnswers::clear();
+        ModalAnswers::preset(QMessageBox::Yes);
+        ModalAnswers::preset(QMessageBox::Ok);
         window.restoreFromBackup(QString::fromStdString(backup));
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, test::kHangGuardMs);
         QVERIFY(fs::exists(volume_ / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
         QCOMPARE(table.topLevelItemCount(), 2);
-        QCOMPARE(QVModalAnswers::shown()[0].informativeText,
+        QCOMPARE(ModalAnswers::shown()[0].informativeText,
                  QString("/Library/Extensions/Lilu.kext"));
-        QCOMPARE(QVModalAnswers::shown()[1].text, QString("The kexts were put back."));
+        QCOMPARE(ModalAnswers::shown()[1].text, QString("The kexts were put back."));
         QCOMPARE(lastRecord().operation, std::string("restore"));
         QCOMPARE(lastRecord().kexts, std::vector<std::string>{"/Library/Extensions/Lilu.kext"});
     }
@@ -152,7 +152,7 @@ private slots:
         const auto takeLiluOff = [&](const std::string& name) {
             fs::create_directories(backups_);
             const auto backup = (backups_ / name).string();
-            moveKextsToBackup(*QVOSVolume::initWithMountPoint(volume_), {lilu}, backup, "remove",
+            moveKextsToBackup(*Volume::initWithMountPoint(volume_), {lilu}, backup, "remove",
                               std::chrono::system_clock::now());
             return QString::fromStdString(backup);
         };
@@ -161,13 +161,13 @@ private slots:
         };
         const auto first = takeLiluOff("first");
         QVERIFY(fs::exists(backups_ / "first/Lilu.kext"));
-        QVOSVolumeManager::shared().setSelectedOSVolume(*QVOSVolume::initWithMountPoint(catalina));
-        QVInstalledKextsViewController window;
-        QSignalSpy finished(&window, &QVInstalledKextsViewController::operationFinished);
+        VolumeManager::shared().setSelectedOSVolume(*Volume::initWithMountPoint(catalina));
+        InstalledKextsWindow window;
+        QSignalSpy finished(&window, &InstalledKextsWindow::operationFinished);
 
-        QVModalAnswers::preset(QMessageBox::Cancel);
+        ModalAnswers::preset(QMessageBox::Cancel);
         window.restoreFromBackup(first);
-        const auto& asked = QVModalAnswers::shown();
+        const auto& asked = ModalAnswers::shown();
         QCOMPARE(asked.size(), std::size_t{1});
         QCOMPARE(asked[0].text, "These kexts came from " + QString::fromStdString(volume_) +
                                     " (macOS High Sierra 10.13.6 (17G66)), but this window shows " +
@@ -180,9 +180,9 @@ private slots:
         QVERIFY(!fs::exists(catalina / "Library/Extensions/Lilu.kext"));
 
         // The default: back where it came from, whatever the window shows.
-        QVModalAnswers::clear();
+        ModalAnswers::clear();
         for (const auto answer : {QMessageBox::Yes, QMessageBox::Yes, QMessageBox::Ok})
-            QVModalAnswers::preset(answer);
+            ModalAnswers::preset(answer);
         window.restoreFromBackup(first);
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, test::kHangGuardMs);
         QVERIFY(fs::exists(volume_ / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
@@ -192,9 +192,9 @@ private slots:
         // Onto the volume shown only when the user picks it.
         const auto second = takeLiluOff("second");
         QVERIFY(fs::exists(backups_ / "second/Lilu.kext"));
-        QVModalAnswers::clear();
+        ModalAnswers::clear();
         for (const auto answer : {QMessageBox::No, QMessageBox::Yes, QMessageBox::Ok})
-            QVModalAnswers::preset(answer);
+            ModalAnswers::preset(answer);
         window.restoreFromBackup(second);
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 2, test::kHangGuardMs);
         QVERIFY(fs::exists(catalina / "Library/Extensions/Lilu.kext/Contents/MacOS/Lilu"));
@@ -206,8 +206,8 @@ private slots:
         auto text = test::readText(manifest);
         text.replace(text.find(volume_.string()), volume_.string().size(), "/Volumes/Gone");
         test::writeText(manifest, text);
-        QVModalAnswers::clear();
-        QVModalAnswers::preset(QMessageBox::Cancel);
+        ModalAnswers::clear();
+        ModalAnswers::preset(QMessageBox::Cancel);
         window.restoreFromBackup(first);
         buttons = asked[0].buttons;
         buttons.sort();
@@ -228,15 +228,15 @@ private slots:
                              test::kextInfo("com.example.Forced", "1.0", "Forced"),
                              test::thinMachO(test::kArm64));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
         bool finished = false;
-        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
-        std::optional<QVUserNotification> notification;
-        connect(window.installationScreen(), &QVMainQuelmViewController::notified,
-                [&](const QVUserNotification& delivered) { notification = delivered; });
-        QVModalAnswers::preset(QMessageBox::No);
-        QVModalAnswers::preset(QMessageBox::Yes);
+        connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
+        std::optional<UserNotification> notification;
+        connect(window.installationScreen(), &JobScreen::notified,
+                [&](const UserNotification& delivered) { notification = delivered; });
+        ModalAnswers::preset(QMessageBox::No);
+        ModalAnswers::preset(QMessageBox::Yes);
         QCoreApplication::processEvents();
         NotificationCenter::defaultCenter().post(
             kDidCollectAllFiles, std::vector<std::string>{(kexts / "Broken.kext").string(),
@@ -244,7 +244,7 @@ private slots:
                                                           (kexts / "Forced.kext").string()});
         QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
 
-        const auto& asked = QVModalAnswers::shown();
+        const auto& asked = ModalAnswers::shown();
         QCOMPARE(asked.size(), std::size_t{2});
         QCOMPARE(asked[0].text, QString("Broken.kext did not pass the checks and may not load:"));
         const auto reasons = asked[0].informativeText.split('\n');
@@ -280,17 +280,17 @@ private slots:
         // taken for a job's own.
         const auto later = backups_ / "99991231_235959";
         fs::create_directories(backups_);
-        QVERIFY(copyKextsToBackup(*QVOSVolume::initWithMountPoint(volume_),
+        QVERIFY(copyKextsToBackup(*Volume::initWithMountPoint(volume_),
                                   {"/Library/Extensions/Lilu.kext"}, later.string(), "install",
                                   std::chrono::system_clock::now())
                     .failed.empty());
         const auto kexts = folder_ / "kexts";
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
         auto* screen = window.installationScreen();
         int finished = 0;
-        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { ++finished; });
+        connect(&window, &MainWindow::jobFinished, [&] { ++finished; });
         struct Told {
             fs::path backup;
             std::string heldInfo;
@@ -298,13 +298,11 @@ private slots:
         };
         // Read as each job tells of its backup: a later one may add to the same folder.
         std::vector<Told> told;
-        connect(
-            screen, &QVMainQuelmViewController::notified, [&](const QVUserNotification& delivered) {
-                const fs::path backup =
-                    delivered.informativeText.section("Backup: ", 1).toStdString();
-                told.push_back({backup, test::readText(backup / "Lilu.kext/Contents/Info.plist"),
-                                lastRecord().backup});
-            });
+        connect(screen, &JobScreen::notified, [&](const UserNotification& delivered) {
+            const fs::path backup = delivered.informativeText.section("Backup: ", 1).toStdString();
+            told.push_back({backup, test::readText(backup / "Lilu.kext/Contents/Info.plist"),
+                            lastRecord().backup});
+        });
         for (const char* version : {"1.5.0", "1.6.0"})
             screen->enqueueJob(
                 {test::makeKextBundle(kexts / version, "Lilu.kext",
@@ -331,8 +329,8 @@ private slots:
     void theWindowShowsFlatBundlesLikeTheOthers() {
         const auto catalina = folder_ / "Catalina";
         test::makeCatalinaVolume(catalina);
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(catalina));
-        QVInstalledKextsViewController window;
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(catalina));
+        InstalledKextsWindow window;
         auto& table = *window.findChild<QTreeWidget*>("kextsTable");
         QCOMPARE(table.topLevelItemCount(), 3);
         const QStringList pci{"IOPCIFamily.kext", "com.apple.iokit.IOPCIFamily", "2.9",
@@ -348,7 +346,7 @@ private slots:
 
     void theWindowListsTheKextsOfBothVolumesOfAMacOS() {
         const auto group = selectCatalinaWithLilu(folder_ / "Catalina");
-        QVInstalledKextsViewController window;
+        InstalledKextsWindow window;
         auto& table = *window.findChild<QTreeWidget*>("kextsTable");
         QVERIFY(rowNamed(table, "System.kext"));
         const auto* lilu = rowNamed(table, "Lilu.kext");
@@ -366,9 +364,9 @@ private slots:
                                                test::kextInfo("as.vit9696.Lilu", "1.5.0", "Lilu"),
                                                test::thinMachO(test::kX86_64));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
-        QSignalSpy finished(&window, &QVMainQuelmWindowController::jobFinished);
+        QSignalSpy finished(&window, &MainWindow::jobFinished);
         QCoreApplication::processEvents();
         NotificationCenter::defaultCenter().post(kDidCollectAllFiles,
                                                  std::vector<std::string>{lilu.string()});
@@ -384,15 +382,15 @@ private slots:
     void realKextsWhoseLibrariesAreThereRaiseNoQuestion() {
         const auto catalina = folder_ / "Catalina";
         test::makeCatalinaVolume(catalina);
-        QVOSVolumeManager::shared().setStartingOSVolume(*QVOSVolume::initWithMountPoint(catalina));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(catalina));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        QVMainQuelmWindowController window;
+        MainWindow window;
         window.switchViewController(true);
         bool finished = false;
-        connect(&window, &QVMainQuelmWindowController::jobFinished, [&] { finished = true; });
-        std::optional<QVUserNotification> notification;
-        connect(window.installationScreen(), &QVMainQuelmViewController::notified,
-                [&](const QVUserNotification& delivered) { notification = delivered; });
+        connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
+        std::optional<UserNotification> notification;
+        connect(window.installationScreen(), &JobScreen::notified,
+                [&](const UserNotification& delivered) { notification = delivered; });
         const std::vector<std::string> names{"SMCProcessor.kext", "VirtualSMC.kext", "Lilu.kext"};
         std::vector<std::string> paths;
         for (const auto& name : names)
@@ -400,7 +398,7 @@ private slots:
         NotificationCenter::defaultCenter().post(kDidCollectAllFiles, paths);
         QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
 
-        QCOMPARE(QVModalAnswers::shown().size(), std::size_t{0});
+        QCOMPARE(ModalAnswers::shown().size(), std::size_t{0});
         for (const auto& name : names)
             QVERIFY(fs::exists(catalina / "Library/Extensions" / name / "Contents/Info.plist"));
         QVERIFY(notification);

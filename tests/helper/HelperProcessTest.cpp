@@ -45,7 +45,7 @@ protected:
         EXPECT_TRUE(reply) << selector;
         return reply.value_or(RemoteValue(false));
     }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(volumeRoot.string()); }
+    Volume volume() const { return *Volume::initWithMountPoint(volumeRoot.string()); }
 
     TemporaryFolder folder;
     fs::path volumeRoot = folder / "Mac HD";
@@ -84,11 +84,11 @@ TEST_F(HelperProcessTest, InstallsRepairsAndInvalidatesCachesAsRoot) {
     const auto bundle = test::makeKext(folder / "src", "Fake SMC.kext",
                                        PlistValue::Dict{{"CFBundleVersion", "6.26"}});
     test::writeText(volumeRoot / "Library/Extensions/Fake SMC.kext/OldOnly", "old");
-    const std::vector kexts{QVKernelExtension(FileURL::fromPath(bundle.string(), false))};
+    const std::vector kexts{Kext(FileURL::fromPath(bundle.string(), false))};
     const auto failed =
         call("installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
              {kexts, std::string("/Library/Extensions/"), volume()});
-    EXPECT_TRUE(std::get<std::vector<QVKernelExtension>>(failed).empty());
+    EXPECT_TRUE(std::get<std::vector<Kext>>(failed).empty());
     EXPECT_FALSE(fs::exists(volumeRoot / "Library/Extensions/Fake SMC.kext/OldOnly"));
 
     EXPECT_EQ(std::get<std::string>(call("checkWritableTargetVolume:reply:", {volume()})), "");
@@ -96,12 +96,12 @@ TEST_F(HelperProcessTest, InstallsRepairsAndInvalidatesCachesAsRoot) {
     const auto escaping =
         call("installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
              {kexts, std::string("/../../"), volume()});
-    EXPECT_EQ(std::get<std::vector<QVKernelExtension>>(escaping).size(), 1u);
+    EXPECT_EQ(std::get<std::vector<Kext>>(escaping).size(), 1u);
 
     test::writeReceipt(volumeRoot, "com.apple.pkg.Base.plist", "com.apple.pkg.Base",
                        {test::kRepairGroup}, {{".", 040755, 0, 0}, {"./Library", 040755, 0, 0}});
     ::chmod((volumeRoot / "Library").c_str(), 0700);
-    const auto results = std::get<std::vector<QVRepairPermissionsRepresentableResult>>(
+    const auto results = std::get<std::vector<ResultRecord>>(
         call("repairDiskPermissionsOnTargetVolume:reply:", {volume()}));
     ASSERT_EQ(results.size(), 1u);
     EXPECT_EQ(results[0].attributeStatusString, "Fixed");
@@ -248,7 +248,7 @@ TEST_F(HelperProcessTest, CallsLeaveNoThreadBehind) {
 
 TEST(HelperInstallationTest, TheInstalledHelperServesAndTakesNoOtherOption) {
     TemporaryFolder root, files;
-    const QVXPCHelper helper("org.quelm.veskp.quelm.helper", QUELM_VERSION_TEXT);
+    const HelperIdentity helper("org.quelm.veskp.quelm.helper", QUELM_VERSION_TEXT);
     test::writeText(files / "policy.in", "<policy exec=\"@HELPER_PATH@\"/>\n");
     // Made as with a careless umask: the folders must not come out writable by others.
     const auto installed =

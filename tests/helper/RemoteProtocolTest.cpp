@@ -9,20 +9,19 @@
 namespace quelm {
 namespace {
 
-QVOSVolume volume() {
-    return *unarchive<QVOSVolume>(PlistValue::Dict{{"$class", "QVOSVolume"},
-                                                   {"mountPoint", "/Volumes/Mac HD"},
-                                                   {"version", "10.12.6"},
-                                                   {"buildVersion", "16G29"},
-                                                   {"majorVersion", 16}});
+Volume volume() {
+    return *unarchive<Volume>(PlistValue::Dict{{"$class", "QVOSVolume"},
+                                               {"mountPoint", "/Volumes/Mac HD"},
+                                               {"version", "10.12.6"},
+                                               {"buildVersion", "16G29"},
+                                               {"majorVersion", 16}});
 }
 
 PlistValue installCall() {
     return encodeCall({7,
                        findRemoteOperation(
                            "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:"),
-                       {std::vector<QVKernelExtension>{
-                            QVKernelExtension(FileURL::fromPath("/k/A b.kext", false))},
+                       {std::vector<Kext>{Kext(FileURL::fromPath("/k/A b.kext", false))},
                         std::string("/Library/Extensions/"), volume()}});
 }
 
@@ -47,14 +46,13 @@ TEST(RemoteProtocolTest, CallsRoundTripThroughAFrame) {
     const auto call = decodeCall(**message, Sender::application);
     ASSERT_TRUE(call) << call.error().message;
     EXPECT_EQ(call->id, 7);
-    const auto& kexts = std::get<std::vector<QVKernelExtension>>(call->arguments[0]);
+    const auto& kexts = std::get<std::vector<Kext>>(call->arguments[0]);
     EXPECT_EQ(kexts.at(0).path(), "/k/A b.kext");
-    EXPECT_EQ(std::get<QVOSVolume>(call->arguments[2]).mountPoint(), "/Volumes/Mac HD");
+    EXPECT_EQ(std::get<Volume>(call->arguments[2]).mountPoint(), "/Volumes/Mac HD");
 }
 
 TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
-    QVRepairPermissionsRepresentableResult result{"id", "/V/bin", "Owner ID Mismatched", 501, 0,
-                                                  0,    "Fixed"};
+    ResultRecord result{"id", "/V/bin", "Owner ID Mismatched", 501, 0, 0, "Fixed"};
     const std::vector results(300, result);
     const auto encoded = encodeReplyPlist(3, results);
     const auto message = BinaryPlistDocument::open(encoded);
@@ -64,7 +62,7 @@ TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
     EXPECT_EQ(envelope->id, 3);
     const auto value = decodeValue(*message, envelope->value, ValueType::resultArray);
     ASSERT_TRUE(value);
-    EXPECT_EQ(std::get<std::vector<QVRepairPermissionsRepresentableResult>>(*value), results);
+    EXPECT_EQ(std::get<std::vector<ResultRecord>>(*value), results);
     EXPECT_FALSE(decodeValue(*message, envelope->value, ValueType::kextArray)) << "wrong class";
     EXPECT_FALSE(decodeValue(*message, envelope->value, ValueType::string));
     // The same message as one tree: what any reader of the format sees.

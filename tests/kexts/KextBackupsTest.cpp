@@ -28,7 +28,7 @@ protected:
         test::makeKextBundle(root / "Extra/Extensions", "Lilu.kext",
                              test::kextInfo("as.vit9696.Lilu", "1.0"));
     }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+    Volume volume() const { return *Volume::initWithMountPoint(root.string()); }
     std::string backupIn(const fs::path& where) const { return newBackupFolderPath(where, kNow); }
 
     test::TemporaryFolder folder;
@@ -154,7 +154,7 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
 
 TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
     const auto now = std::chrono::system_clock::now();
-    const QVKernelExtension lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
+    const Kext lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
     for (const auto* installedIn : {"/Library/Extensions/", "/Extra/Extensions/"})
         ASSERT_TRUE(
             backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)

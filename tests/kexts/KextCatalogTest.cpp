@@ -40,7 +40,7 @@ TEST(KextVersionTest, VersionsOrderByNumbersThenStage) {
 class KextVolumeTest : public testing::Test {
 protected:
     void SetUp() override { test::makeRescueVolume(root); }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+    Volume volume() const { return *Volume::initWithMountPoint(root.string()); }
 
     /// The failures of a kext made in the incoming folder.
     std::vector<std::string> failuresOf(std::string_view name, const PlistValue::Dict& info,
@@ -48,7 +48,7 @@ protected:
         return checkOne(makeKextBundle(incoming, name, info, executable), volume());
     }
     static std::vector<std::string> checkOne(const fs::path& kext,
-                                             const std::optional<QVOSVolume>& volume) {
+                                             const std::optional<Volume>& volume) {
         return checkKexts({kext.string()}, volume).at(0);
     }
 

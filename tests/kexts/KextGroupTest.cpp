@@ -5,8 +5,8 @@
 #include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextCatalog.h"
+#include "kexts/KextFolder.h"
 #include "kexts/KextInstallation.h"
-#include "kexts/QVKernelExtensionFolder.h"
 #include "volumes/VolumePairing.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ protected:
             GTEST_SKIP() << "installed kexts must belong to root";
     }
 
-    QVOSVolume group(std::string_view version, std::string_view build) {
+    Volume group(std::string_view version, std::string_view build) {
         test::makeVolumeGroup(system, data, version, build);
         for (const auto& extensions :
              {system / "System/Library/Extensions", data / "Library/Extensions"})
@@ -37,9 +37,8 @@ protected:
     fs::path data = folder / "Macintosh HD - Data";
 };
 
-QVKernelExtension liluKext() {
-    return QVKernelExtension(
-        FileURL::fromPath((test::realKextsFolder() / "Lilu.kext").string(), false));
+Kext liluKext() {
+    return Kext(FileURL::fromPath((test::realKextsFolder() / "Lilu.kext").string(), false));
 }
 
 bool isRecent(const fs::path& path) {

@@ -3,7 +3,7 @@
 
 #include "TestSupport.h"
 #include "kexts/KextCaches.h"
-#include "kexts/QVKernelExtensionsManager.h"
+#include "kexts/KextIntake.h"
 #include "support/Strings.h"
 
 #include <gtest/gtest.h>
@@ -28,21 +28,21 @@ protected:
             GTEST_SKIP() << "installed kexts must belong to root";
         test::makeVolume(volumeRoot, "10.12.6", "16G29");
         fs::create_directories(volumeRoot / "Library/Extensions");
-        volume = QVOSVolume::initWithMountPoint(volumeRoot.string());
+        volume = Volume::initWithMountPoint(volumeRoot.string());
     }
 
-    QVKernelExtension newKext(const std::string& name, const std::string& version) {
+    Kext newKext(const std::string& name, const std::string& version) {
         const auto bundle =
             test::makeKext(sources.path(), name, PlistValue::Dict{{"CFBundleVersion", version}});
         test::writeText(bundle / "Contents/MacOS/driver", "new");
         fs::create_symlink("driver", bundle / "Contents/MacOS/alias");
         ::chmod((bundle / "Contents/MacOS/driver").c_str(), 0600);
-        return QVKernelExtension(FileURL::fromPath(bundle.string(), false));
+        return Kext(FileURL::fromPath(bundle.string(), false));
     }
 
     TemporaryFolder folder, sources;
     fs::path volumeRoot = folder / "Mac HD";
-    std::optional<QVOSVolume> volume;
+    std::optional<Volume> volume;
 };
 
 TEST_F(KextInstallationTest, ReplacesTheOldBundleWholeWithRootOwnedItems) {
@@ -69,11 +69,11 @@ TEST_F(KextInstallationTest, ReplacesTheOldBundleWholeWithRootOwnedItems) {
 TEST_F(KextInstallationTest, FailedKextKeepsTheOldBundleAndLeavesNothingElse) {
     const auto installed = volumeRoot / "Library/Extensions/Gone.kext";
     test::writeText(installed / "Contents/Info.plist", "old");
-    const QVKernelExtension missing(FileURL::fromPath((sources / "Gone.kext").string(), false));
+    const Kext missing(FileURL::fromPath((sources / "Gone.kext").string(), false));
     const auto good = newKext("Good.kext", "1");
 
     const auto failed = installKernelExtensions({missing, good}, "/Library/Extensions/", *volume);
-    EXPECT_EQ(failed, std::vector<QVKernelExtension>{missing});
+    EXPECT_EQ(failed, std::vector<Kext>{missing});
     EXPECT_EQ(test::readText(installed / "Contents/Info.plist"), "old");
     EXPECT_TRUE(fs::exists(volumeRoot / "Library/Extensions/Good.kext"));
     EXPECT_EQ(std::distance(fs::directory_iterator(volumeRoot / "Library/Extensions"), {}), 2);
@@ -107,13 +107,13 @@ TEST_F(KextInstallationTest, NamesAndPathsAsUsersTypeThem) {
     test::makeKext(downloads, "Plain.kext", PlistValue::Dict{});
     const fs::path before = fs::current_path();
     fs::current_path(downloads / "sub");
-    QVKernelExtensionsManager manager;
+    KextIntake manager;
     manager.addKernelExtensions(std::vector<std::string>{"../Réseau.kext", "./../Plain.kext/"});
     fs::current_path(before);
 
-    ASSERT_EQ(manager.kextsTBI().size(), 2u);
+    ASSERT_EQ(manager.kextsToInstall().size(), 2u);
     EXPECT_TRUE(
-        installKernelExtensions(manager.kextsTBI(), "/Library/Extensions/", *volume).empty());
+        installKernelExtensions(manager.kextsToInstall(), "/Library/Extensions/", *volume).empty());
     EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Réseau.kext/Contents"));
     EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Plain.kext/Contents"));
 }
@@ -122,7 +122,7 @@ TEST_F(KextInstallationTest, AnInterruptedSwapGivesTheOldBundleBack) {
     // A swap cut short (power lost) leaves the old bundle under its aside name only.
     const auto extensions = volumeRoot / "Library/Extensions";
     test::writeText(extensions / ".Lilu.kext.quelm-previous/Contents/Info.plist", "old");
-    const QVKernelExtension missing(FileURL::fromPath((sources / "Lilu.kext").string(), false));
+    const Kext missing(FileURL::fromPath((sources / "Lilu.kext").string(), false));
 
     EXPECT_EQ(installKernelExtensions({missing}, "/Library/Extensions/", *volume).size(), 1u);
     EXPECT_EQ(test::readText(extensions / "Lilu.kext/Contents/Info.plist"), "old");
@@ -148,7 +148,7 @@ TEST_F(KextInstallationTest, ABundleWithADeviceOrFifoInsideIsRefused) {
 
 TEST_F(KextInstallationTest, SystemFolderOfAReadOnlySystemVolumeIsRefused) {
     test::makeVolume(volumeRoot, "10.15.7", "19H2");
-    const auto catalina = *QVOSVolume::initWithMountPoint(volumeRoot.string());
+    const auto catalina = *Volume::initWithMountPoint(volumeRoot.string());
     const auto kext = newKext("A.kext", "1");
     const auto refusal = installationRefusal(catalina, "/System/Library/Extensions/");
     ASSERT_TRUE(refusal);
@@ -160,14 +160,14 @@ TEST_F(KextInstallationTest, SystemFolderOfAReadOnlySystemVolumeIsRefused) {
 
 TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
     test::writeText(volumeRoot / "Library/Extensions/Old.kext/Contents/Info.plist", "old");
-    const QVKernelExtension old(FileURL::fromPath("/elsewhere/Old.kext", false));
-    const QVKernelExtension absent(FileURL::fromPath("/elsewhere/Absent.kext", false));
+    const Kext old(FileURL::fromPath("/elsewhere/Old.kext", false));
+    const Kext absent(FileURL::fromPath("/elsewhere/Absent.kext", false));
     const auto now = std::chrono::system_clock::now();
     const auto destination = folder / "Backups";
 
     const auto failed = backupKernelExtensions({old, absent}, "/Library/Extensions/", *volume,
                                                destination.string() + "/", now);
-    EXPECT_EQ(failed, std::vector<QVKernelExtension>{absent});
+    EXPECT_EQ(failed, std::vector<Kext>{absent});
     const auto backup = destination / compactTimestamp(now);
     EXPECT_EQ(test::readText(backup / "Old.kext/Contents/Info.plist"), "old");
     for (const auto& made : {destination, backup}) {
@@ -226,7 +226,7 @@ TEST(KextCachesTest, InvalidationOutrunsACacheNewerThanTheClock) {
     fs::create_directories(volumeRoot / "Custom/Ext");
     fs::create_directories(volumeRoot / "System/Library/Extensions");
     const auto before = fs::last_write_time(volumeRoot / "System/Library/Extensions");
-    const auto volume = *QVOSVolume::initWithMountPoint(volumeRoot.path().string());
+    const auto volume = *Volume::initWithMountPoint(volumeRoot.path().string());
 
     ASSERT_TRUE(rebuildCaches(volume));
     EXPECT_GT(fs::last_write_time(volumeRoot / "Custom/Ext"), future);
@@ -237,7 +237,7 @@ TEST(KextCachesTest, InvalidationOutrunsACacheNewerThanTheClock) {
 TEST(KextCachesTest, InvalidationTouchesBothExtensionsFolders) {
     TemporaryFolder volumeRoot;
     test::makeVolume(volumeRoot.path(), "10.12.6", "16G29");
-    const auto volume = *QVOSVolume::initWithMountPoint(volumeRoot.path().string());
+    const auto volume = *Volume::initWithMountPoint(volumeRoot.path().string());
     EXPECT_FALSE(rebuildCaches(volume)) << "no Extensions folder at all";
     for (const auto* folder : {"System/Library/Extensions", "Library/Extensions"}) {
         fs::create_directories(volumeRoot / folder);
@@ -250,14 +250,14 @@ TEST(KextCachesTest, InvalidationTouchesBothExtensionsFolders) {
                   fs::file_time_type::clock::now() - std::chrono::minutes(1));
 }
 
-TEST(QVKernelExtensionsManagerTest, AddsEachKextOnceAndOnlyKexts) {
-    QVKernelExtensionsManager manager;
+TEST(KextIntakeTest, AddsEachKextOnceAndOnlyKexts) {
+    KextIntake manager;
     manager.addKernelExtensions(
         std::vector<std::string>{"/k/A.kext", "/k/B.bundle", "/k/A.kext", "/k/C.kext"});
-    ASSERT_EQ(manager.kextsTBI().size(), 2u);
-    EXPECT_EQ(manager.kextsTBI()[0].name(), "A.kext");
-    EXPECT_EQ(manager.kextsTBI()[1].name(), "C.kext");
-    EXPECT_EQ(manager.installationFolder(), QVKernelExtensionFolder::LibraryExtensions);
+    ASSERT_EQ(manager.kextsToInstall().size(), 2u);
+    EXPECT_EQ(manager.kextsToInstall()[0].name(), "A.kext");
+    EXPECT_EQ(manager.kextsToInstall()[1].name(), "C.kext");
+    EXPECT_EQ(manager.installationFolder(), KextFolder::LibraryExtensions);
     EXPECT_EQ(manager.backupFolder(), "~/Desktop/");
 }
 

@@ -29,21 +29,21 @@ protected:
             GTEST_SKIP() << "installed kexts must belong to root";
         test::makeVolume(volumeRoot, "10.12.6", "16G29");
         fs::create_directories(extensions);
-        volume = QVOSVolume::initWithMountPoint(volumeRoot.string());
+        volume = Volume::initWithMountPoint(volumeRoot.string());
     }
 
     /// A kext of files files, each holding text.
-    QVKernelExtension makeKext(const fs::path& where, const std::string& text, int files = 1) {
+    Kext makeKext(const fs::path& where, const std::string& text, int files = 1) {
         const auto bundle = test::makeKext(where, "Lilu.kext", PlistValue::Dict{});
         for (int i = 0; i < files; ++i)
             test::writeText(bundle / "Contents/Resources" / ("file" + std::to_string(i)), text);
-        return QVKernelExtension(FileURL::fromPath(bundle.string(), true));
+        return Kext(FileURL::fromPath(bundle.string(), true));
     }
 
     test::TemporaryFolder folder, sources;
     fs::path volumeRoot = folder / "Mac HD";
     fs::path extensions = volumeRoot / "Library/Extensions";
-    std::optional<QVOSVolume> volume;
+    std::optional<Volume> volume;
 };
 
 TEST_F(KextSafetyTest, RootCopiesOnlyWhatTheUserCouldRead) {
@@ -51,7 +51,7 @@ TEST_F(KextSafetyTest, RootCopiesOnlyWhatTheUserCouldRead) {
     test::writeText(sources / "secret/Contents/Info.plist", "root's");
     ::chmod((sources / "secret").c_str(), 0700);
     fs::create_directory_symlink(sources / "secret", sources / "Secret.kext");
-    const QVKernelExtension link(FileURL::fromPath((sources / "Secret.kext").string(), true));
+    const Kext link(FileURL::fromPath((sources / "Secret.kext").string(), true));
     auto failed = installKexts({link}, "/Library/Extensions/", *volume);
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_EQ(failed[0].reason, "it is a link, not a kext bundle folder");
@@ -91,7 +91,7 @@ TEST_F(KextSafetyTest, AFullVolumeKeepsTheOldKextAndSaysWhy) {
         test::writeText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist", "old");
         const auto kext = makeKext(sources / "big", std::string(64 * 1024, 'x'), 8);
         const auto failed = installKexts({kext}, "/Library/Extensions/",
-                                         *QVOSVolume::initWithMountPoint((small / "HD").string()));
+                                         *Volume::initWithMountPoint((small / "HD").string()));
         const std::string text =
             (failed.size() == 1 ? failed[0].reason : "installed") + "\n" +
             test::readText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist");

@@ -14,7 +14,7 @@ namespace {
 using test::fatMachO;
 using test::thinMachO;
 
-std::vector<std::string> namesOf(const std::expected<MachOFile, MachOError>& file) {
+std::vector<std::string> namesOf(const std::expected<MachOFile, Error>& file) {
     std::vector<std::string> names;
     if (file)
         for (const auto& slice : file->slices)

@@ -2,9 +2,9 @@
 // architecture-specific library lists, libraries of the same job and of every Extensions folder.
 #include "KextFixtures.h"
 #include "TestSupport.h"
+#include "kexts/Kext.h"
 #include "kexts/KextCatalog.h"
 #include "kexts/KextChecks.h"
-#include "kexts/QVKernelExtension.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ using Failures = std::vector<std::vector<std::string>>;
 class RealKextsTest : public testing::Test {
 protected:
     void SetUp() override { test::makeCatalinaVolume(root); }
-    QVOSVolume volume() const { return *QVOSVolume::initWithMountPoint(root.string()); }
+    Volume volume() const { return *Volume::initWithMountPoint(root.string()); }
 
     /// The failures of each real kext named, checked as one job.
     std::vector<std::vector<std::string>> check(const std::vector<std::string>& names) const {
@@ -58,7 +58,7 @@ TEST_F(RealKextsTest, FlatBundlesAreListedWithTheirCodeAndPlugIns) {
 }
 
 TEST_F(RealKextsTest, AFlatBundlesVersionIsReadFromItsTop) {
-    const QVKernelExtension pci(
+    const Kext pci(
         FileURL::fromPath((root / "System/Library/Extensions/IOPCIFamily.kext").string(), true));
     EXPECT_EQ(pci.version(), std::optional<std::string>("2.9"));
 }

@@ -3,7 +3,7 @@
 #include "repair/BomWriter.h"
 
 #include "TestSupport.h"
-#include "repair/YRBomParser.h"
+#include "repair/BomReader.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,8 @@ using namespace std::string_literals;
 const std::filesystem::path dataFolder = QUELM_TEST_BOM_DIR;
 
 std::vector<BomRecord> readBack(const std::string& bytes) {
-    YRBomParser parser("memory");
-    EXPECT_EQ(parser.parseBytes(bytes), YRBomParser::success);
+    BomReader parser("memory");
+    EXPECT_EQ(parser.parseBytes(bytes), BomReader::success);
     std::vector<BomRecord> records;
     for (std::uint32_t index = 0; index < parser.total(); ++index) {
         const auto& record = parser.resources()[index];

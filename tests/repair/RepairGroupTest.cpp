@@ -1,7 +1,7 @@
 // Verify and repair of a macOS of 10.15 and later: receipts of both volumes, each path checked on
 // the volume that holds it, never through a link, and a sealed system volume left alone.
 #include "TestSupport.h"
-#include "repair/YRRepairPermissions.h"
+#include "repair/PermissionRepair.h"
 #include "volumes/VolumePairing.h"
 
 #include <algorithm>
@@ -59,8 +59,8 @@ protected:
         fs::create_directory_symlink(outside.path(), data / "Users");
     }
 
-    std::vector<std::string> run(QVRepairPermissionsJobType type) {
-        YRRepairPermissions job(*openMacOS(system.string(), data.string(), {}), type);
+    std::vector<std::string> run(RepairMode type) {
+        PermissionRepair job(*openMacOS(system.string(), data.string(), {}), type);
         job.run();
         std::vector<std::string> paths;
         for (const auto& result : job.results())
@@ -77,23 +77,23 @@ protected:
 TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
     make("10.15.7", "19H2");
     EXPECT_EQ(
-        run(QVRepairPermissionsJobType::verifyPermissions),
+        run(RepairMode::verifyPermissions),
         (std::vector<std::string>{"/Macintosh HD - Data/private/tmp", "/Macintosh HD/bin/ps"}))
         << "each path is named where it lies";
-    run(QVRepairPermissionsJobType::repairPermissions);
+    run(RepairMode::repairPermissions);
     EXPECT_EQ(permissionsOf(system / "bin/ps"), 04755u);
     EXPECT_EQ(permissionsOf(data / "private/tmp"), 01777u);
     EXPECT_EQ(permissionsOf(system / "Library/Extensions"), 0700u)
         << "the system volume's own /Library is hidden by the firmlink";
     EXPECT_EQ(permissionsOf(outside / "Shared"), 0777u) << "a link on the data volume";
-    EXPECT_TRUE(run(QVRepairPermissionsJobType::verifyPermissions).empty());
+    EXPECT_TRUE(run(RepairMode::verifyPermissions).empty());
 }
 
 TEST_F(RepairGroupTest, Sonoma_TheSealedSystemVolumeIsNeitherCheckedNorChanged) {
     make("14.6.1", "23G93");
-    EXPECT_EQ(run(QVRepairPermissionsJobType::verifyPermissions),
+    EXPECT_EQ(run(RepairMode::verifyPermissions),
               std::vector<std::string>{"/Macintosh HD - Data/private/tmp"});
-    run(QVRepairPermissionsJobType::repairPermissions);
+    run(RepairMode::repairPermissions);
     EXPECT_EQ(permissionsOf(data / "private/tmp"), 01777u);
     EXPECT_EQ(permissionsOf(system / "bin/ps"), 0755u);
 }

@@ -1,7 +1,7 @@
 // Work slices: the split of items over threads, and the processor description.
 #include "repair/WorkSlices.h"
 
-#include "repair/QVCPU.h"
+#include "repair/Processor.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -34,13 +34,13 @@ TEST(WorkSlicesDeathTest, NoThreadsStops) {
                  "QVTest::FatalError: no threads");
 }
 
-TEST(QVCPUTest, ReadsTheFirstProcessorOfCpuInfo) {
-    const auto cpu = QVCPU::fromCpuInfo("processor\t: 0\nmodel name\t: Intel(R) Core(TM) i7\n"
-                                        "siblings\t: 8\ncpu cores\t: 4\n\n"
-                                        "processor\t: 1\nmodel name\t: Other\n");
+TEST(ProcessorTest, ReadsTheFirstProcessorOfCpuInfo) {
+    const auto cpu = Processor::fromCpuInfo("processor\t: 0\nmodel name\t: Intel(R) Core(TM) i7\n"
+                                            "siblings\t: 8\ncpu cores\t: 4\n\n"
+                                            "processor\t: 1\nmodel name\t: Other\n");
     EXPECT_EQ(cpu.description(), "Intel(R) Core(TM) i7 4C8T");
     EXPECT_GE(cpu.maxthread(), 1);
-    EXPECT_EQ(QVCPU::fromCpuInfo("garbage").description(), "Unknown CT");
+    EXPECT_EQ(Processor::fromCpuInfo("garbage").description(), "Unknown CT");
 }
 
 } // namespace

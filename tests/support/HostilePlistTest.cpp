@@ -6,7 +6,7 @@
 #include "kexts/KextCatalog.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextHistory.h"
-#include "repair/YRRepairPermissions.h"
+#include "repair/PermissionRepair.h"
 #include "support/BinaryPlistCheck.h"
 
 #include <cstdlib>
@@ -115,16 +115,15 @@ TEST(HostilePlistTest, RegressionBombInAReceiptIsReportedAndTheOtherReceiptsAreC
         test::writeBomFile(receipts / (std::string(name) + ".bom"), records);
     }
     const ResidentPeak peak;
-    YRRepairPermissions verify(*QVOSVolume::initWithMountPoint(volume.string()),
-                               QVRepairPermissionsJobType::verifyPermissions);
+    PermissionRepair verify(*Volume::initWithMountPoint(volume.string()),
+                            RepairMode::verifyPermissions);
     verify.run();
     EXPECT_EQ(verify.checkedPathCount(), 1);
     ASSERT_EQ(verify.results().size(), 2u);
     const auto& skipped = verify.results().front();
     EXPECT_EQ(skipped.fileSystemResourcePath(), (receipts / "com.apple.pkg.Bomb.bom").string());
-    EXPECT_EQ(skipped.attributeMismatchedType(),
-              QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable);
-    EXPECT_EQ(skipped.attributeStatus(), QVFileSystemResourceAttributeStatus::failed);
+    EXPECT_EQ(skipped.attributeMismatchedType(), Mismatch::billOfMaterialsUnreadable);
+    EXPECT_EQ(skipped.attributeStatus(), AttributeStatus::failed);
     EXPECT_EQ(verify.results().back().fileSystemResourcePath(), (volume / "bin").string());
     EXPECT_LT(peak.growth(), kPeakBound);
 }

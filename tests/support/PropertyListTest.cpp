@@ -4,7 +4,7 @@
 #include "TestSupport.h"
 #include "helper/Channel.h"
 #include "helper/RemoteProtocol.h"
-#include "repair/QVPackage.h"
+#include "repair/Package.h"
 #include "support/BinaryPlistCheck.h"
 
 #include <cstdlib>
@@ -193,7 +193,7 @@ TEST_P(PropertyListEncodingTest, NestingIsRefusedJustBeyondTheLimit) {
     EXPECT_EQ(*parsed, deepest);
     const auto tooDeep = parsePlist(*serializePlist(PlistValue::Array{deepest}, GetParam()));
     ASSERT_FALSE(tooDeep);
-    EXPECT_EQ(tooDeep.error().kind, PlistError::Kind::unsupported);
+    EXPECT_EQ(tooDeep.error().kind, ErrorKind::unsupported);
 }
 
 // Deep enough to overflow the stack: libplist parses binary lists recursively, but XML ones
@@ -214,7 +214,7 @@ TEST(PropertyListGateTest, RegressionDeepReceiptsAreSkipped) {
     test::writeText(folder / "xml.plist", nestedXmlArrays(kDeepXml));
     test::writeText(folder / "binary.plist", nestedBinaryArrays(kDeepBinary));
     for (const char* name : {"xml.plist", "binary.plist"})
-        EXPECT_FALSE(QVPackage::initWithReceiptPath((folder / name).string())) << name;
+        EXPECT_FALSE(Package::initWithReceiptPath((folder / name).string())) << name;
 }
 
 TEST(PropertyListGateTest, RegressionCyclicBinaryPlistIsRefused) {
@@ -288,7 +288,7 @@ TEST(PropertyListGateTest, RegressionSharedValuesThatDecodeTooLargeAreRefused) {
     const std::string megabomb = sharedContentBomb(0x5, std::string(1 << 20, 'x'), 2'500'000);
     const auto parsed = parsePlist(megabomb);
     ASSERT_FALSE(parsed);
-    EXPECT_EQ(parsed.error().kind, PlistError::Kind::unsupported);
+    EXPECT_EQ(parsed.error().kind, ErrorKind::unsupported);
     EXPECT_EQ(parsed.error().message, "binary property list would take more than 512 MiB to read");
     for (const auto& small : {sharedContentBomb(0x4, std::string(64 << 10, '\7'), 4096),
                               sharedContentBomb(0x5, std::string(64 << 10, 'x'), 4096),
@@ -315,7 +315,7 @@ TEST(PropertyListGateTest, SharedValuesWithinTheBudgetRead) {
 // The largest list we read: the reply of a repair of 100,000 files, its keys and class names
 // shared by every result, decodes to some 140 MiB and must stay within its budget.
 TEST(PropertyListGateTest, TheReplyOfALargeRepairOpens) {
-    std::vector<QVRepairPermissionsRepresentableResult> results;
+    std::vector<ResultRecord> results;
     for (int i = 0; i < 100'000; ++i)
         results.push_back({"com.apple.pkg.Essentials",
                            "/Volumes/Macintosh HD/System/Library/Frameworks/Framework" +
@@ -332,7 +332,7 @@ TEST(PropertyListGateTest, TheReplyOfALargeRepairOpens) {
     ASSERT_TRUE(items && items->size() == results.size());
     const auto last = message->read(items->back());
     ASSERT_TRUE(last);
-    EXPECT_EQ(unarchive<QVRepairPermissionsRepresentableResult>(*last), results.back());
+    EXPECT_EQ(unarchive<ResultRecord>(*last), results.back());
 }
 
 TEST(PropertyListGateTest, MarkupOutsideElementsDoesNotCount) {
@@ -360,7 +360,7 @@ TEST(PropertyListGateTest, CloseTagsQuotedInsideMarkupDoNotHideNesting) {
 
 TEST(PropertyListTest, MissingFileAndWrongTopLevelAreErrors) {
     TemporaryFolder folder;
-    EXPECT_EQ(readPlistFile(folder / "missing.plist").error().kind, PlistError::Kind::unreadable);
+    EXPECT_EQ(readPlistFile(folder / "missing.plist").error().kind, ErrorKind::io);
     EXPECT_FALSE(readPlistFile(folder.path()));
     test::writePlist(folder / "array.plist", PlistValue::Array{"x"});
     EXPECT_FALSE(readPlistDictionary(folder / "array.plist"));
@@ -372,7 +372,7 @@ TEST(PropertyListTest, FailedWriteLeavesTargetAndNoTemporaryFile) {
     test::writeText(folder / "target/keep", "x");
     const auto written = writePlistFileAtomically(folder / "target", sampleValue());
     ASSERT_FALSE(written);
-    EXPECT_EQ(written.error().kind, PlistError::Kind::unwritable);
+    EXPECT_EQ(written.error().kind, ErrorKind::io);
     EXPECT_EQ(test::readText(folder / "target/keep"), "x");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
     EXPECT_FALSE(writePlistFileAtomically(folder / "no/such/folder.plist", sampleValue()));

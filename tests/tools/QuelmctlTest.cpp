@@ -2,7 +2,7 @@
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "kexts/KextHistory.h"
-#include "repair/QVRepairPermissionsResult.h"
+#include "repair/RepairResult.h"
 
 #include <gtest/gtest.h>
 #include <sstream>

@@ -62,7 +62,7 @@ TEST(MountedFileSystemTest, AReadOnlyMountIsRefusedWithItsReason) {
         GTEST_SKIP() << "this host does not let tests mount";
     const std::unique_ptr<const char, int (*)(const char*)> unmount(root.c_str(), ::umount);
     test::makeVolume(root, "10.13.6", "17G66");
-    const auto volume = *QVOSVolume::initWithMountPoint(root.string());
+    const auto volume = *Volume::initWithMountPoint(root.string());
     EXPECT_FALSE(writeRefusal(volume));
     ASSERT_EQ(::mount("quelm-test", root.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
     const auto refusal = writeRefusal(volume);

@@ -51,9 +51,9 @@ protected:
 };
 
 TEST_F(VolumeGroupTest, EitherHalfOpensTheWholeMacOSWhenTheOtherIsCertain) {
-    EXPECT_EQ(QVOSVolume::kindOf(system.string()), VolumeKind::system);
-    EXPECT_EQ(QVOSVolume::kindOf(data.string()), VolumeKind::data);
-    EXPECT_EQ(QVOSVolume::kindOf(folder.path().string()), VolumeKind::none);
+    EXPECT_EQ(Volume::kindOf(system.string()), VolumeKind::system);
+    EXPECT_EQ(Volume::kindOf(data.string()), VolumeKind::data);
+    EXPECT_EQ(Volume::kindOf(folder.path().string()), VolumeKind::none);
 
     const auto both = mounts({{system, "/dev/sdb2"}, {data, "/dev/sdb2"}});
     for (const auto& named : {system, data}) {
@@ -93,7 +93,7 @@ TEST_F(VolumeGroupTest, TheContainerDecidesBetweenTwoDataVolumesAndNothingIsGues
 TEST_F(VolumeGroupTest, EachWrongPairingSaysWhatTheFolderIsNot) {
     const auto whole = folder / "Old HD";
     test::makeVolume(whole, "10.14.6", "18G103");
-    const auto cases = std::vector<std::pair<std::expected<QVOSVolume, std::string>, std::string>>{
+    const auto cases = std::vector<std::pair<std::expected<Volume, std::string>, std::string>>{
         {openMacOS(whole.string(), data.string(), {}), "leave out --data-volume"},
         {openMacOS(system.string(), whole.string(), {}), "is not the data volume"},
         {openMacOS(data.string(), std::nullopt, {}), "whose system volume was not found"},
@@ -118,7 +118,7 @@ TEST_F(VolumeGroupTest, ASealedSystemVolumeIsNeverWrittenAndTheArchiveKeepsThePa
     EXPECT_FALSE(writeRefusal(volume, "/Library/Extensions"));
     EXPECT_FALSE(writeRefusal(volume)) << "the whole volume: its data half only";
 
-    const auto decoded = unarchive<QVOSVolume>(archive(volume));
+    const auto decoded = unarchive<Volume>(archive(volume));
     ASSERT_TRUE(decoded);
     EXPECT_EQ(decoded->dataMountPoint(), data.string());
     EXPECT_EQ(decoded->placeOf("/private/var/db/receipts").root, data.string())

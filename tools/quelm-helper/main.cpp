@@ -22,7 +22,7 @@ quelm::PlistValue::Dict helperInfo() {
 
 /// The root folder under which this executable is the installed helper (by a package, or at
 /// run time), or nothing for the copy shipped with the application in a build tree.
-std::optional<std::string> installedUnder(const quelm::QVXPCHelper& helper) {
+std::optional<std::string> installedUnder(const quelm::HelperIdentity& helper) {
     const std::string self = quelm::executablePath().string();
     if (self == QUELM_PACKAGED_HELPER_PATH)
         return "/";
@@ -33,12 +33,12 @@ std::optional<std::string> installedUnder(const quelm::QVXPCHelper& helper) {
     return root.empty() ? "/" : root;
 }
 
-int serve(const quelm::PlistValue::Dict& info, const quelm::QVXPCVESKHelper::Settings& settings) {
+int serve(const quelm::PlistValue::Dict& info, const quelm::HelperOperations::Settings& settings) {
     if (!quelm::peerIsAllowed(STDIN_FILENO))
         return 1;
     // A closed channel must end the helper through the reader, not through a signal.
     std::signal(SIGPIPE, SIG_IGN);
-    quelm::QVXPCVESKHelper helper(info, settings);
+    quelm::HelperOperations helper(info, settings);
     return quelm::serveHelper(helper, STDIN_FILENO, STDOUT_FILENO);
 }
 
@@ -61,7 +61,7 @@ int runShipped(int argc, char** argv, const quelm::PlistValue::Dict& info) {
                  "quelm-helper"};
     bool serving = false;
     std::string policyTemplate;
-    quelm::QVXPCVESKHelper::Settings settings;
+    quelm::HelperOperations::Settings settings;
     auto* mode = app.add_option_group("mode");
     mode->add_flag("--serve", serving, "Serve the channel on stdin and stdout");
     mode->add_option("--install", policyTemplate,
@@ -73,7 +73,7 @@ int runShipped(int argc, char** argv, const quelm::PlistValue::Dict& info) {
     CLI11_PARSE(app, argc, argv);
     if (serving)
         return serve(info, settings);
-    if (quelm::installHelperFiles(quelm::QVXPCHelper(info), quelm::executablePath().string(),
+    if (quelm::installHelperFiles(quelm::HelperIdentity(info), quelm::executablePath().string(),
                                   policyTemplate, settings.root, quelm::callerUid()))
         return 0;
     quelm::logLine("quelm-helper: cannot install the helper under " + settings.root);
@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
     // Whatever the caller's umask, nothing the helper makes may be writable by others.
     ::umask(022);
     const auto info = helperInfo();
-    if (const auto root = installedUnder(quelm::QVXPCHelper(info)))
+    if (const auto root = installedUnder(quelm::HelperIdentity(info)))
         return runInstalled(argc, argv, info, *root);
     return runShipped(argc, argv, info);
 }

@@ -25,7 +25,7 @@ bool namesAFolder(const std::vector<std::string>& paths) {
 }
 
 int printChecks(const Options& options) {
-    std::optional<QVOSVolume> volume;
+    std::optional<Volume> volume;
     if (!options.volume.empty() && !(volume = openVolume(options.volume)))
         return 2;
     int status = 0;

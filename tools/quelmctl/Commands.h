@@ -1,8 +1,8 @@
 // The quelmctl commands: each adds its subcommand, whose callback sets the exit status.
 #pragma once
 
-#include "kexts/QVSmartTableManager.h"
-#include "volumes/QVOSVolume.h"
+#include "kexts/SmartTable.h"
+#include "volumes/Volume.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
@@ -31,13 +31,13 @@ void addUndoCommand(CLI::App& app, int& status);
 
 /// The user's smart table in folder, made or refreshed first as the application does at
 /// launch; nothing (and a message) when that fails.
-std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder);
+std::optional<SmartTable> preparedUserCopy(const std::filesystem::path& folder);
 
 /// The macOS volume mounted at path (made absolute), joined to its data volume from 10.15 on
 /// (--data-volume, else dataPath, else the one found among the mounts), or nothing after a
 /// message naming it.
-std::optional<QVOSVolume> openVolume(const std::string& path,
-                                     const std::optional<std::string>& dataPath = std::nullopt);
+std::optional<Volume> openVolume(const std::string& path,
+                                 const std::optional<std::string>& dataPath = std::nullopt);
 
 /// Adds --data-volume, which every later openVolume takes as the data volume to join.
 void addDataVolumeOption(CLI::App* command);
@@ -45,7 +45,7 @@ void addDataVolumeOption(CLI::App* command);
 /// Says why root cannot write to the volume, or to the half that holds path when one is given,
 /// when it cannot: commands that change a volume stop there with status 2, before their first
 /// write.
-bool refusesWrites(const QVOSVolume& volume, std::string_view path = {});
+bool refusesWrites(const Volume& volume, std::string_view path = {});
 
 /// A CLI11 check for path arguments: the file system would read an empty one as the working
 /// folder.

@@ -2,8 +2,8 @@
 #include "kexts/KextBackups.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextInstallation.h"
+#include "kexts/KextIntake.h"
 #include "kexts/KextSwaps.h"
-#include "kexts/QVKernelExtensionsManager.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 #include "support/Paths.h"
@@ -55,45 +55,45 @@ private:
     std::map<std::string, std::vector<std::string>> entries_;
 };
 
-std::optional<QVKernelExtensionFolder> policyNamed(const std::string& name) {
-    static const std::map<std::string, QVKernelExtensionFolder, std::less<>> kShortNames{
-        {"extra", QVKernelExtensionFolder::ExtraExtensions},
-        {"library", QVKernelExtensionFolder::LibraryExtensions},
-        {"system", QVKernelExtensionFolder::SystemLibraryExtensions},
-        {"ask", QVKernelExtensionFolder::AskMeEveryTime},
-        {"smart", QVKernelExtensionFolder::UseSmartTable}};
+std::optional<KextFolder> policyNamed(const std::string& name) {
+    static const std::map<std::string, KextFolder, std::less<>> kShortNames{
+        {"extra", KextFolder::ExtraExtensions},
+        {"library", KextFolder::LibraryExtensions},
+        {"system", KextFolder::SystemLibraryExtensions},
+        {"ask", KextFolder::AskMeEveryTime},
+        {"smart", KextFolder::UseSmartTable}};
     const auto found = kShortNames.find(name);
     return found != kShortNames.end() ? std::optional(found->second)
                                       : kernelExtensionFolderFromRawValue(name);
 }
 
 /// The three choices of the application's folder dialog, asked on the terminal.
-std::optional<std::string> askFolder(const QVKernelExtension& kext) {
+std::optional<std::string> askFolder(const Kext& kext) {
     std::cout << "Select the installation folder for " << kext.name() << ":\n"
               << "  1) /Library/Extensions/\n  2) /System/Library/Extensions/\n  3) Cancel\n"
               << "Choice [1-3]: " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     if (answer == "1")
-        return std::string(rawValue(QVKernelExtensionFolder::LibraryExtensions));
+        return std::string(rawValue(KextFolder::LibraryExtensions));
     if (answer == "2")
-        return std::string(rawValue(QVKernelExtensionFolder::SystemLibraryExtensions));
+        return std::string(rawValue(KextFolder::SystemLibraryExtensions));
     return std::nullopt;
 }
 
 /// The kexts to install in each folder.
-using Plan = std::map<std::string, std::vector<QVKernelExtension>>;
+using Plan = std::map<std::string, std::vector<Kext>>;
 
 /// Each kext's folder by the policy; nothing for a kext that is skipped, with the reason.
-Plan planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionFolder policy,
-                 const std::optional<QVSmartTableManager>& table, const QVOSVolume& volume,
-                 int& skipped, Report& report) {
+Plan planFolders(const std::vector<Kext>& kexts, KextFolder policy,
+                 const std::optional<SmartTable>& table, const Volume& volume, int& skipped,
+                 Report& report) {
     Plan plan;
     for (const auto& kext : kexts) {
         std::optional<std::string> folder;
-        if (policy == QVKernelExtensionFolder::AskMeEveryTime)
+        if (policy == KextFolder::AskMeEveryTime)
             folder = askFolder(kext);
-        else if (policy != QVKernelExtensionFolder::UseSmartTable)
+        else if (policy != KextFolder::UseSmartTable)
             folder = std::string(rawValue(policy));
         else if (const auto found = table->table().find(kext.name()); found != table->table().end())
             folder = folderOnVolume(found->second, volume);
@@ -102,25 +102,23 @@ Plan planFolders(const std::vector<QVKernelExtension>& kexts, QVKernelExtensionF
             continue;
         }
         ++skipped;
-        report.say("skipped " + kext.name() +
-                       (policy == QVKernelExtensionFolder::AskMeEveryTime
-                            ? ": cancelled"
-                            : ": not in the smart table"),
-                   "skipped", kext.name());
+        report.say(
+            "skipped " + kext.name() +
+                (policy == KextFolder::AskMeEveryTime ? ": cancelled" : ": not in the smart table"),
+            "skipped", kext.name());
     }
     return plan;
 }
 
 /// The kexts that pass the checks against the volume's kexts and the others given, or every
 /// kext with force; says why each other one is refused.
-std::vector<QVKernelExtension> checkedKexts(const std::vector<QVKernelExtension>& kexts,
-                                            const QVOSVolume& volume, bool force, int& refused,
-                                            Report& report) {
+std::vector<Kext> checkedKexts(const std::vector<Kext>& kexts, const Volume& volume, bool force,
+                               int& refused, Report& report) {
     std::vector<std::string> paths;
     for (const auto& kext : kexts)
         paths.push_back(kext.path());
     const auto checks = checkKexts(paths, volume);
-    std::vector<QVKernelExtension> passed;
+    std::vector<Kext> passed;
     for (std::size_t i = 0; i < kexts.size(); ++i) {
         const auto& failures = checks[i];
         for (const auto& failure : failures)
@@ -139,7 +137,7 @@ std::vector<QVKernelExtension> checkedKexts(const std::vector<QVKernelExtension>
 
 /// Copies the installed kexts that the plan replaces into a new backup folder; false after a
 /// message when one cannot be copied.
-bool backupReplaced(const Options& options, const QVOSVolume& volume, const Plan& plan,
+bool backupReplaced(const Options& options, const Volume& volume, const Plan& plan,
                     std::string& backupFolder, Report& report) {
     std::vector<std::string> replaced;
     for (const auto& [folder, kexts] : plan)
@@ -164,7 +162,7 @@ bool backupReplaced(const Options& options, const QVOSVolume& volume, const Plan
 }
 
 /// Takes out of the plan the folders that cannot take kexts, saying why; the kexts taken out.
-int dropRefusedFolders(Plan& plan, const QVOSVolume& volume) {
+int dropRefusedFolders(Plan& plan, const Volume& volume) {
     int dropped = 0;
     for (auto it = plan.begin(); it != plan.end();) {
         const auto refusal = installationRefusal(volume, it->first);
@@ -179,7 +177,7 @@ int dropRefusedFolders(Plan& plan, const QVOSVolume& volume) {
     return dropped;
 }
 
-void describePlan(const Plan& plan, const QVOSVolume& volume, Report& report) {
+void describePlan(const Plan& plan, const Volume& volume, Report& report) {
     report.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
     for (const auto& [folder, kexts] : plan)
         for (const auto& kext : kexts) {
@@ -193,7 +191,7 @@ void describePlan(const Plan& plan, const QVOSVolume& volume, Report& report) {
 
 /// Backs up what the plan replaces, installs it and records it; the number of kexts that
 /// failed, or nothing when the backup failed and nothing was installed.
-std::optional<int> installPlan(const Options& options, const QVOSVolume& volume, const Plan& plan,
+std::optional<int> installPlan(const Options& options, const Volume& volume, const Plan& plan,
                                Report& report) {
     // One lock from the backup to the last kext: no other run changes the volume between them.
     const auto lock = beginKextChanges(volume);
@@ -250,7 +248,7 @@ int install(const Options& options) {
         printError(*refusal);
         return 2;
     }
-    auto& manager = QVKernelExtensionsManager::shared();
+    auto& manager = KextIntake::shared();
     manager.addKernelExtensions(options.kexts);
     // Other paths are left out by the manager; each is named here, and counts as not installed.
     int notInstalled = 0;
@@ -259,14 +257,14 @@ int install(const Options& options) {
             printError(path + " is not a kext bundle: its name must end in .kext");
             ++notInstalled;
         }
-    std::optional<QVSmartTableManager> table;
-    if (*policy == QVKernelExtensionFolder::UseSmartTable &&
+    std::optional<SmartTable> table;
+    if (*policy == KextFolder::UseSmartTable &&
         !(table = preparedUserCopy(applicationSupportFolder())))
         return 2;
     Report report(options.json);
-    auto plan =
-        planFolders(checkedKexts(manager.kextsTBI(), *volume, options.force, notInstalled, report),
-                    *policy, table, *volume, notInstalled, report);
+    auto plan = planFolders(
+        checkedKexts(manager.kextsToInstall(), *volume, options.force, notInstalled, report),
+        *policy, table, *volume, notInstalled, report);
     notInstalled += dropRefusedFolders(plan, *volume);
     if (options.dryRun) {
         describePlan(plan, *volume, report);

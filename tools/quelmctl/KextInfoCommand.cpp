@@ -1,5 +1,5 @@
 // quelmctl kext-info: a kext bundle as Quelm sees it.
-#include "kexts/QVKernelExtension.h"
+#include "kexts/Kext.h"
 #include "quelmctl/Commands.h"
 
 #include <filesystem>
@@ -9,7 +9,7 @@ namespace quelm::ctl {
 namespace {
 
 int showKext(const std::string& path) {
-    const QVKernelExtension kext(FileURL::fromPath(path, false));
+    const Kext kext(FileURL::fromPath(path, false));
     if (kext.url().pathExtension() != "kext") {
         printError(path + " is not a kext bundle: its name must end in .kext");
         return 1;

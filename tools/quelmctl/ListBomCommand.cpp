@@ -1,7 +1,7 @@
 // quelmctl list-bom: every path of a BOM file with its mode and owner, one line each.
 #include "quelmctl/Commands.h"
+#include "repair/BomReader.h"
 #include "repair/BomWriter.h"
-#include "repair/YRBomParser.h"
 #include "support/Files.h"
 
 #include <cerrno>
@@ -15,30 +15,30 @@ constexpr std::size_t flushSize = std::size_t{1} << 20;
 
 /// The record as the long listing shows it: size and checksum of files and links, a link's
 /// target.
-BomRecord longRecord(const YRFileSystemResource& record) {
+BomRecord longRecord(const BomEntry& record) {
     return BomRecord(record.path, record.mode, record.uid, record.gid, record.size, record.checksum,
                      std::string(record.linkTarget));
 }
 
 int listBom(const std::string& file, bool longForm) {
-    YRBomParser parser(file);
+    BomReader parser(file);
     switch (parser.parse()) {
-    case YRBomParser::success:
+    case BomReader::success:
         break;
-    case YRBomParser::unreadable:
+    case BomReader::unreadable:
         printError("cannot read " + file);
         return 1;
-    case YRBomParser::notABomStore:
+    case BomReader::notABomStore:
         printError(file + " is not a BOM store, or it is damaged");
         return 2;
     }
     // Lines are gathered into large writes: a receipt can list a million paths.
     std::string out;
     out.reserve(flushSize + 4096);
-    const YRFileSystemResource* records = parser.resources();
+    const BomEntry* records = parser.resources();
     const std::uint32_t total = parser.total();
     for (std::uint32_t index = 0; index < total; ++index) {
-        const YRFileSystemResource& record = records[index];
+        const BomEntry& record = records[index];
         if (longForm)
             appendLongListingLine(out, longRecord(record));
         else

@@ -1,8 +1,8 @@
 // quelmctl verify-permissions and repair-permissions: the repair job on a volume, in process.
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
-#include "repair/QVCPU.h"
-#include "repair/YRRepairPermissions.h"
+#include "repair/PermissionRepair.h"
+#include "repair/Processor.h"
 #include "support/Files.h"
 #include "volumes/VolumeLock.h"
 
@@ -53,7 +53,7 @@ private:
     NotificationCenter::Token token_ = 0;
 };
 
-std::string jsonResults(const std::vector<QVRepairPermissionsRepresentableResult>& results) {
+std::string jsonResults(const std::vector<ResultRecord>& results) {
     std::string out = "[";
     for (const auto& r : results) {
         out += out.size() > 1 ? ",\n  {" : "\n  {";
@@ -70,56 +70,53 @@ std::string jsonResults(const std::vector<QVRepairPermissionsRepresentableResult
     return out + (results.empty() ? "]\n" : "\n]\n");
 }
 
-bool isFailed(const QVRepairPermissionsResult& result) {
-    return result.attributeStatus() == QVFileSystemResourceAttributeStatus::failed;
+bool isFailed(const RepairResult& result) {
+    return result.attributeStatus() == AttributeStatus::failed;
 }
 
-bool isContent(const QVRepairPermissionsResult& result) {
+bool isContent(const RepairResult& result) {
     return isContentType(result.attributeMismatchedType());
 }
 
-std::string summary(const YRRepairPermissions& job, QVRepairPermissionsJobType type,
-                    bool checksContent) {
+std::string summary(const PermissionRepair& job, RepairMode type, bool checksContent) {
     const auto& results = job.results();
     const auto failed = static_cast<std::size_t>(std::ranges::count_if(results, isFailed));
     const auto content = static_cast<std::size_t>(
         std::ranges::count_if(results, [](const auto& r) { return isContent(r) && !isFailed(r); }));
     const std::string others = std::to_string(results.size() - failed - content);
     const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
-    const std::string contentText =
-        checksContent && type == QVRepairPermissionsJobType::verifyPermissions
-            ? std::to_string(content) + " with other content, "
-            : "";
+    const std::string contentText = checksContent && type == RepairMode::verifyPermissions
+                                        ? std::to_string(content) + " with other content, "
+                                        : "";
     return checked + others +
-           (type == QVRepairPermissionsJobType::verifyPermissions ? " mismatched, " : " fixed, ") +
-           contentText + std::to_string(failed) + " failed";
+           (type == RepairMode::verifyPermissions ? " mismatched, " : " fixed, ") + contentText +
+           std::to_string(failed) + " failed";
 }
 
 /// Names every receipt whose paths went unchecked, so that its package can be reinstalled, and
 /// says what mends files whose content differs.
-void reportUnrepairable(const YRRepairPermissions& job, QVRepairPermissionsJobType type) {
+void reportUnrepairable(const PermissionRepair& job, RepairMode type) {
     for (const auto& result : job.results())
-        if (result.attributeMismatchedType() ==
-            QVFileSystemResourceAttributeMismatchedType::billOfMaterialsUnreadable)
+        if (result.attributeMismatchedType() == Mismatch::billOfMaterialsUnreadable)
             printError("cannot read the bill of materials " + result.fileSystemResourcePath() +
                        ": the paths of its package were not checked; reinstall that package");
     const auto content = std::ranges::count_if(job.results(), isContent);
     if (content > 0)
         printError(std::to_string(content) + " file" + (content == 1 ? "" : "s") +
                    " differ from their receipts in content or cannot be read" +
-                   (type == QVRepairPermissionsJobType::repairPermissions
+                   (type == RepairMode::repairPermissions
                         ? ": repair never changes a file's content; reinstall the packages "
                           "that installed them"
                         : ": reinstall the packages that installed them"));
 }
 
-int runJob(const Options& options, QVRepairPermissionsJobType type) {
+int runJob(const Options& options, RepairMode type) {
     const auto volume = openVolume(options.volume);
     if (!volume)
         return 2;
     if (options.threads > 0)
-        QVCPU::shared().setMaxthread(options.threads);
-    const bool repairs = type == QVRepairPermissionsJobType::repairPermissions;
+        Processor::shared().setMaxthread(options.threads);
+    const bool repairs = type == RepairMode::repairPermissions;
     if (repairs && refusesWrites(*volume))
         return 2;
     if (repairs && ::geteuid() != 0)
@@ -133,13 +130,13 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
         }
         lock.emplace(std::move(*taken));
     }
-    YRRepairPermissions job(*volume, type);
+    PermissionRepair job(*volume, type);
     job.setChecksContent(options.content);
     {
         ProgressBar bar;
         job.run();
     }
-    std::vector<QVRepairPermissionsRepresentableResult> results;
+    std::vector<ResultRecord> results;
     for (const auto& result : job.results())
         results.push_back(result.representable());
     const std::string report = reportText(results);
@@ -156,11 +153,11 @@ int runJob(const Options& options, QVRepairPermissionsJobType type) {
                   << '\n';
     reportUnrepairable(job, type);
     const bool failed = std::ranges::any_of(job.results(), isFailed);
-    return type == QVRepairPermissionsJobType::verifyPermissions ? !results.empty() : failed;
+    return type == RepairMode::verifyPermissions ? !results.empty() : failed;
 }
 
 void addJobCommand(CLI::App& app, int& status, const char* name, const char* description,
-                   QVRepairPermissionsJobType type) {
+                   RepairMode type) {
     auto* command = app.add_subcommand(name, description);
     auto options = std::make_shared<Options>();
     command->add_option("--volume", options->volume, "Mount point of the macOS volume")->required();
@@ -180,13 +177,12 @@ void addJobCommand(CLI::App& app, int& status, const char* name, const char* des
                     "(content included, with --content), a repair failed, a path or a receipt's "
                     "bill of materials cannot be read, 2 on an error such as a folder that is no "
                     "macOS volume.");
-    if (type == QVRepairPermissionsJobType::repairPermissions)
+    if (type == RepairMode::repairPermissions)
         command->add_flag("--dry-run", options->dryRun,
                           "Print what would be repaired (as verify-permissions); change nothing");
     // A dry run is the verification: it lists every mismatch that a repair would fix.
     command->callback([options, &status, type] {
-        status = runJob(*options,
-                        options->dryRun ? QVRepairPermissionsJobType::verifyPermissions : type);
+        status = runJob(*options, options->dryRun ? RepairMode::verifyPermissions : type);
     });
 }
 
@@ -196,11 +192,11 @@ void addPermissionsCommands(CLI::App& app, int& status) {
     addJobCommand(app, status, "verify-permissions",
                   "Compare owner, group and permissions of every path the volume's receipts "
                   "list with what they prescribe; change nothing.",
-                  QVRepairPermissionsJobType::verifyPermissions);
+                  RepairMode::verifyPermissions);
     addJobCommand(app, status, "repair-permissions",
                   "Set owner, group and permissions of every path the volume's receipts list "
                   "to what they prescribe (run as root).",
-                  QVRepairPermissionsJobType::repairPermissions);
+                  RepairMode::repairPermissions);
 }
 
 } // namespace quelm::ctl

@@ -24,7 +24,7 @@ struct Options {
 /// The paths on the volume that the names stand for, with their staged copies; nothing after a
 /// message for each name that is not installed or is Apple's without force.
 std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
-                                                      const QVOSVolume& volume) {
+                                                      const Volume& volume) {
     const auto installed = installedKexts(volume);
     std::vector<std::string> paths;
     bool refused = false;
@@ -53,7 +53,7 @@ std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
 
 /// The auxiliary kernel collection's path, when the user sets it aside and the volume has one;
 /// nothing after a message when it cannot be.
-std::optional<std::vector<std::string>> collectionToSetAside(const QVOSVolume& volume) {
+std::optional<std::vector<std::string>> collectionToSetAside(const Volume& volume) {
     if (!volume.isSealed()) {
         printError("--set-aside-collection: only macOS 11 and later load kexts from an auxiliary "
                    "kernel collection; " +
@@ -71,7 +71,7 @@ std::optional<std::vector<std::string>> collectionToSetAside(const QVOSVolume& v
 }
 
 /// What the next start does with the kexts just taken off.
-std::string removalNotice(const QVOSVolume& volume, const RescueOutcome& outcome) {
+std::string removalNotice(const Volume& volume, const RescueOutcome& outcome) {
     const bool setAside = std::ranges::any_of(outcome.done, [](const std::string& path) {
         return path.ends_with(kAuxiliaryCollectionName);
     });

@@ -104,8 +104,8 @@ void recordInHistory(HistoryRecord record) {
         printError("the operation is not in the history: " + saved.error());
 }
 
-HistoryRecord recordOf(const QVOSVolume& volume, std::string operation,
-                       std::vector<std::string> kexts, std::string backup) {
+HistoryRecord recordOf(const Volume& volume, std::string operation, std::vector<std::string> kexts,
+                       std::string backup) {
     return {isoTimestamp(std::chrono::system_clock::now()),
             volume.mountPoint(),
             std::move(operation),
@@ -114,7 +114,7 @@ HistoryRecord recordOf(const QVOSVolume& volume, std::string operation,
             false};
 }
 
-bool invalidateCaches(const QVOSVolume& volume) {
+bool invalidateCaches(const Volume& volume) {
     if (rebuildCaches(volume))
         return true;
     printError("cannot rebuild or mark stale the kext caches of " + volume.mountPoint() +
@@ -122,7 +122,7 @@ bool invalidateCaches(const QVOSVolume& volume) {
     return false;
 }
 
-int finishChange(const QVOSVolume& volume, std::string operation, const RescueOutcome& outcome,
+int finishChange(const Volume& volume, std::string operation, const RescueOutcome& outcome,
                  std::string_view verb, bool json) {
     const int status = reportOutcome(outcome, verb, json);
     if (outcome.done.empty())
@@ -133,7 +133,7 @@ int finishChange(const QVOSVolume& volume, std::string operation, const RescueOu
     return invalidated ? status : 1;
 }
 
-void printCollectionNotice(const QVOSVolume& volume, bool json) {
+void printCollectionNotice(const Volume& volume, bool json) {
     if (const auto notice = auxiliaryCollectionNotice(volume); notice && !json)
         std::cout << *notice << '\n';
 }

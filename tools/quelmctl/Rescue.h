@@ -4,7 +4,7 @@
 
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <chrono>
 #include <optional>
@@ -28,11 +28,11 @@ std::optional<std::string> backupRoot(const std::string& chosen);
 void recordInHistory(HistoryRecord record);
 
 /// A history record of now for the volume.
-HistoryRecord recordOf(const QVOSVolume& volume, std::string operation,
-                       std::vector<std::string> kexts, std::string backup);
+HistoryRecord recordOf(const Volume& volume, std::string operation, std::vector<std::string> kexts,
+                       std::string backup);
 
 /// Marks the volume's kext caches stale (or rebuilds them); false after a message.
-bool invalidateCaches(const QVOSVolume& volume);
+bool invalidateCaches(const Volume& volume);
 
 /// What users learn the hard way after taking a kext off a Mac that no longer starts.
 inline constexpr std::string_view kKernelCacheWarning =
@@ -41,7 +41,7 @@ inline constexpr std::string_view kKernelCacheWarning =
     "Recovery, so that macOS builds a new cache without it.";
 
 /// On macOS 11 and later, says on stdout (not in JSON) when the changed kexts take effect.
-void printCollectionNotice(const QVOSVolume& volume, bool json);
+void printCollectionNotice(const Volume& volume, bool json);
 
 /// Prints the outcome as "VERB path" and "failed path" lines, or as a JSON object; returns the
 /// exit status: 0 when nothing failed, else 1.
@@ -49,7 +49,7 @@ int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json
 
 /// Reports the outcome; once a kext moved, records the operation in the history and marks the
 /// caches stale. Returns the exit status: 0, or 1 when a kext or the caches failed.
-int finishChange(const QVOSVolume& volume, std::string operation, const RescueOutcome& outcome,
+int finishChange(const Volume& volume, std::string operation, const RescueOutcome& outcome,
                  std::string_view verb, bool json);
 
 /// Whether the user runs as root; if not, says why the command needs it.

@@ -20,7 +20,7 @@ struct Options {
 };
 
 /// Prints what restoring would do; 0, or 2 when the backup cannot be read.
-int describeRestore(const std::string& backup, const QVOSVolume& volume, bool json) {
+int describeRestore(const std::string& backup, const Volume& volume, bool json) {
     const auto steps = planRestore(backup, volume);
     if (!steps) {
         printError(steps.error());
@@ -45,7 +45,7 @@ bool sameFolder(const std::string& a, const std::string& b) {
 }
 
 /// The volume the backup's manifest names; another only when the user asks for it by name.
-std::optional<QVOSVolume> volumeFor(const Options& options) {
+std::optional<Volume> volumeFor(const Options& options) {
     const auto manifest = readBackupManifest(options.backup);
     if (!manifest) {
         printError(manifest.error());

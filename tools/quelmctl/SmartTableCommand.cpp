@@ -1,5 +1,5 @@
 // quelmctl smart-table: show, look up and reset the user's copy of the smart table.
-#include "kexts/QVSmartTableManager.h"
+#include "kexts/SmartTable.h"
 #include "quelmctl/Commands.h"
 #include "support/Paths.h"
 
@@ -10,21 +10,21 @@
 namespace quelm::ctl {
 namespace {} // namespace
 
-std::optional<QVSmartTableManager> preparedUserCopy(const std::filesystem::path& folder) {
+std::optional<SmartTable> preparedUserCopy(const std::filesystem::path& folder) {
     std::error_code error;
     std::filesystem::create_directories(folder, error);
     if (error) {
         printError("cannot create " + folder.string() + ": " + error.message());
         return std::nullopt;
     }
-    const QVSmartTableManager manager(folder, Bundle::main());
+    const SmartTable manager(folder, Bundle::main());
     if (auto prepared = manager.prepare(); !prepared) {
         printError("cannot prepare the smart table " + manager.userCopyPath() + " (" +
                    std::string(errorName(prepared.error())) + "); 'quelmctl smart-table reset' " +
                    "restores the shipped one");
         return std::nullopt;
     }
-    return QVSmartTableManager(folder, Bundle::main(), manager.userCopyPath());
+    return SmartTable(folder, Bundle::main(), manager.userCopyPath());
 }
 
 namespace {
@@ -56,10 +56,10 @@ int lookup(const std::filesystem::path& folder, const std::string& name) {
 int reset(const std::filesystem::path& folder) {
     std::error_code error;
     std::filesystem::create_directories(folder, error);
-    const QVSmartTableManager manager(folder, Bundle::main());
+    const SmartTable manager(folder, Bundle::main());
     if (error || !manager.reset()) {
         printError("cannot reset " + manager.userCopyPath() + " from " +
-                   Bundle::main().resourcePath(QVSmartTableManager::resourceName).string());
+                   Bundle::main().resourcePath(SmartTable::resourceName).string());
         return 1;
     }
     std::cout << "reset " << manager.userCopyPath() << " to the shipped table\n";

@@ -18,7 +18,7 @@ struct Options {
 };
 
 /// What undoing the record would change: the kexts taken off, then those put back.
-void describeUndo(const HistoryRecord& record, const QVOSVolume& volume, bool json) {
+void describeUndo(const HistoryRecord& record, const Volume& volume, bool json) {
     const std::vector<std::string> takenOff =
         record.operation == "remove" ? std::vector<std::string>{} : record.kexts;
     std::vector<std::string> putBack;
@@ -39,8 +39,8 @@ void describeUndo(const HistoryRecord& record, const QVOSVolume& volume, bool js
         std::cout << "would-restore " << path << '\n';
 }
 
-std::expected<RescueOutcome, std::string>
-reverse(const HistoryRecord& record, const QVOSVolume& volume, const std::string& backupFolder) {
+std::expected<RescueOutcome, std::string> reverse(const HistoryRecord& record, const Volume& volume,
+                                                  const std::string& backupFolder) {
     const auto now = std::chrono::system_clock::now();
     if (record.operation == "remove")
         return restoreKextsFromBackup(record.backup, volume, backupFolder, now);

@@ -1,7 +1,7 @@
 // quelmctl volume-info: what Quelm reads from a macOS volume.
 #include "quelmctl/Commands.h"
 #include "volumes/MountedFileSystem.h"
-#include "volumes/QVOSVolume.h"
+#include "volumes/Volume.h"
 
 #include <array>
 #include <cctype>
@@ -42,7 +42,7 @@ void showMountOf(const std::string& folder, std::string_view prefix) {
 }
 
 /// The two halves of a macOS of 10.15 or later, its firmlinks, and where each folder lies.
-void showHalves(const QVOSVolume& volume) {
+void showHalves(const Volume& volume) {
     if (!volume.isSystemVolume()) {
         std::cout << "kind: whole volume\n";
         return;
@@ -65,7 +65,7 @@ void showHalves(const QVOSVolume& volume) {
 }
 
 /// How the host mounts the volume, and whether Quelm may write to it.
-void showMount(const QVOSVolume& volume) {
+void showMount(const Volume& volume) {
     showHalves(volume);
     showMountOf(volume.mountPoint(), "");
     const auto refusal = writeRefusal(volume);

@@ -37,8 +37,8 @@ void addDataVolumeOption(CLI::App* command) {
         ->check(refuseEmpty);
 }
 
-std::optional<QVOSVolume> openVolume(const std::string& path,
-                                     const std::optional<std::string>& dataPath) {
+std::optional<Volume> openVolume(const std::string& path,
+                                 const std::optional<std::string>& dataPath) {
     auto volume =
         openMacOS(absoluteNormalPath(path), dataVolumeOption() ? dataVolumeOption() : dataPath);
     if (!volume) {
@@ -48,7 +48,7 @@ std::optional<QVOSVolume> openVolume(const std::string& path,
     return std::move(*volume);
 }
 
-bool refusesWrites(const QVOSVolume& volume, std::string_view path) {
+bool refusesWrites(const Volume& volume, std::string_view path) {
     const auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path);
     if (refusal)
         printError(*refusal);

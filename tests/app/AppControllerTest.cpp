@@ -1,0 +1,381 @@
+// The application controller and the installation screen, offscreen: intake timing, menus,
+// defaults, screen choice, appearance, and a job answered in advance against the real helper.
+#include "app/AppController.h"
+
+#include "KextFixtures.h"
+#include "TestSupport.h"
+#include "app/JobScreen.h"
+#include "app/LaterStarts.h"
+#include "app/MainWindow.h"
+#include "helper/HelperManager.h"
+#include "kexts/KextIntake.h"
+#include "support/Paths.h"
+#include "ui/Translations.h"
+#include "ui/UserDefaults.h"
+#include "ui/ViewExtensions.h"
+#include "volumes/VolumeManager.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QFileDialog>
+#include <QLabel>
+#include <QMenuBar>
+#include <QPushButton>
+#include <QScopeGuard>
+#include <QSettings>
+#include <QtTest>
+#include <unistd.h>
+
+namespace quelm {
+
+using namespace std::chrono_literals;
+
+class AppControllerTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() {
+        QVERIFY(installTranslations(*QCoreApplication::instance()));
+        // The home of the test program outlives a run: start from no settings at all.
+        QSettings("org.quelm", "Quelm").clear();
+        // The shared helper manager takes its root once, for every job of this run.
+        HelperManager::setSharedRoot(helperRoot_.path().string());
+    }
+
+    void cleanup() { ModalAnswers::clear(); }
+
+    void batchesBeforeTheTimerAreDeliveredOnceInOrder() {
+        MainWindow window;
+        // The timer never fires by itself here: the test fires it, so no wait decides.
+        AppController delegate(window, 24h);
+        std::vector<std::vector<std::string>> deliveries;
+        const auto token = NotificationCenter::defaultCenter().addObserver(
+            kDidCollectAllFiles, [&](const auto& paths) { deliveries.push_back(paths); });
+        delegate.openFiles({"/k/A.kext"});
+        delegate.openFiles({"/k/B.kext", "/k/C.kext"});
+        QCoreApplication::processEvents();
+        delegate.openFiles({"/k/D.kext"});
+        QCoreApplication::processEvents();
+        QVERIFY(deliveries.empty());
+        delegate.start();
+        QCOMPARE(deliveries.size(), std::size_t{1});
+        QCOMPARE(deliveries[0],
+                 (std::vector<std::string>{"/k/A.kext", "/k/B.kext", "/k/C.kext", "/k/D.kext"}));
+        delegate.openFiles({"/k/E.kext"});
+        delegate.start();
+        QCOMPARE(deliveries.size(), std::size_t{2});
+        QCOMPARE(deliveries[1].size(), std::size_t{5});
+        NotificationCenter::defaultCenter().removeObserver(token);
+    }
+
+    void theIntakeTimerDeliversByItself() {
+        MainWindow window;
+        AppController delegate(window, 10ms);
+        std::size_t deliveries = 0;
+        const auto token = NotificationCenter::defaultCenter().addObserver(
+            kDidCollectAllFiles, [&](const auto&) { ++deliveries; });
+        delegate.openFiles({"/k/A.kext"});
+        QTRY_COMPARE_WITH_TIMEOUT(deliveries, std::size_t{1}, test::kHangGuardMs);
+        NotificationCenter::defaultCenter().removeObserver(token);
+    }
+
+    void launchTitlesTheMenuAndKeepsTheUsersDefaults() {
+        setUserDefaultString(kDefaultAppearanceModeKey, "DarkMode");
+        MainWindow window;
+        AppController delegate(window);
+        QMenuBar menu;
+        auto* quit = menu.addMenu("App")->addAction(QString());
+        quit->setProperty("tag", 6);
+        auto* help = menu.addMenu("Help")->addAction(QString());
+        help->setProperty("tag", 15);
+        auto* kexts = menu.addMenu("Window")->addAction(QString());
+        kexts->setProperty("tag", 16);
+        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        QCOMPARE(quit->text(), QString("Quit Quelm"));
+        QCOMPARE(help->text(), QString("Quelm Help"));
+        QCOMPARE(kexts->text(), QString("Installed Kexts..."));
+        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey),
+                 std::optional<std::string>("DarkMode"));
+        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
+                 std::optional<std::string>("QVKextFolderUseSmartTable"));
+        QVERIFY(
+            std::filesystem::exists(applicationSupportFolder() / "QVUserDefaultSmartTable.plist"));
+    }
+
+    void launchWithoutFilesShowsThePreferencesAndQuitsWithTheirWindow() {
+        MainWindow window;
+        AppController delegate(window);
+        delegate.applicationDidFinishLaunching();
+        QTRY_VERIFY_WITH_TIMEOUT(window.isVisible(), test::kHangGuardMs);
+        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
+        QVERIFY(delegate.applicationShouldTerminateAfterLastWindowClosed());
+        // The screen is chosen once per run.
+        window.switchViewController(true);
+        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
+    }
+
+    void darkModeTurnsTheStatusWhite() {
+        JobScreen screen;
+        screen.applyAppearanceMode("DarkMode");
+        auto* status = screen.findChild<QLabel*>("statusField");
+        QVERIFY(status);
+        QCOMPARE(status->palette().color(QPalette::WindowText), QColor(Qt::white));
+        screen.applyAppearanceMode("LightMode");
+        QCOMPARE(status->palette().color(QPalette::WindowText), QColor(Qt::black));
+        QCOMPARE(status->text(), QString("Status: Preparing..."));
+    }
+
+    void eachHelperFailureEndsInItsAlertAndAConnectionInNone() {
+        MainWindow window;
+        AppController delegate(window);
+        QMenuBar menu;
+        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        int terminations = 0;
+        connect(&delegate, &AppController::terminate, [&] { ++terminations; });
+        auto& center = NotificationCenter::defaultCenter();
+        const std::vector<std::pair<std::function<void()>, QString>> failures{
+            {[&] { center.post(kHelperFailedToConnect, std::string("broken pipe")); },
+             "Quelm cannot talk to its helper: broken pipe"},
+            {[&] { center.post(kHelperFailedToInstall, NoObject{}); },
+             "Quelm cannot install its helper."},
+            {[&] { center.post(kHelperFailedToReinstall, NoObject{}); },
+             "Quelm cannot install the new version of its helper."},
+            {[&] { center.post(kHelperFailedToRemove, NoObject{}); },
+             "Quelm cannot remove the old version of its helper."},
+            {[&] { center.post(kHelperFailedToAuthenticate, NoObject{}); },
+             "Quelm was not allowed to install its helper."},
+        };
+        for (std::size_t i = 0; i < failures.size(); ++i) {
+            ModalAnswers::preset(QMessageBox::Ok);
+            failures[i].first();
+            QTRY_COMPARE_WITH_TIMEOUT(terminations, static_cast<int>(i + 1), test::kHangGuardMs);
+            QCOMPARE(ModalAnswers::shown().back().text, QString("An error occurred"));
+            QCOMPARE(ModalAnswers::shown().back().informativeText, failures[i].second);
+        }
+        // A connection is no failure: no alert, and the application goes on.
+        center.post(kHelperDidConnect, NoObject{});
+        QCoreApplication::processEvents();
+        QCOMPARE(ModalAnswers::shown().size(), failures.size());
+        QCOMPARE(terminations, static_cast<int>(failures.size()));
+    }
+
+    void withoutAVolumeACancelledChoiceEndsTheJobUnchanged() {
+        QVERIFY(!VolumeManager::shared().selectedOSVolume());
+        JobScreen screen;
+        bool finished = false;
+        connect(&screen, &JobScreen::jobFinished, [&] { finished = true; });
+        // Whenever the folder chooser shows, it is cancelled.
+        QTimer canceller;
+        connect(&canceller, &QTimer::timeout, [] {
+            if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget()))
+                dialog->reject();
+        });
+        canceller.start(10ms);
+        screen.runWithANotification({"/k/A.kext"});
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
+        QVERIFY(KextIntake::shared().kextsToInstall().empty());
+    }
+
+    void aSystemFolderThatTheVolumeKeepsReadOnlyEndsTheJobUnchanged() {
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Macintosh HD";
+        test::makeVolume(volume, "10.15.7", "19H2");
+        const auto kext = test::makeKext(folder / "kexts", "A.kext", PlistValue::Dict{});
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/System/Library/Extensions/");
+        JobScreen screen;
+        bool finished = false;
+        connect(&screen, &JobScreen::jobFinished, [&] { finished = true; });
+        ModalAnswers::preset(QMessageBox::Ok);
+        screen.runWithANotification({kext.string()});
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
+        QCOMPARE(ModalAnswers::pending(), std::size_t{0});
+        QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions"));
+        QVERIFY(KextIntake::shared().kextsToInstall().empty());
+    }
+
+    void aClosedWindowKeepsTheJobAndLatePathsMakeASecondOne() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Mac HD";
+        test::makeVolume(volume, "10.12.6", "16G29");
+        const auto first = test::makeKextBundle(folder / "kexts", "First.kext",
+                                                test::kextInfo("com.example.First", "1.0"));
+        const auto late = test::makeKextBundle(folder / "kexts", "Late.kext",
+                                               test::kextInfo("com.example.Late", "1.0"));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        HelperManager::shared().start(std::nullopt);
+
+        MainWindow window;
+        window.switchViewController(true);
+        int finished = 0;
+        connect(&window, &MainWindow::jobFinished, [&] { ++finished; });
+        QCoreApplication::processEvents();
+        window.close();
+        auto* screen = window.installationScreen();
+        QVERIFY(screen);
+        std::vector<UserNotification> notifications;
+        connect(screen, &JobScreen::notified,
+                [&](const UserNotification& delivered) { notifications.push_back(delivered); });
+        const std::vector<std::string> batch{first.string(), (folder / "notes.txt").string()};
+        NotificationCenter::defaultCenter().post(kDidCollectAllFiles, batch);
+        QTRY_VERIFY_WITH_TIMEOUT(screen->jobUnderWay(), test::kHangGuardMs);
+        QVERIFY(!screen->findChild<QPushButton*>("resetButton")->isEnabled());
+        // The intake hands on everything it collected: only the new path makes a job.
+        NotificationCenter::defaultCenter().post(
+            kDidCollectAllFiles, std::vector<std::string>{batch[0], batch[1], late.string()});
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
+        QVERIFY(std::filesystem::exists(volume / "Library/Extensions/First.kext"));
+        QVERIFY(std::filesystem::exists(volume / "Library/Extensions/Late.kext"));
+        QCOMPARE(notifications.size(), std::size_t{2});
+        QCOMPARE(notifications[0].title, QString("Quelm - Finished"));
+        QCOMPARE(notifications[0].subtitle, QString("Installed: 1 Failed: 0"));
+        QCOMPARE(notifications[0].informativeText, QString("Skipped: notes.txt (not a kext)"));
+        QCOMPARE(notifications[1].informativeText,
+                 QString("The selected kexts have been installed."));
+        HelperManager::shared().terminateHelper();
+    }
+
+    void aLaterStartOnAnotherVolumeIsInstalledThereAfterTheFirstJob() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto first = folder / "First HD";
+        const auto second = folder / "Second HD";
+        test::makeVolume(first, "10.12.6", "16G29");
+        test::makeVolume(second, "10.13.6", "17G66");
+        const auto a = test::makeKextBundle(folder / "kexts", "A.kext",
+                                            test::kextInfo("com.example.A", "1.0"));
+        const auto b = test::makeKextBundle(folder / "kexts", "B.kext",
+                                            test::kextInfo("com.example.B", "1.0"));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(first));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
+        HelperManager::shared().start(std::nullopt);
+
+        MainWindow window;
+        window.switchViewController(true);
+        AppController delegate(window, 24h);
+        int finished = 0;
+        connect(&window, &MainWindow::jobFinished, [&] { ++finished; });
+        delegate.openFiles({QString::fromStdString(a.string())});
+        // The second start comes within the intake: it waits for the first job, never
+        // replaces it.
+        ModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({second.string(), {QString::fromStdString(b.string())}}, delegate, window);
+        QVERIFY(!window.installationScreen()->jobUnderWay());
+        delegate.start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
+        QVERIFY(std::filesystem::exists(first / "Library/Extensions/A.kext"));
+        QVERIFY(std::filesystem::exists(second / "Library/Extensions/B.kext"));
+        QVERIFY(!std::filesystem::exists(second / "Library/Extensions/A.kext"));
+        QVERIFY(!std::filesystem::exists(first / "Library/Extensions/B.kext"));
+        HelperManager::shared().terminateHelper();
+    }
+
+    void aQueuedJobRunsHoweverTheJobBeforeItEndsAndTheEndWaitsForIt() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto sealed = folder / "Catalina HD";
+        const auto second = folder / "Second HD";
+        const auto third = folder / "Third HD";
+        test::makeVolume(sealed, "10.15.7", "19H2");
+        test::makeVolume(second, "10.13.6", "17G66");
+        test::makeVolume(third, "10.12.6", "16G29");
+        const auto kext = [&](const std::string& name) {
+            return QString::fromStdString(
+                test::makeKextBundle(folder / "kexts", name + ".kext",
+                                     test::kextInfo("com.example." + name, "1.0"))
+                    .string());
+        };
+        const auto installed = [](const std::filesystem::path& volume, const std::string& name) {
+            return std::filesystem::exists(volume / "System/Library/Extensions" / name);
+        };
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(sealed));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "/System/Library/Extensions/");
+        HelperManager::shared().start(std::nullopt);
+        const auto helper = qScopeGuard([] { HelperManager::shared().terminateHelper(); });
+
+        MainWindow window;
+        window.switchViewController(true);
+        AppController delegate(window, 24h);
+        // Whether the queued job had installed its kext when the application was told it may
+        // quit.
+        std::vector<bool> ends;
+        connect(&window, &MainWindow::jobFinished,
+                [&] { ends.push_back(installed(second, "B.kext")); });
+        delegate.openFiles({kext("A")});
+        ModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({second.string(), {kext("B")}}, delegate, window);
+        // The first job's folder is read-only on its volume: it ends at once, changing nothing.
+        ModalAnswers::preset(QMessageBox::Ok);
+        delegate.start();
+        QTRY_VERIFY_WITH_TIMEOUT(!ends.empty() && ends.back(), test::kHangGuardMs);
+        QCOMPARE(ends, std::vector<bool>{true});
+        QCOMPARE(ModalAnswers::shown().back().text, QString("The target volume cannot be changed"));
+        QVERIFY(!std::filesystem::exists(sealed / "System/Library/Extensions"));
+        QVERIFY(!installed(second, "A.kext"));
+
+        // Once every job is over, a job queued later still runs.
+        ModalAnswers::preset(QMessageBox::Yes);
+        takeLaterStart({third.string(), {kext("C")}}, delegate, window);
+        QTRY_COMPARE_WITH_TIMEOUT(ends.size(), std::size_t{2}, test::kHangGuardMs);
+        QVERIFY(installed(third, "C.kext"));
+        QCOMPARE(ModalAnswers::pending(), std::size_t{0});
+    }
+
+    void askEveryTimeInstallsWhatTheDialogAnswers() {
+        if (::geteuid() != 0)
+            QSKIP("the helper installs kexts as root");
+        test::TemporaryFolder folder;
+        const auto volume = folder / "Mac HD";
+        test::makeVolume(volume, "10.12.6", "16G29");
+        std::filesystem::create_directories(volume / "Library/Extensions");
+        std::filesystem::create_directories(volume / "System/Library/Extensions");
+        const auto first = test::makeKextBundle(folder / "kexts", "First.kext",
+                                                test::kextInfo("com.example.First", "1.0"));
+        const auto second = test::makeKextBundle(folder / "kexts", "Second.kext",
+                                                 test::kextInfo("com.example.Second", "1.0"));
+        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(volume));
+        setUserDefaultString(kDefaultKextInstallationFolderKey, "QVKextFolderAskMeEveryTime");
+        HelperManager::shared().start(std::nullopt);
+
+        MainWindow window;
+        window.switchViewController(true);
+        bool finished = false;
+        connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
+        ModalAnswers::preset(QMessageBox::No);
+        ModalAnswers::preset(QMessageBox::Cancel);
+        QCoreApplication::processEvents();
+        NotificationCenter::defaultCenter().post(
+            kDidCollectAllFiles,
+            std::vector<std::string>{first.string(), second.string(), "/x.txt"});
+        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
+        QVERIFY(std::filesystem::exists(volume / "System/Library/Extensions/First.kext"));
+        QVERIFY(!std::filesystem::exists(volume / "Library/Extensions/Second.kext"));
+        QVERIFY(!std::filesystem::exists(volume / "System/Library/Extensions/Second.kext"));
+        QCOMPARE(ModalAnswers::pending(), std::size_t{0});
+        const auto& asked = ModalAnswers::shown();
+        QCOMPARE(asked.size(), std::size_t{2});
+        QCOMPARE(asked[0].text, QString("Select the installation folder for First.kext"));
+        QCOMPARE(asked[1].text, QString("Select the installation folder for Second.kext"));
+        QCOMPARE(asked[0].informativeText,
+                 QString("Third-party kexts usually belong in /Library/Extensions/; some drivers "
+                         "must load from /System/Library/Extensions/."));
+        auto buttons = asked[0].buttons;
+        buttons.sort();
+        QCOMPARE(buttons,
+                 (QStringList{"/Library/Extensions/", "/System/Library/Extensions/", "Cancel"}));
+        HelperManager::shared().terminateHelper();
+    }
+
+private:
+    test::TemporaryFolder helperRoot_;
+};
+
+} // namespace quelm
+
+QTEST_MAIN(quelm::AppControllerTest)
+#include "AppControllerTest.moc"

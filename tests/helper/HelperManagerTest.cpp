@@ -1,0 +1,209 @@
+// The helper manager's paths: install, version check, re-install, removal failure, refused
+// authorisation and a helper that dies, each seen through its notification.
+#include "helper/HelperManager.h"
+
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace quelm {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TemporaryFolder;
+using namespace std::chrono_literals;
+
+/// Collects the manager's notifications and waits for the first one.
+class Outcomes {
+public:
+    Outcomes() {
+        auto& center = NotificationCenter::defaultCenter();
+        for (const auto* name :
+             {&kHelperDidConnect, &kHelperFailedToInstall, &kHelperFailedToReinstall,
+              &kHelperFailedToRemove, &kHelperFailedToAuthenticate})
+            tokens_.push_back(
+                center.addObserver(*name, [this, name](const NoObject&) { record(name->name); }));
+        tokens_.push_back(center.addObserver(kHelperFailedToConnect, [this](const std::string&) {
+            record(kHelperFailedToConnect.name);
+        }));
+    }
+    ~Outcomes() {
+        for (const auto token : tokens_)
+            NotificationCenter::defaultCenter().removeObserver(token);
+    }
+    /// The first notification, or "" when none comes within a generous guard.
+    std::string first() {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, 120s, [this] { return !seen_.empty(); });
+        return seen_.empty() ? std::string() : seen_.front();
+    }
+    std::vector<std::string> all() {
+        std::lock_guard lock(mutex_);
+        return seen_;
+    }
+
+private:
+    void record(const std::string& name) {
+        std::lock_guard lock(mutex_);
+        seen_.push_back(name);
+        changed_.notify_all();
+    }
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> seen_;
+    std::vector<NotificationCenter::Token> tokens_;
+};
+
+class HelperManagerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!test::runningAsRoot())
+            GTEST_SKIP() << "the helper is installed and started as root";
+        test::writeText(policy, "<policy exec=\"@HELPER_PATH@\"/>\n");
+    }
+    HelperManager::Settings settings(bool asRoot, const std::string& launcher = "") const {
+        return {root.path().string(), launcher, asRoot, QUELM_HELPER_PATH, policy.string()};
+    }
+    std::string launcher(const std::string& body) const {
+        const auto path = root / "launcher";
+        test::writeText(path, "#!/bin/sh\n" + body + "\n");
+        ::chmod(path.c_str(), 0755);
+        return path.string();
+    }
+
+    TemporaryFolder root, files;
+    fs::path policy = files / "helper.policy.in";
+    HelperIdentity helper{"org.quelm.veskp.quelm.helper", QUELM_VERSION_TEXT};
+    Outcomes outcomes;
+};
+
+TEST_F(HelperManagerTest, InstallsConnectsAndTests) {
+    HelperManager manager(settings(true), helper);
+    manager.start("prompt");
+    EXPECT_EQ(outcomes.first(), kHelperDidConnect.name);
+    ASSERT_TRUE(helper.installed(root.path().string()));
+    EXPECT_EQ(test::readText(helper.launchPolicyPath(root.path().string())),
+              "<policy exec=\"" + helper.toolPath(root.path().string()) + "\"/>\n");
+    struct stat info {};
+    ::stat(helper.toolPath(root.path().string()).c_str(), &info);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    EXPECT_EQ(info.st_uid, 0u);
+    ASSERT_NE(manager.proxy(), nullptr);
+    EXPECT_EQ(std::get<std::int64_t>(*manager.proxy()->callAndWait("test2:", {})), 9999999999);
+}
+
+TEST_F(HelperManagerTest, MatchingVersionConnectsWithoutReinstalling) {
+    HelperManager first(settings(true), helper);
+    first.start(std::nullopt);
+    ASSERT_EQ(outcomes.first(), kHelperDidConnect.name);
+    first.invalidate();
+    fs::last_write_time(helper.toolPath(root.path().string()),
+                        fs::file_time_type::clock::now() - 1h);
+    const auto before = fs::last_write_time(helper.toolPath(root.path().string()));
+
+    Outcomes second;
+    HelperManager manager(settings(true), helper);
+    manager.start(std::nullopt);
+    EXPECT_EQ(second.first(), kHelperDidConnect.name);
+    EXPECT_EQ(fs::last_write_time(helper.toolPath(root.path().string())), before);
+}
+
+TEST_F(HelperManagerTest, OtherVersionIsRemovedAndReinstalled) {
+    HelperManager first(settings(true), helper);
+    first.start(std::nullopt);
+    ASSERT_EQ(outcomes.first(), kHelperDidConnect.name);
+    first.invalidate();
+
+    Outcomes second;
+    HelperManager manager(settings(true), HelperIdentity(helper.bundleIdentifier(), "0.0.9"));
+    manager.start(std::nullopt);
+    EXPECT_EQ(second.first(), kHelperDidConnect.name);
+    EXPECT_TRUE(helper.installed(root.path().string())) << "installed again after removal";
+}
+
+TEST_F(HelperManagerTest, FailedRemovalIsReported) {
+    HelperManager first(settings(true), helper);
+    first.start(std::nullopt);
+    ASSERT_EQ(outcomes.first(), kHelperDidConnect.name);
+    first.invalidate();
+    // A policy path that is a non-empty folder cannot be removed as a file.
+    const auto policyPath = helper.launchPolicyPath(root.path().string());
+    fs::remove(policyPath);
+    test::writeText(fs::path(policyPath) / "keep", "x");
+
+    Outcomes second;
+    HelperManager manager(settings(true), HelperIdentity(helper.bundleIdentifier(), "1.0"));
+    manager.start(std::nullopt);
+    EXPECT_EQ(second.first(), kHelperFailedToRemove.name);
+}
+
+TEST_F(HelperManagerTest, RefusedAuthorisationIsNotAnInstallFailure) {
+    for (const auto& [exit, expected] : std::vector<std::pair<std::string, std::string>>{
+             {"exit 126", kHelperFailedToAuthenticate.name},
+             {"exit 127", kHelperFailedToAuthenticate.name},
+             {"exit 1", kHelperFailedToInstall.name}}) {
+        Outcomes seen;
+        HelperManager manager(settings(false, launcher(exit)), helper);
+        manager.start("prompt");
+        EXPECT_EQ(seen.first(), expected) << exit;
+        EXPECT_FALSE(helper.installed(root.path().string()));
+    }
+}
+
+TEST_F(HelperManagerTest, APasswordPromptRefusedAtConnectionIsAnAuthenticationFailure) {
+    for (const auto* status : {"126", "127"}) {
+        TemporaryFolder place;
+        auto refusing = settings(false, launcher(std::string("[ \"$2\" = --serve ] && exit ") +
+                                                 status + "; exec \"$@\""));
+        refusing.root = place.path().string();
+        Outcomes seen;
+        HelperManager manager(refusing, helper);
+        manager.start("prompt");
+        EXPECT_EQ(seen.first(), kHelperFailedToAuthenticate.name) << status;
+        EXPECT_TRUE(helper.installed(place.path().string()));
+        EXPECT_EQ(std::ranges::count(seen.all(), kHelperFailedToConnect.name), 0);
+    }
+}
+
+TEST_F(HelperManagerTest, APackagedHelperIsUsedAsItIsAndNeverReinstalled) {
+    // As an installed package has it: the shipped helper is the package's, beside its policy.
+    auto packaged = settings(false, launcher("exec \"$@\""));
+    packaged.packagedHelper = packaged.shippedHelper;
+    test::writeText(helper.launchPolicyPath(root.path().string()), "<policy/>");
+    HelperManager manager(packaged, helper);
+    EXPECT_TRUE(manager.runsFromPackage());
+    manager.start("prompt");
+    EXPECT_EQ(outcomes.first(), kHelperDidConnect.name);
+    EXPECT_FALSE(fs::exists(helper.toolPath(root.path().string()))) << "nothing installed";
+
+    Outcomes seen;
+    HelperManager older(packaged, HelperIdentity(helper.bundleIdentifier(), "0.0.0"));
+    older.start("prompt");
+    EXPECT_EQ(seen.first(), kHelperFailedToConnect.name) << "a broken package is reported";
+    EXPECT_EQ(test::readText(helper.launchPolicyPath(root.path().string())), "<policy/>");
+    EXPECT_FALSE(fs::exists(helper.toolPath(root.path().string())));
+}
+
+TEST_F(HelperManagerTest, LauncherPathInstallsAndStartsTheHelper) {
+    HelperManager manager(settings(false, launcher("exec \"$@\"")), helper);
+    manager.start("prompt");
+    EXPECT_EQ(outcomes.first(), kHelperDidConnect.name);
+    EXPECT_TRUE(helper.installed(root.path().string()));
+}
+
+TEST_F(HelperManagerTest, HelperDyingMidCallIsOneConnectionError) {
+    HelperManager manager(settings(true), helper);
+    manager.start(std::nullopt);
+    ASSERT_EQ(outcomes.first(), kHelperDidConnect.name);
+    manager.terminateHelper();
+    EXPECT_EQ(manager.proxy()->callAndWait("test:", {}), std::nullopt);
+    EXPECT_EQ(manager.proxy()->callAndWait("test:", {}), std::nullopt);
+    const auto seen = outcomes.all();
+    EXPECT_EQ(std::ranges::count(seen, kHelperFailedToConnect.name), 1);
+}
+
+} // namespace
+} // namespace quelm
