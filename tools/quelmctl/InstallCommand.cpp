@@ -1,15 +1,9 @@
 // quelmctl install: kexts onto a volume with root ownership, by the folder policy, in process.
-#include "kexts/KextBackups.h"
-#include "kexts/KextChecks.h"
-#include "kexts/KextInstallation.h"
-#include "kexts/KextIntake.h"
-#include "kexts/KextSwaps.h"
+#include "jobs/InstallJob.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 #include "support/Paths.h"
-#include "volumes/MountedFileSystem.h"
 
-#include <chrono>
 #include <iostream>
 #include <map>
 #include <unistd.h>
@@ -41,6 +35,7 @@ public:
         else
             std::cout << line << '\n';
     }
+    bool json() const { return json_; }
     void printJson() const {
         if (!json_)
             return;
@@ -67,166 +62,87 @@ std::optional<KextFolder> policyNamed(const std::string& name) {
                                       : kernelExtensionFolderFromRawValue(name);
 }
 
-/// The three choices of the application's folder dialog, asked on the terminal.
-std::optional<std::string> askFolder(const Kext& kext) {
-    std::cout << "Select the installation folder for " << kext.name() << ":\n"
-              << "  1) /Library/Extensions/\n  2) /System/Library/Extensions/\n  3) Cancel\n"
-              << "Choice [1-3]: " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    if (answer == "1")
-        return std::string(rawValue(KextFolder::LibraryExtensions));
-    if (answer == "2")
-        return std::string(rawValue(KextFolder::SystemLibraryExtensions));
-    return std::nullopt;
-}
+/// The job's events on the terminal: plain lines as it goes, or with --json one object at the
+/// end; the folder question is asked on the terminal as the application's dialog asks it.
+class TerminalInstall final : public InstallEvents {
+public:
+    TerminalInstall(const Volume& volume, bool json) : volume_(volume), report_(json) {}
 
-/// The kexts to install in each folder.
-using Plan = std::map<std::string, std::vector<Kext>>;
-
-/// Each kext's folder by the policy; nothing for a kext that is skipped, with the reason.
-Plan planFolders(const std::vector<Kext>& kexts, KextFolder policy,
-                 const std::optional<SmartTable>& table, const Volume& volume, int& skipped,
-                 Report& report) {
-    Plan plan;
-    for (const auto& kext : kexts) {
-        std::optional<std::string> folder;
-        if (policy == KextFolder::AskMeEveryTime)
-            folder = askFolder(kext);
-        else if (policy != KextFolder::UseSmartTable)
-            folder = std::string(rawValue(policy));
-        else if (const auto found = table->table().find(kext.name()); found != table->table().end())
-            folder = folderOnVolume(found->second, volume);
-        if (folder) {
-            plan[*folder].push_back(kext);
-            continue;
-        }
-        ++skipped;
-        report.say(
-            "skipped " + kext.name() +
-                (policy == KextFolder::AskMeEveryTime ? ": cancelled" : ": not in the smart table"),
-            "skipped", kext.name());
-    }
-    return plan;
-}
-
-/// The kexts that pass the checks against the volume's kexts and the others given, or every
-/// kext with force; says why each other one is refused.
-std::vector<Kext> checkedKexts(const std::vector<Kext>& kexts, const Volume& volume, bool force,
-                               int& refused, Report& report) {
-    std::vector<std::string> paths;
-    for (const auto& kext : kexts)
-        paths.push_back(kext.path());
-    const auto checks = checkKexts(paths, volume);
-    std::vector<Kext> passed;
-    for (std::size_t i = 0; i < kexts.size(); ++i) {
-        const auto& failures = checks[i];
+    void checksFailed(const Kext&, const std::vector<std::string>& failures) override {
         for (const auto& failure : failures)
-            report.say(failure, "checkFailures", failure);
-        if (failures.empty() || force) {
-            passed.push_back(kexts[i]);
-            continue;
-        }
-        report.say("refused " + kexts[i].name() +
-                       ": it would not load; add --force to install it anyway",
-                   "refused", kexts[i].name());
-        ++refused;
+            report_.say(failure, "checkFailures", failure);
     }
-    return passed;
-}
-
-/// Copies the installed kexts that the plan replaces into a new backup folder; false after a
-/// message when one cannot be copied.
-bool backupReplaced(const Options& options, const Volume& volume, const Plan& plan,
-                    std::string& backupFolder, Report& report) {
-    std::vector<std::string> replaced;
-    for (const auto& [folder, kexts] : plan)
-        for (const auto& kext : kexts)
-            if (std::error_code error;
-                fs::exists(volume.mountPoint() + folder + kext.name(), error))
-                replaced.push_back(folder + kext.name());
-    if (replaced.empty())
-        return true;
-    const auto root = backupRoot(options.backupTo);
-    if (!root)
-        return false;
-    const auto now = std::chrono::system_clock::now();
-    const auto outcome =
-        copyKextsToBackup(volume, replaced, newBackupFolderPath(*root, now), "install", now);
-    for (const auto& path : outcome.failed)
-        printError("cannot back up " + volume.mountPoint() + path + "; nothing was installed");
-    backupFolder = outcome.backupFolder;
-    if (!backupFolder.empty())
-        report.say("backed up what is replaced into " + backupFolder, "backup", backupFolder);
-    return outcome.failed.empty();
-}
-
-/// Takes out of the plan the folders that cannot take kexts, saying why; the kexts taken out.
-int dropRefusedFolders(Plan& plan, const Volume& volume) {
-    int dropped = 0;
-    for (auto it = plan.begin(); it != plan.end();) {
-        const auto refusal = installationRefusal(volume, it->first);
-        if (!refusal) {
-            ++it;
-            continue;
-        }
-        printError(*refusal);
-        dropped += static_cast<int>(it->second.size());
-        it = plan.erase(it);
-    }
-    return dropped;
-}
-
-void describePlan(const Plan& plan, const Volume& volume, Report& report) {
-    report.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
-    for (const auto& [folder, kexts] : plan)
-        for (const auto& kext : kexts) {
-            std::error_code error;
-            const bool replaces = fs::exists(volume.mountPoint() + folder + kext.name(), error);
-            report.say("would install " + kext.name() + " into " + folder +
-                           (replaces ? ", backing up the kext it replaces" : ""),
-                       "wouldInstall", folder + kext.name());
-        }
-}
-
-/// Backs up what the plan replaces, installs it and records it; the number of kexts that
-/// failed, or nothing when the backup failed and nothing was installed.
-std::optional<int> installPlan(const Options& options, const Volume& volume, const Plan& plan,
-                               Report& report) {
-    // One lock from the backup to the last kext: no other run changes the volume between them.
-    const auto lock = beginKextChanges(volume);
-    if (!lock) {
-        printError(lock.error());
+    std::optional<KextFolder> chooseFolder(const Kext& kext) override {
+        std::cout << "Select the installation folder for " << kext.name() << ":\n"
+                  << "  1) /Library/Extensions/\n  2) /System/Library/Extensions/\n  3) Cancel\n"
+                  << "Choice [1-3]: " << std::flush;
+        std::string answer;
+        std::getline(std::cin, answer);
+        if (answer == "1")
+            return KextFolder::LibraryExtensions;
+        if (answer == "2")
+            return KextFolder::SystemLibraryExtensions;
         return std::nullopt;
     }
-    std::string backupFolder;
-    if (!backupReplaced(options, volume, plan, backupFolder, report))
-        return std::nullopt;
-    std::vector<std::string> installed;
-    int failures = 0;
-    for (const auto& [folder, kexts] : plan) {
-        const auto failed = installKexts(kexts, folder, volume);
-        for (const auto& kext : kexts) {
-            const auto failure = std::ranges::find_if(
-                failed, [&](const InstallFailure& item) { return item.kext == kext; });
-            if (failure != failed.end()) {
-                report.say("failed " + kext.name() + ": not installed into " + folder + ": " +
-                               failure->reason,
-                           "failed", kext.name());
-                continue;
-            }
-            report.say("installed " + kext.name() + " into " + folder, "installed",
-                       folder + kext.name());
-            installed.push_back(folder + kext.name());
+    void skipped(const SkippedKext& kext) override {
+        switch (kext.reason) {
+        case SkipReason::notAKext:
+            printError(kext.name + " is not a kext bundle: its name must end in .kext");
+            break;
+        case SkipReason::failedChecks:
+            report_.say("refused " + kext.name +
+                            ": it would not load; add --force to install it anyway",
+                        "refused", kext.name);
+            break;
+        case SkipReason::noFolderChosen:
+            report_.say("skipped " + kext.name + ": cancelled", "skipped", kext.name);
+            break;
+        case SkipReason::notInSmartTable:
+            report_.say("skipped " + kext.name + ": not in the smart table", "skipped", kext.name);
+            break;
+        case SkipReason::folderRefused:
+            printError(kext.detail);
+            break;
+        case SkipReason::notBackedUp:
+            printError("cannot back up " + kext.detail + "; " + kext.name + " was not installed");
+            break;
         }
-        failures += static_cast<int>(failed.size());
     }
-    if (installed.empty())
-        return failures;
-    recordInHistory(recordOf(volume, "install", installed, backupFolder));
-    printCollectionNotice(volume, options.json);
-    return failures;
-}
+    void planned(const Kext& kext, const std::string& folder, bool replaces) override {
+        if (!described_)
+            report_.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
+        described_ = true;
+        report_.say("would install " + kext.name() + " into " + folder +
+                        (replaces ? ", backing up the kext it replaces" : ""),
+                    "wouldInstall", folder + kext.name());
+    }
+    void backedUp(const std::string& backup) override {
+        report_.say("backed up what is replaced into " + backup, "backup", backup);
+    }
+    void installed(const Kext& kext, const std::string& folder) override {
+        report_.say("installed " + kext.name() + " into " + folder, "installed",
+                    folder + kext.name());
+    }
+    void failed(const InstallFailure& failure, const std::string& folder) override {
+        report_.say("failed " + failure.kext.name() + ": not installed into " + folder + ": " +
+                        failure.reason,
+                    "failed", failure.kext.name());
+    }
+    void finish(const InstallOutcome& outcome, bool dryRun) {
+        if (dryRun && !described_)
+            report_.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
+        for (const auto& problem : outcome.problems)
+            printError(problem);
+        report_.printJson();
+        if (!outcome.installed.empty())
+            printCollectionNotice(volume_, report_.json());
+    }
+
+private:
+    const Volume& volume_;
+    Report report_;
+    bool described_ = false;
+};
 
 int install(const Options& options) {
     const auto policy = policyNamed(options.folder);
@@ -241,40 +157,31 @@ int install(const Options& options) {
         printError("install must run as root: installed kexts must belong to root");
         return 2;
     }
-    if (!options.dryRun && refusesWrites(*volume, kKextChangesFolder))
-        return 2;
-    if (const auto refusal =
-            isConcreteFolder(*policy) ? folderRefusal(rawValue(*policy), *volume) : std::nullopt) {
-        printError(*refusal);
-        return 2;
-    }
-    auto& manager = KextIntake::shared();
-    manager.addKernelExtensions(options.kexts);
-    // Other paths are left out by the manager; each is named here, and counts as not installed.
-    int notInstalled = 0;
-    for (const auto& path : options.kexts)
-        if (FileURL::fromPath(path, false).pathExtension() != "kext") {
-            printError(path + " is not a kext bundle: its name must end in .kext");
-            ++notInstalled;
-        }
     std::optional<SmartTable> table;
     if (*policy == KextFolder::UseSmartTable &&
         !(table = preparedUserCopy(applicationSupportFolder())))
         return 2;
-    Report report(options.json);
-    auto plan = planFolders(
-        checkedKexts(manager.kextsToInstall(), *volume, options.force, notInstalled, report),
-        *policy, table, *volume, notInstalled, report);
-    notInstalled += dropRefusedFolders(plan, *volume);
-    if (options.dryRun) {
-        describePlan(plan, *volume, report);
-    } else if (const auto failed = installPlan(options, *volume, plan, report)) {
-        notInstalled += *failed;
-    } else {
-        return 1;
+    const auto root =
+        options.dryRun ? std::optional<std::string>("") : backupRoot(options.backupTo);
+    if (!root)
+        return 2;
+    InstallRequest request{.volume = *volume,
+                           .paths = options.kexts,
+                           .policy = *policy,
+                           .smartTable = std::move(table),
+                           .force = options.force,
+                           .dryRun = options.dryRun,
+                           .backupRoot = *root,
+                           .historyFile = historyFilePath()};
+    LocalOperations operations;
+    TerminalInstall events(*volume, options.json);
+    const auto outcome = InstallJob(std::move(request), operations, events).run();
+    if (outcome.refusal) {
+        printError(outcome.refusal->message);
+        return 2;
     }
-    report.printJson();
-    return notInstalled == 0 ? 0 : 1;
+    events.finish(outcome, options.dryRun);
+    return outcome.allInstalled() ? 0 : 1;
 }
 
 } // namespace

@@ -98,17 +98,14 @@ int remove(const Options& options) {
         reportOutcome({*paths, {}, "", {}}, "would-remove", options.json);
         return 0;
     }
-    if (refusesWrites(*volume, kKextChangesFolder))
-        return 2;
     const auto root = backupRoot(options.backupTo);
     if (!root)
         return 2;
-    const auto now = std::chrono::system_clock::now();
-    const auto outcome =
-        moveKextsToBackup(*volume, *paths, newBackupFolderPath(*root, now), "remove", now);
-    const int status = finishChange(*volume, "remove", outcome, "removed", options.json);
-    if (!outcome.done.empty() && !options.json)
-        std::cout << removalNotice(*volume, outcome) << '\n';
+    LocalOperations operations;
+    const auto result = RemoveJob(rescueRequest(*volume, *root), *paths, operations).run();
+    const int status = reportJob(*volume, result, "removed", options.json);
+    if (!result.outcome.done.empty() && !options.json)
+        std::cout << removalNotice(*volume, result.outcome) << '\n';
     return status;
 }
 

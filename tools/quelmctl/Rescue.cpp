@@ -99,38 +99,21 @@ std::optional<std::string> backupRoot(const std::string& chosen) {
     return resolved.string();
 }
 
-void recordInHistory(HistoryRecord record) {
-    if (auto saved = appendHistory(historyFilePath(), record); !saved)
-        printError("the operation is not in the history: " + saved.error());
+RescueRequest rescueRequest(const Volume& volume, const std::string& backupRoot) {
+    return {volume, backupRoot, historyFilePath()};
 }
 
-HistoryRecord recordOf(const Volume& volume, std::string operation, std::vector<std::string> kexts,
-                       std::string backup) {
-    return {isoTimestamp(std::chrono::system_clock::now()),
-            volume.mountPoint(),
-            std::move(operation),
-            std::move(kexts),
-            std::move(backup),
-            false};
-}
-
-bool invalidateCaches(const Volume& volume) {
-    if (rebuildCaches(volume))
-        return true;
-    printError("cannot rebuild or mark stale the kext caches of " + volume.mountPoint() +
-               ": run quelmctl rebuild-caches");
-    return false;
-}
-
-int finishChange(const Volume& volume, std::string operation, const RescueOutcome& outcome,
-                 std::string_view verb, bool json) {
-    const int status = reportOutcome(outcome, verb, json);
-    if (outcome.done.empty())
-        return status;
-    recordInHistory(recordOf(volume, std::move(operation), outcome.done, outcome.backupFolder));
-    const bool invalidated = invalidateCaches(volume);
-    printCollectionNotice(volume, json);
-    return invalidated ? status : 1;
+int reportJob(const Volume& volume, const RescueResult& result, std::string_view verb, bool json) {
+    if (result.refusal) {
+        printError(result.refusal->message);
+        return 2;
+    }
+    const int status = reportOutcome(result.outcome, verb, json);
+    for (const auto& problem : result.problems)
+        printError(problem);
+    if (!result.outcome.done.empty())
+        printCollectionNotice(volume, json);
+    return result.problems.empty() ? status : 1;
 }
 
 void printCollectionNotice(const Volume& volume, bool json) {

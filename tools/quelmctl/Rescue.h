@@ -2,8 +2,7 @@
 // warning about the kernel cache.
 #pragma once
 
-#include "kexts/KextBackups.h"
-#include "kexts/KextHistory.h"
+#include "jobs/RescueJobs.h"
 #include "volumes/Volume.h"
 
 #include <chrono>
@@ -24,15 +23,8 @@ std::string jsonStrings(const std::vector<std::string>& texts);
 /// made when missing and with links resolved; nothing (and a message) when it cannot be made.
 std::optional<std::string> backupRoot(const std::string& chosen);
 
-/// Adds the record to the user's history, saying so on stderr when that fails.
-void recordInHistory(HistoryRecord record);
-
-/// A history record of now for the volume.
-HistoryRecord recordOf(const Volume& volume, std::string operation, std::vector<std::string> kexts,
-                       std::string backup);
-
-/// Marks the volume's kext caches stale (or rebuilds them); false after a message.
-bool invalidateCaches(const Volume& volume);
+/// A request for a rescue job on the volume, its backups made in backupRoot.
+RescueRequest rescueRequest(const Volume& volume, const std::string& backupRoot);
 
 /// What users learn the hard way after taking a kext off a Mac that no longer starts.
 inline constexpr std::string_view kKernelCacheWarning =
@@ -47,10 +39,9 @@ void printCollectionNotice(const Volume& volume, bool json);
 /// exit status: 0 when nothing failed, else 1.
 int reportOutcome(const RescueOutcome& outcome, std::string_view verb, bool json);
 
-/// Reports the outcome; once a kext moved, records the operation in the history and marks the
-/// caches stale. Returns the exit status: 0, or 1 when a kext or the caches failed.
-int finishChange(const Volume& volume, std::string operation, const RescueOutcome& outcome,
-                 std::string_view verb, bool json);
+/// Reports what a rescue job did, and what did not follow it; returns the exit status: 2
+/// when it did nothing, 1 when a kext, the history or the caches failed, else 0.
+int reportJob(const Volume& volume, const RescueResult& result, std::string_view verb, bool json);
 
 /// Whether the user runs as root; if not, says why the command needs it.
 bool runsAsRoot(std::string_view command);

@@ -68,19 +68,14 @@ int restore(const Options& options) {
         return 2;
     if (options.dryRun)
         return describeRestore(options.backup, *volume, options.json);
-    if (!runsAsRoot("restore") || refusesWrites(*volume, kKextChangesFolder))
+    if (!runsAsRoot("restore"))
         return 2;
     const auto root = backupRoot(options.backupTo);
     if (!root)
         return 2;
-    const auto now = std::chrono::system_clock::now();
-    const auto outcome =
-        restoreKextsFromBackup(options.backup, *volume, newBackupFolderPath(*root, now), now);
-    if (!outcome) {
-        printError(outcome.error());
-        return 2;
-    }
-    return finishChange(*volume, "restore", *outcome, "restored", options.json);
+    LocalOperations operations;
+    const auto result = RestoreJob(rescueRequest(*volume, *root), options.backup, operations).run();
+    return reportJob(*volume, result, "restored", options.json);
 }
 
 } // namespace

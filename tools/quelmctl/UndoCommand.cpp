@@ -39,51 +39,28 @@ void describeUndo(const HistoryRecord& record, const Volume& volume, bool json) 
         std::cout << "would-restore " << path << '\n';
 }
 
-std::expected<RescueOutcome, std::string> reverse(const HistoryRecord& record, const Volume& volume,
-                                                  const std::string& backupFolder) {
-    const auto now = std::chrono::system_clock::now();
-    if (record.operation == "remove")
-        return restoreKextsFromBackup(record.backup, volume, backupFolder, now);
-    return takeBackPlacedKexts(volume, record.kexts, record.backup, backupFolder, now);
-}
-
 int undo(const Options& options) {
     const auto volume = openVolume(options.volume);
-    auto records = volume ? readHistory(historyFilePath()) : std::unexpected(std::string());
-    if (!records) {
-        if (volume)
-            printError(records.error());
+    if (!volume)
         return 2;
-    }
-    const auto last = lastUndoable(*records, volume->mountPoint());
-    if (!last) {
-        printError("nothing to undo on " + volume->mountPoint());
-        return 2;
-    }
-    auto& record = (*records)[*last];
-    if (options.dryRun) {
-        describeUndo(record, *volume, options.json);
-        return 0;
-    }
-    if (!runsAsRoot("undo") || refusesWrites(*volume, kKextChangesFolder))
-        return 2;
-    const auto root = backupRoot(options.backupTo);
+    const auto root =
+        options.dryRun ? std::optional<std::string>("") : backupRoot(options.backupTo);
     if (!root)
         return 2;
-    const auto outcome =
-        reverse(record, *volume, newBackupFolderPath(*root, std::chrono::system_clock::now()));
-    if (!outcome) {
-        printError(outcome.error());
+    LocalOperations operations;
+    UndoJob job(rescueRequest(*volume, *root), operations);
+    const auto record = job.target();
+    if (!record) {
+        printError(record.error().message);
         return 2;
     }
-    const int status = reportOutcome(*outcome, "undone", options.json);
-    record.undone = true;
-    records->push_back(recordOf(*volume, "undo", outcome->done, outcome->backupFolder));
-    if (auto saved = writeHistory(historyFilePath(), *records); !saved)
-        printError("the undo is not in the history: " + saved.error());
-    const bool invalidated = invalidateCaches(*volume);
-    printCollectionNotice(*volume, options.json);
-    return invalidated ? status : 1;
+    if (options.dryRun) {
+        describeUndo(*record, *volume, options.json);
+        return 0;
+    }
+    if (!runsAsRoot("undo"))
+        return 2;
+    return reportJob(*volume, job.run(), "undone", options.json);
 }
 
 } // namespace

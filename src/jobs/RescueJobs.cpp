@@ -1,0 +1,126 @@
+// The jobs that take kexts off a volume, put a backup back and undo the last change.
+#include "jobs/RescueJobs.h"
+
+#include "volumes/MountedFileSystem.h"
+
+#include <chrono>
+
+namespace quelm {
+namespace {
+
+std::string newBackupFolder(const RescueRequest& request) {
+    return newBackupFolderPath(request.backupRoot, std::chrono::system_clock::now());
+}
+
+HistoryRecord recordOf(const RescueRequest& request, std::string operation,
+                       const RescueOutcome& outcome) {
+    return {isoTimestamp(std::chrono::system_clock::now()),
+            request.volume.mountPoint(),
+            std::move(operation),
+            outcome.done,
+            outcome.backupFolder,
+            false};
+}
+
+/// Why root cannot change the volume's kexts, asked before the first change.
+std::optional<Error> writeRefusalOf(const RescueRequest& request, Operations& operations) {
+    auto writable = operations.checkWritable(request.volume, std::string(kKextChangesFolder));
+    return writable ? std::nullopt : std::optional(std::move(writable.error()));
+}
+
+/// The result of an operation; once a kext moved, the caches are marked stale.
+RescueResult finish(const RescueRequest& request, std::expected<RescueOutcome, Error> outcome,
+                    Operations& operations) {
+    RescueResult result;
+    if (!outcome) {
+        result.refusal = std::move(outcome.error());
+        return result;
+    }
+    result.outcome = std::move(*outcome);
+    if (result.outcome.done.empty())
+        return result;
+    if (auto rebuilt = operations.rebuildCaches(request.volume); !rebuilt)
+        result.problems.push_back(rebuilt.error().message + " Run quelmctl rebuild-caches.");
+    return result;
+}
+
+/// Adds the record to the history when the operation moved a kext.
+void record(const RescueRequest& request, std::string operation, RescueResult& result) {
+    if (result.outcome.done.empty())
+        return;
+    if (auto saved = appendHistory(request.historyFile,
+                                   recordOf(request, std::move(operation), result.outcome));
+        !saved)
+        result.problems.push_back("The change is not in the history: " + saved.error());
+}
+
+} // namespace
+
+RemoveJob::RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations)
+    : request_(std::move(request)), kexts_(std::move(kexts)), operations_(operations) {
+}
+
+RescueResult RemoveJob::run() {
+    if (auto refusal = writeRefusalOf(request_, operations_))
+        return {std::move(refusal), {}, {}};
+    auto result = finish(
+        request_, operations_.removeKexts(kexts_, request_.volume, newBackupFolder(request_)),
+        operations_);
+    record(request_, "remove", result);
+    return result;
+}
+
+RestoreJob::RestoreJob(RescueRequest request, std::string backup, Operations& operations)
+    : request_(std::move(request)), backup_(std::move(backup)), operations_(operations) {
+}
+
+RescueResult RestoreJob::run() {
+    if (auto refusal = writeRefusalOf(request_, operations_))
+        return {std::move(refusal), {}, {}};
+    auto result = finish(
+        request_, operations_.restoreKexts(backup_, request_.volume, newBackupFolder(request_)),
+        operations_);
+    record(request_, "restore", result);
+    return result;
+}
+
+UndoJob::UndoJob(RescueRequest request, Operations& operations)
+    : request_(std::move(request)), operations_(operations) {
+}
+
+std::expected<HistoryRecord, Error> UndoJob::target() const {
+    const auto records = readHistory(request_.historyFile);
+    if (!records)
+        return std::unexpected(Error{records.error(), ErrorKind::io});
+    const auto last = lastUndoable(*records, request_.volume.mountPoint());
+    if (!last)
+        return std::unexpected(
+            Error{"nothing to undo on " + request_.volume.mountPoint(), ErrorKind::refused});
+    return (*records)[*last];
+}
+
+RescueResult UndoJob::run() {
+    auto records = readHistory(request_.historyFile);
+    const auto last = records ? lastUndoable(*records, request_.volume.mountPoint()) : std::nullopt;
+    if (!last)
+        return {target().error(), {}, {}};
+    if (auto refusal = writeRefusalOf(request_, operations_))
+        return {std::move(refusal), {}, {}};
+    auto& undone = (*records)[*last];
+    const auto backupFolder = newBackupFolder(request_);
+    auto result = finish(
+        request_,
+        undone.operation == "remove"
+            ? operations_.restoreKexts(undone.backup, request_.volume, backupFolder)
+            : operations_.takeBackKexts(undone.kexts, undone.backup, request_.volume, backupFolder),
+        operations_);
+    if (result.refusal)
+        return result;
+    undone.undone = true;
+    records->push_back(recordOf(request_, "undo", result.outcome));
+    if (auto saved = writeHistory(request_.historyFile, *records); !saved)
+        result.problems.push_back("The undo is not in the history: " + saved.error());
+    return result;
+}
+
+} // namespace quelm
