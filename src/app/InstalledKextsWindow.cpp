@@ -3,6 +3,7 @@
 #include "app/InstalledKextsWindow.h"
 
 #include "app/TargetVolume.h"
+#include "helper/HelperClient.h"
 #include "helper/HelperManager.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextHistory.h"
@@ -21,7 +22,6 @@
 #include <QTreeWidget>
 #include <QVBoxLayout>
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 
 namespace quelm {
@@ -81,21 +81,6 @@ bool confirm(QWidget* parent, const QString& text, const QString& informative, c
     return ModalAnswers::run(box) == QMessageBox::Yes;
 }
 
-void record(const Volume& volume, const std::string& operation, std::vector<std::string> kexts,
-            const std::string& backup) {
-    if (kexts.empty())
-        return;
-    const HistoryRecord entry{isoTimestamp(std::chrono::system_clock::now()),
-                              volume.mountPoint(),
-                              operation,
-                              std::move(kexts),
-                              backup,
-                              false};
-    if (auto saved = appendHistory(historyFilePath(), entry); !saved)
-        logLine("QVInstalledKextsVC::Error: the " + operation +
-                " is not in the history: " + saved.error());
-}
-
 /// The volume's folder with the macOS it holds, as the user knows it.
 QString volumeTitle(const Volume& volume) {
     if (!volume.version() || !volume.buildVersion())
@@ -142,13 +127,6 @@ QMessageBox::StandardButton askRestoreVolume(QWidget* parent, const std::string&
     box.button(QMessageBox::Cancel)->setText(qtTrId("kQVInstalledKextsVCCancel"));
     box.setDefaultButton(origin ? QMessageBox::Yes : QMessageBox::Cancel);
     return ModalAnswers::run(box);
-}
-
-std::vector<std::string> without(std::vector<std::string> paths,
-                                 const std::vector<std::string>& failed) {
-    std::erase_if(
-        paths, [&](const auto& path) { return std::ranges::find(failed, path) != failed.end(); });
-    return paths;
 }
 
 } // namespace
@@ -330,35 +308,42 @@ void InstalledKextsWindow::removeSelectedKexts() {
 
 void InstalledKextsWindow::removeKexts(const std::vector<std::string>& paths,
                                        const std::filesystem::path& backupRoot) {
-    if (!connectHelper())
+    auto operations = helperOperations();
+    if (!operations)
         return;
-    const auto volume = *VolumeManager::shared().selectedOSVolume();
-    const auto backup = newBackupFolderPath(backupRoot, std::chrono::system_clock::now());
     setBusy(true);
     //% "Removing kexts..."
     updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRemoving"));
-    whenReplied("removeKernelExtensions:fromVolume:backupFolder:reply:", {paths, volume, backup},
-                [this, paths, volume, backup](const RemoteValue& reply) {
-                    const auto& failed = std::get<std::vector<std::string>>(reply);
-                    record(volume, "remove", without(paths, failed), backup);
-                    tellRemoval(failed, failed.size() < paths.size(), backup);
-                    finishOperation();
-                });
+    RescueRequest request{*VolumeManager::shared().selectedOSVolume(), backupRoot,
+                          historyFilePath()};
+    job_.start<RescueResult>([request = std::move(request), paths,
+                              operations] { return RemoveJob(request, paths, *operations).run(); },
+                             [this](RescueResult result) {
+                                 tellRemoval(result);
+                                 finishOperation();
+                             });
 }
 
-void InstalledKextsWindow::tellRemoval(const std::vector<std::string>& failed, bool removedSome,
-                                       const std::string& backup) {
+void InstalledKextsWindow::tellRemoval(const RescueResult& result) {
     //% "The next start still uses the old kernel cache, which may still hold the removed kext: start the Mac once in safe mode (hold Shift while it starts), or rebuild the caches from Recovery, so that macOS builds a new cache without it."
     const QString warning = qtTrId("kQVInstalledKextsVCKernelCacheWarning");
-    if (failed.empty()) {
+    if (result.refusal) {
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+                  qString(result.refusal->message));
+        return;
+    }
+    const auto& outcome = result.outcome;
+    if (outcome.failed.empty()) {
         //% "The kexts were moved into %1."
-        const QString text = qtTrId("kQVInstalledKextsVCRemoved").arg(qString(backup));
+        const QString text =
+            qtTrId("kQVInstalledKextsVCRemoved").arg(qString(outcome.backupFolder));
         showMessage(this, text, warning);
         return;
     }
     //% "These kexts could not be removed: %1"
-    const QString text = qtTrId("kQVInstalledKextsVCNotRemoved").arg(joined(failed).join(", "));
-    showAlert(this, text, removedSome ? warning : QString());
+    const QString text =
+        qtTrId("kQVInstalledKextsVCNotRemoved").arg(joined(outcome.failed).join(", "));
+    showAlert(this, text, outcome.done.empty() ? QString() : warning);
 }
 
 void InstalledKextsWindow::chooseBackup() {
@@ -412,9 +397,7 @@ void InstalledKextsWindow::restoreFromBackup(const QString& folder) {
         return;
     }
     QStringList lines;
-    std::vector<std::string> paths;
     for (const auto& step : *steps) {
-        paths.push_back(step.item.volumePath());
         //% "%1, replacing the kext installed there, which is backed up first"
         lines << (step.replaces ? qtTrId("kQVInstalledKextsVCRestoreReplaces")
                                       .arg(qString(step.item.volumePath()))
@@ -424,34 +407,34 @@ void InstalledKextsWindow::restoreFromBackup(const QString& folder) {
     if (!confirm(this, qtTrId("kQVInstalledKextsVCRestoreKexts").arg(qString(backup)),
                  lines.join("\n"),
                  //% "Restore"
-                 qtTrId("kQVInstalledKextsVCRestoreButton")) ||
-        !connectHelper())
+                 qtTrId("kQVInstalledKextsVCRestoreButton")))
         return;
-    const auto replaced = newBackupFolderPath(*root, std::chrono::system_clock::now());
+    auto operations = helperOperations();
+    if (!operations)
+        return;
     setBusy(true);
     //% "Restoring kexts..."
     updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRestoring"));
-    whenReplied("restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
-                {backup, *volume, replaced},
-                [this, paths, volume = *volume, replaced](const RemoteValue& reply) {
-                    const auto& failed = std::get<std::vector<std::string>>(reply);
-                    std::error_code missing;
-                    const bool madeBackup = std::filesystem::exists(replaced, missing);
-                    record(volume, "restore", without(paths, failed), madeBackup ? replaced : "");
-                    tellRestore(failed, madeBackup ? replaced : "");
-                    finishOperation();
-                });
+    job_.start<RescueResult>(
+        [request = RescueRequest{*volume, *root, historyFilePath()}, backup, operations] {
+            return RestoreJob(request, backup, *operations).run();
+        },
+        [this](RescueResult result) {
+            tellRestore(result);
+            finishOperation();
+        });
 }
 
-void InstalledKextsWindow::tellRestore(const std::vector<std::string>& failed,
-                                       const std::string& replaced) {
-    if (!failed.empty()) {
+void InstalledKextsWindow::tellRestore(const RescueResult& result) {
+    if (result.refusal || !result.outcome.failed.empty()) {
         //% "These kexts could not be put back: %1"
-        const QString text =
-            qtTrId("kQVInstalledKextsVCNotRestored").arg(joined(failed).join(", "));
+        const QString text = result.refusal ? qString(result.refusal->message)
+                                            : qtTrId("kQVInstalledKextsVCNotRestored")
+                                                  .arg(joined(result.outcome.failed).join(", "));
         showAlert(this, text, QString());
         return;
     }
+    const auto& replaced = result.outcome.backupFolder;
     //% "What they replaced is in %1."
     const QString where = qtTrId("kQVInstalledKextsVCReplacedBackup").arg(qString(replaced));
     //% "The kexts were put back."
@@ -459,19 +442,17 @@ void InstalledKextsWindow::tellRestore(const std::vector<std::string>& failed,
     showMessage(this, text, replaced.empty() ? QString() : where);
 }
 
-bool InstalledKextsWindow::connectHelper() {
-    refreshProxy();
-    if (!proxy()) {
-        auto& manager = HelperManager::shared();
+std::shared_ptr<Operations> InstalledKextsWindow::helperOperations() {
+    auto& manager = HelperManager::shared();
+    if (!manager.connection())
         manager.start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
-        refreshProxy();
-    }
-    if (proxy())
-        return true;
+    if (auto connection = manager.connection())
+        return std::make_shared<HelperBackedOperations>(
+            std::make_shared<HelperClient>(std::move(connection)));
     showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
               //% "Quelm cannot start its helper, which changes the volume as root."
               qtTrId("kQVInstalledKextsVCNoHelper"));
-    return false;
+    return nullptr;
 }
 
 void InstalledKextsWindow::setBusy(bool busy) {

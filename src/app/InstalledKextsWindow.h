@@ -2,11 +2,14 @@
 // backup back through the helper.
 #pragma once
 
+#include "app/BackgroundJob.h"
 #include "app/VolumeScreen.h"
+#include "jobs/RescueJobs.h"
 #include "kexts/KextCatalog.h"
 
 #include <QString>
 #include <filesystem>
+#include <memory>
 #include <vector>
 
 class QTreeWidget;
@@ -51,16 +54,15 @@ private:
     std::vector<const KextBundle*> selectedKexts() const;
     /// Asks again for each of Apple's kexts among them; true when every one is confirmed.
     bool confirmAppleKexts(const std::vector<const KextBundle*>& kexts);
-    /// Starts the helper when no connection is open; false after an alert when none opens.
-    bool connectHelper();
+    /// The helper's operations, started first when it does not run; null after an alert.
+    std::shared_ptr<Operations> helperOperations();
     /// Moves the kexts (paths on the volume) into a new folder in backupRoot through the helper.
     void removeKexts(const std::vector<std::string>& paths,
                      const std::filesystem::path& backupRoot);
     /// Says what a removal did, with the warning about the kernel cache when a kext went.
-    void tellRemoval(const std::vector<std::string>& failed, bool removedSome,
-                     const std::string& backup);
+    void tellRemoval(const RescueResult& result);
     /// Says what a restore did, and where what it replaced went ("" for nowhere).
-    void tellRestore(const std::vector<std::string>& failed, const std::string& replaced);
+    void tellRestore(const RescueResult& result);
     /// While the helper works, nothing can start another operation or change the volume.
     void setBusy(bool busy);
     void finishOperation();
@@ -70,6 +72,8 @@ private:
     QPushButton* restoreButton_ = nullptr;
     QPushButton* refreshButton_ = nullptr;
     std::vector<KextBundle> kexts_;
+    /// Declared last: it waits for the job when the window goes.
+    BackgroundJob job_{this};
 };
 
 } // namespace quelm

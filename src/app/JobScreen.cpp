@@ -1,18 +1,14 @@
-// The installation screen, and the conductor of one job: install, repair, rebuild, report.
+// The installation screen: it names the volume, runs the installation job of the core through
+// the helper, answers its questions and shows its stages, then delivers what it did.
 #include "app/JobScreen.h"
 
-#include "app/UserNotification.h"
+#include "helper/HelperClient.h"
 #include "helper/HelperManager.h"
-#include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
-#include "kexts/KextChecks.h"
 #include "kexts/KextHistory.h"
-#include "kexts/KextIntake.h"
-#include "support/FileURL.h"
-#include "support/Files.h"
+#include "support/Bundle.h"
 #include "support/Log.h"
 #include "support/Paths.h"
-#include "support/Strings.h"
 #include "ui/UserDefaults.h"
 #include "ui/ViewExtensions.h"
 #include "ui_JobScreen.h"
@@ -23,8 +19,6 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <algorithm>
-#include <chrono>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -34,69 +28,65 @@ QColor inverted(const QColor& color) {
     return QColor(255 - color.red(), 255 - color.green(), 255 - color.blue(), color.alpha());
 }
 
-/// The kexts that installing into folder would replace on the volume.
-std::vector<Kext> replacedKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                                const Volume& volume) {
-    std::vector<Kext> replaced;
-    for (const auto& kext : kexts) {
-        std::error_code error;
-        // From macOS 10.15 the folder may lie on the data volume.
-        const auto place = volume.placeOf(std::string(rawValue(folder)) + kext.name());
-        if (std::filesystem::exists(
-                std::filesystem::symlink_status(place.root + place.path, error)))
-            replaced.push_back(kext);
-    }
-    return replaced;
+KextFolder policySetting() {
+    const auto policy = userDefaultString(kDefaultKextInstallationFolderKey);
+    return kernelExtensionFolderFromRawValue(policy.value_or(""))
+        .value_or(KextFolder::LibraryExtensions);
 }
 
-/// Each folder of root that has a manifest, by the inode of the manifest: the helper writes a
-/// manifest whole under another name and renames it into place, so every write gives a new one.
-std::map<std::string, ino_t> manifestInodes(const std::filesystem::path& root) {
-    std::map<std::string, ino_t> inodes;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
-        struct stat info {};
-        if (::lstat((entry.path() / kBackupManifestName).c_str(), &info) == 0)
-            inodes[entry.path().string()] = info.st_ino;
+QString reasonText(const SkippedKext& kext) {
+    switch (kext.reason) {
+    case SkipReason::notAKext:
+        //% "not a kext"
+        return qtTrId("kQVMainQuelmVCNotAKext");
+    case SkipReason::failedChecks:
+        //% "failed its checks"
+        return qtTrId("kQVMainQuelmVCFailedChecks");
+    case SkipReason::noFolderChosen:
+        //% "no folder was chosen"
+        return qtTrId("kQVMainQuelmVCNoFolderChosen");
+    case SkipReason::notInSmartTable:
+        //% "not in the smart table"
+        return qtTrId("kQVMainQuelmVCNotInSmartTable");
+    case SkipReason::notBackedUp:
+        //% "its installed copy could not be backed up"
+        return qtTrId("kQVMainQuelmVCNotBackedUp");
+    case SkipReason::folderRefused:
+        break;
     }
-    return inodes;
-}
-
-/// Whether the manifest of backup names each kext as taken from folder.
-bool manifestNames(const std::string& backup, const std::vector<Kext>& kexts,
-                   std::string_view folder) {
-    const auto manifest = readBackupManifest(backup);
-    if (!manifest)
-        return false;
-    // The helper keeps the name the volume lists, which may differ in case from the source's.
-    return std::ranges::all_of(kexts, [&](const Kext& kext) {
-        return std::ranges::any_of(manifest->items, [&](const BackupItem& item) {
-            return item.sourceFolder == folder &&
-                   QString::fromStdString(item.name).compare(QString::fromStdString(kext.name()),
-                                                             Qt::CaseInsensitive) == 0;
-        });
-    });
-}
-
-/// The folder of root that the helper backed kexts up into: the one whose manifest appeared or
-/// was written again since before and names them. A folder made earlier, whatever its name,
-/// is never taken for it, and one of the same second that the helper added to still is.
-std::string backupFolderOf(const std::filesystem::path& root,
-                           const std::map<std::string, ino_t>& before,
-                           const std::vector<Kext>& kexts, std::string_view folder) {
-    for (const auto& [backup, inode] : manifestInodes(root)) {
-        const auto earlier = before.find(backup);
-        if ((earlier == before.end() || earlier->second != inode) &&
-            manifestNames(backup, kexts, folder))
-            return backup;
-    }
-    return {};
+    return QString::fromStdString(kext.detail);
 }
 
 } // namespace
 
+/// The job's events, taken to the screen's thread; its questions wait there for the answer.
+class JobScreen::Events final : public InstallEvents {
+public:
+    Events(JobScreen& screen, BackgroundJob& job) : screen_(screen), job_(job) {}
+
+    void stageBegan(JobStage stage) override {
+        job_.post([this, stage] { screen_.showStage(stage); });
+    }
+    void skipped(const SkippedKext& kext) override {
+        logLine("QVMainQuelmVC::Info: skipped " + kext.name + ": " +
+                reasonText(kext).toStdString());
+    }
+    bool installAnyway(const Kext& kext, const std::vector<std::string>& failures) override {
+        return job_.ask<bool>(
+            [this, kext, failures] { return screen_.installAnyway(kext, failures); }, false);
+    }
+    std::optional<KextFolder> chooseFolder(const Kext& kext) override {
+        return job_.ask<std::optional<KextFolder>>([this, kext] { return screen_.askFolder(kext); },
+                                                   std::nullopt);
+    }
+
+private:
+    JobScreen& screen_;
+    BackgroundJob& job_;
+};
+
 JobScreen::JobScreen(QWidget* parent)
-    : VolumeScreen(parent), ui_(std::make_unique<Ui::JobScreen>()) {
+    : VolumeScreen(parent), ui_(std::make_unique<Ui::JobScreen>()), job_(this) {
     ui_->setupUi(this);
     imageButton = ui_->imageButton;
     mainTitle = ui_->mainTitle;
@@ -113,7 +103,6 @@ JobScreen::~JobScreen() = default;
 
 void JobScreen::setUpScreen() {
     VolumeScreen::setUpScreen();
-    setDelegate(this);
     observe<std::vector<std::string>>(kDidCollectAllFiles,
                                       [this](const auto& files) { runWithANotification(files); });
     startBusyIndicator(*circularIndicator);
@@ -124,9 +113,6 @@ void JobScreen::setUpScreen() {
     else
         //% "Preparing..."
         updateStatusWithLocalizedString(qtTrId("kQVMainQLMVCPreparing"));
-    const auto policy = userDefaultString(kDefaultKextInstallationFolderKey);
-    if (const auto folder = kernelExtensionFolderFromRawValue(policy.value_or("")))
-        KextIntake::shared().setInstallationFolder(*folder);
 }
 
 void JobScreen::showEvent(QShowEvent* event) {
@@ -184,41 +170,25 @@ void JobScreen::beginJob(const std::vector<std::string>& files) {
         finishJob();
         return;
     }
-    auto& kexts = KextIntake::shared();
-    const auto folder = kexts.installationFolder();
-    const auto& volume = *VolumeManager::shared().selectedOSVolume();
+    // Known before the helper answers: a refused folder ends the job at once.
     if (const auto refusal =
-            isConcreteFolder(folder) ? folderRefusal(rawValue(folder), volume) : std::nullopt) {
-        refuseJob(*refusal);
+            InstallJob::refusal(*VolumeManager::shared().selectedOSVolume(), policySetting())) {
+        refuseJob(refusal->message);
         return;
     }
-    kexts.addKernelExtensions(files_);
-    for (const auto& file : files_)
-        if (FileURL::fromPath(file, false).pathExtension() != "kext")
-            //% "not a kext"
-            skip(std::filesystem::path(file).filename().string(), qtTrId("kQVMainQuelmVCNotAKext"));
-    checkKexts(volume);
-    if (kexts.installationFolder() == KextFolder::UseSmartTable) {
-        const SmartTable paths(applicationSupportFolder(), Bundle::main());
-        smartTable_.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
-    }
     setControlsEnabled(false);
-    refreshProxy();
-    if (proxy()) {
+    if (HelperManager::shared().connection()) {
         startJob();
         return;
     }
     // The helper may still be asking for authorisation: the job starts once it answers.
     observe<NoObject>(kHelperDidConnect, [this](const NoObject&) {
-        refreshProxy();
-        if (!jobStarted_)
+        if (jobUnderWay_ && !jobStarted_)
             startJob();
     });
 }
 
 void JobScreen::finishJob() {
-    // The list belongs to one job: the next one, or the next run, starts from none.
-    KextIntake::shared().kextsToInstall().clear();
     jobUnderWay_ = false;
     if (!pending_.empty()) {
         startNextJob();
@@ -240,17 +210,19 @@ void JobScreen::startNextJob() {
     pending_.pop_front();
     jobUnderWay_ = true;
     ++jobsStarted_;
-    resetJob();
+    jobStarted_ = false;
     if (batch.volume) {
         const auto volume = openTargetVolume(*batch.volume);
         if (!volume) {
             logLine("QVMainQuelmVC::Error: these kexts were not installed: " +
                     volume.error().toStdString());
+            InstallOutcome outcome;
             for (const auto& file : batch.files)
-                //% "its volume is not a macOS volume"
-                skip(std::filesystem::path(file).filename().string(),
-                     qtTrId("kQVMainQuelmVCNotAVolume"));
-            deliverFinalNotification();
+                outcome.skipped.push_back({std::filesystem::path(file).filename().string(),
+                                           SkipReason::folderRefused,
+                                           //% "its volume is not a macOS volume"
+                                           qtTrId("kQVMainQuelmVCNotAVolume").toStdString()});
+            deliverFinalNotification(outcome);
             finishJob();
             return;
         }
@@ -259,28 +231,51 @@ void JobScreen::startNextJob() {
     beginJob(batch.files);
 }
 
-void JobScreen::resetJob() {
-    index_ = 0;
-    sent_ = 0;
-    failed_.clear();
-    skipped_.clear();
-    backups_.clear();
-    jobStarted_ = false;
-}
-
-void JobScreen::skip(const std::string& name, const QString& reason) {
-    logLine("QVMainQuelmVC::Info: skipped " + name + ": " + reason.toStdString());
-    skipped_ << QString::fromStdString(name) + " (" + reason + ")";
-}
-
 void JobScreen::startJob() {
     jobStarted_ = true;
-    callCheckWritableTargetVolume([this](const std::string& refusal) {
-        if (refusal.empty())
-            installKexts();
-        else
-            refuseJob(refusal);
-    });
+    const auto policy = policySetting();
+    std::optional<SmartTable> table;
+    if (policy == KextFolder::UseSmartTable) {
+        const SmartTable paths(applicationSupportFolder(), Bundle::main());
+        table.emplace(applicationSupportFolder(), Bundle::main(), paths.userCopyPath());
+    }
+    const auto backupRoot = backupFolderSetting();
+    if (!backupRoot) {
+        //% "Quelm cannot make its backup folder."
+        refuseJob(qtTrId("kQVMainQuelmVCNoBackupFolder").toStdString());
+        return;
+    }
+    InstallRequest request{.volume = *VolumeManager::shared().selectedOSVolume(),
+                           .paths = files_,
+                           .policy = policy,
+                           .smartTable = std::move(table),
+                           .backupRoot = *backupRoot,
+                           .historyFile = historyFilePath(),
+                           .repairPermissions = true,
+                           .rebuildCaches = true,
+                           .reportFolder = applicationSupportFolder() / "Reports"};
+    events_ = std::make_unique<Events>(*this, job_);
+    auto operations = std::make_shared<HelperBackedOperations>(
+        std::make_shared<HelperClient>(HelperManager::shared().connection()));
+    job_.start<InstallOutcome>(
+        [this, request = std::move(request), operations]() mutable {
+            return InstallJob(std::move(request), *operations, *events_).run();
+        },
+        [this](InstallOutcome outcome) { jobDone(outcome); });
+}
+
+void JobScreen::jobDone(const InstallOutcome& outcome) {
+    if (outcome.refusal) {
+        refuseJob(outcome.refusal->message);
+        return;
+    }
+    for (const auto& problem : outcome.problems)
+        logLine("QVMainQuelmVC::Error: " + problem);
+    if (outcome.report)
+        logLine("QVMainQuelmVC::Info: repair report saved to " + outcome.report->string());
+    stopBusyIndicator(*circularIndicator);
+    deliverFinalNotification(outcome);
+    finishJob();
 }
 
 void JobScreen::refuseJob(const std::string& reason) {
@@ -291,22 +286,31 @@ void JobScreen::refuseJob(const std::string& reason) {
     finishJob();
 }
 
-void JobScreen::checkKexts(const Volume& volume) {
-    auto& kexts = KextIntake::shared().kextsToInstall();
-    std::vector<std::string> paths;
-    for (const auto& kext : kexts)
-        paths.push_back(kext.path());
-    const auto checks = quelm::checkKexts(paths, volume);
-    std::vector<Kext> accepted;
-    for (std::size_t i = 0; i < kexts.size(); ++i) {
-        const auto& failures = checks[i];
-        if (failures.empty() || installAnyway(kexts[i], failures))
-            accepted.push_back(kexts[i]);
-        else
-            //% "failed its checks"
-            skip(kexts[i].name(), qtTrId("kQVMainQuelmVCFailedChecks"));
+void JobScreen::showStage(JobStage stage) {
+    switch (stage) {
+    case JobStage::checking:
+        break;
+    case JobStage::backingUp:
+        //% "Backing up kexts..."
+        updateStatusWithLocalizedString(qtTrId("kQVMainAbstractBackingUpKexts"));
+        break;
+    case JobStage::installing:
+        //% "Installing kexts..."
+        updateStatusWithLocalizedString(qtTrId("kQVMainAbstractInstallingKexts"));
+        break;
+    case JobStage::repairing:
+        circularIndicator->setRange(0, 100);
+        circularIndicator->setValue(0);
+        circularIndicator->show();
+        //% "Repairing permissions..."
+        updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRepairingPermissions"));
+        break;
+    case JobStage::rebuildingCaches:
+        startBusyIndicator(*circularIndicator);
+        //% "Rebuilding caches..."
+        updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRebuildingCaches"));
+        break;
     }
-    kexts = std::move(accepted);
 }
 
 bool JobScreen::installAnyway(const Kext& kext, const std::vector<std::string>& failures) {
@@ -325,151 +329,6 @@ bool JobScreen::installAnyway(const Kext& kext, const std::vector<std::string>& 
     box.button(QMessageBox::No)->setText(qtTrId("kQVMainQuelmVCSkip"));
     box.setDefaultButton(QMessageBox::No);
     return ModalAnswers::run(box) == QMessageBox::Yes;
-}
-
-void JobScreen::installKexts() {
-    auto& kexts = KextIntake::shared();
-    const auto folder = kexts.installationFolder();
-    if (isConcreteFolder(folder))
-        installInto(kexts.kextsToInstall(), folder);
-    else
-        didInstallKexts({});
-}
-
-void JobScreen::installInto(std::vector<Kext> kexts, KextFolder folder) {
-    const auto& volume = *VolumeManager::shared().selectedOSVolume();
-    auto& replaced = KextIntake::shared().kextsToBackUp();
-    replaced = replacedKexts(kexts, folder, volume);
-    placing_ = Placement{std::move(kexts), folder, {}, {}, {}};
-    if (replaced.empty()) {
-        sendPlacement();
-        return;
-    }
-    const auto root = backupFolderSetting();
-    if (!root) {
-        logLine("QVMainQuelmVC::Error: the backup folder cannot be made.");
-        didBackupKexts(replaced);
-        return;
-    }
-    placing_->backupRoot = *root;
-    placing_->manifestsBefore = manifestInodes(*root);
-    callBackupKexts(replaced, folder, (*root / "").string());
-}
-
-void JobScreen::willBackupKexts() {
-    //% "Backing up kexts..."
-    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractBackingUpKexts"));
-}
-
-void JobScreen::didBackupKexts(const std::vector<Kext>& failed) {
-    auto& replaced = KextIntake::shared().kextsToBackUp();
-    std::vector<Kext> saved;
-    for (const auto& kext : replaced)
-        if (std::ranges::find(failed, kext) == failed.end())
-            saved.push_back(kext);
-    // Installing over a kext that has no backup could lose the only working copy.
-    for (const auto& kext : failed) {
-        std::erase(placing_->kexts, kext);
-        //% "its installed copy could not be backed up"
-        skip(kext.name(), qtTrId("kQVMainQuelmVCNotBackedUp"));
-    }
-    // Cleared only now: failed may be this very list.
-    replaced.clear();
-    if (!saved.empty())
-        noteBackup(saved);
-    sendPlacement();
-}
-
-void JobScreen::noteBackup(const std::vector<Kext>& saved) {
-    auto& placing = *placing_;
-    placing.backup = backupFolderOf(placing.backupRoot, placing.manifestsBefore, saved,
-                                    rawValue(placing.folder));
-    if (placing.backup.empty())
-        logLine("QVMainQuelmVC::Error: no folder of " + placing.backupRoot.string() +
-                " holds the backup just made.");
-    else if (!backups_.contains(QString::fromStdString(placing.backup)))
-        backups_ << QString::fromStdString(placing.backup);
-}
-
-void JobScreen::sendPlacement() {
-    if (placing_->kexts.empty()) {
-        placing_.reset();
-        didInstallKexts({});
-        return;
-    }
-    sent_ += placing_->kexts.size();
-    callInstallKexts(placing_->kexts, placing_->folder);
-}
-
-void JobScreen::recordPlacement(const std::vector<Kext>& failed) {
-    if (!placing_)
-        return;
-    std::vector<std::string> installed;
-    for (const auto& kext : placing_->kexts)
-        if (std::ranges::find(failed, kext) == failed.end())
-            installed.push_back(std::string(rawValue(placing_->folder)) + kext.name());
-    const auto& volume = *VolumeManager::shared().selectedOSVolume();
-    const HistoryRecord record{isoTimestamp(std::chrono::system_clock::now()),
-                               volume.mountPoint(),
-                               "install",
-                               std::move(installed),
-                               placing_->backup,
-                               false};
-    placing_.reset();
-    if (record.kexts.empty())
-        return;
-    if (auto saved = appendHistory(historyFilePath(), record); !saved)
-        logLine("QVMainQuelmVC::Error: the installation is not in the history: " + saved.error());
-}
-
-void JobScreen::willInstallKexts() {
-    //% "Installing kexts..."
-    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractInstallingKexts"));
-}
-
-void JobScreen::didInstallKexts(const std::vector<Kext>& failed) {
-    recordPlacement(failed);
-    failed_.insert(failed_.end(), failed.begin(), failed.end());
-    auto& manager = KextIntake::shared();
-    const auto& kexts = manager.kextsToInstall();
-    if (index_ >= kexts.size() || isConcreteFolder(manager.installationFolder())) {
-        callRepairDiskPermissions();
-        return;
-    }
-    const auto kext = kexts[index_++];
-    const auto folder = folderForKext(kext);
-    const auto& volume = *VolumeManager::shared().selectedOSVolume();
-    if (const auto refusal = folder ? folderRefusal(rawValue(*folder), volume) : std::nullopt) {
-        //% "An error occurred"
-        showAlert(this, qtTrId("kQVMainQuelmAnErrorOccured"), QString::fromStdString(*refusal));
-        ++sent_;
-        didInstallKexts({kext});
-    } else if (folder) {
-        installInto({kext}, *folder);
-    } else {
-        //% "no folder was chosen"
-        const QString cancelled = qtTrId("kQVMainQuelmVCNoFolderChosen");
-        //% "not in the smart table"
-        const QString unlisted = qtTrId("kQVMainQuelmVCNotInSmartTable");
-        const bool asked = manager.installationFolder() == KextFolder::AskMeEveryTime;
-        skip(kext.name(), asked ? cancelled : unlisted);
-        didInstallKexts({});
-    }
-}
-
-std::optional<KextFolder> JobScreen::folderForKext(const Kext& kext) {
-    if (KextIntake::shared().installationFolder() == KextFolder::AskMeEveryTime)
-        return askFolder(kext);
-    if (!smartTable_)
-        return std::nullopt;
-    const auto& table = smartTable_->table();
-    const auto found = table.find(kext.name());
-    const auto& volume = *VolumeManager::shared().selectedOSVolume();
-    const auto folder =
-        found == table.end()
-            ? std::nullopt
-            : kernelExtensionFolderFromRawValue(folderOnVolume(found->second, volume));
-    return folder && isConcreteFolder(*folder) ? folder : std::nullopt;
 }
 
 std::optional<KextFolder> JobScreen::askFolder(const Kext& kext) {
@@ -495,64 +354,34 @@ std::optional<KextFolder> JobScreen::askFolder(const Kext& kext) {
     }
 }
 
-void JobScreen::willRepairDiskPermissions() {
-    circularIndicator->setRange(0, 100);
-    circularIndicator->setValue(0);
-    circularIndicator->show();
-    //% "Repairing permissions..."
-    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRepairingPermissions"));
-}
-
-void JobScreen::didRepairDiskPermissionsWithResults(const std::vector<ResultRecord>& results) {
-    saveReport(results);
-    callRebuildCaches();
-}
-
-void JobScreen::saveReport(const std::vector<ResultRecord>& results) {
-    const auto folder = applicationSupportFolder() / "Reports";
-    std::error_code error;
-    std::filesystem::create_directories(folder, error);
-    const auto path = folder / (compactTimestamp(std::chrono::system_clock::now()) + ".txt");
-    if (error || !writeFileAtomically(path, reportText(results)))
-        logLine("QVMainQuelmVC::Error: Unable to save the repair report to " + path.string());
-    else
-        logLine("QVMainQuelmVC::Info: repair report saved to " + path.string());
-}
-
-void JobScreen::willRebuildCaches() {
-    startBusyIndicator(*circularIndicator);
-    //% "Rebuilding caches..."
-    updateStatusWithLocalizedString(qtTrId("kQVMainAbstractRebuildingCaches"));
-}
-
-void JobScreen::didRebuildCaches() {
-    stopBusyIndicator(*circularIndicator);
-    deliverFinalNotification();
-    finishJob();
-}
-
-void JobScreen::deliverFinalNotification() {
+void JobScreen::deliverFinalNotification(const InstallOutcome& outcome) {
     QStringList failedNames;
-    for (const auto& kext : failed_)
-        failedNames << QString::fromStdString(kext.name());
-    const auto installed = static_cast<qsizetype>(sent_) - failedNames.size();
+    for (const auto& failure : outcome.failed)
+        failedNames << QString::fromStdString(failure.kext.name());
+    QStringList skipped;
+    for (const auto& kext : outcome.skipped)
+        skipped << QString::fromStdString(kext.name) + " (" + reasonText(kext) + ")";
+    QStringList backups;
+    for (const auto& backup : outcome.backups)
+        backups << QString::fromStdString(backup);
+    const auto installed = static_cast<qsizetype>(outcome.installed.size());
     //% "Failed: "
     const QString failedLabel = qtTrId("kQVMainQuelmVCFailed");
     QStringList lines;
     if (!failedNames.isEmpty())
         lines << failedLabel + failedNames.join(", ");
-    if (!skipped_.isEmpty())
+    if (!skipped.isEmpty())
         //% "Skipped: "
-        lines << qtTrId("kQVMainQuelmVCSkipped") + skipped_.join(", ");
+        lines << qtTrId("kQVMainQuelmVCSkipped") + skipped.join(", ");
     if (lines.isEmpty() && installed > 0)
         //% "The selected kexts have been installed."
         lines << qtTrId("kQVMainQuelmVCSelectedKextsHaveBeenInstalled");
     if (lines.isEmpty())
         //% "No kext was installed."
         lines << qtTrId("kQVMainQuelmVCNoKextInstalled");
-    if (!backups_.isEmpty())
+    if (!backups.isEmpty())
         //% "Backup: "
-        lines << qtTrId("kQVMainQuelmVCBackup") + backups_.join(", ");
+        lines << qtTrId("kQVMainQuelmVCBackup") + backups.join(", ");
     const auto& volume = VolumeManager::shared().selectedOSVolume();
     if (const auto notice = volume ? auxiliaryCollectionNotice(*volume) : std::nullopt;
         notice && installed > 0)

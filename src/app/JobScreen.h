@@ -1,18 +1,16 @@
 // The installation screen, and the conductor of one job: install, repair, rebuild, report.
 #pragma once
 
+#include "app/BackgroundJob.h"
 #include "app/UserNotification.h"
 #include "app/VolumeScreen.h"
-#include "kexts/SmartTable.h"
+#include "jobs/InstallJob.h"
 
 #include <QString>
 #include <QStringList>
 #include <deque>
-#include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
-#include <sys/types.h>
 #include <vector>
 
 namespace Ui {
@@ -25,7 +23,7 @@ namespace quelm {
 inline const auto kDidCollectAllFiles =
     notificationName<std::vector<std::string>>(".veskp.quelm.didCollectAllFiles");
 
-class JobScreen : public VolumeScreen, JobStepsDelegate {
+class JobScreen : public VolumeScreen {
     Q_OBJECT
 public:
     explicit JobScreen(QWidget* parent = nullptr);
@@ -52,14 +50,7 @@ signals:
     void notified(const UserNotification& notification);
 
 private:
-    void willBackupKexts() override;
-    void didBackupKexts(const std::vector<Kext>& failed) override;
-    void willInstallKexts() override;
-    void didInstallKexts(const std::vector<Kext>& failed) override;
-    void willRepairDiskPermissions() override;
-    void didRepairDiskPermissionsWithResults(const std::vector<ResultRecord>& results) override;
-    void willRebuildCaches() override;
-    void didRebuildCaches() override;
+    class Events;
 
     void setUpScreen() override;
     void showEvent(QShowEvent* event) override;
@@ -68,66 +59,31 @@ private:
     void finishJob();
     /// Takes the first job queued, on its volume.
     void startNextJob();
-    /// Forgets what the last job counted, installed, skipped and backed up.
-    void resetJob();
-    /// Records a path that the job does not install, with the reason, for the notification.
-    void skip(const std::string& name, const QString& reason);
-    /// Asks the helper first whether root can write to the volume: a refusal ends the job
-    /// before anything changes.
+    /// Runs the installation through the helper once it is connected.
     void startJob();
     /// Ends the job unchanged, after an alert with the one sentence that says why.
     void refuseJob(const std::string& reason);
-    /// Runs the checks of each kext against the volume's kexts and the others of the job; a
-    /// kext that fails is installed only when the user says so, with the reasons before them.
-    void checkKexts(const Volume& volume);
+    void showStage(JobStage stage);
     bool installAnyway(const Kext& kext, const std::vector<std::string>& failures);
-    /// Sends the whole list to a concrete folder, or starts the one-by-one installation.
-    void installKexts();
-    /// Backs up the installed kexts that these replace, then installs them into folder.
-    void installInto(std::vector<Kext> kexts, KextFolder folder);
-    /// Records the folder the helper backed the saved kexts up into, for the history and the
-    /// notification.
-    void noteBackup(const std::vector<Kext>& saved);
-    /// Sends the kexts being placed to the helper, or goes on when none are left.
-    void sendPlacement();
-    /// Records the kexts of the last placement that were installed in the user's history.
-    void recordPlacement(const std::vector<Kext>& failed);
-    /// The folder for the next kext under ask-every-time or the smart table; none skips it.
-    std::optional<KextFolder> folderForKext(const Kext& kext);
     std::optional<KextFolder> askFolder(const Kext& kext);
-    /// Saves the repair's report under Application Support/Reports, named by the time.
-    void saveReport(const std::vector<ResultRecord>& results);
-    void deliverFinalNotification();
+    void jobDone(const InstallOutcome& outcome);
+    void deliverFinalNotification(const InstallOutcome& outcome);
 
     std::unique_ptr<Ui::JobScreen> ui_;
-    std::size_t index_ = 0;
     std::vector<std::string> files_;
-    std::optional<SmartTable> smartTable_;
     bool jobUnderWay_ = false;
     /// Jobs started in this run: an end counts only when none started after it.
     std::size_t jobsStarted_ = 0;
     bool jobStarted_ = false;
-    std::size_t sent_ = 0;
-    std::vector<Kext> failed_;
-    QStringList skipped_;
     std::vector<std::string> seen_;
     struct Batch {
         std::vector<std::string> files;
         std::optional<NamedVolume> volume;
     };
     std::deque<Batch> pending_;
-    /// The kexts sent to one folder at once, and the backup of what they replace.
-    struct Placement {
-        std::vector<Kext> kexts;
-        KextFolder folder;
-        /// The folder of the preferences in which the helper makes the backup's dated folder.
-        std::filesystem::path backupRoot;
-        /// Each folder of backupRoot by the inode of its manifest, taken before the backup.
-        std::map<std::string, ino_t> manifestsBefore;
-        std::string backup;
-    };
-    std::optional<Placement> placing_;
-    QStringList backups_;
+    std::unique_ptr<Events> events_;
+    /// Declared last: it waits for the job when the screen goes.
+    BackgroundJob job_;
 };
 
 } // namespace quelm

@@ -1,5 +1,5 @@
-// The choice of the target volume, the status line, the progress display and the wrappers of
-// the helper's remote operations, shared by every working screen.
+// The choice of the target volume, the status line and the progress display, shared by every
+// working screen.
 #include "app/VolumeScreen.h"
 
 #include "helper/HelperManager.h"
@@ -67,19 +67,10 @@ void VolumeScreen::setUpScreen() {
         connect(executeButton, &QPushButton::clicked, this, [this] { execute(); });
 }
 
-void VolumeScreen::showEvent(QShowEvent* event) {
-    Screen::showEvent(event);
-    refreshProxy();
-}
-
 void VolumeScreen::resizeEvent(QResizeEvent* event) {
     Screen::resizeEvent(event);
     if (pathField && !pathField->toolTip().isEmpty())
         showPath(pathField->toolTip());
-}
-
-void VolumeScreen::refreshProxy() {
-    proxy_ = HelperManager::shared().proxy();
 }
 
 void VolumeScreen::renderLocalizedOutlets() {
@@ -239,84 +230,6 @@ void VolumeScreen::reset() {
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));
-}
-
-void VolumeScreen::whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
-                               std::function<void(const RemoteValue&)> handler) {
-    proxy_->call(selector, std::move(arguments),
-                 [this, handler = std::move(handler)](std::optional<RemoteValue> reply) {
-                     if (!reply)
-                         return;
-                     QMetaObject::invokeMethod(
-                         this, [handler, value = std::move(*reply)] { handler(value); },
-                         Qt::QueuedConnection);
-                 });
-}
-
-void VolumeScreen::callRepairDiskPermissions() {
-    const auto& volume = VolumeManager::shared().selectedOSVolume();
-    if (!proxy_ || !volume)
-        return;
-    if (delegate_)
-        delegate_->willRepairDiskPermissions();
-    whenReplied("repairDiskPermissionsOnTargetVolume:reply:", {*volume}, [this](const auto& reply) {
-        if (delegate_)
-            delegate_->didRepairDiskPermissionsWithResults(
-                std::get<std::vector<ResultRecord>>(reply));
-    });
-}
-
-void VolumeScreen::callRebuildCaches() {
-    const auto& volume = VolumeManager::shared().selectedOSVolume();
-    if (!proxy_ || !volume)
-        return;
-    if (delegate_)
-        delegate_->willRebuildCaches();
-    whenReplied("rebuildCachesOnTargetVolume:reply:", {*volume}, [this](const auto&) {
-        if (delegate_)
-            delegate_->didRebuildCaches();
-    });
-}
-
-void VolumeScreen::callCheckWritableTargetVolume(std::function<void(const std::string&)> handler) {
-    const auto& volume = VolumeManager::shared().selectedOSVolume();
-    if (!proxy_ || !volume)
-        return;
-    whenReplied("checkWritableTargetVolume:reply:", {*volume},
-                [handler = std::move(handler)](const auto& reply) {
-                    handler(std::get<std::string>(reply));
-                });
-}
-
-void VolumeScreen::callInstallKexts(const std::vector<Kext>& kexts, KextFolder folder) {
-    const auto& volume = VolumeManager::shared().selectedOSVolume();
-    if (!proxy_ || !volume)
-        fatalError("QVMainAbstractMaintenanceVC::FatalError: no helper or no target volume to "
-                   "install the kexts with.");
-    if (delegate_)
-        delegate_->willInstallKexts();
-    whenReplied("installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
-                {kexts, std::string(rawValue(folder)), *volume}, [this](const auto& reply) {
-                    if (delegate_)
-                        delegate_->didInstallKexts(std::get<std::vector<Kext>>(reply));
-                });
-}
-
-void VolumeScreen::callBackupKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                                   const std::string& destination) {
-    const auto& volume = VolumeManager::shared().selectedOSVolume();
-    if (!proxy_ || !volume)
-        fatalError("QVMainAbstractMaintenanceVC::FatalError: no helper or no target volume to "
-                   "back up the kexts with.");
-    if (delegate_)
-        delegate_->willBackupKexts();
-    whenReplied("backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:"
-                "reply:",
-                {kexts, std::string(rawValue(folder)), *volume, destination},
-                [this](const auto& reply) {
-                    if (delegate_)
-                        delegate_->didBackupKexts(std::get<std::vector<Kext>>(reply));
-                });
 }
 
 std::unique_ptr<ResultsView> VolumeScreen::prepareForSegue(const QString& identifier) {

@@ -1,12 +1,9 @@
-// The choice of the target volume, the status line, the progress display and the wrappers of
-// the helper's remote operations, shared by every working screen.
+// The choice of the target volume, the status line and the progress display, shared by every
+// working screen.
 #pragma once
 
 #include "app/Screen.h"
 #include "app/TargetVolume.h"
-#include "helper/HelperConnection.h"
-#include "kexts/Kext.h"
-#include "kexts/KextFolder.h"
 #include "ui/ResultsView.h"
 
 #include <expected>
@@ -15,20 +12,6 @@
 #include <optional>
 
 namespace quelm {
-
-/// The will/did events around each remote operation, delivered on the main thread.
-class JobStepsDelegate {
-public:
-    virtual ~JobStepsDelegate() = default;
-    virtual void willRepairDiskPermissions() = 0;
-    virtual void didRepairDiskPermissionsWithResults(const std::vector<ResultRecord>& results) = 0;
-    virtual void willRebuildCaches() = 0;
-    virtual void didRebuildCaches() = 0;
-    virtual void willBackupKexts() = 0;
-    virtual void didBackupKexts(const std::vector<Kext>& failed) = 0;
-    virtual void willInstallKexts() = 0;
-    virtual void didInstallKexts(const std::vector<Kext>& failed) = 0;
-};
 
 /// Posted with whether the accepted volume has an Extra folder.
 inline const auto kDidSelectAValidOSVolume =
@@ -39,18 +22,8 @@ class VolumeScreen : public Screen {
 public:
     explicit VolumeScreen(QWidget* parent = nullptr);
 
-    void setDelegate(JobStepsDelegate* delegate) { delegate_ = delegate; }
     void updateStatusWithLocalizedString(const QString& text);
     void renderLocalizedOutlets();
-
-    void callRepairDiskPermissions();
-    void callRebuildCaches();
-    /// Installs the kexts into one of the three concrete folders.
-    void callInstallKexts(const std::vector<Kext>& kexts, KextFolder folder);
-    /// Copies the kexts installed in folder into a dated folder that the helper makes in
-    /// destination, or adds to when one of the same second is there; destination ends with "/".
-    void callBackupKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                         const std::string& destination);
 
     /// Asks for the volume's folder, then accepts it or says why not and asks again; true when
     /// accepted, false when the user cancels.
@@ -73,21 +46,10 @@ protected:
     QLabel* volumeInfoField = nullptr;
 
     void setUpScreen() override;
-    void showEvent(QShowEvent* event) override;
     /// Elides the mount point again to the width the label now has.
     void resizeEvent(QResizeEvent* event) override;
-    HelperConnection* proxy() const { return proxy_; }
-    /// Takes the helper manager's connection again.
-    void refreshProxy();
-    /// Asks the helper whether root can write to the selected volume; the handler gets "" or
-    /// the one sentence that says why not, on the main thread.
-    void callCheckWritableTargetVolume(std::function<void(const std::string&)> handler);
-
     /// While a job runs, the controls that would change its target or its state are off.
     void setControlsEnabled(bool enabled);
-    /// Runs on the main thread once the reply arrives.
-    void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
-                     std::function<void(const RemoteValue&)> handler);
     /// The mount point, and the macOS with the folder of each of its volumes.
     void showVolume(const Volume& volume);
 
@@ -109,8 +71,6 @@ private:
     void refuseVolume(const QString& reason);
     void showPath(const QString& path);
 
-    JobStepsDelegate* delegate_ = nullptr;
-    HelperConnection* proxy_ = nullptr;
     std::optional<ResultsSource> result_;
 };
 

@@ -39,14 +39,17 @@ InstallJob::InstallJob(InstallRequest request, Operations& operations, InstallEv
     : request_(std::move(request)), operations_(operations), events_(events) {
 }
 
+std::optional<Error> InstallJob::refusal(const Volume& volume, KextFolder policy) {
+    if (const auto refused =
+            isConcreteFolder(policy) ? folderRefusal(rawValue(policy), volume) : std::nullopt)
+        return Error{*refused, ErrorKind::refused};
+    return std::nullopt;
+}
+
 InstallOutcome InstallJob::run() {
     const auto& volume = request_.volume;
-    if (const auto refusal = isConcreteFolder(request_.policy)
-                                 ? folderRefusal(rawValue(request_.policy), volume)
-                                 : std::nullopt) {
-        outcome_.refusal = Error{*refusal, ErrorKind::refused};
+    if ((outcome_.refusal = refusal(volume, request_.policy)))
         return std::move(outcome_);
-    }
     events_.stageBegan(JobStage::checking);
     auto placements = plan(checked(takeIn()));
     if (request_.dryRun) {

@@ -94,6 +94,9 @@ struct InstallOutcome {
 class InstallJob {
 public:
     InstallJob(InstallRequest request, Operations& operations, InstallEvents& events);
+    /// What refuses a job before anything is asked or written: a policy's folder that the
+    /// volume's macOS keeps read-only.
+    static std::optional<Error> refusal(const Volume& volume, KextFolder policy);
     InstallOutcome run();
 
 private:

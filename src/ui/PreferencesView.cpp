@@ -4,7 +4,6 @@
 
 #include "kexts/KextFolder.h"
 #include "kexts/KextHistory.h"
-#include "kexts/KextIntake.h"
 #include "support/Log.h"
 #include "ui/AppearanceMode.h"
 #include "ui/UserDefaults.h"
@@ -133,14 +132,12 @@ void PreferencesView::selectStoredChoices() {
     const auto folder = kernelExtensionFolderFromRawValue(folderValue);
     if (!folder)
         unknownValue(kDefaultKextInstallationFolderKey, folderValue);
-    KextIntake::shared().setInstallationFolder(*folder);
     ui_->outletButtonPopUpSelectInstallationFolder->setCurrentIndex(
         indexOf(kOfferedFolders, *folder));
 }
 
 void PreferencesView::actionButtonSelectInstallationFolder(int index) {
     const KextFolder folder = itemAt(kOfferedFolders, index);
-    KextIntake::shared().setInstallationFolder(folder);
     setUserDefaultString(kDefaultKextInstallationFolderKey, rawValue(folder));
 }
 

@@ -11,11 +11,11 @@ class PreferencesView;
 
 namespace quelm {
 
-/// Two pop-ups whose choices are written to the settings at once, with no OK or Cancel. The
-/// installation folder also goes to KextIntake::shared(). The settings must
-/// hold both values (the application writes missing ones at launch); an unknown value, like
-/// an index outside a pop-up, is a fatal error. The backup folder is shown with a button that
-/// chooses another; without a choice it is Backups in the user's data folder.
+/// Two pop-ups whose choices are written to the settings at once, with no OK or Cancel; each
+/// job reads the installation folder when it starts. The settings must hold both values (the
+/// application writes missing ones at launch); an unknown value, like an index outside a pop-up, is
+/// a fatal error. The backup folder is shown with a button that chooses another; without a choice
+/// it is Backups in the user's data folder.
 class PreferencesView : public QWidget {
     Q_OBJECT
 
