@@ -95,7 +95,7 @@ AppController::~AppController() {
         NotificationCenter::defaultCenter().removeObserver(token);
 }
 
-bool AppController::applicationWillFinishLaunching(QMenuBar& menu) {
+bool AppController::prepareLaunch(QMenuBar& menu) {
     observeHelperManager();
     for (int tag = 0; tag <= 16; ++tag)
         if (auto* item = itemWithTag(menu, tag))
@@ -168,7 +168,7 @@ void AppController::handOnQueuedJobs() {
     }
 }
 
-void AppController::applicationDidFinishLaunching() {
+void AppController::finishLaunch() {
     auto& center = NotificationCenter::defaultCenter();
     if (files_.isEmpty()) {
         center.post(kPresentViewController, false);
@@ -179,7 +179,7 @@ void AppController::applicationDidFinishLaunching() {
     HelperManager::shared().start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
 }
 
-void AppController::applicationWillTerminate() {
+void AppController::prepareToQuit() {
     logLine("Prepare to quit. Terminating the helper...");
     HelperManager::shared().terminateHelper();
     for (const auto token : observers_)
@@ -188,11 +188,11 @@ void AppController::applicationWillTerminate() {
     logLine("Helper has been terminated. Goodbye.");
 }
 
-bool AppController::applicationShouldTerminateAfterLastWindowClosed() const {
-    return window_.contentViewControllerIdentifier() == "QVSBIDMainQuelmPreference";
+bool AppController::quitsWithLastWindow() const {
+    return window_.screenName() == "QVSBIDMainQuelmPreference";
 }
 
-void AppController::applicationShouldHandleReopen() {
+void AppController::reopen() {
     window_.show();
     window_.raise();
     window_.activateWindow();

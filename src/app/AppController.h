@@ -30,7 +30,7 @@ public:
 
     /// Menu titles, helper observers, the single-instance rule, defaults, the Application
     /// Support folder and the smart table. False when the application must quit.
-    bool applicationWillFinishLaunching(QMenuBar& menu);
+    bool prepareLaunch(QMenuBar& menu);
     /// One batch of opened files; restarts the intake timer.
     void openFiles(const QStringList& paths);
     /// The timer's action: hands every path collected so far on, then the jobs queued meanwhile.
@@ -41,11 +41,11 @@ public:
     void queueJob(const QStringList& paths, std::optional<NamedVolume> volume);
     /// Shows the installation screen and starts the helper when files were opened, else the
     /// preferences.
-    void applicationDidFinishLaunching();
-    void applicationWillTerminate();
-    bool applicationShouldTerminateAfterLastWindowClosed() const;
+    void finishLaunch();
+    void prepareToQuit();
+    bool quitsWithLastWindow() const;
     /// Brings the main window back, as a second start without files asks.
-    void applicationShouldHandleReopen();
+    void reopen();
 
     const QStringList& files() const { return files_; }
 

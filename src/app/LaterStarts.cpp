@@ -75,15 +75,15 @@ bool confirmHandedOver(const QStringList& files, const std::optional<NamedVolume
     return ModalAnswers::run(box) == QMessageBox::Yes;
 }
 
-void takeConnection(QLocalSocket* socket, AppController& delegate, MainWindow& window) {
+void takeConnection(QLocalSocket* socket, AppController& controller, MainWindow& window) {
     if (!peerIsThisUser(*socket)) {
         logLine("quelm: refused a later start from another user.");
         socket->abort();
         socket->deleteLater();
         return;
     }
-    QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &delegate, &window] {
-        takeLaterStart(parseLaterStart(socket->readAll()), delegate, window);
+    QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &controller, &window] {
+        takeLaterStart(parseLaterStart(socket->readAll()), controller, window);
         socket->deleteLater();
     });
 }
@@ -159,9 +159,9 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
     return true;
 }
 
-void takeLaterStart(const LaterStart& start, AppController& delegate, MainWindow& window) {
+void takeLaterStart(const LaterStart& start, AppController& controller, MainWindow& window) {
     if (start.files.isEmpty()) {
-        delegate.applicationShouldHandleReopen();
+        controller.reopen();
         return;
     }
     const auto named = namedVolume(start.volume, start.dataVolume);
@@ -173,20 +173,20 @@ void takeLaterStart(const LaterStart& start, AppController& delegate, MainWindow
     // The question may have waited while the intake ended or another volume was chosen.
     const auto* screen = window.installationScreen();
     if (volume == selectedVolume() && !(screen && screen->jobUnderWay())) {
-        delegate.openFiles(start.files);
+        controller.openFiles(start.files);
         return;
     }
-    delegate.queueJob(start.files, volume);
+    controller.queueJob(start.files, volume);
 }
 
-void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& delegate,
+void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& controller,
                           MainWindow& window) {
     QLocalServer::removeServer(name);
     server.setSocketOptions(QLocalServer::UserAccessOption);
     server.listen(name);
-    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &delegate, &window] {
+    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &controller, &window] {
         while (QLocalSocket* socket = server.nextPendingConnection())
-            takeConnection(socket, delegate, window);
+            takeConnection(socket, controller, window);
     });
 }
 

@@ -51,11 +51,11 @@ bool handToRunningInstance(const QString& name, const QStringList& files, const 
 /// their volume, in one question and said yes. Then they join the intake, or make a job of
 /// their own when a job runs or they name another volume; a start without paths brings the
 /// window back.
-void takeLaterStart(const LaterStart& start, AppController& delegate, MainWindow& window);
+void takeLaterStart(const LaterStart& start, AppController& controller, MainWindow& window);
 
 /// Listens at name and takes each later start of this user, one batch per connection; a
 /// connection from another user is closed unread.
-void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& delegate,
+void listenForLaterStarts(QLocalServer& server, const QString& name, AppController& controller,
                           MainWindow& window);
 
 } // namespace quelm

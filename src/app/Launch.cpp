@@ -7,10 +7,10 @@
 #include "app/LaterStarts.h"
 #include "app/MainWindow.h"
 #include "app/TargetVolume.h"
-#include "app/VolumeScreen.h"
 #include "helper/HelperManager.h"
 #include "support/Log.h"
 #include "ui/AppearanceMode.h"
+#include "ui/ResultsView.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
 #include "ui/ViewExtensions.h"
@@ -58,12 +58,10 @@ int showResults(const QString& file) {
         logLine("quelm: " + file.toStdString() + ": " + results.error());
         return 1;
     }
-    VolumeScreen source;
     //% "Permissions repair report"
-    source.setResult(ResultsSource(QPixmap(":/quelm/QVUIVolume.svg"),
-                                   qtTrId("kQVDetailedResultsVCReportTitle"), file, *results));
-    auto window = source.prepareForSegue("QVSBSegueIDMaintenance2DetailedResults");
-    window->show();
+    ResultsView window(ResultsSource(QPixmap(":/quelm/QVUIVolume.svg"),
+                                     qtTrId("kQVDetailedResultsVCReportTitle"), file, *results));
+    window.show();
     return QApplication::exec();
 }
 
@@ -199,26 +197,26 @@ int runQuelm(int argc, char** argv) {
         applyAppearance(application, *mode);
 
     MainWindow window;
-    AppController delegate(window);
+    AppController controller(window);
     buildMainMenu(*window.menuBar(), application, window);
-    if (!delegate.applicationWillFinishLaunching(*window.menuBar()))
+    if (!controller.prepareLaunch(*window.menuBar()))
         return 1;
     QLocalServer server;
     if (instance)
-        listenForLaterStarts(server, *instance, delegate, window);
+        listenForLaterStarts(server, *instance, controller, window);
     QApplication::setQuitOnLastWindowClosed(false);
-    QObject::connect(&window, &MainWindow::filesDropped, &delegate, &AppController::openFiles);
+    QObject::connect(&window, &MainWindow::filesDropped, &controller, &AppController::openFiles);
     QObject::connect(&window, &MainWindow::jobFinished, &application, &QApplication::quit);
     QObject::connect(&window, &MainWindow::windowClosed, &application, [&] {
-        if (delegate.applicationShouldTerminateAfterLastWindowClosed())
+        if (controller.quitsWithLastWindow())
             QApplication::quit();
     });
-    QObject::connect(&delegate, &AppController::terminate, &application, &QApplication::quit);
-    QObject::connect(&application, &QApplication::aboutToQuit, &delegate,
-                     &AppController::applicationWillTerminate);
+    QObject::connect(&controller, &AppController::terminate, &application, &QApplication::quit);
+    QObject::connect(&application, &QApplication::aboutToQuit, &controller,
+                     &AppController::prepareToQuit);
     if (!arguments.files.isEmpty())
-        delegate.openFiles(arguments.files);
-    QTimer::singleShot(0, &delegate, &AppController::applicationDidFinishLaunching);
+        controller.openFiles(arguments.files);
+    QTimer::singleShot(0, &controller, &AppController::finishLaunch);
     return QApplication::exec();
 }
 

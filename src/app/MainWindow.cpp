@@ -62,7 +62,7 @@ JobScreen* MainWindow::installationScreen() const {
     return qobject_cast<JobScreen*>(centralWidget());
 }
 
-QString MainWindow::contentViewControllerIdentifier() const {
+QString MainWindow::screenName() const {
     if (qobject_cast<JobScreen*>(centralWidget()))
         return "QVSBIDMainQuelm";
     return centralWidget() ? "QVSBIDMainQuelmPreference" : QString();

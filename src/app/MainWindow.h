@@ -26,7 +26,7 @@ public:
     /// The object name of the screen shown: "QVSBIDMainQuelm" or "QVSBIDMainQuelmPreference".
     /// The installation screen, when the window shows it.
     JobScreen* installationScreen() const;
-    QString contentViewControllerIdentifier() const;
+    QString screenName() const;
 
 signals:
     /// Kext bundles dropped on the window.

@@ -54,7 +54,7 @@ VolumeScreen::VolumeScreen(QWidget* parent) : Screen(parent) {
 
 void VolumeScreen::setUpScreen() {
     Screen::setUpScreen();
-    renderLocalizedOutlets();
+    showTexts();
     observe<double>(kDidReceiveRemoteProgress, [this](const double& progress) {
         if (circularIndicator)
             circularIndicator->setValue(static_cast<int>(progress));
@@ -73,7 +73,7 @@ void VolumeScreen::resizeEvent(QResizeEvent* event) {
         showPath(pathField->toolTip());
 }
 
-void VolumeScreen::renderLocalizedOutlets() {
+void VolumeScreen::showTexts() {
     if (imageButton)
         imageButton->setIcon(QIcon(":/quelm/QVUIVolume.svg"));
     if (mainTitle)
@@ -230,14 +230,6 @@ void VolumeScreen::reset() {
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));
-}
-
-std::unique_ptr<ResultsView> VolumeScreen::prepareForSegue(const QString& identifier) {
-    if ((identifier != "QVSBSegueIDInstallation2DetailedResults" &&
-         identifier != "QVSBSegueIDMaintenance2DetailedResults") ||
-        !result_)
-        return nullptr;
-    return std::make_unique<ResultsView>(*result_);
 }
 
 } // namespace quelm

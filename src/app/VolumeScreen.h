@@ -4,7 +4,6 @@
 
 #include "app/Screen.h"
 #include "app/TargetVolume.h"
-#include "ui/ResultsView.h"
 
 #include <expected>
 #include <functional>
@@ -23,7 +22,7 @@ public:
     explicit VolumeScreen(QWidget* parent = nullptr);
 
     void updateStatusWithLocalizedString(const QString& text);
-    void renderLocalizedOutlets();
+    void showTexts();
 
     /// Asks for the volume's folder, then accepts it or says why not and asks again; true when
     /// accepted, false when the user cancels.
@@ -34,10 +33,6 @@ public:
     bool acceptVolume(const QString& path);
     void reset();
     void execute() {}
-
-    void setResult(std::optional<ResultsSource> result) { result_ = std::move(result); }
-    /// The results window for a segue to it, given this screen's result; null for any other.
-    std::unique_ptr<ResultsView> prepareForSegue(const QString& identifier);
 
 protected:
     QLabel* statusField = nullptr;
@@ -71,7 +66,6 @@ private:
     void refuseVolume(const QString& reason);
     void showPath(const QString& path);
 
-    std::optional<ResultsSource> result_;
 };
 
 } // namespace quelm

@@ -72,12 +72,15 @@ HelperBackedOperations::installKexts(const std::vector<Kext>& kexts, const std::
     return failures;
 }
 
-std::expected<std::vector<ResultRecord>, Error>
-HelperBackedOperations::repairPermissions(const Volume& volume) {
+std::expected<PermissionCheck, Error> HelperBackedOperations::checkPermissions(const Volume& volume,
+                                                                               RepairMode mode,
+                                                                               bool checksContent) {
+    if (mode != RepairMode::repairPermissions || checksContent)
+        return refused("The helper only repairs permissions; verifying runs in quelmctl.");
     auto records = helper_->repairPermissions(volume);
     if (!records)
         return helperGone();
-    return std::move(*records);
+    return PermissionCheck{std::move(*records), 0};
 }
 
 std::expected<void, Error> HelperBackedOperations::rebuildCaches(const Volume& volume) {

@@ -1,10 +1,9 @@
 // The installation job shared by the application and quelmctl.
 #include "jobs/InstallJob.h"
 
+#include "jobs/RepairJob.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextHistory.h"
-#include "support/Files.h"
-#include "support/Strings.h"
 #include "volumes/MountedFileSystem.h"
 
 #include <algorithm>
@@ -22,17 +21,6 @@ std::vector<Kext> kextsReplacedBy(const Volume& volume, const std::string& folde
         if (opened && listedNameAt(opened.get(), kext.name()))
             replaced.push_back(kext);
     return replaced;
-}
-
-std::expected<std::filesystem::path, Error>
-saveRepairReport(const std::filesystem::path& folder, const std::vector<ResultRecord>& results) {
-    std::error_code error;
-    std::filesystem::create_directories(folder, error);
-    const auto path = folder / (compactTimestamp(std::chrono::system_clock::now()) + ".txt");
-    if (error || !writeFileAtomically(path, reportText(results)))
-        return std::unexpected(
-            Error{"Unable to save the repair report to " + path.string(), ErrorKind::io});
-    return path;
 }
 
 InstallJob::InstallJob(InstallRequest request, Operations& operations, InstallEvents& events)
@@ -229,18 +217,16 @@ void InstallJob::record(const std::string& folder, const std::vector<Kext>& kext
 
 void InstallJob::repair() {
     events_.stageBegan(JobStage::repairing);
-    auto results = operations_.repairPermissions(request_.volume);
-    if (!results) {
-        outcome_.problems.push_back(results.error().message);
-        return;
-    }
-    if (request_.reportFolder) {
-        if (auto saved = saveRepairReport(*request_.reportFolder, *results))
-            outcome_.report = *saved;
-        else
-            outcome_.problems.push_back(saved.error().message);
-    }
-    outcome_.repairResults = std::move(*results);
+    auto repaired =
+        RepairJob({.volume = request_.volume, .reportFolder = request_.reportFolder}, operations_)
+            .run();
+    if (repaired.refusal)
+        outcome_.problems.push_back(repaired.refusal->message);
+    else
+        outcome_.repairResults = std::move(repaired.check.results);
+    if (repaired.reportProblem)
+        outcome_.problems.push_back(repaired.reportProblem->message);
+    outcome_.report = repaired.report;
 }
 
 void InstallJob::rebuildCaches() {

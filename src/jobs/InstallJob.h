@@ -131,8 +131,4 @@ private:
 std::vector<Kext> kextsReplacedBy(const Volume& volume, const std::string& folder,
                                   const std::vector<Kext>& kexts);
 
-/// Saves the repair's report into folder as the compact time of now + ".txt".
-std::expected<std::filesystem::path, Error>
-saveRepairReport(const std::filesystem::path& folder, const std::vector<ResultRecord>& results);
-
 } // namespace quelm

@@ -54,18 +54,23 @@ LocalOperations::installKexts(const std::vector<Kext>& kexts, const std::string&
     return quelm::installKexts(kexts, folder, volume);
 }
 
-std::expected<std::vector<ResultRecord>, Error>
-LocalOperations::repairPermissions(const Volume& volume) {
-    const auto lock = VolumeLock::acquire(volume.mountPoint());
-    if (!lock)
-        return refused(lock.error());
-    PermissionRepair job(volume, RepairMode::repairPermissions);
+std::expected<PermissionCheck, Error>
+LocalOperations::checkPermissions(const Volume& volume, RepairMode mode, bool checksContent) {
+    std::optional<VolumeLock> lock;
+    if (mode == RepairMode::repairPermissions) {
+        auto taken = VolumeLock::acquire(volume.mountPoint());
+        if (!taken)
+            return refused(taken.error());
+        lock.emplace(std::move(*taken));
+    }
+    PermissionRepair job(volume, mode);
+    job.setChecksContent(checksContent);
     job.run();
-    std::vector<ResultRecord> records;
-    records.reserve(job.results().size());
+    PermissionCheck check{{}, job.checkedPathCount()};
+    check.results.reserve(job.results().size());
     for (const auto& result : job.results())
-        records.push_back(result.representable());
-    return records;
+        check.results.push_back(result.representable());
+    return check;
 }
 
 std::expected<void, Error> LocalOperations::rebuildCaches(const Volume& volume) {

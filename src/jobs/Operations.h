@@ -19,6 +19,13 @@ namespace quelm {
 
 class HelperClient;
 
+/// What a verify or repair pass found (and, repairing, did), and how many paths it checked.
+struct PermissionCheck {
+    std::vector<ResultRecord> results;
+    /// Unknown (0) when the helper did the pass.
+    std::int64_t checkedPaths = 0;
+};
+
 /// Each operation gives an Error when it did nothing at all: refused whole, or the helper
 /// could not be asked.
 class Operations {
@@ -42,8 +49,10 @@ public:
     [[nodiscard]] virtual std::expected<std::vector<InstallFailure>, Error>
     installKexts(const std::vector<Kext>& kexts, const std::string& folder,
                  const Volume& volume) = 0;
-    [[nodiscard]] virtual std::expected<std::vector<ResultRecord>, Error>
-    repairPermissions(const Volume& volume) = 0;
+    /// Verifies or repairs the owners and modes of the volume from its receipts, holding the
+    /// volume's lock when repairing; the helper only repairs, without the content checks.
+    [[nodiscard]] virtual std::expected<PermissionCheck, Error>
+    checkPermissions(const Volume& volume, RepairMode mode, bool checksContent) = 0;
     /// Rebuilds the kext caches, or marks them stale where they cannot be built.
     [[nodiscard]] virtual std::expected<void, Error> rebuildCaches(const Volume& volume) = 0;
     /// Moves the kexts (paths on the volume) into backupFolder, made only then.
@@ -74,8 +83,8 @@ public:
     std::expected<std::vector<InstallFailure>, Error> installKexts(const std::vector<Kext>& kexts,
                                                                    const std::string& folder,
                                                                    const Volume& volume) override;
-    std::expected<std::vector<ResultRecord>, Error>
-    repairPermissions(const Volume& volume) override;
+    std::expected<PermissionCheck, Error> checkPermissions(const Volume& volume, RepairMode mode,
+                                                           bool checksContent) override;
     std::expected<void, Error> rebuildCaches(const Volume& volume) override;
     std::expected<RescueOutcome, Error> removeKexts(const std::vector<std::string>& kexts,
                                                     const Volume& volume,
@@ -104,8 +113,8 @@ public:
     std::expected<std::vector<InstallFailure>, Error> installKexts(const std::vector<Kext>& kexts,
                                                                    const std::string& folder,
                                                                    const Volume& volume) override;
-    std::expected<std::vector<ResultRecord>, Error>
-    repairPermissions(const Volume& volume) override;
+    std::expected<PermissionCheck, Error> checkPermissions(const Volume& volume, RepairMode mode,
+                                                           bool checksContent) override;
     std::expected<void, Error> rebuildCaches(const Volume& volume) override;
     std::expected<RescueOutcome, Error> removeKexts(const std::vector<std::string>& kexts,
                                                     const Volume& volume,

@@ -82,43 +82,43 @@ PreferencesView::PreferencesView(QWidget* parent)
 PreferencesView::~PreferencesView() = default;
 
 void PreferencesView::setUpScreen() {
-    ui_->outletButtonEditDefaultTable->setHidden(true);
+    ui_->editSmartTableButton->setHidden(true);
     //% "Default Installation Preference"
-    ui_->outletBoxDefaultPreference->setTitle(
+    ui_->installationBox->setTitle(
         qtTrId("kQVMainQuelmPreferenceVCDefaultInstallationPreference"));
     //% "Default Appearance"
-    ui_->outletBoxDefaultAppearance->setTitle(qtTrId("kQVMainQuelmPreferenceVCDefaultAppearance"));
+    ui_->appearanceBox->setTitle(qtTrId("kQVMainQuelmPreferenceVCDefaultAppearance"));
     //% "Install kexts to:"
-    ui_->outletFieldInstallKexts->setText(qtTrId("kQVMainQuelmPreferenceVCInstallKextsTo"));
+    ui_->installKextsField->setText(qtTrId("kQVMainQuelmPreferenceVCInstallKextsTo"));
     //% "Edit"
-    ui_->outletButtonEditDefaultTable->setText(qtTrId("kQVMainQuelmPreferenceVCEdit"));
+    ui_->editSmartTableButton->setText(qtTrId("kQVMainQuelmPreferenceVCEdit"));
     //% "Back up replaced and removed kexts into"
-    ui_->outletBoxBackupFolder->setTitle(qtTrId("kQVMainQuelmPreferenceVCBackupFolder"));
+    ui_->backupFolderBox->setTitle(qtTrId("kQVMainQuelmPreferenceVCBackupFolder"));
     //% "Choose..."
-    ui_->outletButtonChooseBackupFolder->setText(qtTrId("kQVMainQuelmPreferenceVCChoose"));
+    ui_->chooseBackupFolderButton->setText(qtTrId("kQVMainQuelmPreferenceVCChoose"));
     const auto backups = userDefaultString(kBackupFolderKey);
-    ui_->outletFieldBackupFolder->setText(QString::fromStdString(
+    ui_->backupFolderField->setText(QString::fromStdString(
         backups && !backups->empty() ? *backups : defaultBackupRoot().string()));
-    connect(ui_->outletButtonChooseBackupFolder, &QPushButton::clicked, this,
+    connect(ui_->chooseBackupFolderButton, &QPushButton::clicked, this,
             &PreferencesView::chooseBackupFolder);
     fillPopUps();
     selectStoredChoices();
     // activated, unlike currentIndexChanged, comes only from the user's choices.
-    connect(ui_->outletButtonPopUpSelectInstallationFolder, &QComboBox::activated, this,
+    connect(ui_->installationFolderMenu, &QComboBox::activated, this,
             &PreferencesView::actionButtonSelectInstallationFolder);
-    connect(ui_->outletButtonEditDefaultTable, &QPushButton::clicked, this,
+    connect(ui_->editSmartTableButton, &QPushButton::clicked, this,
             &PreferencesView::actionButtonEditDefaultTable);
-    connect(ui_->outletButtonPopUpSelectDefaultAppearance, &QComboBox::activated, this,
+    connect(ui_->appearanceMenu, &QComboBox::activated, this,
             &PreferencesView::actionButtonSelectDefaultAppearance);
 }
 
 void PreferencesView::fillPopUps() {
-    ui_->outletButtonPopUpSelectInstallationFolder->clear();
+    ui_->installationFolderMenu->clear();
     for (const auto folder : kOfferedFolders)
-        ui_->outletButtonPopUpSelectInstallationFolder->addItem(folderItemTitle(folder));
-    ui_->outletButtonPopUpSelectDefaultAppearance->clear();
+        ui_->installationFolderMenu->addItem(folderItemTitle(folder));
+    ui_->appearanceMenu->clear();
     for (const auto mode : kOfferedModes)
-        ui_->outletButtonPopUpSelectDefaultAppearance->addItem(displayText(mode));
+        ui_->appearanceMenu->addItem(displayText(mode));
 }
 
 void PreferencesView::selectStoredChoices() {
@@ -126,13 +126,13 @@ void PreferencesView::selectStoredChoices() {
     const auto mode = appearanceModeFromRawValue(modeValue);
     if (!mode)
         unknownValue(kDefaultAppearanceModeKey, modeValue);
-    ui_->outletButtonPopUpSelectDefaultAppearance->setCurrentIndex(indexOf(kOfferedModes, *mode));
+    ui_->appearanceMenu->setCurrentIndex(indexOf(kOfferedModes, *mode));
 
     const std::string folderValue = storedValue(kDefaultKextInstallationFolderKey);
     const auto folder = kernelExtensionFolderFromRawValue(folderValue);
     if (!folder)
         unknownValue(kDefaultKextInstallationFolderKey, folderValue);
-    ui_->outletButtonPopUpSelectInstallationFolder->setCurrentIndex(
+    ui_->installationFolderMenu->setCurrentIndex(
         indexOf(kOfferedFolders, *folder));
 }
 
@@ -145,14 +145,14 @@ void PreferencesView::chooseBackupFolder() {
     //% "Choose the backup folder"
     const QString folder = QFileDialog::getExistingDirectory(
         this, qtTrId("kQVMainQuelmPreferenceVCChooseBackupFolder"),
-        ui_->outletFieldBackupFolder->text());
+        ui_->backupFolderField->text());
     if (!folder.isEmpty())
         actionSelectBackupFolder(folder);
 }
 
 void PreferencesView::actionSelectBackupFolder(const QString& folder) {
     setUserDefaultString(kBackupFolderKey, folder.toStdString());
-    ui_->outletFieldBackupFolder->setText(folder);
+    ui_->backupFolderField->setText(folder);
 }
 
 void PreferencesView::actionButtonEditDefaultTable() {

@@ -297,16 +297,16 @@ ResultsView::~ResultsView() = default;
 
 void ResultsView::setUpScreen() {
     //% "Repair Permissions Results"
-    ui_->outletBoxRepairPermissionsResults->setTitle(
+    ui_->resultsBox->setTitle(
         qtTrId("kQVDetailedResultsVCRepairPermissionsResults"));
     //% "OK"
-    ui_->outletButtonOK->setText(qtTrId("kQVDetailedResultsVCOK"));
+    ui_->okButton->setText(qtTrId("kQVDetailedResultsVCOK"));
     //% "Report"
     setWindowTitle(qtTrId("kQVDetailedResultsVCReport"));
     setUpTable();
     setUpFilters();
     setUpActions();
-    connect(ui_->outletButtonOK, &QPushButton::clicked, this, &ResultsView::actionButtonOK);
+    connect(ui_->okButton, &QPushButton::clicked, this, &ResultsView::actionButtonOK);
 
     ui_->imageView->setPixmap(result_.image());
     ui_->imageView->setVisible(!result_.image().isNull());
@@ -315,7 +315,7 @@ void ResultsView::setUpScreen() {
 }
 
 void ResultsView::setUpTable() {
-    QTableView* table = ui_->outletResultsTableView;
+    QTableView* table = ui_->resultsTable;
     table->setModel(&filter_);
     QHeaderView* header = table->horizontalHeader();
     header->setSectionResizeMode(QHeaderView::ResizeToContents);
@@ -329,18 +329,18 @@ void ResultsView::setUpFilters() {
     //% "Status:"
     ui_->statusFilterLabel->setText(qtTrId("kQVDetailedResultsVCStatusFilter"));
     //% "All"
-    ui_->outletStatusFilter->addItem(qtTrId("kQVDetailedResultsVCAllStatuses"),
+    ui_->statusFilter->addItem(qtTrId("kQVDetailedResultsVCAllStatuses"),
                                      ResultsFilterModel::allStatuses);
     const QStringList statuses = ResultsTableModel::statusTexts();
     for (int status = 0; status < statuses.size(); ++status)
-        ui_->outletStatusFilter->addItem(statuses[status], status);
+        ui_->statusFilter->addItem(statuses[status], status);
     //% "Filter by path"
-    ui_->outletPathFilter->setPlaceholderText(qtTrId("kQVDetailedResultsVCPathFilter"));
-    connect(ui_->outletStatusFilter, &QComboBox::currentIndexChanged, this, [this] {
-        filter_.setStatusFilter(ui_->outletStatusFilter->currentData().toInt());
+    ui_->pathFilter->setPlaceholderText(qtTrId("kQVDetailedResultsVCPathFilter"));
+    connect(ui_->statusFilter, &QComboBox::currentIndexChanged, this, [this] {
+        filter_.setStatusFilter(ui_->statusFilter->currentData().toInt());
         updateShownRowsField();
     });
-    connect(ui_->outletPathFilter, &QLineEdit::textChanged, this, [this](const QString& text) {
+    connect(ui_->pathFilter, &QLineEdit::textChanged, this, [this](const QString& text) {
         filter_.setPathFilter(text);
         updateShownRowsField();
     });
@@ -348,7 +348,7 @@ void ResultsView::setUpFilters() {
 }
 
 void ResultsView::setUpActions() {
-    QTableView* table = ui_->outletResultsTableView;
+    QTableView* table = ui_->resultsTable;
     //% "Copy"
     copyAction_ = new QAction(qtTrId("kQVDetailedResultsVCCopy"), table);
     copyAction_->setObjectName("actionCopy");
@@ -359,17 +359,17 @@ void ResultsView::setUpActions() {
     table->setContextMenuPolicy(Qt::ActionsContextMenu);
     connect(copyAction_, &QAction::triggered, this, &ResultsView::actionCopy);
     connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
-        copyAction_->setEnabled(ui_->outletResultsTableView->selectionModel()->hasSelection());
+        copyAction_->setEnabled(ui_->resultsTable->selectionModel()->hasSelection());
     });
     //% "Save Report..."
-    ui_->outletButtonSaveReport->setText(qtTrId("kQVDetailedResultsVCSaveReport"));
-    connect(ui_->outletButtonSaveReport, &QPushButton::clicked, this,
+    ui_->saveReportButton->setText(qtTrId("kQVDetailedResultsVCSaveReport"));
+    connect(ui_->saveReportButton, &QPushButton::clicked, this,
             &ResultsView::actionSaveReport);
 }
 
 void ResultsView::updateShownRowsField() {
     //% "Rows shown: %L1 of %L2"
-    ui_->outletShownRowsField->setText(
+    ui_->shownRowsField->setText(
         qtTrId("kQVDetailedResultsVCShownRows").arg(filter_.rowCount()).arg(model_.rowCount()));
 }
 
@@ -378,7 +378,7 @@ void ResultsView::actionButtonOK() {
 }
 
 void ResultsView::actionCopy() {
-    QModelIndexList rows = ui_->outletResultsTableView->selectionModel()->selectedRows();
+    QModelIndexList rows = ui_->resultsTable->selectionModel()->selectedRows();
     if (rows.isEmpty())
         return;
     std::ranges::sort(rows, {}, &QModelIndex::row);

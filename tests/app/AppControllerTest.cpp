@@ -90,7 +90,7 @@ private slots:
         help->setProperty("tag", 15);
         auto* kexts = menu.addMenu("Window")->addAction(QString());
         kexts->setProperty("tag", 16);
-        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        QVERIFY(delegate.prepareLaunch(menu));
         QCOMPARE(quit->text(), QString("Quit Quelm"));
         QCOMPARE(help->text(), QString("Quelm Help"));
         QCOMPARE(kexts->text(), QString("Installed Kexts..."));
@@ -105,13 +105,13 @@ private slots:
     void launchWithoutFilesShowsThePreferencesAndQuitsWithTheirWindow() {
         MainWindow window;
         AppController delegate(window);
-        delegate.applicationDidFinishLaunching();
+        delegate.finishLaunch();
         QTRY_VERIFY_WITH_TIMEOUT(window.isVisible(), test::kHangGuardMs);
-        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
-        QVERIFY(delegate.applicationShouldTerminateAfterLastWindowClosed());
+        QCOMPARE(window.screenName(), QString("QVSBIDMainQuelmPreference"));
+        QVERIFY(delegate.quitsWithLastWindow());
         // The screen is chosen once per run.
         window.switchViewController(true);
-        QCOMPARE(window.contentViewControllerIdentifier(), QString("QVSBIDMainQuelmPreference"));
+        QCOMPARE(window.screenName(), QString("QVSBIDMainQuelmPreference"));
     }
 
     void darkModeTurnsTheStatusWhite() {
@@ -129,7 +129,7 @@ private slots:
         MainWindow window;
         AppController delegate(window);
         QMenuBar menu;
-        QVERIFY(delegate.applicationWillFinishLaunching(menu));
+        QVERIFY(delegate.prepareLaunch(menu));
         int terminations = 0;
         connect(&delegate, &AppController::terminate, [&] { ++terminations; });
         auto& center = NotificationCenter::defaultCenter();

@@ -61,14 +61,14 @@ private slots:
         storeDefaults(folderValue.toStdString(), modeValue.toStdString());
         KextIntake::shared().setInstallationFolder(Folder::LibraryExtensions);
         PreferencesView controller;
-        QTEST(controller.findChild<QComboBox*>("outletButtonPopUpSelectInstallationFolder")
+        QTEST(controller.findChild<QComboBox*>("installationFolderMenu")
                   ->currentIndex(),
               "folderIndex");
-        QTEST(controller.findChild<QComboBox*>("outletButtonPopUpSelectDefaultAppearance")
+        QTEST(controller.findChild<QComboBox*>("appearanceMenu")
                   ->currentIndex(),
               "modeIndex");
         QTEST(KextIntake::shared().installationFolder(), "plannerFolder");
-        QVERIFY(controller.findChild<QPushButton*>("outletButtonEditDefaultTable")->isHidden());
+        QVERIFY(controller.findChild<QPushButton*>("editSmartTableButton")->isHidden());
     }
 
     void choicesAreWrittenAtOnce() {
@@ -76,8 +76,8 @@ private slots:
         PreferencesView controller;
         controller.show();
         auto* folders =
-            controller.findChild<QComboBox*>("outletButtonPopUpSelectInstallationFolder");
-        auto* modes = controller.findChild<QComboBox*>("outletButtonPopUpSelectDefaultAppearance");
+            controller.findChild<QComboBox*>("installationFolderMenu");
+        auto* modes = controller.findChild<QComboBox*>("appearanceMenu");
         QCOMPARE(items(*folders),
                  QStringList({"/Library/Extensions/", "/System/Library/Extensions/",
                               "Ask me every time", "Use the default smart table"}));
@@ -101,7 +101,7 @@ private slots:
         storeDefaults("/Library/Extensions/", "LightMode");
         setUserDefaultString(kBackupFolderKey, "");
         PreferencesView controller;
-        auto* shown = controller.findChild<QLabel*>("outletFieldBackupFolder");
+        auto* shown = controller.findChild<QLabel*>("backupFolderField");
         QCOMPARE(shown->text(), QString::fromStdString(defaultBackupRoot().string()));
         QCOMPARE(backupFolderSetting(), std::optional(defaultBackupRoot()));
 

@@ -50,7 +50,7 @@ const std::vector<Row> kFourRows{
 };
 
 QTableView& tableOf(const QWidget& controller) {
-    return *controller.findChild<QTableView*>("outletResultsTableView");
+    return *controller.findChild<QTableView*>("resultsTable");
 }
 
 QStringList columnTexts(const QAbstractItemModel& model, int column, int role = Qt::DisplayRole) {
@@ -69,7 +69,7 @@ QString shownOrder(const QWidget& controller) {
 }
 
 QString shownRows(const QWidget& controller) {
-    return controller.findChild<QLabel*>("outletShownRowsField")->text();
+    return controller.findChild<QLabel*>("shownRowsField")->text();
 }
 
 bool numbersDescend(const QStringList& texts) {
@@ -207,8 +207,8 @@ private slots:
 
     void filtersByStatusAndPathAndCountsTheShownRows() {
         ResultsView controller({QPixmap(), "", "", kFourRows});
-        auto& status = *controller.findChild<QComboBox*>("outletStatusFilter");
-        auto& path = *controller.findChild<QLineEdit*>("outletPathFilter");
+        auto& status = *controller.findChild<QComboBox*>("statusFilter");
+        auto& path = *controller.findChild<QLineEdit*>("pathFilter");
         QStringList statuses;
         for (int index = 0; index < status.count(); ++index)
             statuses << status.itemText(index);
@@ -252,8 +252,8 @@ private slots:
 
     void saveReportWritesEveryRowToTheChosenFileOrSaysWhyNot() {
         ResultsView controller({QPixmap(), "", "", kFourRows});
-        controller.findChild<QLineEdit*>("outletPathFilter")->setText("usr");
-        auto& save = *controller.findChild<QPushButton*>("outletButtonSaveReport");
+        controller.findChild<QLineEdit*>("pathFilter")->setText("usr");
+        auto& save = *controller.findChild<QPushButton*>("saveReportButton");
         QCOMPARE(save.text(), QString("Save Report..."));
         QTemporaryDir folder;
         QString answer;
@@ -289,11 +289,11 @@ private slots:
         table.sortByColumn(currentColumn, Qt::DescendingOrder);
         QCOMPARE(model.rowCount(), count);
         QVERIFY(numbersDescend(columnTexts(model, currentColumn)));
-        controller.findChild<QComboBox*>("outletStatusFilter")->setCurrentIndex(3);
+        controller.findChild<QComboBox*>("statusFilter")->setCurrentIndex(3);
         QCOMPARE(model.rowCount(), count / 3);
         QCOMPARE(model.index(0, statusColumn).data().toString(), QString("Failed"));
-        controller.findChild<QComboBox*>("outletStatusFilter")->setCurrentIndex(0);
-        controller.findChild<QLineEdit*>("outletPathFilter")->setText("k4242");
+        controller.findChild<QComboBox*>("statusFilter")->setCurrentIndex(0);
+        controller.findChild<QLineEdit*>("pathFilter")->setText("k4242");
         QCOMPARE(model.rowCount(), 11);
         QVERIFY(numbersDescend(columnTexts(model, currentColumn)));
     }
@@ -307,14 +307,14 @@ private slots:
         QCOMPARE(controller.findChild<QLabel*>("descriptionField")->text(),
                  QString("Nothing to repair"));
         QVERIFY(controller.findChild<QLabel*>("imageView")->isVisible());
-        QCOMPARE(controller.findChild<QGroupBox*>("outletBoxRepairPermissionsResults")->title(),
+        QCOMPARE(controller.findChild<QGroupBox*>("resultsBox")->title(),
                  QString("Repair Permissions Results"));
         QCOMPARE(controller.findChild<QLabel*>("statusFilterLabel")->text(), QString("Status:"));
-        QCOMPARE(controller.findChild<QLineEdit*>("outletPathFilter")->placeholderText(),
+        QCOMPARE(controller.findChild<QLineEdit*>("pathFilter")->placeholderText(),
                  QString("Filter by path"));
         QCOMPARE(shownRows(controller), QString("Rows shown: 0 of 0"));
 
-        auto* ok = controller.findChild<QPushButton*>("outletButtonOK");
+        auto* ok = controller.findChild<QPushButton*>("okButton");
         QCOMPARE(ok->text(), QString("OK"));
         QTest::mouseClick(ok, Qt::LeftButton);
         QVERIFY(!controller.isVisible());

@@ -1,10 +1,9 @@
 // quelmctl verify-permissions and repair-permissions: the repair job on a volume, in process.
+#include "jobs/RepairJob.h"
 #include "quelmctl/Commands.h"
 #include "quelmctl/Rescue.h"
 #include "repair/PermissionRepair.h"
 #include "repair/Processor.h"
-#include "support/Files.h"
-#include "volumes/VolumeLock.h"
 
 #include <filesystem>
 #include <iostream>
@@ -70,21 +69,13 @@ std::string jsonResults(const std::vector<ResultRecord>& results) {
     return out + (results.empty() ? "]\n" : "\n]\n");
 }
 
-bool isFailed(const RepairResult& result) {
-    return result.attributeStatus() == AttributeStatus::failed;
-}
-
-bool isContent(const RepairResult& result) {
-    return isContentType(result.attributeMismatchedType());
-}
-
-std::string summary(const PermissionRepair& job, RepairMode type, bool checksContent) {
-    const auto& results = job.results();
-    const auto failed = static_cast<std::size_t>(std::ranges::count_if(results, isFailed));
-    const auto content = static_cast<std::size_t>(
-        std::ranges::count_if(results, [](const auto& r) { return isContent(r) && !isFailed(r); }));
+std::string summary(const PermissionCheck& check, RepairMode type, bool checksContent) {
+    const auto& results = check.results;
+    const auto failed = static_cast<std::size_t>(std::ranges::count_if(results, isFailedRecord));
+    const auto content = static_cast<std::size_t>(std::ranges::count_if(
+        results, [](const auto& r) { return isContentRecord(r) && !isFailedRecord(r); }));
     const std::string others = std::to_string(results.size() - failed - content);
-    const std::string checked = std::to_string(job.checkedPathCount()) + " paths checked: ";
+    const std::string checked = std::to_string(check.checkedPaths) + " paths checked: ";
     const std::string contentText = checksContent && type == RepairMode::verifyPermissions
                                         ? std::to_string(content) + " with other content, "
                                         : "";
@@ -95,12 +86,12 @@ std::string summary(const PermissionRepair& job, RepairMode type, bool checksCon
 
 /// Names every receipt whose paths went unchecked, so that its package can be reinstalled, and
 /// says what mends files whose content differs.
-void reportUnrepairable(const PermissionRepair& job, RepairMode type) {
-    for (const auto& result : job.results())
-        if (result.attributeMismatchedType() == Mismatch::billOfMaterialsUnreadable)
-            printError("cannot read the bill of materials " + result.fileSystemResourcePath() +
+void reportUnrepairable(const PermissionCheck& check, RepairMode type) {
+    for (const auto& result : check.results)
+        if (isUnreadableBomRecord(result))
+            printError("cannot read the bill of materials " + result.fileSystemResourcePath +
                        ": the paths of its package were not checked; reinstall that package");
-    const auto content = std::ranges::count_if(job.results(), isContent);
+    const auto content = std::ranges::count_if(check.results, isContentRecord);
     if (content > 0)
         printError(std::to_string(content) + " file" + (content == 1 ? "" : "s") +
                    " differ from their receipts in content or cannot be read" +
@@ -116,44 +107,30 @@ int runJob(const Options& options, RepairMode type) {
         return 2;
     if (options.threads > 0)
         Processor::shared().setMaxthread(options.threads);
-    const bool repairs = type == RepairMode::repairPermissions;
-    if (repairs && refusesWrites(*volume))
-        return 2;
-    if (repairs && ::geteuid() != 0)
+    if (type == RepairMode::repairPermissions && ::geteuid() != 0)
         printError("not running as root: owners and groups cannot be repaired");
-    std::optional<VolumeLock> lock;
-    if (repairs) {
-        auto taken = VolumeLock::acquire(volume->mountPoint());
-        if (!taken) {
-            printError(taken.error());
-            return 2;
-        }
-        lock.emplace(std::move(*taken));
-    }
-    PermissionRepair job(*volume, type);
-    job.setChecksContent(options.content);
-    {
+    RepairRequest request{.volume = *volume, .mode = type, .checksContent = options.content};
+    if (!options.report.empty())
+        request.reportFile = options.report;
+    LocalOperations operations;
+    const auto outcome = [&] {
         ProgressBar bar;
-        job.run();
+        return RepairJob(std::move(request), operations).run();
+    }();
+    if (outcome.refusal || outcome.reportProblem) {
+        printError(outcome.refusal ? outcome.refusal->message : outcome.reportProblem->message);
+        return 2;
     }
-    std::vector<ResultRecord> results;
-    for (const auto& result : job.results())
-        results.push_back(result.representable());
+    const auto& results = outcome.check.results;
     const std::string report = reportText(results);
-    if (!options.report.empty()) {
-        if (auto saved = writeFileAtomically(options.report, report); !saved) {
-            printError("cannot save the report: " + saved.error().message);
-            return 2;
-        }
-    }
     if (options.json)
         std::cout << jsonResults(results);
     else
-        std::cout << report << (report.empty() ? "" : "\n") << summary(job, type, options.content)
-                  << '\n';
-    reportUnrepairable(job, type);
-    const bool failed = std::ranges::any_of(job.results(), isFailed);
-    return type == RepairMode::verifyPermissions ? !results.empty() : failed;
+        std::cout << report << (report.empty() ? "" : "\n")
+                  << summary(outcome.check, type, options.content) << '\n';
+    reportUnrepairable(outcome.check, type);
+    return type == RepairMode::verifyPermissions ? !results.empty()
+                                                 : std::ranges::any_of(results, isFailedRecord);
 }
 
 void addJobCommand(CLI::App& app, int& status, const char* name, const char* description,
