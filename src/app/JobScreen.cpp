@@ -7,6 +7,7 @@
 #include "kexts/KextCaches.h"
 #include "kexts/KextChecks.h"
 #include "kexts/KextHistory.h"
+#include "kexts/KextInstallation.h"
 #include "kexts/KextIntake.h"
 #include "support/FileURL.h"
 #include "support/Files.h"
@@ -32,21 +33,6 @@ namespace {
 
 QColor inverted(const QColor& color) {
     return QColor(255 - color.red(), 255 - color.green(), 255 - color.blue(), color.alpha());
-}
-
-/// The kexts that installing into folder would replace on the volume.
-std::vector<Kext> replacedKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                                const Volume& volume) {
-    std::vector<Kext> replaced;
-    for (const auto& kext : kexts) {
-        std::error_code error;
-        // From macOS 10.15 the folder may lie on the data volume.
-        const auto place = volume.placeOf(std::string(rawValue(folder)) + kext.name());
-        if (std::filesystem::exists(
-                std::filesystem::symlink_status(place.root + place.path, error)))
-            replaced.push_back(kext);
-    }
-    return replaced;
 }
 
 /// Each folder of root that has a manifest, by the inode of the manifest: the helper writes a
@@ -339,7 +325,7 @@ void JobScreen::installKexts() {
 void JobScreen::installInto(std::vector<Kext> kexts, KextFolder folder) {
     const auto& volume = *VolumeManager::shared().selectedOSVolume();
     auto& replaced = KextIntake::shared().kextsToBackUp();
-    replaced = replacedKexts(kexts, folder, volume);
+    replaced = kextsReplacedBy(volume, rawValue(folder), kexts);
     placing_ = Placement{std::move(kexts), folder, {}, {}, {}};
     if (replaced.empty()) {
         sendPlacement();

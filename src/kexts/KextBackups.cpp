@@ -347,7 +347,7 @@ restoreInto(const fs::path& backupFolder, const Volume& volume, BackupWriter& re
 std::expected<BackupManifest, std::string> readBackupManifest(const fs::path& backupFolder) {
     const fs::path file = backupFolder / kBackupManifestName;
     // A backup folder may be anyone's: the manifest is read only if it is a file, not a link.
-    const UniqueFd folder(::open(backupFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd folder = openFolder(backupFolder, FolderUse::reach);
     const auto bytes =
         folder ? readFileAt(folder.get(), std::string(kBackupManifestName), kMaxManifestSize)
                : std::nullopt;
@@ -391,12 +391,13 @@ std::string newBackupFolderPath(const fs::path& root, std::chrono::system_clock:
     return path;
 }
 
-std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>& installed,
-                                                  std::string_view name) {
-    std::vector<const KextBundle*> found;
+std::vector<const Kext*> findInstalledKexts(const std::vector<Kext>& installed,
+                                            std::string_view name) {
+    std::vector<const Kext*> found;
     for (const auto& kext : installed)
-        if (equalsIgnoringCase(kext.name, name) ||
-            equalsIgnoringCase(kext.name, std::string(name) + ".kext") || kext.identifier() == name)
+        if (equalsIgnoringCase(kext.name(), name) ||
+            equalsIgnoringCase(kext.name(), std::string(name) + ".kext") ||
+            kext.identifier() == name)
             found.push_back(&kext);
     return found;
 }

@@ -73,8 +73,8 @@ std::string newBackupFolderPath(const std::filesystem::path& root,
 
 /// The installed kexts that name stands for, each a path on the volume: a bundle name
 /// ("Lilu.kext" or "Lilu", any case) or a bundle identifier, in any extensions folder.
-std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>& installed,
-                                                  std::string_view name);
+std::vector<const Kext*> findInstalledKexts(const std::vector<Kext>& installed,
+                                            std::string_view name);
 
 /// The path of the kext's staged copy ("/Library/StagedExtensions/Library/Extensions/X.kext")
 /// when the volume has one.

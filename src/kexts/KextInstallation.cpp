@@ -102,6 +102,16 @@ std::optional<std::string> installationRefusal(const Volume& volume, const std::
     return writeRefusal(volume, folder);
 }
 
+std::vector<Kext> kextsReplacedBy(const Volume& volume, std::string_view folder,
+                                  const std::vector<Kext>& kexts) {
+    const UniqueFd opened = openFolderOn(volume, folder);
+    std::vector<Kext> replaced;
+    for (const auto& kext : kexts)
+        if (opened && isPlainFileName(kext.name()) && listedNameAt(opened.get(), kext.name()))
+            replaced.push_back(kext);
+    return replaced;
+}
+
 bool isInstallableKext(const Kext& kext) {
     const std::string path = kext.path();
     return isCleanAbsolutePath(path) && isPlainFileName(kext.name()) &&

@@ -124,7 +124,7 @@ std::string readOnlySentence(const std::string& where,
 bool canChangeOwners(const std::string& mountPoint) {
     if (::geteuid() != 0)
         return true;
-    const UniqueFd root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd root = openFolder(mountPoint);
     const std::string probe = ".quelm-owner-probe";
     if (!root || !removeTreeAt(root.get(), probe))
         return false;

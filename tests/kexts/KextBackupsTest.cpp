@@ -40,10 +40,10 @@ TEST_F(KextBackupsTest, NamesStandForEveryCopyAndTheStagedOneIsFound) {
     const auto installed = installedKexts(volume());
     const auto byName = findInstalledKexts(installed, "lilu");
     ASSERT_EQ(byName.size(), 2u);
-    EXPECT_EQ(byName[0]->path, "/Library/Extensions/Lilu.kext");
-    EXPECT_EQ(byName[1]->path, "/Extra/Extensions/Lilu.kext");
+    EXPECT_EQ(byName[0]->path(), "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(byName[1]->path(), "/Extra/Extensions/Lilu.kext");
     EXPECT_EQ(findInstalledKexts(installed, "as.vit9696.Lilu").size(), 2u);
-    EXPECT_EQ(findInstalledKexts(installed, "com.apple.kernel").at(0)->name, "System.kext");
+    EXPECT_EQ(findInstalledKexts(installed, "com.apple.kernel").at(0)->name(), "System.kext");
     EXPECT_TRUE(findInstalledKexts(installed, "Nothing.kext").empty());
     EXPECT_EQ(stagedCopyOf(volume(), "/Library/Extensions/Lilu.kext"),
               "/Library/StagedExtensions/Library/Extensions/Lilu.kext");

@@ -65,16 +65,16 @@ TEST_F(KextVolumeTest, TheListingReadsEachKextAndItsPlugIns) {
     ASSERT_EQ(kexts.size(), 3u);
 
     const auto& system = kexts[0];
-    EXPECT_EQ(system.path, "/System/Library/Extensions/System.kext");
+    EXPECT_EQ(system.path(), "/System/Library/Extensions/System.kext");
     EXPECT_TRUE(system.isApple());
     EXPECT_FALSE(system.executable) << "codeless";
     ASSERT_EQ(system.plugIns.size(), 1u);
-    EXPECT_EQ(system.plugIns[0].path,
+    EXPECT_EQ(system.plugIns[0].path(),
               "/System/Library/Extensions/System.kext/Contents/PlugIns/IOKit.kext");
     EXPECT_EQ(system.plugIns[0].identifier(), "com.apple.kpi.iokit");
 
     const auto& lilu = kexts[1];
-    EXPECT_EQ(lilu.path, "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(lilu.path(), "/Library/Extensions/Lilu.kext");
     EXPECT_EQ(lilu.identifier(), "as.vit9696.Lilu");
     EXPECT_EQ(lilu.version(), "1.4.5");
     EXPECT_FALSE(lilu.isApple());
@@ -82,7 +82,7 @@ TEST_F(KextVolumeTest, TheListingReadsEachKextAndItsPlugIns) {
     EXPECT_EQ(lilu.cpuTypes(), std::vector<std::string>{"x86_64"});
     EXPECT_FALSE(system.hasCodeSignature);
 
-    EXPECT_EQ(kexts[2].path, "/Extra/Extensions/Odd.kext") << "links are not followed";
+    EXPECT_EQ(kexts[2].path(), "/Extra/Extensions/Odd.kext") << "links are not followed";
     EXPECT_FALSE(kexts[2].info);
     EXPECT_EQ(withPlugIns(kexts).size(), 4u);
 }

@@ -2,6 +2,7 @@
 #include "kexts/Kext.h"
 
 #include "TestSupport.h"
+#include "kexts/KextCatalog.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,11 @@ using test::TemporaryFolder;
 
 Kext kextAt(const std::filesystem::path& path) {
     return Kext(FileURL::fromPath(path.string(), false));
+}
+
+std::optional<std::string> versionAt(const std::filesystem::path& path) {
+    const auto kext = readKext(path.string());
+    return kext ? kext->version() : std::nullopt;
 }
 
 TEST(KextTest, PathIsTheOneOnDiskWhateverTheName) {
@@ -31,10 +37,10 @@ TEST(KextTest, VersionListAndShortStringTakePrecedence) {
             folder / "with space", "A.kext",
             PlistValue::Dict{{"CFBundleShortVersionString", "1.0"}, {"CFBundleVersion", "1.0.1"}},
             std::nullopt, format);
-        EXPECT_EQ(kextAt(bundle).version(), "1.0");
+        EXPECT_EQ(versionAt(bundle), "1.0");
         test::writePlist(bundle / "Contents/version.plist",
                          PlistValue::Dict{{"CFBundleShortVersionString", "2.0"}}, format);
-        EXPECT_EQ(kextAt(bundle).version(), "2.0");
+        EXPECT_EQ(versionAt(bundle), "2.0");
     }
 }
 
@@ -43,21 +49,20 @@ TEST(KextTest, BundleVersionIsTheLastResort) {
     const auto bundle =
         test::makeKext(folder.path(), "B.kext", PlistValue::Dict{{"CFBundleVersion", "3"}},
                        PlistValue::Dict{{"CFBundleVersion", "4"}});
-    EXPECT_EQ(kextAt(bundle).version(), "4");
+    EXPECT_EQ(versionAt(bundle), "4");
     std::filesystem::remove(bundle / "Contents/version.plist");
-    EXPECT_EQ(kextAt(bundle).version(), "3");
+    EXPECT_EQ(versionAt(bundle), "3");
 }
 
 TEST(KextTest, NoListsOrANonStringFirstCandidateGiveNoVersion) {
     TemporaryFolder folder;
-    EXPECT_EQ(kextAt(test::makeKext(folder.path(), "N.kext", std::nullopt)).version(),
-              std::nullopt);
+    EXPECT_EQ(versionAt(test::makeKext(folder.path(), "N.kext", std::nullopt)), std::nullopt);
     const auto bundle = test::makeKext(
         folder.path(), "T.kext",
         PlistValue::Dict{{"CFBundleShortVersionString", 2}, {"CFBundleVersion", "2.0"}});
-    EXPECT_EQ(kextAt(bundle).version(), std::nullopt);
+    EXPECT_EQ(versionAt(bundle), std::nullopt);
     test::writeText(bundle / "Contents/version.plist", "<plist><dict>");
-    EXPECT_EQ(kextAt(bundle).version(), std::nullopt);
+    EXPECT_EQ(versionAt(bundle), std::nullopt);
 }
 
 TEST(KextTest, EqualityFollowsThePath) {

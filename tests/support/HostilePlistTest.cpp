@@ -77,10 +77,10 @@ TEST(HostilePlistTest, RegressionBombInAKextInfoPlistLeavesTheBundleWithoutInfo)
     const std::vector<std::string> paths{(folder / "Padded.kext").string(),
                                          (folder / "Bomb.kext").string()};
     const ResidentPeak peak;
-    const auto padded = readKextBundle(paths[0]);
+    const auto padded = readKext(paths[0]);
     ASSERT_TRUE(padded);
     EXPECT_EQ(padded->identifier(), "com.example.padded");
-    const auto bomb = readKextBundle(paths[1]);
+    const auto bomb = readKext(paths[1]);
     ASSERT_TRUE(bomb);
     EXPECT_FALSE(bomb->info);
     EXPECT_EQ(checkKexts(paths, std::nullopt), (std::vector<std::vector<std::string>>{

@@ -17,8 +17,6 @@
 namespace quelm::ctl {
 namespace {
 
-namespace fs = std::filesystem;
-
 struct Options {
     std::string volume;
     std::string folder = "smart";
@@ -141,10 +139,8 @@ bool backupReplaced(const Options& options, const Volume& volume, const Plan& pl
                     std::string& backupFolder, Report& report) {
     std::vector<std::string> replaced;
     for (const auto& [folder, kexts] : plan)
-        for (const auto& kext : kexts)
-            if (std::error_code error;
-                fs::exists(volume.mountPoint() + folder + kext.name(), error))
-                replaced.push_back(folder + kext.name());
+        for (const auto& kext : kextsReplacedBy(volume, folder, kexts))
+            replaced.push_back(folder + kext.name());
     if (replaced.empty())
         return true;
     const auto root = backupRoot(options.backupTo);
@@ -180,9 +176,9 @@ int dropRefusedFolders(Plan& plan, const Volume& volume) {
 void describePlan(const Plan& plan, const Volume& volume, Report& report) {
     report.say("Dry run: nothing is changed.", "dryRun", "nothing is changed");
     for (const auto& [folder, kexts] : plan)
-        for (const auto& kext : kexts) {
-            std::error_code error;
-            const bool replaces = fs::exists(volume.mountPoint() + folder + kext.name(), error);
+        for (const auto& replaced = kextsReplacedBy(volume, folder, kexts);
+             const auto& kext : kexts) {
+            const bool replaces = std::ranges::find(replaced, kext) != replaced.end();
             report.say("would install " + kext.name() + " into " + folder +
                            (replaces ? ", backing up the kext it replaces" : ""),
                        "wouldInstall", folder + kext.name());
