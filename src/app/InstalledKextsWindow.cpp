@@ -93,7 +93,7 @@ void record(const Volume& volume, const std::string& operation, std::vector<std:
                               false};
     if (auto saved = appendHistory(historyFilePath(), entry); !saved)
         logLine("QVInstalledKextsVC::Error: the " + operation +
-                " is not in the history: " + saved.error());
+                " is not in the history: " + saved.error().message);
 }
 
 /// The volume's folder with the macOS it holds, as the user knows it.
@@ -375,7 +375,8 @@ std::optional<Volume> InstalledKextsWindow::restoreTarget(const std::string& bac
                                                           const Volume& shown) {
     const auto manifest = readBackupManifest(backup);
     if (!manifest) {
-        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"), qString(manifest.error()));
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+                  qString(manifest.error().message));
         return std::nullopt;
     }
     if (absoluteNormalPath(manifest->volume) == absoluteNormalPath(shown.mountPoint()))
@@ -408,7 +409,8 @@ void InstalledKextsWindow::restoreFromBackup(const QString& folder) {
     const auto root = backupFolderSetting();
     if (!steps || !root) {
         showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
-                  steps ? qtTrId("kQVInstalledKextsVCNoBackupFolder") : qString(steps.error()));
+                  steps ? qtTrId("kQVInstalledKextsVCNoBackupFolder")
+                        : qString(steps.error().message));
         return;
     }
     QStringList lines;

@@ -175,7 +175,7 @@ void JobScreen::beginJob(const std::vector<std::string>& files) {
     const auto& volume = *VolumeManager::shared().selectedOSVolume();
     if (const auto refusal =
             isConcreteFolder(folder) ? folderRefusal(rawValue(folder), volume) : std::nullopt) {
-        refuseJob(*refusal);
+        refuseJob(refusal->message);
         return;
     }
     kexts.addKernelExtensions(files_);
@@ -405,7 +405,8 @@ void JobScreen::recordPlacement(const std::vector<Kext>& failed) {
     if (record.kexts.empty())
         return;
     if (auto saved = appendHistory(historyFilePath(), record); !saved)
-        logLine("QVMainQuelmVC::Error: the installation is not in the history: " + saved.error());
+        logLine("QVMainQuelmVC::Error: the installation is not in the history: " +
+                saved.error().message);
 }
 
 void JobScreen::willInstallKexts() {
@@ -427,7 +428,8 @@ void JobScreen::didInstallKexts(const std::vector<Kext>& failed) {
     const auto& volume = *VolumeManager::shared().selectedOSVolume();
     if (const auto refusal = folder ? folderRefusal(rawValue(*folder), volume) : std::nullopt) {
         //% "An error occurred"
-        showAlert(this, qtTrId("kQVMainQuelmAnErrorOccured"), QString::fromStdString(*refusal));
+        showAlert(this, qtTrId("kQVMainQuelmAnErrorOccured"),
+                  QString::fromStdString(refusal->message));
         ++sent_;
         didInstallKexts({kext});
     } else if (folder) {

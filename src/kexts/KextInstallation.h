@@ -48,7 +48,7 @@ std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
 /// Why nothing may be installed into folder of the volume, in one sentence: a folder that is
 /// not one, a system folder that the volume's macOS keeps read-only, a volume that cannot be
 /// written as root. Nothing when installing may go ahead.
-std::optional<std::string> installationRefusal(const Volume& volume, const std::string& folder);
+std::optional<Error> installationRefusal(const Volume& volume, const std::string& folder);
 
 /// The kexts of the list that installing into folder of the volume would replace: those whose
 /// name the folder holds already, also in another case on a case-insensitive volume. The folder

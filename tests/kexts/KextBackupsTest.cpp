@@ -65,7 +65,7 @@ TEST_F(KextBackupsTest, RemovedKextsMoveWholeIntoABackupThatSaysWhereEachCameFro
     EXPECT_TRUE(fs::exists(fs::path(backup) / "Lilu.kext/Contents/_CodeSignature"));
 
     const auto manifest = readBackupManifest(backup);
-    ASSERT_TRUE(manifest) << manifest.error();
+    ASSERT_TRUE(manifest) << manifest.error().message;
     EXPECT_EQ(manifest->volume, root.string());
     EXPECT_EQ(manifest->operation, "remove");
     EXPECT_EQ(manifest->time.size(), 20u);
@@ -121,14 +121,14 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
                          test::kextInfo("as.vit9696.Lilu", "9.9"));
 
     const auto steps = planRestore(removed.backupFolder, volume());
-    ASSERT_TRUE(steps) << steps.error();
+    ASSERT_TRUE(steps) << steps.error().message;
     ASSERT_EQ(steps->size(), 2u);
     EXPECT_TRUE((*steps)[0].replaces);
     EXPECT_FALSE((*steps)[1].replaces);
 
     const auto outcome =
         restoreKextsFromBackup(removed.backupFolder, volume(), backupIn(backups), kNow);
-    ASSERT_TRUE(outcome) << outcome.error();
+    ASSERT_TRUE(outcome) << outcome.error().message;
     EXPECT_EQ(outcome->done, removed.done);
     const auto lilu = installedKexts(volume())[1];
     EXPECT_EQ(lilu.version(), "1.4.5");
@@ -136,14 +136,14 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
     EXPECT_TRUE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
     EXPECT_TRUE(fs::exists(fs::path(removed.backupFolder) / "Lilu.kext")) << "the backup stays";
     const auto replaced = readBackupManifest(outcome->backupFolder);
-    ASSERT_TRUE(replaced) << replaced.error();
+    ASSERT_TRUE(replaced) << replaced.error().message;
     EXPECT_EQ(replaced->operation, "restore");
     EXPECT_EQ(replaced->items.size(), 1u);
 
     // Undoing the restore takes the restored kexts off and puts the replaced one back.
     const auto undone = takeBackPlacedKexts(volume(), outcome->done, outcome->backupFolder,
                                             backupIn(backups), kNow);
-    ASSERT_TRUE(undone) << undone.error();
+    ASSERT_TRUE(undone) << undone.error().message;
     EXPECT_EQ(undone->failed, Strings{});
     EXPECT_EQ(installedKexts(volume())[1].version(), "9.9");
     EXPECT_FALSE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
@@ -160,7 +160,7 @@ TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
             backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)
                 .empty());
     const auto manifest = readBackupManifest(backups / compactTimestamp(now));
-    ASSERT_TRUE(manifest) << manifest.error();
+    ASSERT_TRUE(manifest) << manifest.error().message;
     EXPECT_EQ(manifest->operation, "install");
     ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
     EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Lilu.kext");

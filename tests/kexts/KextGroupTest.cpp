@@ -88,7 +88,7 @@ TEST_F(KextGroupTest, Catalina_KextsLiveOnTheDataVolumeThroughEveryOperation) {
     EXPECT_FALSE(fs::exists(data / "Library/Extensions/Lilu.kext"));
     const auto restored =
         restoreKextsFromBackup(backups / "removed", volume, (backups / "replaced").string(), now);
-    ASSERT_TRUE(restored) << restored.error();
+    ASSERT_TRUE(restored) << restored.error().message;
     EXPECT_EQ(restored->done, removed.done);
     EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext/Contents/Info.plist"));
 }

@@ -166,7 +166,7 @@ int dropRefusedFolders(Plan& plan, const Volume& volume) {
             ++it;
             continue;
         }
-        printError(*refusal);
+        printError(refusal->message);
         dropped += static_cast<int>(it->second.size());
         it = plan.erase(it);
     }
@@ -192,7 +192,7 @@ std::optional<int> installPlan(const Options& options, const Volume& volume, con
     // One lock from the backup to the last kext: no other run changes the volume between them.
     const auto lock = beginKextChanges(volume);
     if (!lock) {
-        printError(lock.error());
+        printError(lock.error().message);
         return std::nullopt;
     }
     std::string backupFolder;
@@ -241,7 +241,7 @@ int install(const Options& options) {
         return 2;
     if (const auto refusal =
             isConcreteFolder(*policy) ? folderRefusal(rawValue(*policy), *volume) : std::nullopt) {
-        printError(*refusal);
+        printError(refusal->message);
         return 2;
     }
     auto& manager = KextIntake::shared();

@@ -125,7 +125,7 @@ int runJob(const Options& options, RepairMode type) {
     if (repairs) {
         auto taken = VolumeLock::acquire(volume->mountPoint());
         if (!taken) {
-            printError(taken.error());
+            printError(taken.error().message);
             return 2;
         }
         lock.emplace(std::move(*taken));

@@ -101,7 +101,7 @@ std::optional<std::string> backupRoot(const std::string& chosen) {
 
 void recordInHistory(HistoryRecord record) {
     if (auto saved = appendHistory(historyFilePath(), record); !saved)
-        printError("the operation is not in the history: " + saved.error());
+        printError("the operation is not in the history: " + saved.error().message);
 }
 
 HistoryRecord recordOf(const Volume& volume, std::string operation, std::vector<std::string> kexts,

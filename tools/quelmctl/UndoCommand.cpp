@@ -39,8 +39,8 @@ void describeUndo(const HistoryRecord& record, const Volume& volume, bool json) 
         std::cout << "would-restore " << path << '\n';
 }
 
-std::expected<RescueOutcome, std::string> reverse(const HistoryRecord& record, const Volume& volume,
-                                                  const std::string& backupFolder) {
+std::expected<RescueOutcome, Error> reverse(const HistoryRecord& record, const Volume& volume,
+                                            const std::string& backupFolder) {
     const auto now = std::chrono::system_clock::now();
     if (record.operation == "remove")
         return restoreKextsFromBackup(record.backup, volume, backupFolder, now);
@@ -49,10 +49,10 @@ std::expected<RescueOutcome, std::string> reverse(const HistoryRecord& record, c
 
 int undo(const Options& options) {
     const auto volume = openVolume(options.volume);
-    auto records = volume ? readHistory(historyFilePath()) : std::unexpected(std::string());
+    auto records = volume ? readHistory(historyFilePath()) : std::unexpected(Error{});
     if (!records) {
         if (volume)
-            printError(records.error());
+            printError(records.error().message);
         return 2;
     }
     const auto last = lastUndoable(*records, volume->mountPoint());
@@ -73,14 +73,14 @@ int undo(const Options& options) {
     const auto outcome =
         reverse(record, *volume, newBackupFolderPath(*root, std::chrono::system_clock::now()));
     if (!outcome) {
-        printError(outcome.error());
+        printError(outcome.error().message);
         return 2;
     }
     const int status = reportOutcome(*outcome, "undone", options.json);
     record.undone = true;
     records->push_back(recordOf(*volume, "undo", outcome->done, outcome->backupFolder));
     if (auto saved = writeHistory(historyFilePath(), *records); !saved)
-        printError("the undo is not in the history: " + saved.error());
+        printError("the undo is not in the history: " + saved.error().message);
     const bool invalidated = invalidateCaches(*volume);
     printCollectionNotice(*volume, options.json);
     return invalidated ? status : 1;
