@@ -152,20 +152,6 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
         << "an unreadable backup stops the undo before anything moves";
 }
 
-TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
-    const auto now = std::chrono::system_clock::now();
-    const Kext lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
-    for (const auto* installedIn : {"/Library/Extensions/", "/Extra/Extensions/"})
-        ASSERT_TRUE(
-            backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)
-                .empty());
-    const auto manifest = readBackupManifest(backups / compactTimestamp(now));
-    ASSERT_TRUE(manifest) << manifest.error().message;
-    EXPECT_EQ(manifest->operation, "install");
-    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
-    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Lilu.kext");
-}
-
 TEST_F(KextBackupsTest, HostileManifestsAreRefused) {
     const auto backup = folder / "hostile";
     const auto manifestWith = [&](PlistValue::Dict entry) {
