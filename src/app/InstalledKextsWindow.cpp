@@ -201,7 +201,7 @@ void InstalledKextsWindow::buildView() {
 void InstalledKextsWindow::refresh() {
     const auto& volume = VolumeManager::shared().selectedOSVolume();
     showTitle();
-    kexts_ = volume ? installedKexts(*volume) : std::vector<KextBundle>{};
+    kexts_ = volume ? installedKexts(*volume) : std::vector<Kext>{};
     table_->clear();
     for (const auto& kext : kexts_)
         addRows(kext, nullptr);
@@ -225,39 +225,39 @@ void InstalledKextsWindow::showTitle() {
         qtTrId("kQVInstalledKextsVCTitleOn").arg(qString(volume->getFullNameVersionString())));
 }
 
-void InstalledKextsWindow::addRows(const KextBundle& kext, QTreeWidgetItem* parent) {
+void InstalledKextsWindow::addRows(const Kext& kext, QTreeWidgetItem* parent) {
     const QStringList cells{
-        qString(kext.name),
+        qString(kext.name()),
         qString(kext.identifier()),
-        qString(kext.version()),
-        qString(std::filesystem::path(kext.path).parent_path().string() + "/"),
+        qString(kext.version().value_or("")),
+        qString(std::filesystem::path(kext.path()).parent_path().string() + "/"),
         yesOrNo(kext.isApple()),
         yesOrNo(kext.ownersAndModesRight),
         yesOrNo(kext.hasCodeSignature),
         joined(kext.cpuTypes()).join(", "),
     };
     auto* item = parent ? new QTreeWidgetItem(parent, cells) : new QTreeWidgetItem(table_, cells);
-    item->setData(0, kPathRole, qString(kext.path));
-    item->setToolTip(0, qString(kext.path));
+    item->setData(0, kPathRole, qString(kext.path()));
+    item->setToolTip(0, qString(kext.path()));
     for (const auto& plugIn : kext.plugIns)
         addRows(plugIn, item);
 }
 
-std::vector<const KextBundle*> InstalledKextsWindow::selectedKexts() const {
-    std::vector<const KextBundle*> selected;
+std::vector<const Kext*> InstalledKextsWindow::selectedKexts() const {
+    std::vector<const Kext*> selected;
     for (const auto* item : table_->selectedItems()) {
         if (item->parent())
             continue;
         const auto path = item->data(0, kPathRole).toString().toStdString();
         const auto found =
-            std::ranges::find_if(kexts_, [&](const auto& kext) { return kext.path == path; });
+            std::ranges::find_if(kexts_, [&](const auto& kext) { return kext.path() == path; });
         if (found != kexts_.end())
             selected.push_back(&*found);
     }
     return selected;
 }
 
-bool InstalledKextsWindow::confirmAppleKexts(const std::vector<const KextBundle*>& kexts) {
+bool InstalledKextsWindow::confirmAppleKexts(const std::vector<const Kext*>& kexts) {
     //% "Remove it anyway? It can be put back from its backup."
     const QString question = qtTrId("kQVInstalledKextsVCRemoveAppleKextAnyway");
     //% "Remove Anyway"
@@ -265,7 +265,7 @@ bool InstalledKextsWindow::confirmAppleKexts(const std::vector<const KextBundle*
     for (const auto* kext : kexts) {
         //% "%1 is Apple's (%2): macOS may need it to start."
         const QString text = qtTrId("kQVInstalledKextsVCAppleKext")
-                                 .arg(qString(kext->name), qString(kext->identifier()));
+                                 .arg(qString(kext->name()), qString(kext->identifier()));
         if (kext->isApple() && !confirm(this, text, question, button))
             return false;
     }
@@ -287,7 +287,7 @@ void InstalledKextsWindow::removeSelectedKexts() {
     }
     QStringList names;
     for (const auto* kext : selected)
-        names << qString(kext->name);
+        names << qString(kext->name());
     //% "Remove %1?"
     if (!confirm(
             this, qtTrId("kQVInstalledKextsVCRemoveKexts").arg(names.join(", ")),
@@ -299,8 +299,8 @@ void InstalledKextsWindow::removeSelectedKexts() {
         return;
     std::vector<std::string> paths;
     for (const auto* kext : selected) {
-        paths.push_back(kext->path);
-        if (auto staged = stagedCopyOf(*volume, kext->path))
+        paths.push_back(kext->path());
+        if (auto staged = stagedCopyOf(*volume, kext->path()))
             paths.push_back(std::move(*staged));
     }
     removeKexts(paths, *root);
@@ -360,7 +360,8 @@ std::optional<Volume> InstalledKextsWindow::restoreTarget(const std::string& bac
                                                           const Volume& shown) {
     const auto manifest = readBackupManifest(backup);
     if (!manifest) {
-        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"), qString(manifest.error()));
+        showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
+                  qString(manifest.error().message));
         return std::nullopt;
     }
     if (absoluteNormalPath(manifest->volume) == absoluteNormalPath(shown.mountPoint()))
@@ -393,7 +394,8 @@ void InstalledKextsWindow::restoreFromBackup(const QString& folder) {
     const auto root = backupFolderSetting();
     if (!steps || !root) {
         showAlert(this, qtTrId("kQVInstalledKextsVCAnErrorOccured"),
-                  steps ? qtTrId("kQVInstalledKextsVCNoBackupFolder") : qString(steps.error()));
+                  steps ? qtTrId("kQVInstalledKextsVCNoBackupFolder")
+                        : qString(steps.error().message));
         return;
     }
     QStringList lines;

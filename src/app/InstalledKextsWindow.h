@@ -45,15 +45,15 @@ private:
     /// The selected volume in the title and the volume lines: the main window may have chosen
     /// another one since.
     void showTitle();
-    void addRows(const KextBundle& kext, QTreeWidgetItem* parent);
+    void addRows(const Kext& kext, QTreeWidgetItem* parent);
     void chooseBackup();
     /// The volume that the backup names, the one shown when it is that or the user says so;
     /// none when the user cancels or the backup cannot be read.
     std::optional<Volume> restoreTarget(const std::string& backup, const Volume& shown);
     /// The selected top-level kexts.
-    std::vector<const KextBundle*> selectedKexts() const;
+    std::vector<const Kext*> selectedKexts() const;
     /// Asks again for each of Apple's kexts among them; true when every one is confirmed.
-    bool confirmAppleKexts(const std::vector<const KextBundle*>& kexts);
+    bool confirmAppleKexts(const std::vector<const Kext*>& kexts);
     /// The helper's operations, started first when it does not run; null after an alert.
     std::shared_ptr<Operations> helperOperations();
     /// Moves the kexts (paths on the volume) into a new folder in backupRoot through the helper.
@@ -71,7 +71,7 @@ private:
     QPushButton* removeButton_ = nullptr;
     QPushButton* restoreButton_ = nullptr;
     QPushButton* refreshButton_ = nullptr;
-    std::vector<KextBundle> kexts_;
+    std::vector<Kext> kexts_;
     /// Declared last: it waits for the job when the window goes.
     BackgroundJob job_{this};
 };

@@ -27,7 +27,7 @@ std::expected<Volume, QString> openTargetVolume(const NamedVolume& named) {
         named.dataPath ? std::optional(absoluteNormalPath(*named.dataPath)) : std::nullopt;
     auto volume = openMacOS(absoluteNormalPath(named.path), dataPath);
     if (!volume)
-        return std::unexpected(qString(volume.error()));
+        return std::unexpected(qString(volume.error().message));
     if (!volume->majorVersion())
         //% "%1 holds a macOS whose build version Quelm cannot read."
         return std::unexpected(qtTrId("kQVTargetVolumeUnreadableBuild").arg(qString(named.path)));

@@ -47,7 +47,7 @@ void stopRepairTool() {
 bool refusesWrites(const Volume& volume, std::string_view path = {}) {
     const auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path);
     if (refusal)
-        logLine("QVXPCVESKHelper::Error: " + *refusal);
+        logLine("QVXPCVESKHelper::Error: " + refusal->message);
     return refusal.has_value();
 }
 
@@ -115,7 +115,7 @@ HelperOperations::repairDiskPermissionsOnTargetVolume(const Volume& volume) cons
         return {};
     const auto lock = VolumeLock::acquire(volume.mountPoint());
     if (!lock) {
-        logLine("QVXPCVESKHelper::Error: " + lock.error());
+        logLine("QVXPCVESKHelper::Error: " + lock.error().message);
         return {};
     }
     PermissionRepair job(volume, RepairMode::repairPermissions);
@@ -154,7 +154,7 @@ std::vector<Kext> HelperOperations::backupWithKernelExtensions(
 std::string HelperOperations::checkWritableTargetVolume(const Volume& volume) const {
     if (!isAcceptableVolume(volume))
         return volume.mountPoint() + " is not a folder that can be the target volume.";
-    return writeRefusal(volume).value_or("");
+    return writeRefusal(volume).value_or(Error{}).message;
 }
 
 std::vector<std::string>
@@ -180,7 +180,7 @@ std::vector<std::string> HelperOperations::restoreKernelExtensionsFromBackupFold
     const auto outcome =
         restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());
     if (!outcome) {
-        logLine("QVXPCVESKHelper::Error: " + outcome.error());
+        logLine("QVXPCVESKHelper::Error: " + outcome.error().message);
         return {backup};
     }
     if (!outcome->done.empty() && !rebuildCaches(volume))

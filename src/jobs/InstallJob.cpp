@@ -12,26 +12,12 @@
 
 namespace quelm {
 
-std::vector<Kext> kextsReplacedBy(const Volume& volume, const std::string& folder,
-                                  const std::vector<Kext>& kexts) {
-    // A missing folder replaces nothing; from macOS 10.15 it may lie on the data volume.
-    const UniqueFd opened = openFolderOn(volume, folder);
-    std::vector<Kext> replaced;
-    for (const auto& kext : kexts)
-        if (opened && listedNameAt(opened.get(), kext.name()))
-            replaced.push_back(kext);
-    return replaced;
-}
-
 InstallJob::InstallJob(InstallRequest request, Operations& operations, InstallEvents& events)
     : request_(std::move(request)), operations_(operations), events_(events) {
 }
 
 std::optional<Error> InstallJob::refusal(const Volume& volume, KextFolder policy) {
-    if (const auto refused =
-            isConcreteFolder(policy) ? folderRefusal(rawValue(policy), volume) : std::nullopt)
-        return Error{*refused, ErrorKind::refused};
-    return std::nullopt;
+    return isConcreteFolder(policy) ? folderRefusal(rawValue(policy), volume) : std::nullopt;
 }
 
 InstallOutcome InstallJob::run() {
@@ -105,7 +91,7 @@ std::vector<InstallJob::Placement> InstallJob::plan(const std::vector<Kext>& kex
     for (auto& [folder, placed] : byFolder) {
         if (const auto refusal = installationRefusal(request_.volume, folder)) {
             for (const auto& kext : placed)
-                skip(kext.name(), SkipReason::folderRefused, *refusal);
+                skip(kext.name(), SkipReason::folderRefused, refusal->message);
             continue;
         }
         placements.push_back({folder, std::move(placed)});
@@ -212,7 +198,8 @@ void InstallJob::record(const std::string& folder, const std::vector<Kext>& kext
         return;
     record.backup = backup;
     if (auto saved = appendHistory(request_.historyFile, record); !saved)
-        outcome_.problems.push_back("The installation is not in the history: " + saved.error());
+        outcome_.problems.push_back("The installation is not in the history: " +
+                                    saved.error().message);
 }
 
 void InstallJob::repair() {

@@ -126,9 +126,4 @@ private:
     InstallOutcome outcome_;
 };
 
-/// The kexts of the list that installing into folder of the volume would replace: those whose
-/// name the folder lists, found through descriptors without following links.
-std::vector<Kext> kextsReplacedBy(const Volume& volume, const std::string& folder,
-                                  const std::vector<Kext>& kexts);
-
 } // namespace quelm

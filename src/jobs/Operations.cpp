@@ -8,28 +8,20 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 
 namespace quelm {
-namespace {
-
-std::unexpected<Error> refused(std::string message) {
-    return std::unexpected(Error{std::move(message), ErrorKind::refused});
-}
-
-} // namespace
 
 std::expected<void, Error> LocalOperations::checkWritable(const Volume& volume,
                                                           const std::string& path) {
-    if (const auto refusal = writeRefusal(volume, path))
-        return refused(*refusal);
+    if (auto refusal = writeRefusal(volume, path))
+        return std::unexpected(std::move(*refusal));
     return {};
 }
 
 std::expected<std::optional<VolumeLock>, Error> LocalOperations::holdVolume(const Volume& volume) {
     auto lock = beginKextChanges(volume);
     if (!lock)
-        return refused(lock.error());
+        return std::unexpected(std::move(lock.error()));
     return std::optional<VolumeLock>(std::move(*lock));
 }
 
@@ -60,7 +52,7 @@ LocalOperations::checkPermissions(const Volume& volume, RepairMode mode, bool ch
     if (mode == RepairMode::repairPermissions) {
         auto taken = VolumeLock::acquire(volume.mountPoint());
         if (!taken)
-            return refused(taken.error());
+            return std::unexpected(std::move(taken.error()));
         lock.emplace(std::move(*taken));
     }
     PermissionRepair job(volume, mode);
@@ -91,22 +83,15 @@ LocalOperations::removeKexts(const std::vector<std::string>& kexts, const Volume
 std::expected<RescueOutcome, Error> LocalOperations::restoreKexts(const std::string& backup,
                                                                   const Volume& volume,
                                                                   const std::string& backupFolder) {
-    auto outcome =
-        restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());
-    if (!outcome)
-        return std::unexpected(Error{outcome.error(), ErrorKind::invalid});
-    return std::move(*outcome);
+    return restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());
 }
 
 std::expected<RescueOutcome, Error>
 LocalOperations::takeBackKexts(const std::vector<std::string>& placed,
                                const std::string& replacedBackup, const Volume& volume,
                                const std::string& backupFolder) {
-    auto outcome = takeBackPlacedKexts(volume, placed, replacedBackup, backupFolder,
-                                       std::chrono::system_clock::now());
-    if (!outcome)
-        return std::unexpected(Error{outcome.error(), ErrorKind::invalid});
-    return std::move(*outcome);
+    return takeBackPlacedKexts(volume, placed, replacedBackup, backupFolder,
+                               std::chrono::system_clock::now());
 }
 
 } // namespace quelm

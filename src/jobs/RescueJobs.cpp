@@ -51,7 +51,7 @@ void record(const RescueRequest& request, std::string operation, RescueResult& r
     if (auto saved = appendHistory(request.historyFile,
                                    recordOf(request, std::move(operation), result.outcome));
         !saved)
-        result.problems.push_back("The change is not in the history: " + saved.error());
+        result.problems.push_back("The change is not in the history: " + saved.error().message);
 }
 
 } // namespace
@@ -91,7 +91,7 @@ UndoJob::UndoJob(RescueRequest request, Operations& operations)
 std::expected<HistoryRecord, Error> UndoJob::target() const {
     const auto records = readHistory(request_.historyFile);
     if (!records)
-        return std::unexpected(Error{records.error(), ErrorKind::io});
+        return std::unexpected(records.error());
     const auto last = lastUndoable(*records, request_.volume.mountPoint());
     if (!last)
         return std::unexpected(
@@ -119,7 +119,7 @@ RescueResult UndoJob::run() {
     undone.undone = true;
     records->push_back(recordOf(request_, "undo", result.outcome));
     if (auto saved = writeHistory(request_.historyFile, *records); !saved)
-        result.problems.push_back("The undo is not in the history: " + saved.error());
+        result.problems.push_back("The undo is not in the history: " + saved.error().message);
     return result;
 }
 

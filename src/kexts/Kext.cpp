@@ -1,7 +1,5 @@
-// One kext bundle, known by its file URL; name, path and version are read on demand.
+// One kext bundle: known by its file URL, and once read from the disk, what it says of itself.
 #include "kexts/Kext.h"
-
-#include "kexts/KextCatalog.h"
 
 #include <array>
 #include <functional>
@@ -19,9 +17,18 @@ void Kext::encodeWithCoder(KeyedArchiver& coder) const {
     coder.encodeURL("url", url_);
 }
 
+std::size_t Kext::hash() const {
+    return std::hash<std::string>{}(path());
+}
+
+std::string Kext::infoString(std::string_view key) const {
+    if (!info)
+        return "";
+    const auto found = info->find(key);
+    return found != info->end() && found->second.string() ? *found->second.string() : "";
+}
+
 std::optional<std::string> Kext::version() const {
-    const auto info = readKextPlist(path(), "Info.plist");
-    const auto versionList = readKextPlist(path(), "version.plist");
     const auto entry = [](const auto& list, std::string_view key) -> const PlistValue* {
         if (!list)
             return nullptr;
@@ -40,8 +47,12 @@ std::optional<std::string> Kext::version() const {
     return std::nullopt;
 }
 
-std::size_t Kext::hash() const {
-    return std::hash<std::string>{}(path());
+std::vector<std::string> Kext::cpuTypes() const {
+    std::vector<std::string> names;
+    if (executable && *executable)
+        for (const auto& slice : (*executable)->slices)
+            names.push_back(cpuTypeName(slice));
+    return names;
 }
 
 } // namespace quelm

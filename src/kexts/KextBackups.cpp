@@ -78,7 +78,7 @@ PlistValue plistOf(const BackupManifest& manifest) {
 
 /// The manifest in the list; refused when any entry could lead outside the volume's extensions
 /// folders or outside the backup folder.
-std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
+std::expected<BackupManifest, Error> manifestOf(const PlistValue& list) {
     const auto text = [](const PlistValue& from, std::string_view key) {
         const auto* value = from.stringForKey(key);
         return value ? *value : std::string();
@@ -87,18 +87,19 @@ std::expected<BackupManifest, std::string> manifestOf(const PlistValue& list) {
         text(list, "Volume"), text(list, "Time"), text(list, "Operation"), {}, std::nullopt};
     const auto* kexts = list.find("Kexts");
     if (!isCleanAbsolutePath(manifest.volume) || !kexts || !kexts->array())
-        return std::unexpected("it names no volume or no kexts");
+        return std::unexpected(Error{"it names no volume or no kexts"});
     if (list.find("DataVolume")) {
         manifest.dataVolume = text(list, "DataVolume");
         if (!isCleanAbsolutePath(*manifest.dataVolume))
-            return std::unexpected("its data volume is not a clean absolute path");
+            return std::unexpected(Error{"its data volume is not a clean absolute path"});
     }
     for (const auto& entry : *kexts->array()) {
         BackupItem item{text(entry, "SourceFolder"), text(entry, "Name"),
                         text(entry, "PathInBackup")};
         if (!isBackupSource(item.sourceFolder, item.name) || !isPlainFileName(item.name) ||
             !isPathInBackup(item.pathInBackup, item.name))
-            return std::unexpected("it has an entry that is not a kext of an extensions folder");
+            return std::unexpected(
+                Error{"it has an entry that is not a kext of an extensions folder"});
         manifest.items.push_back(std::move(item));
     }
     return manifest;
@@ -288,8 +289,8 @@ void finish(BackupWriter& writer, RescueOutcome& outcome) {
 /// Copies the kext from the backup under a staging name, copies what stands in its place into
 /// the backup of replaced kexts, then swaps the copy into place: a failure at any step leaves
 /// the installed kext as it was.
-std::expected<void, std::string> putBack(int from, int to, const BackupItem& item,
-                                         BackupWriter& replaced) {
+std::expected<void, Error> putBack(int from, int to, const BackupItem& item,
+                                   BackupWriter& replaced) {
     const std::string staging = hiddenName(item.name, HiddenRole::staging);
     const auto installed = listedNameAt(to, item.name);
     std::string cause;
@@ -302,23 +303,24 @@ std::expected<void, std::string> putBack(int from, int to, const BackupItem& ite
     if (!cause.empty()) {
         if (!removeTreeAt(to, staging))
             logLine("KextBackups::Error: Unable to remove " + staging);
-        return std::unexpected(cause + "; the volume is unchanged");
+        return std::unexpected(Error{cause + "; the volume is unchanged", ErrorKind::io});
     }
     const auto old = swapIntoPlace(to, staging, item.name);
     const std::string leftover = old ? *old : staging;
     if (!leftover.empty() && !removeTreeAt(to, leftover))
         logLine("KextBackups::Error: Unable to remove " + leftover + "; the next run will");
     if (!old)
-        return std::unexpected(old.error().cause +
-                               (old.error().keptAs.empty()
-                                    ? "; the volume is unchanged"
-                                    : "; the kext in place was kept as " + old.error().keptAs +
-                                          ", which the next Quelm command puts back"));
+        return std::unexpected(Error{
+            old.error().cause + (old.error().keptAs.empty()
+                                     ? "; the volume is unchanged"
+                                     : "; the kext in place was kept as " + old.error().keptAs +
+                                           ", which the next Quelm command puts back"),
+            ErrorKind::io});
     return {};
 }
 
-std::expected<RescueOutcome, std::string>
-restoreInto(const fs::path& backupFolder, const Volume& volume, BackupWriter& replaced) {
+std::expected<RescueOutcome, Error> restoreInto(const fs::path& backupFolder, const Volume& volume,
+                                                BackupWriter& replaced) {
     const auto manifest = readBackupManifest(backupFolder);
     if (!manifest)
         return std::unexpected(manifest.error());
@@ -328,35 +330,38 @@ restoreInto(const fs::path& backupFolder, const Volume& volume, BackupWriter& re
         const UniqueFd from = openFolderBelow(backupFolder, inBackup.string());
         const UniqueFd to =
             from ? openFolderOn(volume, item.sourceFolder, kSystemAttributes) : UniqueFd();
-        using Restored = std::expected<void, std::string>;
+        using Restored = std::expected<void, Error>;
         const Restored restored =
-            !from ? Restored(std::unexpect, "it is not in the backup")
+            !from ? Restored(std::unexpect, "it is not in the backup", ErrorKind::io)
             : !to ? Restored(std::unexpect,
                              item.sourceFolder +
-                                 " cannot be opened on the volume: " + failureCause(errno))
+                                 " cannot be opened on the volume: " + failureCause(errno),
+                             ErrorKind::io)
                   : putBack(from.get(), to.get(), item, replaced);
         (restored ? outcome.done : outcome.failed).push_back(item.volumePath());
         if (!restored)
-            outcome.causes[item.volumePath()] = restored.error();
+            outcome.causes[item.volumePath()] = restored.error().message;
     }
     return outcome;
 }
 
 } // namespace
 
-std::expected<BackupManifest, std::string> readBackupManifest(const fs::path& backupFolder) {
+std::expected<BackupManifest, Error> readBackupManifest(const fs::path& backupFolder) {
     const fs::path file = backupFolder / kBackupManifestName;
     // A backup folder may be anyone's: the manifest is read only if it is a file, not a link.
-    const UniqueFd folder(::open(backupFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd folder = openFolder(backupFolder, FolderUse::reach);
     const auto bytes =
         folder ? readFileAt(folder.get(), std::string(kBackupManifestName), kMaxManifestSize)
                : std::nullopt;
     if (!bytes)
-        return std::unexpected(file.string() + " cannot be read: not a readable file");
+        return std::unexpected(
+            Error{file.string() + " cannot be read: not a readable file", ErrorKind::io});
     const auto plist = parsePlist(*bytes);
-    auto manifest = plist ? manifestOf(*plist) : std::unexpected(plist.error().message);
+    auto manifest = plist ? manifestOf(*plist) : std::unexpected(plist.error());
     if (!manifest)
-        return std::unexpected(file.string() + " cannot be read: " + manifest.error());
+        return std::unexpected(Error{file.string() + " cannot be read: " + manifest.error().message,
+                                     manifest.error().kind});
     return manifest;
 }
 
@@ -365,7 +370,7 @@ bool addToManifest(int backupFolder, const Volume& volume, std::string_view oper
                    std::chrono::system_clock::time_point now) {
     const auto bytes = readFileAt(backupFolder, std::string(kBackupManifestName), kMaxManifestSize);
     const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(Error{});
-    auto existing = plist ? manifestOf(*plist) : std::unexpected(std::string());
+    auto existing = plist ? manifestOf(*plist) : std::unexpected(Error{});
     BackupManifest manifest = existing ? std::move(*existing)
                                        : BackupManifest{volume.mountPoint(),
                                                         isoTimestamp(now),
@@ -391,12 +396,13 @@ std::string newBackupFolderPath(const fs::path& root, std::chrono::system_clock:
     return path;
 }
 
-std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>& installed,
-                                                  std::string_view name) {
-    std::vector<const KextBundle*> found;
+std::vector<const Kext*> findInstalledKexts(const std::vector<Kext>& installed,
+                                            std::string_view name) {
+    std::vector<const Kext*> found;
     for (const auto& kext : installed)
-        if (equalsIgnoringCase(kext.name, name) ||
-            equalsIgnoringCase(kext.name, std::string(name) + ".kext") || kext.identifier() == name)
+        if (equalsIgnoringCase(kext.name(), name) ||
+            equalsIgnoringCase(kext.name(), std::string(name) + ".kext") ||
+            kext.identifier() == name)
             found.push_back(&kext);
     return found;
 }
@@ -417,10 +423,10 @@ RescueOutcome backUpKexts(const Volume& volume, const std::vector<std::string>& 
                           std::chrono::system_clock::time_point now, bool move) {
     const auto lock = beginKextChanges(volume);
     if (!lock) {
-        logLine("KextBackups::Error: " + lock.error());
+        logLine("KextBackups::Error: " + lock.error().message);
         RescueOutcome refused{{}, kexts, "", {}};
         for (const auto& path : kexts)
-            refused.causes[path] = lock.error();
+            refused.causes[path] = lock.error().message;
         return refused;
     }
     BackupWriter writer(backupFolder, volume, operation, now);
@@ -443,8 +449,8 @@ RescueOutcome copyKextsToBackup(const Volume& volume, const std::vector<std::str
     return backUpKexts(volume, kexts, backupFolder, operation, now, false);
 }
 
-std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path& backupFolder,
-                                                                 const Volume& volume) {
+std::expected<std::vector<RestoreStep>, Error> planRestore(const fs::path& backupFolder,
+                                                           const Volume& volume) {
     const auto manifest = readBackupManifest(backupFolder);
     if (!manifest)
         return std::unexpected(manifest.error());
@@ -456,7 +462,7 @@ std::expected<std::vector<RestoreStep>, std::string> planRestore(const fs::path&
     return steps;
 }
 
-std::expected<RescueOutcome, std::string>
+std::expected<RescueOutcome, Error>
 restoreKextsFromBackup(const fs::path& backupFolder, const Volume& volume,
                        const std::string& replacedBackupFolder,
                        std::chrono::system_clock::time_point now) {
@@ -470,10 +476,11 @@ restoreKextsFromBackup(const fs::path& backupFolder, const Volume& volume,
     return outcome;
 }
 
-std::expected<RescueOutcome, std::string>
-takeBackPlacedKexts(const Volume& volume, const std::vector<std::string>& placed,
-                    const std::string& replacedBackup, const std::string& backupFolder,
-                    std::chrono::system_clock::time_point now) {
+std::expected<RescueOutcome, Error> takeBackPlacedKexts(const Volume& volume,
+                                                        const std::vector<std::string>& placed,
+                                                        const std::string& replacedBackup,
+                                                        const std::string& backupFolder,
+                                                        std::chrono::system_clock::time_point now) {
     const auto lock = beginKextChanges(volume);
     if (!lock)
         return std::unexpected(lock.error());

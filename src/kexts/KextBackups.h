@@ -57,7 +57,7 @@ struct RescueOutcome {
 
 /// The manifest of a backup folder; refused when any entry could lead outside the volume's
 /// extensions folders or outside the backup folder.
-[[nodiscard]] std::expected<BackupManifest, std::string>
+[[nodiscard]] std::expected<BackupManifest, Error>
 readBackupManifest(const std::filesystem::path& backupFolder);
 
 /// Adds kexts copied into the open backup folder to its manifest, made when it has none: so
@@ -73,8 +73,8 @@ std::string newBackupFolderPath(const std::filesystem::path& root,
 
 /// The installed kexts that name stands for, each a path on the volume: a bundle name
 /// ("Lilu.kext" or "Lilu", any case) or a bundle identifier, in any extensions folder.
-std::vector<const KextBundle*> findInstalledKexts(const std::vector<KextBundle>& installed,
-                                                  std::string_view name);
+std::vector<const Kext*> findInstalledKexts(const std::vector<Kext>& installed,
+                                            std::string_view name);
 
 /// The path of the kext's staged copy ("/Library/StagedExtensions/Library/Extensions/X.kext")
 /// when the volume has one.
@@ -100,20 +100,20 @@ struct RestoreStep {
 };
 
 /// What restoring the backup onto the volume would do, changing nothing.
-[[nodiscard]] std::expected<std::vector<RestoreStep>, std::string>
+[[nodiscard]] std::expected<std::vector<RestoreStep>, Error>
 planRestore(const std::filesystem::path& backupFolder, const Volume& volume);
 
 /// Puts the kexts of backupFolder back onto the volume where they came from, owned by 0:0 with
 /// mode 755, through a hidden staging name so that a failed copy changes nothing. What they
 /// replace is first moved into replacedBackupFolder (made only then). The backup stays whole.
-[[nodiscard]] std::expected<RescueOutcome, std::string>
+[[nodiscard]] std::expected<RescueOutcome, Error>
 restoreKextsFromBackup(const std::filesystem::path& backupFolder, const Volume& volume,
                        const std::string& replacedBackupFolder,
                        std::chrono::system_clock::time_point now);
 
 /// Moves the kexts an installation or restore put in place into backupFolder, then puts back
 /// what it replaced from its own backup, when it made one: how such an operation is undone.
-[[nodiscard]] std::expected<RescueOutcome, std::string>
+[[nodiscard]] std::expected<RescueOutcome, Error>
 takeBackPlacedKexts(const Volume& volume, const std::vector<std::string>& placed,
                     const std::string& replacedBackup, const std::string& backupFolder,
                     std::chrono::system_clock::time_point now);

@@ -93,7 +93,7 @@ bool rebuildCaches(const Volume& volume) {
         return false;
     const auto lock = VolumeLock::acquire(volume.mountPoint());
     if (!lock) {
-        logLine("KextCaches::Error: " + lock.error());
+        logLine("KextCaches::Error: " + lock.error().message);
         return false;
     }
     if (const auto& kextcache = SystemTools::host().kextcache)

@@ -79,8 +79,7 @@ std::vector<std::string> kextNamesIn(int folder) {
     return names;
 }
 
-std::optional<std::expected<MachOFile, Error>> readExecutable(const KextBundle& kext,
-                                                              int infoFolder) {
+std::optional<std::expected<MachOFile, Error>> readExecutable(const Kext& kext, int infoFolder) {
     const std::string executable = kext.infoString("CFBundleExecutable");
     if (executable.empty())
         return std::nullopt;
@@ -92,10 +91,8 @@ std::optional<std::expected<MachOFile, Error>> readExecutable(const KextBundle& 
     return code ? readMachOAt(code.get(), executable) : std::unexpected(Error{"cannot be opened"});
 }
 
-KextBundle readBundle(int parent, const std::string& name, const std::string& path, int depth) {
-    KextBundle kext;
-    kext.name = name;
-    kext.path = path;
+Kext readBundle(int parent, const std::string& name, const std::string& path, int depth) {
+    Kext kext(FileURL::fromPath(path, false));
     const UniqueFd bundle = openFolderAt(parent, name);
     if (!bundle)
         return kext;
@@ -104,6 +101,7 @@ KextBundle readBundle(int parent, const std::string& name, const std::string& pa
     if (!infoFolder)
         return kext;
     kext.info = readDictionaryAt(infoFolder.get(), "Info.plist");
+    kext.versionList = readDictionaryAt(infoFolder.get(), "version.plist");
     kext.hasCodeSignature = isFolderAt(infoFolder.get(), "_CodeSignature");
     kext.executable = readExecutable(kext, infoFolder.get());
     const UniqueFd plugIns = openFolderAt(infoFolder.get(), "PlugIns");
@@ -115,7 +113,7 @@ KextBundle readBundle(int parent, const std::string& name, const std::string& pa
     return kext;
 }
 
-void collect(const KextBundle& kext, std::vector<const KextBundle*>& all) {
+void collect(const Kext& kext, std::vector<const Kext*>& all) {
     all.push_back(&kext);
     for (const auto& plugIn : kext.plugIns)
         collect(plugIn, all);
@@ -123,22 +121,7 @@ void collect(const KextBundle& kext, std::vector<const KextBundle*>& all) {
 
 } // namespace
 
-std::string KextBundle::infoString(std::string_view key) const {
-    if (!info)
-        return "";
-    const auto found = info->find(key);
-    return found != info->end() && found->second.string() ? *found->second.string() : "";
-}
-
-std::vector<std::string> KextBundle::cpuTypes() const {
-    std::vector<std::string> names;
-    if (executable && *executable)
-        for (const auto& slice : (*executable)->slices)
-            names.push_back(cpuTypeName(slice));
-    return names;
-}
-
-KextBundle readKextBundleAt(int parent, const std::string& name, const std::string& path) {
+Kext readKextAt(int parent, const std::string& name, const std::string& path) {
     return readBundle(parent, name, path, 0);
 }
 
@@ -146,43 +129,35 @@ std::optional<UserPathParent> openUserPathParent(const std::string& path) {
     if (path.empty())
         return std::nullopt;
     const std::filesystem::path whole = absoluteNormalPath(path);
-    UniqueFd parent(::open(whole.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd parent = openFolder(whole.parent_path());
     std::string name = whole.filename();
     if (!parent || !isPlainFileName(name))
         return std::nullopt;
     return UserPathParent{std::move(parent), whole.parent_path().string(), std::move(name)};
 }
 
-std::optional<KextBundle> readKextBundle(const std::string& path) {
+std::optional<Kext> readKext(const std::string& path) {
     const auto place = openUserPathParent(path);
     if (!place || !isFolderAt(place->folder.get(), place->name))
         return std::nullopt;
-    return readKextBundleAt(place->folder.get(), place->name,
-                            (std::filesystem::path(place->folderPath) / place->name).string());
+    return readKextAt(place->folder.get(), place->name,
+                      (std::filesystem::path(place->folderPath) / place->name).string());
 }
 
-std::optional<PlistValue::Dict> readKextPlist(const std::string& path, const std::string& name) {
-    const auto place = openUserPathParent(path);
-    const UniqueFd opened = place ? openFolderAt(place->folder.get(), place->name) : UniqueFd();
-    bool flat = false;
-    const UniqueFd infoFolder = opened ? openInfoFolder(opened.get(), flat) : UniqueFd();
-    return infoFolder ? readDictionaryAt(infoFolder.get(), name) : std::nullopt;
-}
-
-std::vector<KextBundle> installedKexts(const Volume& volume) {
-    std::vector<KextBundle> kexts;
+std::vector<Kext> installedKexts(const Volume& volume) {
+    std::vector<Kext> kexts;
     for (const auto folder : kExtensionsFolders) {
         const UniqueFd opened = openFolderOn(volume, folder);
         if (!opened)
             continue;
         for (const auto& name : kextNamesIn(opened.get()))
-            kexts.push_back(readKextBundleAt(opened.get(), name, std::string(folder) + name));
+            kexts.push_back(readKextAt(opened.get(), name, std::string(folder) + name));
     }
     return kexts;
 }
 
-std::vector<const KextBundle*> withPlugIns(const std::vector<KextBundle>& kexts) {
-    std::vector<const KextBundle*> all;
+std::vector<const Kext*> withPlugIns(const std::vector<Kext>& kexts) {
+    std::vector<const Kext*> all;
     for (const auto& kext : kexts)
         collect(kext, all);
     return all;

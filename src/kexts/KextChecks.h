@@ -18,8 +18,7 @@ namespace quelm {
 /// version no older than the one asked for, which must not be older than that library's
 /// OSBundleCompatibleVersion; the old kernel's com.apple.kernel libraries, which only a 32-bit
 /// kernel has, fail. Empty when the kext passes.
-std::vector<std::string> kextCheckFailures(const KextBundle& kext,
-                                           const std::vector<KextBundle>* available);
+std::vector<std::string> kextCheckFailures(const Kext& kext, const std::vector<Kext>* available);
 
 /// The failures of each bundle of one job, in the order of paths: against the kexts installed
 /// on the volume, when one is given, and the job's own kexts, which will be there too. A path

@@ -23,14 +23,16 @@ std::string folderOnVolume(std::string_view folder, const Volume& volume) {
         isReadOnlySystemFolder(folder, volume) ? rawValue(KextFolder::LibraryExtensions) : folder);
 }
 
-std::optional<std::string> folderRefusal(std::string_view folder, const Volume& volume) {
+std::optional<Error> folderRefusal(std::string_view folder, const Volume& volume) {
     if (!isReadOnlySystemFolder(folder, volume))
         return volume.isSealed() && !volume.placeOf(folder).onDataVolume
                    ? writeRefusal(volume, folder)
                    : std::nullopt;
-    return volume.mountPoint() + " holds macOS " + volume.version().value_or("10.15 or later") +
-           ", whose /System/Library/Extensions/ lies on a read-only system volume (sealed from "
-           "macOS 11): install into /Library/Extensions/ instead.";
+    return Error{volume.mountPoint() + " holds macOS " +
+                     volume.version().value_or("10.15 or later") +
+                     ", whose /System/Library/Extensions/ lies on a read-only system volume "
+                     "(sealed from macOS 11): install into /Library/Extensions/ instead.",
+                 ErrorKind::refused};
 }
 
 std::string_view rawValue(KextFolder folder) {

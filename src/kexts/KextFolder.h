@@ -38,6 +38,6 @@ inline constexpr std::int64_t kReadOnlySystemFolderMajorVersion = 19;
 std::string folderOnVolume(std::string_view folder, const Volume& volume);
 
 /// Why kexts cannot go into folder on this volume, in one sentence; nothing when they can.
-std::optional<std::string> folderRefusal(std::string_view folder, const Volume& volume);
+std::optional<Error> folderRefusal(std::string_view folder, const Volume& volume);
 
 } // namespace quelm

@@ -56,14 +56,13 @@ std::filesystem::path defaultBackupRoot() {
     return applicationSupportFolder() / "Backups";
 }
 
-std::expected<std::vector<HistoryRecord>, std::string>
-readHistory(const std::filesystem::path& file) {
+std::expected<std::vector<HistoryRecord>, Error> readHistory(const std::filesystem::path& file) {
     std::error_code error;
     if (!std::filesystem::exists(file, error))
         return std::vector<HistoryRecord>{};
     const auto plist = readPlistFile(file);
     if (!plist || !plist->array())
-        return std::unexpected(file.string() + " is not a history of operations");
+        return std::unexpected(Error{file.string() + " is not a history of operations"});
     std::vector<HistoryRecord> records;
     for (const auto& entry : *plist->array())
         if (entry.dict())
@@ -71,8 +70,8 @@ readHistory(const std::filesystem::path& file) {
     return records;
 }
 
-std::expected<void, std::string> writeHistory(const std::filesystem::path& file,
-                                              const std::vector<HistoryRecord>& records) {
+std::expected<void, Error> writeHistory(const std::filesystem::path& file,
+                                        const std::vector<HistoryRecord>& records) {
     PlistValue::Array entries;
     for (const auto& record : records)
         entries.push_back(plistOf(record));
@@ -80,12 +79,13 @@ std::expected<void, std::string> writeHistory(const std::filesystem::path& file,
     std::filesystem::create_directories(file.parent_path(), error);
     const auto written = writePlistFileAtomically(file, entries);
     if (!written)
-        return std::unexpected("cannot write " + file.string() + ": " + written.error().message);
+        return std::unexpected(
+            Error{"cannot write " + file.string() + ": " + written.error().message, ErrorKind::io});
     return {};
 }
 
-std::expected<void, std::string> appendHistory(const std::filesystem::path& file,
-                                               const HistoryRecord& record) {
+std::expected<void, Error> appendHistory(const std::filesystem::path& file,
+                                         const HistoryRecord& record) {
     auto records = readHistory(file);
     if (!records)
         return std::unexpected(records.error());

@@ -2,6 +2,8 @@
 // the last one on a volume can be undone.
 #pragma once
 
+#include "support/Error.h"
+
 #include <chrono>
 #include <cstddef>
 #include <expected>
@@ -33,14 +35,14 @@ std::filesystem::path historyFilePath();
 std::filesystem::path defaultBackupRoot();
 
 /// Every record, oldest first; a missing file has none.
-[[nodiscard]] std::expected<std::vector<HistoryRecord>, std::string>
+[[nodiscard]] std::expected<std::vector<HistoryRecord>, Error>
 readHistory(const std::filesystem::path& file);
 /// Replaces the file atomically with the records.
-[[nodiscard]] std::expected<void, std::string>
-writeHistory(const std::filesystem::path& file, const std::vector<HistoryRecord>& records);
+[[nodiscard]] std::expected<void, Error> writeHistory(const std::filesystem::path& file,
+                                                      const std::vector<HistoryRecord>& records);
 /// Adds one record at the end.
-[[nodiscard]] std::expected<void, std::string> appendHistory(const std::filesystem::path& file,
-                                                             const HistoryRecord& record);
+[[nodiscard]] std::expected<void, Error> appendHistory(const std::filesystem::path& file,
+                                                       const HistoryRecord& record);
 
 /// The index of the last record on the volume that can be undone: not undone yet, and not an
 /// undo itself.

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quelm {
@@ -47,7 +48,14 @@ std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
 /// Why nothing may be installed into folder of the volume, in one sentence: a folder that is
 /// not one, a system folder that the volume's macOS keeps read-only, a volume that cannot be
 /// written as root. Nothing when installing may go ahead.
-std::optional<std::string> installationRefusal(const Volume& volume, const std::string& folder);
+std::optional<Error> installationRefusal(const Volume& volume, const std::string& folder);
+
+/// The kexts of the list that installing into folder of the volume would replace: those whose
+/// name the folder holds already, also in another case on a case-insensitive volume. The folder
+/// is reached on the half of the volume that holds it, through descriptors and never through a
+/// link; a missing folder replaces nothing.
+std::vector<Kext> kextsReplacedBy(const Volume& volume, std::string_view folder,
+                                  const std::vector<Kext>& kexts);
 
 /// Whether the installation accepts the kext as a source: its path is clean and absolute and
 /// its name a plain file name ending in ".kext".

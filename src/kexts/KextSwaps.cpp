@@ -120,7 +120,7 @@ void recoverLeftovers(int folder) {
     }
 }
 
-std::expected<VolumeLock, std::string> beginKextChanges(const Volume& volume) {
+std::expected<VolumeLock, Error> beginKextChanges(const Volume& volume) {
     auto lock = VolumeLock::acquire(volume.mountPoint());
     if (!lock)
         return lock;

@@ -40,6 +40,6 @@ void recoverLeftovers(int folder);
 
 /// Holds the volume's lock, then recovers the leftovers of every extensions folder of the
 /// volume and of their staged copies: what every change of kexts does first.
-[[nodiscard]] std::expected<VolumeLock, std::string> beginKextChanges(const Volume& volume);
+[[nodiscard]] std::expected<VolumeLock, Error> beginKextChanges(const Volume& volume);
 
 } // namespace quelm

@@ -16,10 +16,16 @@
 #include <unistd.h>
 #include <vector>
 
+#if !defined(O_PATH)
+#define O_PATH O_RDONLY
+#endif
+
 namespace quelm {
 namespace {
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int flagsFor(FolderUse use) {
+    return (use == FolderUse::reach ? O_PATH : O_RDONLY) | O_DIRECTORY | O_CLOEXEC;
+}
 
 struct Entry {
     std::string name;
@@ -205,8 +211,12 @@ UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
     return *this;
 }
 
-UniqueFd openFolderAt(int parent, const std::string& name) {
-    return UniqueFd(::openat(parent, name.c_str(), kFolderFlags));
+UniqueFd openFolder(const std::string& path, FolderUse use) {
+    return UniqueFd(::open(path.c_str(), flagsFor(use)));
+}
+
+UniqueFd openFolderAt(int parent, const std::string& name, FolderUse use) {
+    return UniqueFd(::openat(parent, name.c_str(), flagsFor(use) | O_NOFOLLOW));
 }
 
 UniqueFd openOrMakeFolderAt(int parent, const std::string& name, const ItemAttributes& attributes) {
@@ -220,7 +230,7 @@ UniqueFd openOrMakeFolderAt(int parent, const std::string& name, const ItemAttri
 
 UniqueFd openFolderBelow(const std::string& base, std::string_view path,
                          const std::optional<ItemAttributes>& makeWith) {
-    UniqueFd current(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd current = openFolder(base);
     for (const auto& name : pathComponents(path)) {
         if (!current)
             break;

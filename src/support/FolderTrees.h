@@ -55,8 +55,16 @@ std::string failureCause(int error);
 /// Deeper trees are refused: no kext nests anywhere near this, a hostile disk may.
 inline constexpr int kMaxTreeDepth = 64;
 
+/// What a folder is opened for: to list and change it, or only to reach what lies beneath it,
+/// which needs no read permission on it and suits a walk through many folders.
+enum class FolderUse { read, reach };
+
+/// The folder at path, links on the way followed: a mount point, or a folder the user names.
+UniqueFd openFolder(const std::string& path, FolderUse use = FolderUse::read);
+
 /// The folder name inside parent, opened without following a link; invalid when it is not one.
-UniqueFd openFolderAt(int parent, const std::string& name);
+/// Every walk beneath a volume opens its folders through this, one component at a time.
+UniqueFd openFolderAt(int parent, const std::string& name, FolderUse use = FolderUse::read);
 
 /// The folder name inside parent, made with the attributes when it is missing; never
 /// through a link.

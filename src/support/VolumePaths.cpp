@@ -1,21 +1,13 @@
 // Paths beneath a volume's root folder, reached without following any symbolic link.
 #include "support/VolumePaths.h"
 
+#include "support/PathValidation.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
-
-#if !defined(O_PATH)
-#define O_PATH O_RDONLY
-#endif
 
 namespace quelm {
 namespace {
-
-bool isPlainName(std::string_view name) {
-    return !name.empty() && name != "." && name != "..";
-}
 
 /// The components of path after its leading "/", or nothing if one of them is not plain.
 std::optional<std::vector<std::string_view>> componentsOf(std::string_view path) {
@@ -25,7 +17,7 @@ std::optional<std::vector<std::string_view>> componentsOf(std::string_view path)
     for (std::size_t start = 1;;) {
         const auto slash = path.find('/', start);
         const auto name = path.substr(start, slash - start);
-        if (!isPlainName(name))
+        if (!isPlainFileName(name))
             return std::nullopt;
         components.push_back(name);
         if (slash == std::string_view::npos)
@@ -37,57 +29,34 @@ std::optional<std::vector<std::string_view>> componentsOf(std::string_view path)
 } // namespace
 
 std::shared_ptr<const VolumeRoot> VolumeRoot::open(const std::string& mountPoint) {
-    const int fd = ::open(mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
+    UniqueFd fd = openFolder(mountPoint, FolderUse::reach);
+    if (!fd)
         return nullptr;
-    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(fd, -1, {}));
+    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(std::move(fd), UniqueFd(), {}));
 }
 
 std::shared_ptr<const VolumeRoot> VolumeRoot::open(const std::string& mountPoint,
                                                    const std::string& dataMountPoint,
                                                    std::vector<Firmlink> firmlinks) {
-    const int fd = ::open(mountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    const int dataFd = ::open(dataMountPoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || dataFd < 0) {
-        for (const int opened : {fd, dataFd})
-            if (opened >= 0)
-                ::close(opened);
+    UniqueFd fd = openFolder(mountPoint, FolderUse::reach);
+    UniqueFd dataFd = openFolder(dataMountPoint, FolderUse::reach);
+    if (!fd || !dataFd)
         return nullptr;
-    }
-    return std::shared_ptr<const VolumeRoot>(new VolumeRoot(fd, dataFd, std::move(firmlinks)));
-}
-
-VolumeRoot::~VolumeRoot() {
-    ::close(fd_);
-    if (dataFd_ >= 0)
-        ::close(dataFd_);
+    return std::shared_ptr<const VolumeRoot>(
+        new VolumeRoot(std::move(fd), std::move(dataFd), std::move(firmlinks)));
 }
 
 std::pair<int, std::string_view> VolumeRoot::resolve(std::string_view path, std::string& scratch,
                                                      bool onData) const {
-    if (dataFd_ < 0)
-        return {fd_, path};
+    if (!dataFd_)
+        return {fd_.get(), path};
     if (onData)
-        return {dataFd_, path};
+        return {dataFd_.get(), path};
     auto mapped = dataPathOf(firmlinks_, path);
     if (!mapped)
-        return {fd_, path};
+        return {fd_.get(), path};
     scratch = std::move(*mapped);
-    return {dataFd_, scratch};
-}
-
-VolumeWalker::VolumeWalker(std::shared_ptr<const VolumeRoot> root) : root_(std::move(root)) {
-}
-
-VolumeWalker::~VolumeWalker() {
-    popTo(0);
-}
-
-void VolumeWalker::popTo(std::size_t depth) {
-    while (open_.size() > depth) {
-        ::close(open_.back().second);
-        open_.pop_back();
-    }
+    return {dataFd_.get(), scratch};
 }
 
 std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::string_view asked,
@@ -95,7 +64,7 @@ std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::stri
     failure_ = 0;
     const auto [rootFd, path] = root_->resolve(asked, scratch_, onData);
     if (rootFd != openFrom_) {
-        popTo(0);
+        open_.clear();
         openFrom_ = rootFd;
     }
     const auto components = componentsOf(path);
@@ -106,20 +75,19 @@ std::optional<std::pair<int, std::string_view>> VolumeWalker::parentOf(std::stri
     while (shared < open_.size() && shared < folders &&
            open_[shared].first == (*components)[shared])
         ++shared;
-    popTo(shared);
+    open_.resize(shared);
     for (std::size_t i = shared; i < folders; ++i) {
-        const int parent = open_.empty() ? rootFd : open_.back().second;
-        const std::string name((*components)[i]);
-        const int fd =
-            ::openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) {
+        const int parent = open_.empty() ? rootFd : open_.back().second.get();
+        std::string name((*components)[i]);
+        UniqueFd fd = openFolderAt(parent, name, FolderUse::reach);
+        if (!fd) {
             // A link or a file where a folder should be gives ENOTDIR: the path is missing.
             failure_ = errno == ENOENT || errno == ENOTDIR ? 0 : errno;
             return std::nullopt;
         }
-        open_.emplace_back(name, fd);
+        open_.emplace_back(std::move(name), std::move(fd));
     }
-    return std::pair{open_.empty() ? rootFd : open_.back().second, components->back()};
+    return std::pair{open_.empty() ? rootFd : open_.back().second.get(), components->back()};
 }
 
 namespace {

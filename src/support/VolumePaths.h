@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/Firmlinks.h"
+#include "support/FolderTrees.h"
 
 #include <functional>
 #include <memory>
@@ -24,11 +25,7 @@ public:
     static std::shared_ptr<const VolumeRoot> open(const std::string& mountPoint,
                                                   const std::string& dataMountPoint,
                                                   std::vector<Firmlink> firmlinks);
-    ~VolumeRoot();
-    VolumeRoot(const VolumeRoot&) = delete;
-    VolumeRoot& operator=(const VolumeRoot&) = delete;
-
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     /// The root that holds path and the path beneath it; the path is written to scratch when it
     /// lies on the data volume, which the answer then points into. A path already on the data
     /// volume (onData) is taken from there as it is.
@@ -36,22 +33,19 @@ public:
                                              bool onData = false) const;
 
 private:
-    VolumeRoot(int fd, int dataFd, std::vector<Firmlink> firmlinks)
-        : fd_(fd), dataFd_(dataFd), firmlinks_(std::move(firmlinks)) {}
-    int fd_;
-    int dataFd_;
+    VolumeRoot(UniqueFd fd, UniqueFd dataFd, std::vector<Firmlink> firmlinks)
+        : fd_(std::move(fd)), dataFd_(std::move(dataFd)), firmlinks_(std::move(firmlinks)) {}
+    UniqueFd fd_;
+    UniqueFd dataFd_;
     std::vector<Firmlink> firmlinks_;
 };
 
 /// The folder holding a path's last component, opened from the volume root one component at a
-/// time with O_NOFOLLOW. Keeps the folders of the previous path open, so that walking paths in
-/// tree order costs one open per new folder. One walker per thread.
+/// time by openFolderAt, never through a link. Keeps the folders of the previous path open, so that
+/// walking paths in tree order costs one open per new folder. One walker per thread.
 class VolumeWalker {
 public:
-    explicit VolumeWalker(std::shared_ptr<const VolumeRoot> root);
-    ~VolumeWalker();
-    VolumeWalker(const VolumeWalker&) = delete;
-    VolumeWalker& operator=(const VolumeWalker&) = delete;
+    explicit VolumeWalker(std::shared_ptr<const VolumeRoot> root) : root_(std::move(root)) {}
 
     /// For "/System/Library/Kernels": the folder /System/Library and the name "Kernels".
     /// Nothing when the path does not begin with "/", holds an empty, "." or ".." component,
@@ -65,11 +59,9 @@ public:
     int failure() const { return failure_; }
 
 private:
-    void popTo(std::size_t depth);
-
     std::shared_ptr<const VolumeRoot> root_;
     int openFrom_ = -1; ///< the root the open folders lie beneath
-    std::vector<std::pair<std::string, int>> open_;
+    std::vector<std::pair<std::string, UniqueFd>> open_;
     std::string scratch_;
     int failure_ = 0;
 };

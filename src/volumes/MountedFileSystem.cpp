@@ -124,7 +124,7 @@ std::string readOnlySentence(const std::string& where,
 bool canChangeOwners(const std::string& mountPoint) {
     if (::geteuid() != 0)
         return true;
-    const UniqueFd root(::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd root = openFolder(mountPoint);
     const std::string probe = ".quelm-owner-probe";
     if (!root || !removeTreeAt(root.get(), probe))
         return false;
@@ -182,22 +182,27 @@ std::optional<MountedFileSystem> mountedFileSystemOf(const std::string& path) {
 
 namespace {
 
+Error refused(std::string message) {
+    return {std::move(message), ErrorKind::refused};
+}
+
 /// Why root cannot write beneath the mount point of one half, in one sentence.
-std::optional<std::string> mountRefusal(const std::string& where) {
+std::optional<Error> mountRefusal(const std::string& where) {
     const auto mount = mountedFileSystemOf(where);
     struct statvfs stats {};
     const bool readOnly = (::statvfs(where.c_str(), &stats) == 0 && (stats.f_flag & ST_RDONLY)) ||
                           (mount && mount->readOnly);
     if (readOnly)
-        return readOnlySentence(where, mount);
+        return refused(readOnlySentence(where, mount));
     if (mount && mount->replacesOwners)
-        return where + " is an APFS volume mounted with uid= or gid=, so that every item shows " +
-               "that owner instead of its own: remount it without those options, since owners " +
-               "could be neither checked nor given to root.";
+        return refused(where +
+                       " is an APFS volume mounted with uid= or gid=, so that every item shows "
+                       "that owner instead of its own: remount it without those options, since "
+                       "owners could be neither checked nor given to root.");
     if (mount && mount->type.starts_with("fuse") && !canChangeOwners(where))
-        return where + " is a FUSE mount (" + mount->type +
-               ") that cannot give files to root: mount it with the kernel's hfsplus or apfs "
-               "driver instead.";
+        return refused(where + " is a FUSE mount (" + mount->type +
+                       ") that cannot give files to root: mount it with the kernel's hfsplus or "
+                       "apfs driver instead.");
     return std::nullopt;
 }
 
@@ -210,23 +215,24 @@ std::string missingDataVolumeSentence(const Volume& volume) {
            "found: mount the data volume too and name it with --data-volume.";
 }
 
-std::optional<std::string> writeRefusal(const Volume& volume) {
+std::optional<Error> writeRefusal(const Volume& volume) {
     if (volume.isSystemVolume() && !volume.dataMountPoint())
-        return missingDataVolumeSentence(volume);
+        return refused(missingDataVolumeSentence(volume));
     if (volume.dataMountPoint())
         if (auto refusal = mountRefusal(*volume.dataMountPoint()))
             return refusal;
     return volume.isSealed() ? std::nullopt : mountRefusal(volume.mountPoint());
 }
 
-std::optional<std::string> writeRefusal(const Volume& volume, std::string_view path) {
+std::optional<Error> writeRefusal(const Volume& volume, std::string_view path) {
     if (volume.isSystemVolume() && !volume.dataMountPoint() && dataPathOf(volume.firmlinks(), path))
-        return missingDataVolumeSentence(volume);
+        return refused(missingDataVolumeSentence(volume));
     const auto place = volume.placeOf(path);
     if (volume.isSealed() && !place.onDataVolume)
-        return std::string(path) + " lies on the sealed system volume of macOS " +
-               volume.version().value_or("11 or later") + " (" + volume.mountPoint() +
-               "), which Quelm never writes: macOS would no longer start from a changed seal.";
+        return refused(std::string(path) + " lies on the sealed system volume of macOS " +
+                       volume.version().value_or("11 or later") + " (" + volume.mountPoint() +
+                       "), which Quelm never writes: macOS would no longer start from a changed "
+                       "seal.");
     return mountRefusal(place.root);
 }
 

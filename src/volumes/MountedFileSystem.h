@@ -1,6 +1,7 @@
 // How a volume is mounted on this host, and whether root can write to it.
 #pragma once
 
+#include "support/Error.h"
 #include "volumes/Volume.h"
 
 #include <optional>
@@ -48,11 +49,11 @@ std::vector<MountedFileSystem> parseMounts(std::string_view mountInfo);
 /// give files to root, an APFS mount whose owners are not the disk's, a system volume whose
 /// data volume is missing. A sealed system volume is left out: nothing writes it. Nothing
 /// when root can.
-std::optional<std::string> writeRefusal(const Volume& volume);
+std::optional<Error> writeRefusal(const Volume& volume);
 
 /// The same for writing path, a folder of the volume: the half that holds it, which must not
 /// be a sealed system volume.
-std::optional<std::string> writeRefusal(const Volume& volume, std::string_view path);
+std::optional<Error> writeRefusal(const Volume& volume, std::string_view path);
 
 /// Why a system volume of 10.15 or later without its data volume cannot be changed.
 std::string missingDataVolumeSentence(const Volume& volume);

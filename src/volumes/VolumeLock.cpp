@@ -59,18 +59,20 @@ VolumeLock::Holder& holderOf(const struct stat& mountPoint) {
     return *holder;
 }
 
-std::string busy(const std::string& mountPoint) {
-    return "the volume " + mountPoint +
-           " is busy: another Quelm command or job is changing it; try again once it has finished";
+Error busy(const std::string& mountPoint) {
+    return {"the volume " + mountPoint +
+                " is busy: another Quelm command or job is changing it; try again once it has "
+                "finished",
+            ErrorKind::refused};
 }
 
 } // namespace
 
-std::expected<VolumeLock, std::string> VolumeLock::acquire(const std::string& mountPoint,
-                                                           std::chrono::milliseconds wait) {
+std::expected<VolumeLock, Error> VolumeLock::acquire(const std::string& mountPoint,
+                                                     std::chrono::milliseconds wait) {
     struct stat info {};
     if (::stat(mountPoint.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
-        return std::unexpected(mountPoint + " cannot be locked: it is not a folder");
+        return std::unexpected(Error{mountPoint + " cannot be locked: it is not a folder"});
     const auto deadline = std::chrono::steady_clock::now() + wait;
     Holder& holder = holderOf(info);
     if (!holder.mutex.try_lock_until(deadline))
@@ -85,8 +87,9 @@ std::expected<VolumeLock, std::string> VolumeLock::acquire(const std::string& mo
             holder.fd = -1;
             holder.mutex.unlock();
             return std::unexpected(opened ? busy(mountPoint)
-                                          : mountPoint + " cannot be locked: " + file.string() +
-                                                " cannot be opened");
+                                          : Error{mountPoint + " cannot be locked: " +
+                                                      file.string() + " cannot be opened",
+                                                  ErrorKind::io});
         }
     }
     ++holder.depth;

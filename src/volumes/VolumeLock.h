@@ -1,6 +1,8 @@
 // One writer per volume: every command and helper operation that changes a volume holds its lock.
 #pragma once
 
+#include "support/Error.h"
+
 #include <chrono>
 #include <expected>
 #include <string>
@@ -16,7 +18,7 @@ public:
     struct Holder;
 
     /// Waits at most wait for the lock; says in one sentence why it was not had.
-    [[nodiscard]] static std::expected<VolumeLock, std::string>
+    [[nodiscard]] static std::expected<VolumeLock, Error>
     acquire(const std::string& mountPoint,
             std::chrono::milliseconds wait = std::chrono::seconds(30));
     ~VolumeLock();

@@ -47,17 +47,18 @@ std::optional<std::string> onlyOne(std::vector<std::string> candidates) {
     return candidates.size() == 1 ? std::optional(candidates.front()) : std::nullopt;
 }
 
-std::string notMacOS(const std::string& path) {
-    return path + " is not a macOS volume: it has no readable "
-                  "System/Library/CoreServices/SystemVersion.plist with ProductVersion and "
-                  "ProductBuildVersion, and it is not the data volume of macOS 10.15 or later";
+Error notMacOS(const std::string& path) {
+    return Error{path +
+                 " is not a macOS volume: it has no readable "
+                 "System/Library/CoreServices/SystemVersion.plist with ProductVersion and "
+                 "ProductBuildVersion, and it is not the data volume of macOS 10.15 or later"};
 }
 
-std::expected<Volume, std::string> joined(Volume system, const std::string& dataPath) {
+std::expected<Volume, Error> joined(Volume system, const std::string& dataPath) {
     if (Volume::kindOf(dataPath) != VolumeKind::data)
         return std::unexpected(
-            dataPath + " is not the data volume of macOS 10.15 or later: it needs the "
-                       "folders Library and private/var and no System/Library/CoreServices");
+            Error{dataPath + " is not the data volume of macOS 10.15 or later: it needs the "
+                             "folders Library and private/var and no System/Library/CoreServices"});
     system.setDataMountPoint(dataPath);
     return system;
 }
@@ -75,13 +76,13 @@ std::optional<Volume> findSystemVolume(const std::string& dataPath,
     return found ? Volume::initWithMountPoint(*found) : std::nullopt;
 }
 
-std::expected<Volume, std::string> openMacOS(const std::string& path,
-                                             const std::optional<std::string>& dataPath,
-                                             const std::vector<MountedFileSystem>& mounts) {
+std::expected<Volume, Error> openMacOS(const std::string& path,
+                                       const std::optional<std::string>& dataPath,
+                                       const std::vector<MountedFileSystem>& mounts) {
     if (auto volume = Volume::initWithMountPoint(path)) {
         if (!volume->isSystemVolume() && dataPath)
-            return std::unexpected(path + " holds a whole macOS, up to 10.14, which has no "
-                                          "separate data volume: leave out --data-volume");
+            return std::unexpected(Error{path + " holds a whole macOS, up to 10.14, which has no "
+                                                "separate data volume: leave out --data-volume"});
         if (!volume->isSystemVolume())
             return std::move(*volume);
         if (dataPath)
@@ -92,20 +93,20 @@ std::expected<Volume, std::string> openMacOS(const std::string& path,
     if (Volume::kindOf(path) != VolumeKind::data)
         return std::unexpected(notMacOS(path));
     if (dataPath && *dataPath != path)
-        return std::unexpected(path + " is a data volume; name its system volume with "
-                                      "--volume and this folder with --data-volume");
+        return std::unexpected(Error{path + " is a data volume; name its system volume with "
+                                            "--volume and this folder with --data-volume"});
     auto system = findSystemVolume(path, mounts);
     if (!system)
         return std::unexpected(
-            path + " is the data volume of macOS 10.15 or later, whose system volume was not "
-                   "found among the mounted volumes: mount it too and name it with --volume, "
-                   "and this folder with --data-volume");
+            Error{path + " is the data volume of macOS 10.15 or later, whose system volume was not "
+                         "found among the mounted volumes: mount it too and name it with --volume, "
+                         "and this folder with --data-volume"});
     system->setDataMountPoint(path);
     return std::move(*system);
 }
 
-std::expected<Volume, std::string> openMacOS(const std::string& path,
-                                             const std::optional<std::string>& dataPath) {
+std::expected<Volume, Error> openMacOS(const std::string& path,
+                                       const std::optional<std::string>& dataPath) {
     const auto table = readFileBytes("/proc/self/mountinfo", 1u << 24);
     return openMacOS(path, dataPath,
                      table ? parseMounts(*table) : std::vector<MountedFileSystem>{});

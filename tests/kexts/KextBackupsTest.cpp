@@ -40,10 +40,10 @@ TEST_F(KextBackupsTest, NamesStandForEveryCopyAndTheStagedOneIsFound) {
     const auto installed = installedKexts(volume());
     const auto byName = findInstalledKexts(installed, "lilu");
     ASSERT_EQ(byName.size(), 2u);
-    EXPECT_EQ(byName[0]->path, "/Library/Extensions/Lilu.kext");
-    EXPECT_EQ(byName[1]->path, "/Extra/Extensions/Lilu.kext");
+    EXPECT_EQ(byName[0]->path(), "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(byName[1]->path(), "/Extra/Extensions/Lilu.kext");
     EXPECT_EQ(findInstalledKexts(installed, "as.vit9696.Lilu").size(), 2u);
-    EXPECT_EQ(findInstalledKexts(installed, "com.apple.kernel").at(0)->name, "System.kext");
+    EXPECT_EQ(findInstalledKexts(installed, "com.apple.kernel").at(0)->name(), "System.kext");
     EXPECT_TRUE(findInstalledKexts(installed, "Nothing.kext").empty());
     EXPECT_EQ(stagedCopyOf(volume(), "/Library/Extensions/Lilu.kext"),
               "/Library/StagedExtensions/Library/Extensions/Lilu.kext");
@@ -65,7 +65,7 @@ TEST_F(KextBackupsTest, RemovedKextsMoveWholeIntoABackupThatSaysWhereEachCameFro
     EXPECT_TRUE(fs::exists(fs::path(backup) / "Lilu.kext/Contents/_CodeSignature"));
 
     const auto manifest = readBackupManifest(backup);
-    ASSERT_TRUE(manifest) << manifest.error();
+    ASSERT_TRUE(manifest) << manifest.error().message;
     EXPECT_EQ(manifest->volume, root.string());
     EXPECT_EQ(manifest->operation, "remove");
     EXPECT_EQ(manifest->time.size(), 20u);
@@ -121,14 +121,14 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
                          test::kextInfo("as.vit9696.Lilu", "9.9"));
 
     const auto steps = planRestore(removed.backupFolder, volume());
-    ASSERT_TRUE(steps) << steps.error();
+    ASSERT_TRUE(steps) << steps.error().message;
     ASSERT_EQ(steps->size(), 2u);
     EXPECT_TRUE((*steps)[0].replaces);
     EXPECT_FALSE((*steps)[1].replaces);
 
     const auto outcome =
         restoreKextsFromBackup(removed.backupFolder, volume(), backupIn(backups), kNow);
-    ASSERT_TRUE(outcome) << outcome.error();
+    ASSERT_TRUE(outcome) << outcome.error().message;
     EXPECT_EQ(outcome->done, removed.done);
     const auto lilu = installedKexts(volume())[1];
     EXPECT_EQ(lilu.version(), "1.4.5");
@@ -136,34 +136,20 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
     EXPECT_TRUE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
     EXPECT_TRUE(fs::exists(fs::path(removed.backupFolder) / "Lilu.kext")) << "the backup stays";
     const auto replaced = readBackupManifest(outcome->backupFolder);
-    ASSERT_TRUE(replaced) << replaced.error();
+    ASSERT_TRUE(replaced) << replaced.error().message;
     EXPECT_EQ(replaced->operation, "restore");
     EXPECT_EQ(replaced->items.size(), 1u);
 
     // Undoing the restore takes the restored kexts off and puts the replaced one back.
     const auto undone = takeBackPlacedKexts(volume(), outcome->done, outcome->backupFolder,
                                             backupIn(backups), kNow);
-    ASSERT_TRUE(undone) << undone.error();
+    ASSERT_TRUE(undone) << undone.error().message;
     EXPECT_EQ(undone->failed, Strings{});
     EXPECT_EQ(installedKexts(volume())[1].version(), "9.9");
     EXPECT_FALSE(fs::exists(root / "Library/StagedExtensions/Library/Extensions/Lilu.kext"));
     EXPECT_FALSE(
         takeBackPlacedKexts(volume(), {}, (folder / "none").string(), backupIn(backups), kNow))
         << "an unreadable backup stops the undo before anything moves";
-}
-
-TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
-    const auto now = std::chrono::system_clock::now();
-    const Kext lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
-    for (const auto* installedIn : {"/Library/Extensions/", "/Extra/Extensions/"})
-        ASSERT_TRUE(
-            backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)
-                .empty());
-    const auto manifest = readBackupManifest(backups / compactTimestamp(now));
-    ASSERT_TRUE(manifest) << manifest.error();
-    EXPECT_EQ(manifest->operation, "install");
-    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
-    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Lilu.kext");
 }
 
 TEST_F(KextBackupsTest, HostileManifestsAreRefused) {

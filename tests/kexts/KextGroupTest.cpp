@@ -53,9 +53,9 @@ TEST_F(KextGroupTest, Catalina_KextsLiveOnTheDataVolumeThroughEveryOperation) {
     EXPECT_FALSE(fs::exists(system / "Library/Extensions")) << "the firmlink's folder stays empty";
 
     const auto listed = installedKexts(volume);
-    const auto found = std::ranges::find(listed, "Lilu.kext", &KextBundle::name);
+    const auto found = std::ranges::find(listed, "Lilu.kext", &Kext::name);
     ASSERT_NE(found, listed.end());
-    EXPECT_EQ(found->path, "/Library/Extensions/Lilu.kext");
+    EXPECT_EQ(found->path(), "/Library/Extensions/Lilu.kext");
     EXPECT_TRUE(found->ownersAndModesRight);
 
     const auto failed = installKexts({liluKext()}, "/System/Library/Extensions/", volume);
@@ -88,7 +88,7 @@ TEST_F(KextGroupTest, Catalina_KextsLiveOnTheDataVolumeThroughEveryOperation) {
     EXPECT_FALSE(fs::exists(data / "Library/Extensions/Lilu.kext"));
     const auto restored =
         restoreKextsFromBackup(backups / "removed", volume, (backups / "replaced").string(), now);
-    ASSERT_TRUE(restored) << restored.error();
+    ASSERT_TRUE(restored) << restored.error().message;
     EXPECT_EQ(restored->done, removed.done);
     EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext/Contents/Info.plist"));
 }

@@ -2,6 +2,7 @@
 #include "kexts/KextInstallation.h"
 
 #include "TestSupport.h"
+#include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextIntake.h"
 #include "support/Strings.h"
@@ -45,24 +46,25 @@ protected:
     std::optional<Volume> volume;
 };
 
-TEST_F(KextInstallationTest, ReplacesTheOldBundleWholeWithRootOwnedItems) {
+TEST_F(KextInstallationTest, ReplacesTheOldBundleWholeAndMakesMissingFoldersRootOwned) {
     const auto installed = volumeRoot / "Library/Extensions/Lilu.kext";
     test::writeText(installed / "Contents/OldOnly.plist", "old");
     const auto kext = newKext("Lilu.kext", "1.2");
-
+    EXPECT_EQ(kextsReplacedBy(*volume, "/Library/Extensions/", {kext, newKext("New.kext", "1")}),
+              std::vector<Kext>{kext});
     EXPECT_TRUE(installKernelExtensions({kext}, "/Library/Extensions/", *volume).empty());
+    EXPECT_TRUE(installKernelExtensions({kext}, "/Extra/Extensions/", *volume).empty());
     EXPECT_FALSE(fs::exists(installed / "Contents/OldOnly.plist"));
     EXPECT_EQ(test::readText(installed / "Contents/MacOS/driver"), "new");
     EXPECT_TRUE(fs::is_symlink(installed / "Contents/MacOS/alias"));
-    for (const auto& entry : fs::recursive_directory_iterator(installed)) {
-        const auto info = statOf(entry.path());
-        EXPECT_EQ(info.st_uid, 0u) << entry.path();
-        EXPECT_EQ(info.st_gid, 0u) << entry.path();
-        if (!S_ISLNK(info.st_mode)) {
-            EXPECT_EQ(info.st_mode & 07777, 0755u) << entry.path();
+    for (const auto& made : {volumeRoot / "Extra", volumeRoot / "Extra/Extensions", installed}) {
+        for (const auto& entry : fs::recursive_directory_iterator(made)) {
+            const auto info = statOf(entry.path());
+            EXPECT_TRUE(info.st_uid == 0 && info.st_gid == 0) << entry.path();
+            EXPECT_TRUE(S_ISLNK(info.st_mode) || (info.st_mode & 07777) == 0755) << entry.path();
         }
+        EXPECT_EQ(statOf(made).st_mode & 07777, 0755u) << made;
     }
-    EXPECT_EQ(statOf(installed).st_mode & 07777, 0755u);
     EXPECT_EQ(std::distance(fs::directory_iterator(volumeRoot / "Library/Extensions"), {}), 1);
 }
 
@@ -87,17 +89,8 @@ TEST_F(KextInstallationTest, RefusesFoldersOutsideOrThroughLinks) {
                                     "Library/Extensions/", "/Library/Extensions"})
         EXPECT_EQ(installKernelExtensions({kext}, destination, *volume).size(), 1u) << destination;
     EXPECT_TRUE(fs::is_empty(outside.path()));
-}
-
-TEST_F(KextInstallationTest, MissingFoldersAreMadeRootOwned) {
-    const auto kext = newKext("A.kext", "1");
-    ASSERT_TRUE(installKernelExtensions({kext}, "/Extra/Extensions/", *volume).empty());
-    for (const auto* made : {"Extra", "Extra/Extensions", "Extra/Extensions/A.kext"}) {
-        const auto info = statOf(volumeRoot / made);
-        EXPECT_EQ(info.st_uid, 0u) << made;
-        EXPECT_EQ(info.st_gid, 0u) << made;
-        EXPECT_EQ(info.st_mode & 07777, 0755u) << made;
-    }
+    test::makeKext(outside.path(), "A.kext", PlistValue::Dict{});
+    EXPECT_TRUE(kextsReplacedBy(*volume, "/Escape/", {kext}).empty()) << "a link replaces nothing";
 }
 
 TEST_F(KextInstallationTest, NamesAndPathsAsUsersTypeThem) {
@@ -146,18 +139,6 @@ TEST_F(KextInstallationTest, ABundleWithADeviceOrFifoInsideIsRefused) {
     EXPECT_TRUE(fs::is_empty(volumeRoot / "Library/Extensions"));
 }
 
-TEST_F(KextInstallationTest, SystemFolderOfAReadOnlySystemVolumeIsRefused) {
-    test::makeVolume(volumeRoot, "10.15.7", "19H2");
-    const auto catalina = *Volume::initWithMountPoint(volumeRoot.string());
-    const auto kext = newKext("A.kext", "1");
-    const auto refusal = installationRefusal(catalina, "/System/Library/Extensions/");
-    ASSERT_TRUE(refusal);
-    EXPECT_NE(refusal->find("read-only system volume"), std::string::npos) << *refusal;
-    EXPECT_EQ(installKernelExtensions({kext}, "/System/Library/Extensions/", catalina).size(), 1u);
-    EXPECT_FALSE(fs::exists(volumeRoot / "System/Library/Extensions/A.kext"));
-    EXPECT_FALSE(installationRefusal(*volume, "/System/Library/Extensions/"));
-}
-
 TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
     test::writeText(volumeRoot / "Library/Extensions/Old.kext/Contents/Info.plist", "old");
     const Kext old(FileURL::fromPath("/elsewhere/Old.kext", false));
@@ -176,6 +157,14 @@ TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
         EXPECT_EQ(info.st_gid, 80u);
         EXPECT_EQ(info.st_mode & 07777, 0755u);
     }
+    test::writeText(volumeRoot / "Extra/Extensions/Old.kext/Contents/Info.plist", "extra");
+    EXPECT_TRUE(backupKernelExtensions({old}, "/Extra/Extensions/", *volume,
+                                       destination.string() + "/", now)
+                    .empty());
+    const auto manifest = readBackupManifest(backup);
+    ASSERT_TRUE(manifest) << "restore and undo can read what the helper backed up";
+    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
+    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Old.kext");
     EXPECT_TRUE(backupKernelExtensions({}, "/Library/Extensions/", *volume,
                                        (folder / "None/").string(), now)
                     .empty());
@@ -188,21 +177,17 @@ TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
 }
 
 TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {
-    const PlistValue bootCaches = PlistValue::Dict{
-        {"PostBootPaths",
-         PlistValue::Dict{{"Kernelcache v1.3",
-                           PlistValue::Dict{{"ExtensionsDir",
-                                             PlistValue::Array{"/System/Library/Extensions",
-                                                               "/Library/Apple/Extensions"}}}}}}};
-    EXPECT_EQ(
-        kernelCacheFolders(bootCaches),
-        (std::vector<std::string>{"/System/Library/Extensions", "/Library/Apple/Extensions"}));
-    const PlistValue single = PlistValue::Dict{
-        {"PostBootPaths",
-         PlistValue::Dict{{"Kernelcache v1.1", PlistValue::Dict{{"ExtensionsDir", "/S/E"}}}}}};
-    EXPECT_EQ(kernelCacheFolders(single), std::vector<std::string>{"/S/E"});
+    const auto named = [](const char* key, PlistValue folders) {
+        return PlistValue(PlistValue::Dict{
+            {"PostBootPaths",
+             PlistValue::Dict{{key, PlistValue::Dict{{"ExtensionsDir", std::move(folders)}}}}}});
+    };
+    EXPECT_EQ(kernelCacheFolders(named("Kernelcache v1.3", PlistValue::Array{"/S/E", "/L/A/E"})),
+              (std::vector<std::string>{"/S/E", "/L/A/E"}));
+    EXPECT_EQ(kernelCacheFolders(named("Kernelcache v1.1", "/S/E")),
+              std::vector<std::string>{"/S/E"});
     for (const PlistValue& none :
-         {PlistValue(PlistValue::Dict{}), PlistValue("text"),
+         {named("Other", "/S/E"), PlistValue("text"),
           PlistValue(PlistValue::Dict{{"PostBootPaths", PlistValue::Array{}}})})
         EXPECT_EQ(kernelCacheFolders(none),
                   (std::vector<std::string>{"/System/Library/Extensions", "/Library/Extensions"}));
@@ -211,54 +196,27 @@ TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {
 TEST(KextCachesTest, InvalidationOutrunsACacheNewerThanTheClock) {
     TemporaryFolder volumeRoot;
     test::makeVolume(volumeRoot.path(), "10.14.6", "18G103");
+    const auto volume = *Volume::initWithMountPoint(volumeRoot.path().string());
+    EXPECT_FALSE(rebuildCaches(volume)) << "no Extensions folder at all";
     const auto cache = volumeRoot / "System/Library/PrelinkedKernels/prelinkedkernel";
     test::writeText(cache, "cache");
     const auto future = fs::file_time_type::clock::now() + std::chrono::hours(24 * 365);
     fs::last_write_time(cache, future);
+    for (const auto* folder : {"System/Library/Extensions", "Library/Extensions", "Custom/Ext"})
+        fs::create_directories(volumeRoot / folder);
+    const auto before = fs::last_write_time(volumeRoot / "Custom/Ext");
+    ASSERT_TRUE(rebuildCaches(volume));
+    EXPECT_GT(fs::last_write_time(volumeRoot / "Library/Extensions"), future);
+    EXPECT_EQ(fs::last_write_time(volumeRoot / "Custom/Ext"), before);
     test::writePlist(
         volumeRoot / "usr/standalone/bootcaches.plist",
-        PlistValue::Dict{
-            {"PostBootPaths",
-             PlistValue::Dict{
-                 {"Kernelcache v1.4",
-                  PlistValue::Dict{{"ExtensionsDir", PlistValue::Array{"/Custom/Ext"}}}}}}},
+        PlistValue::Dict{{"PostBootPaths",
+                          PlistValue::Dict{{"Kernelcache v1.4",
+                                            PlistValue::Dict{{"ExtensionsDir", "/Custom/Ext"}}}}}},
         PlistFormat::binary);
-    fs::create_directories(volumeRoot / "Custom/Ext");
-    fs::create_directories(volumeRoot / "System/Library/Extensions");
-    const auto before = fs::last_write_time(volumeRoot / "System/Library/Extensions");
-    const auto volume = *Volume::initWithMountPoint(volumeRoot.path().string());
-
     ASSERT_TRUE(rebuildCaches(volume));
-    EXPECT_GT(fs::last_write_time(volumeRoot / "Custom/Ext"), future);
-    EXPECT_EQ(fs::last_write_time(volumeRoot / "System/Library/Extensions"), before)
+    EXPECT_GT(fs::last_write_time(volumeRoot / "Custom/Ext"), future)
         << "only the folders that the boot caches name";
-}
-
-TEST(KextCachesTest, InvalidationTouchesBothExtensionsFolders) {
-    TemporaryFolder volumeRoot;
-    test::makeVolume(volumeRoot.path(), "10.12.6", "16G29");
-    const auto volume = *Volume::initWithMountPoint(volumeRoot.path().string());
-    EXPECT_FALSE(rebuildCaches(volume)) << "no Extensions folder at all";
-    for (const auto* folder : {"System/Library/Extensions", "Library/Extensions"}) {
-        fs::create_directories(volumeRoot / folder);
-        fs::last_write_time(volumeRoot / folder,
-                            fs::file_time_type::clock::now() - std::chrono::hours(48));
-    }
-    ASSERT_TRUE(rebuildCaches(volume));
-    for (const auto* folder : {"System/Library/Extensions", "Library/Extensions"})
-        EXPECT_GT(fs::last_write_time(volumeRoot / folder),
-                  fs::file_time_type::clock::now() - std::chrono::minutes(1));
-}
-
-TEST(KextIntakeTest, AddsEachKextOnceAndOnlyKexts) {
-    KextIntake manager;
-    manager.addKernelExtensions(
-        std::vector<std::string>{"/k/A.kext", "/k/B.bundle", "/k/A.kext", "/k/C.kext"});
-    ASSERT_EQ(manager.kextsToInstall().size(), 2u);
-    EXPECT_EQ(manager.kextsToInstall()[0].name(), "A.kext");
-    EXPECT_EQ(manager.kextsToInstall()[1].name(), "C.kext");
-    EXPECT_EQ(manager.installationFolder(), KextFolder::LibraryExtensions);
-    EXPECT_EQ(manager.backupFolder(), "~/Desktop/");
 }
 
 } // namespace

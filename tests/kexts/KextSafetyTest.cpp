@@ -158,7 +158,7 @@ TEST_F(KextSafetyTest, TheVolumeLockKeepsASecondWriterOut) {
     ASSERT_EQ(byte, 'y');
     const auto refused = VolumeLock::acquire(volumeRoot.string(), 100ms);
     ASSERT_FALSE(refused);
-    EXPECT_NE(refused.error().find("is busy"), std::string::npos) << refused.error();
+    EXPECT_NE(refused.error().message.find("is busy"), std::string::npos);
     ASSERT_EQ(::write(toChild[1], "x", 1), 1);
     ::waitpid(child, nullptr, 0);
 

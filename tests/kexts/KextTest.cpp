@@ -1,84 +1,71 @@
-// Kext bundles: path and name from the URL, version precedence, equality and archives.
+// Kexts: path and name from the URL, the version shown and the one compared, archives.
 #include "kexts/Kext.h"
 
 #include "TestSupport.h"
+#include "kexts/KextCatalog.h"
+#include "kexts/KextIntake.h"
 
 #include <gtest/gtest.h>
 
 namespace quelm {
 namespace {
 
-using test::TemporaryFolder;
+using Dict = PlistValue::Dict;
 
-Kext kextAt(const std::filesystem::path& path) {
-    return Kext(FileURL::fromPath(path.string(), false));
+Kext kextAt(const std::string& path) {
+    return Kext(FileURL::fromPath(path, false));
 }
 
-TEST(KextTest, PathIsTheOneOnDiskWhateverTheName) {
-    const auto spaced = kextAt("/Volumes/My Disk/Fake SMC.kext");
-    EXPECT_EQ(spaced.path(), "/Volumes/My Disk/Fake SMC.kext");
-    EXPECT_EQ(spaced.name(), "Fake SMC.kext");
-    const auto accented = kextAt("/k/Réseau.kext");
-    EXPECT_EQ(accented.path(), "/k/Réseau.kext");
-    EXPECT_EQ(kextAt("/k/#1/100%.kext").path(), "/k/#1/100%.kext");
-    EXPECT_EQ(accented.name(), "Réseau.kext");
+TEST(KextTest, PathsAsUsersTypeThemAndTheIntakeTakesEachKextOnce) {
+    for (const auto* path : {"/Volumes/My Disk/Fake SMC.kext", "/k/Réseau.kext", "/k/#1/100%.kext"})
+        EXPECT_EQ(kextAt(path).path(), path);
+    EXPECT_EQ(kextAt("/k/Réseau.kext").name(), "Réseau.kext");
+    KextIntake intake;
+    intake.addKernelExtensions(
+        std::vector<std::string>{"/k/A.kext", "/k/B.bundle", "/k/A.kext", "/k/C.kext"});
+    ASSERT_EQ(intake.kextsToInstall().size(), 2u);
+    EXPECT_EQ(intake.kextsToInstall()[1].name(), "C.kext");
 }
 
-TEST(KextTest, VersionListAndShortStringTakePrecedence) {
-    for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
-        TemporaryFolder folder;
-        const auto bundle = test::makeKext(
-            folder / "with space", "A.kext",
-            PlistValue::Dict{{"CFBundleShortVersionString", "1.0"}, {"CFBundleVersion", "1.0.1"}},
-            std::nullopt, format);
-        EXPECT_EQ(kextAt(bundle).version(), "1.0");
-        test::writePlist(bundle / "Contents/version.plist",
-                         PlistValue::Dict{{"CFBundleShortVersionString", "2.0"}}, format);
-        EXPECT_EQ(kextAt(bundle).version(), "2.0");
+TEST(KextTest, TheVersionShownPrefersVersionPlistAndTheShortString) {
+    struct Case {
+        std::optional<Dict> info, versionList;
+        std::optional<std::string> shown;
+        std::string compared;
+    };
+    const Dict both{{"CFBundleShortVersionString", "1.0"}, {"CFBundleVersion", "1.0.1"}};
+    for (const auto& [info, versionList, shown, compared] : std::vector<Case>{
+             {both, std::nullopt, "1.0", "1.0.1"},
+             {both, Dict{{"CFBundleShortVersionString", "2.0"}}, "2.0", "1.0.1"},
+             {Dict{{"CFBundleVersion", "3"}}, Dict{{"CFBundleVersion", "4"}}, "4", "3"},
+             {Dict{{"CFBundleShortVersionString", 2}, {"CFBundleVersion", "2.0"}}, std::nullopt,
+              std::nullopt, "2.0"},
+             {std::nullopt, std::nullopt, std::nullopt, ""}}) {
+        for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
+            test::TemporaryFolder folder;
+            const auto bundle =
+                test::makeKext(folder / "with space", "A.kext", info, versionList, format);
+            const auto kext = readKext(bundle.string());
+            ASSERT_TRUE(kext);
+            EXPECT_EQ(kext->version(), shown) << compared;
+            EXPECT_EQ(kext->bundleVersion(), compared);
+        }
     }
-}
-
-TEST(KextTest, BundleVersionIsTheLastResort) {
-    TemporaryFolder folder;
-    const auto bundle =
-        test::makeKext(folder.path(), "B.kext", PlistValue::Dict{{"CFBundleVersion", "3"}},
-                       PlistValue::Dict{{"CFBundleVersion", "4"}});
-    EXPECT_EQ(kextAt(bundle).version(), "4");
-    std::filesystem::remove(bundle / "Contents/version.plist");
-    EXPECT_EQ(kextAt(bundle).version(), "3");
-}
-
-TEST(KextTest, NoListsOrANonStringFirstCandidateGiveNoVersion) {
-    TemporaryFolder folder;
-    EXPECT_EQ(kextAt(test::makeKext(folder.path(), "N.kext", std::nullopt)).version(),
-              std::nullopt);
-    const auto bundle = test::makeKext(
-        folder.path(), "T.kext",
-        PlistValue::Dict{{"CFBundleShortVersionString", 2}, {"CFBundleVersion", "2.0"}});
-    EXPECT_EQ(kextAt(bundle).version(), std::nullopt);
+    test::TemporaryFolder folder;
+    const auto bundle = test::makeKext(folder.path(), "B.kext", Dict{{"CFBundleVersion", "3"}});
     test::writeText(bundle / "Contents/version.plist", "<plist><dict>");
-    EXPECT_EQ(kextAt(bundle).version(), std::nullopt);
-}
-
-TEST(KextTest, EqualityFollowsThePath) {
-    const auto a = kextAt("/k/A.kext");
-    EXPECT_EQ(a, kextAt("/k/A.kext"));
-    EXPECT_EQ(a.hash(), kextAt("/k/A.kext").hash());
-    EXPECT_NE(a, kextAt("/k/B.kext"));
+    EXPECT_EQ(readKext(bundle.string())->version(), "3") << "a damaged version.plist is none";
 }
 
 TEST(KextTest, ArchiveCarriesTheURLText) {
     const auto kext = kextAt("/k/My Kext.kext");
     const auto archived = archive(kext);
     EXPECT_EQ(*archived.stringForKey("url"), "file:///k/My%20Kext.kext");
-    const auto restored = unarchive<Kext>(archived);
-    ASSERT_TRUE(restored);
-    EXPECT_EQ(*restored, kext);
-    EXPECT_FALSE(unarchive<Kext>(PlistValue::Dict{{"$class", "QVKernelExtension"}}));
-    EXPECT_FALSE(
-        unarchive<Kext>(PlistValue::Dict{{"$class", "QVKernelExtension"}, {"url", "/k/A.kext"}}));
-    EXPECT_FALSE(
-        unarchive<Kext>(PlistValue::Dict{{"$class", "QVOSVolume"}, {"url", "file:///k/A.kext"}}));
+    EXPECT_EQ(*unarchive<Kext>(archived), kext);
+    for (const auto& bad : {Dict{{"$class", "QVKernelExtension"}},
+                            Dict{{"$class", "QVKernelExtension"}, {"url", "/k/A.kext"}},
+                            Dict{{"$class", "QVOSVolume"}, {"url", "file:///k/A.kext"}}})
+        EXPECT_FALSE(unarchive<Kext>(bad));
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace quelm {
 namespace {
@@ -29,38 +30,29 @@ std::string withWord(std::string bytes, std::size_t offset, std::uint32_t value)
     return bytes;
 }
 
-TEST(MachOTest, ThinFilesGiveTheirCpuType) {
-    const auto intel = parseMachO(thinMachO(test::kX86_64, true, 72));
-    ASSERT_TRUE(intel) << intel.error().message;
-    EXPECT_FALSE(intel->fat);
-    EXPECT_TRUE(intel->hasX86_64());
-    EXPECT_EQ(namesOf(intel), std::vector<std::string>{"x86_64"});
-
-    const auto old = parseMachO(thinMachO(test::kI386, false));
-    EXPECT_EQ(namesOf(old), std::vector<std::string>{"i386"});
-    EXPECT_FALSE(old->hasX86_64());
-
+TEST(MachOTest, ThinAndFatFilesGiveEverySlice) {
     // A big-endian header, as PowerPC compilers wrote it.
     const std::string ppc =
         std::string("\xfe\xed\xfa\xce\0\0\0\x12\0\0\0\0\0\0\0\x0b", 16) + std::string(12, '\0');
-    EXPECT_EQ(namesOf(parseMachO(ppc)), std::vector<std::string>{"ppc"});
-}
-
-TEST(MachOTest, FatFilesGiveEverySlice) {
-    const auto both = fatMachO({{test::kX86_64, thinMachO(test::kX86_64)},
-                                {test::kArm64, thinMachO(test::kArm64, true, 100)}});
-    const auto file = parseMachO(both);
-    ASSERT_TRUE(file) << file.error().message;
-    EXPECT_TRUE(file->fat);
-    EXPECT_EQ(namesOf(file), (std::vector<std::string>{"x86_64", "arm64"}));
-    EXPECT_TRUE(file->hasX86_64());
-
-    const auto armOnly = parseMachO(fatMachO(
-        {{test::kArm64, thinMachO(test::kArm64)}, {test::kI386, thinMachO(test::kI386, false)}},
-        true));
-    ASSERT_TRUE(armOnly) << armOnly.error().message;
-    EXPECT_EQ(namesOf(armOnly), (std::vector<std::string>{"arm64", "i386"}));
-    EXPECT_FALSE(armOnly->hasX86_64());
+    const auto arm = thinMachO(test::kArm64, true, 100);
+    const auto i386 = thinMachO(test::kI386, false);
+    for (const auto& [bytes, fat, names] :
+         std::vector<std::tuple<std::string, bool, std::vector<std::string>>>{
+             {thinMachO(test::kX86_64, true, 72), false, {"x86_64"}},
+             {i386, false, {"i386"}},
+             {ppc, false, {"ppc"}},
+             {fatMachO({{test::kX86_64, thinMachO(test::kX86_64)}, {test::kArm64, arm}}),
+              true,
+              {"x86_64", "arm64"}},
+             {fatMachO({{test::kArm64, arm}, {test::kI386, i386}}, true),
+              true,
+              {"arm64", "i386"}}}) {
+        const auto file = parseMachO(bytes);
+        ASSERT_TRUE(file) << file.error().message;
+        EXPECT_EQ(file->fat, fat);
+        EXPECT_EQ(namesOf(file), names);
+        EXPECT_EQ(file->hasX86_64(), names[0] == "x86_64");
+    }
 }
 
 TEST(MachOTest, HostileFilesAreRefusedNeverReadPastTheirEnd) {

@@ -35,7 +35,7 @@ TEST_F(RealKextsTest, FlatBundlesAreListedWithTheirCodeAndPlugIns) {
     const auto kexts = installedKexts(volume());
     ASSERT_EQ(kexts.size(), 3u);
     const auto& pci = kexts[0];
-    EXPECT_EQ(pci.path, "/System/Library/Extensions/IOPCIFamily.kext");
+    EXPECT_EQ(pci.path(), "/System/Library/Extensions/IOPCIFamily.kext");
     EXPECT_TRUE(pci.flat);
     EXPECT_TRUE(pci.isApple());
     EXPECT_EQ(pci.cpuTypes(), std::vector<std::string>{"x86_64"});
@@ -43,14 +43,14 @@ TEST_F(RealKextsTest, FlatBundlesAreListedWithTheirCodeAndPlugIns) {
     const auto& system = kexts[1];
     EXPECT_EQ(system.identifier(), "com.apple.kernel");
     ASSERT_EQ(system.plugIns.size(), 6u);
-    EXPECT_EQ(system.plugIns[0].path,
+    EXPECT_EQ(system.plugIns[0].path(),
               "/System/Library/Extensions/System.kext/PlugIns/BSDKernel.kext");
     EXPECT_EQ(system.plugIns[0].identifier(), "com.apple.kpi.bsd");
 
-    EXPECT_EQ(kexts[2].path, "/Library/Apple/System/Library/Extensions/IOACPIFamily.kext");
+    EXPECT_EQ(kexts[2].path(), "/Library/Apple/System/Library/Extensions/IOACPIFamily.kext");
     EXPECT_FALSE(kexts[2].flat);
 
-    const auto lilu = readKextBundle((test::realKextsFolder() / "Lilu.kext").string());
+    const auto lilu = readKext((test::realKextsFolder() / "Lilu.kext").string());
     ASSERT_TRUE(lilu);
     EXPECT_FALSE(lilu->flat);
     EXPECT_EQ(lilu->version(), "1.6.8");
@@ -58,9 +58,9 @@ TEST_F(RealKextsTest, FlatBundlesAreListedWithTheirCodeAndPlugIns) {
 }
 
 TEST_F(RealKextsTest, AFlatBundlesVersionIsReadFromItsTop) {
-    const Kext pci(
-        FileURL::fromPath((root / "System/Library/Extensions/IOPCIFamily.kext").string(), true));
-    EXPECT_EQ(pci.version(), std::optional<std::string>("2.9"));
+    const auto pci = readKext((root / "System/Library/Extensions/IOPCIFamily.kext").string());
+    ASSERT_TRUE(pci);
+    EXPECT_EQ(pci->version(), std::optional<std::string>("2.9"));
 }
 
 TEST_F(RealKextsTest, RealKextsPassWhereTheyWouldLoad) {

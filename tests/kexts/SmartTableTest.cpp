@@ -1,17 +1,18 @@
-// Smart table: preparing, loading, saving and resetting the user copy; the shipped table.
+// Smart table: the user copy prepared, loaded, saved and reset; the shipped table.
 #include "kexts/SmartTable.h"
 
 #include "TestSupport.h"
 #include "kexts/KextFolder.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace quelm {
 namespace {
 
 using test::TemporaryFolder;
 
-PlistValue::Dict tableFile(std::string version, PlistValue::Dict contents) {
+PlistValue::Dict tableFile(std::string version, PlistValue::Dict contents = {}) {
     return {{"Version", std::move(version)}, {"Contents", std::move(contents)}};
 }
 
@@ -25,105 +26,66 @@ protected:
         bundle.emplace(resources.path());
     }
     SmartTable manager() const { return SmartTable(support.path(), *bundle); }
-    PlistValue::Dict userCopy() const {
-        return *readPlistDictionary(support / "QVUserDefaultSmartTable.plist");
-    }
+    PlistValue::Dict userCopy() const { return *readPlistDictionary(path); }
 
     TemporaryFolder resources, support;
+    std::filesystem::path path = support / "QVUserDefaultSmartTable.plist";
     std::optional<Bundle> bundle;
-    const PlistValue::Dict shipped =
-        tableFile("1.2", {{"FakeSMC.kext", "/System/Library/Extensions/"}});
 };
 
-TEST_F(SmartTableTest, CreatesTheUserCopyWithItsVersion) {
-    shipTable(shipped);
-    ASSERT_TRUE(manager().prepare());
-    EXPECT_EQ(userCopy(), shipped);
-}
-
-TEST_F(SmartTableTest, VersionsCompareAsStrings) {
-    const auto path = support / "QVUserDefaultSmartTable.plist";
+TEST_F(SmartTableTest, TheUserCopyIsRefreshedOnlyWhenTheShippedVersionSortsAfterIt) {
     const auto edited = tableFile("1.9", {{"Mine.kext", "/Library/Extensions/"}});
-    shipTable(tableFile("1.10", {}));
-    test::writePlist(path, edited, PlistFormat::binary);
-    ASSERT_TRUE(manager().prepare());
-    EXPECT_EQ(userCopy(), edited) << "\"1.9\" sorts after \"1.10\": the user copy stays";
-
-    shipTable(tableFile("1.9", {}));
-    test::writePlist(path, tableFile("1.10", {}));
-    ASSERT_TRUE(manager().prepare());
-    EXPECT_EQ(*userCopy().at("Version").string(), "1.9");
-
-    shipTable(shipped);
-    test::writePlist(path, tableFile("1.1", {}));
-    ASSERT_TRUE(manager().prepare());
-    EXPECT_EQ(userCopy(), shipped);
-    test::writePlist(path, edited);
-    shipTable(tableFile("1.9", {}));
-    ASSERT_TRUE(manager().prepare());
-    EXPECT_EQ(userCopy(), edited) << "an equal version keeps the user copy";
+    // Versions compare as strings: "1.9" sorts after "1.10".
+    for (const auto& [shipped, before, after] :
+         std::vector<std::tuple<std::string, std::optional<PlistValue::Dict>, std::string>>{
+             {"1.2", std::nullopt, "1.2"},
+             {"1.10", edited, "1.9"},
+             {"1.9", tableFile("1.10"), "1.9"},
+             {"1.9", edited, "1.9"}}) {
+        shipTable(tableFile(shipped));
+        if (before)
+            test::writePlist(path, *before, PlistFormat::binary);
+        ASSERT_TRUE(manager().prepare());
+        EXPECT_EQ(*userCopy().at("Version").string(), after) << shipped;
+    }
+    EXPECT_EQ(userCopy(), edited) << "an equal version keeps the user's entries";
 }
 
 TEST_F(SmartTableTest, PreparationErrorsLeaveTheUserCopyAlone) {
-    shipTable(shipped);
-    const auto path = support / "QVUserDefaultSmartTable.plist";
+    shipTable(tableFile("1.2"));
     test::writePlist(path, PlistValue::Dict{{"Contents", PlistValue::Dict{}}});
     const auto before = test::readText(path);
     EXPECT_EQ(manager().prepare().error(), SmartTableError::failedToFindLocalTableVersion);
     EXPECT_EQ(test::readText(path), before);
-
-    test::writePlist(path, tableFile("1.0", {}));
+    EXPECT_EQ(SmartTable(support / "missing", *bundle).prepare().error(),
+              SmartTableError::failedToAllocateDefaultSmartTable);
+    EXPECT_FALSE(std::filesystem::exists(support / "missing"));
+    test::writePlist(path, tableFile("1.0"));
     shipTable(PlistValue::Dict{{"Contents", PlistValue::Dict{}}});
     EXPECT_EQ(manager().prepare().error(), SmartTableError::failedToFindInternalTableVersion);
-
     bundle.emplace(support / "no-bundle-here");
     EXPECT_EQ(manager().prepare().error(), SmartTableError::failedToFindDefaultSmartTable);
 }
 
-TEST_F(SmartTableTest, FailedWriteLeavesNoFile) {
+TEST_F(SmartTableTest, LoadingSavingAndResetting) {
+    const auto shipped = tableFile("1.2", {{"FakeSMC.kext", "/System/Library/Extensions/"}});
     shipTable(shipped);
-    const SmartTable missingFolder(support / "missing", *bundle);
-    EXPECT_EQ(missingFolder.prepare().error(), SmartTableError::failedToAllocateDefaultSmartTable);
-    EXPECT_FALSE(std::filesystem::exists(support / "missing"));
-}
+    const auto mixed = support / "Application Support/t.plist";
+    test::writePlist(mixed, tableFile("2", {{"A.kext", "/Library/Extensions/"}, {"B.kext", 3}}));
+    const SmartTable loaded(support.path(), *bundle, mixed.string());
+    EXPECT_EQ(loaded.version(), "2");
+    EXPECT_TRUE(loaded.table().empty()) << "every entry must be a string";
+    EXPECT_EQ(SmartTable(support.path(), *bundle, "/none").version(), std::nullopt);
 
-TEST_F(SmartTableTest, SupportFolderWithABlank) {
-    shipTable(shipped);
-    const auto folder = support / "Application Support" / "Quelm";
-    std::filesystem::create_directories(folder);
-    const SmartTable spaced(folder, *bundle);
-    EXPECT_EQ(spaced.userCopyPath(), (folder / "QVUserDefaultSmartTable.plist").string());
-    ASSERT_TRUE(spaced.prepare());
-    const SmartTable loaded(folder, *bundle, spaced.userCopyPath());
-    EXPECT_EQ(loaded.version(), "1.2");
-    EXPECT_EQ(loaded.table().at("FakeSMC.kext"), "/System/Library/Extensions/");
-}
-
-TEST_F(SmartTableTest, LoadingNeedsStringEntries) {
-    shipTable(shipped);
-    const auto path = support / "t.plist";
-    test::writePlist(path, tableFile("2", {{"A.kext", "/Library/Extensions/"}, {"B.kext", 3}}));
-    const SmartTable mixed(support.path(), *bundle, path.string());
-    EXPECT_TRUE(mixed.table().empty());
-    EXPECT_EQ(mixed.version(), "2");
-    const SmartTable missing(support.path(), *bundle, (support / "none").string());
-    EXPECT_TRUE(missing.table().empty());
-    EXPECT_EQ(missing.version(), std::nullopt);
-}
-
-TEST_F(SmartTableTest, SaveWritesEntriesAndResetRestoresTheShippedFile) {
-    shipTable(shipped);
     auto edited = manager();
     edited.setTable({{"Mine.kext", "/Extra/Extensions/"}});
     ASSERT_TRUE(edited.save());
     EXPECT_EQ(userCopy(), (PlistValue::Dict{{"Mine.kext", "/Extra/Extensions/"}}));
     ASSERT_TRUE(manager().reset());
     EXPECT_EQ(userCopy(), shipped);
-
     std::filesystem::remove(resources / "QVDefaultSmartTable.plist");
-    ASSERT_TRUE(edited.save());
     EXPECT_FALSE(manager().reset());
-    EXPECT_EQ(userCopy(), (PlistValue::Dict{{"Mine.kext", "/Extra/Extensions/"}}));
+    EXPECT_EQ(userCopy(), shipped) << "a failed reset keeps the user copy";
 }
 
 TEST(ShippedResourcesTest, InfoPlistCarriesIdentityAndTheDefaultTable) {
@@ -143,10 +105,9 @@ TEST(ShippedResourcesTest, InfoPlistCarriesIdentityAndTheDefaultTable) {
     const auto* contents = embedded->find("Contents");
     ASSERT_TRUE(contents && contents->dict() && !contents->dict()->empty());
     for (const auto& [name, folder] : *contents->dict()) {
-        EXPECT_TRUE(name.ends_with(".kext")) << name;
         const auto policy = kernelExtensionFolderFromRawValue(*folder.string());
-        EXPECT_TRUE(policy == KextFolder::LibraryExtensions ||
-                    policy == KextFolder::SystemLibraryExtensions)
+        EXPECT_TRUE(name.ends_with(".kext") && (policy == KextFolder::LibraryExtensions ||
+                                                policy == KextFolder::SystemLibraryExtensions))
             << name;
     }
 }

@@ -77,10 +77,10 @@ TEST(HostilePlistTest, RegressionBombInAKextInfoPlistLeavesTheBundleWithoutInfo)
     const std::vector<std::string> paths{(folder / "Padded.kext").string(),
                                          (folder / "Bomb.kext").string()};
     const ResidentPeak peak;
-    const auto padded = readKextBundle(paths[0]);
+    const auto padded = readKext(paths[0]);
     ASSERT_TRUE(padded);
     EXPECT_EQ(padded->identifier(), "com.example.padded");
-    const auto bomb = readKextBundle(paths[1]);
+    const auto bomb = readKext(paths[1]);
     ASSERT_TRUE(bomb);
     EXPECT_FALSE(bomb->info);
     EXPECT_EQ(checkKexts(paths, std::nullopt), (std::vector<std::vector<std::string>>{
@@ -148,11 +148,11 @@ TEST(HostilePlistTest, RegressionBombInABackupManifestIsAnError) {
     test::writeText(folder / "Bomb" / kBackupManifestName, manifest(kBomb));
     const ResidentPeak peak;
     const auto padded = readBackupManifest(folder / "Padded");
-    ASSERT_TRUE(padded) << padded.error();
+    ASSERT_TRUE(padded) << padded.error().message;
     EXPECT_EQ(padded->volume, "/Volumes/Mac HD");
     const auto bomb = readBackupManifest(folder / "Bomb");
     ASSERT_FALSE(bomb);
-    EXPECT_THAT(bomb.error(), HasSubstr("Manifest.plist cannot be read: binary property list "
+    EXPECT_THAT(bomb.error().message, HasSubstr("Manifest.plist cannot be read: binary property list "
                                         "would take more than 17 MiB to read"));
     EXPECT_LT(peak.growth(), kPeakBound);
 }
@@ -197,14 +197,14 @@ TEST(HostilePlistTest, RegressionBombInTheHistoryIsRefusedAndLeftAsItIs) {
     test::writeText(file, history(kReadable));
     const ResidentPeak peak;
     const auto padded = readHistory(file);
-    ASSERT_TRUE(padded) << padded.error();
+    ASSERT_TRUE(padded) << padded.error().message;
     ASSERT_EQ(padded->size(), 1u);
     EXPECT_EQ(padded->front().kexts, std::vector<std::string>{"/Library/Extensions/Lilu.kext"});
     const auto bomb = history(kBomb);
     test::writeText(file, bomb);
     const auto refused = readHistory(file);
     ASSERT_FALSE(refused);
-    EXPECT_EQ(refused.error(), file.string() + " is not a history of operations");
+    EXPECT_EQ(refused.error().message, file.string() + " is not a history of operations");
     EXPECT_FALSE(appendHistory(file, padded->front()));
     EXPECT_EQ(test::readText(file), bomb);
     EXPECT_LT(peak.growth(), kPeakBound);

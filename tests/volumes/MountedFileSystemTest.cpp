@@ -1,11 +1,9 @@
-// How volumes are mounted: the kernel's mount table, HFS+ journals, read-only refusals.
+// How volumes are mounted: the kernel's mount table and HFS+ journals.
 #include "volumes/MountedFileSystem.h"
 
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-#include <memory>
-#include <sys/mount.h>
 
 namespace quelm {
 namespace {
@@ -50,25 +48,6 @@ TEST(MountedFileSystemTest, TheVolumeHeaderTellsAJournaledHFSPlusVolume) {
     start.replace(1024, 2, "HX");
     EXPECT_EQ(isJournaledHFSPlus(start), true) << "case-sensitive HFSX";
     EXPECT_FALSE(isJournaledHFSPlus(start.substr(0, 1030)));
-}
-
-TEST(MountedFileSystemTest, AReadOnlyMountIsRefusedWithItsReason) {
-    if (!test::runningAsRoot())
-        GTEST_SKIP() << "mounting takes root";
-    test::TemporaryFolder folder;
-    const auto root = folder / "Mac HD";
-    std::filesystem::create_directories(root);
-    if (::mount("quelm-test", root.c_str(), "tmpfs", 0, "size=1m") != 0)
-        GTEST_SKIP() << "this host does not let tests mount";
-    const std::unique_ptr<const char, int (*)(const char*)> unmount(root.c_str(), ::umount);
-    test::makeVolume(root, "10.13.6", "17G66");
-    const auto volume = *Volume::initWithMountPoint(root.string());
-    EXPECT_FALSE(writeRefusal(volume));
-    ASSERT_EQ(::mount("quelm-test", root.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    const auto refusal = writeRefusal(volume);
-    ASSERT_TRUE(refusal);
-    EXPECT_EQ(*refusal, root.string() + " is mounted read-only (tmpfs on quelm-test): remount "
-                                        "it read-write and try again.");
 }
 
 } // namespace

@@ -33,7 +33,7 @@ void printRecord(const HistoryRecord& record) {
 int showHistory(const Options& options) {
     const auto records = readHistory(historyFilePath());
     if (!records) {
-        printError(records.error());
+        printError(records.error().message);
         return 2;
     }
     const std::string volume = options.volume.empty() ? "" : absoluteNormalPath(options.volume);

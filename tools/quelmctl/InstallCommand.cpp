@@ -11,8 +11,6 @@
 namespace quelm::ctl {
 namespace {
 
-namespace fs = std::filesystem;
-
 struct Options {
     std::string volume;
     std::string folder = "smart";

@@ -1,5 +1,5 @@
 // quelmctl kext-info: a kext bundle as Quelm sees it.
-#include "kexts/Kext.h"
+#include "kexts/KextCatalog.h"
 #include "quelmctl/Commands.h"
 
 #include <filesystem>
@@ -9,7 +9,7 @@ namespace quelm::ctl {
 namespace {
 
 int showKext(const std::string& path) {
-    const Kext kext(FileURL::fromPath(path, false));
+    const Kext kext = readKext(path).value_or(Kext(FileURL::fromPath(path, false)));
     if (kext.url().pathExtension() != "kext") {
         printError(path + " is not a kext bundle: its name must end in .kext");
         return 1;

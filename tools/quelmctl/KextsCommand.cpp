@@ -13,11 +13,11 @@ struct Options {
     bool json = false;
 };
 
-std::string folderOf(const KextBundle& kext) {
-    return kext.path.substr(0, kext.path.rfind('/') + 1);
+std::string folderOf(const Kext& kext) {
+    return kext.path().substr(0, kext.path().rfind('/') + 1);
 }
 
-std::string codeText(const KextBundle& kext) {
+std::string codeText(const Kext& kext) {
     if (!kext.executable)
         return "no executable";
     if (!*kext.executable)
@@ -28,12 +28,12 @@ std::string codeText(const KextBundle& kext) {
     return types;
 }
 
-void printLine(const KextBundle& kext, int depth) {
-    std::cout << std::string(static_cast<std::size_t>(depth) * 2, ' ') << kext.name;
+void printLine(const Kext& kext, int depth) {
+    std::cout << std::string(static_cast<std::size_t>(depth) * 2, ' ') << kext.name();
     if (!kext.info)
         std::cout << " (no readable Info.plist)";
     else
-        std::cout << " (" << kext.identifier() << ' ' << kext.version() << ')';
+        std::cout << " (" << kext.identifier() << ' ' << kext.version().value_or("") << ')';
     std::cout << " in " << folderOf(kext) << ": " << codeText(kext)
               << (kext.isApple() ? "; Apple's" : "")
               << (kext.hasCodeSignature ? "; code signature" : "; no code signature")
@@ -44,15 +44,16 @@ void printLine(const KextBundle& kext, int depth) {
         printLine(plugIn, depth + 1);
 }
 
-std::string jsonOf(const KextBundle& kext) {
+std::string jsonOf(const Kext& kext) {
     const bool unusable = kext.executable && !*kext.executable;
     std::string plugIns;
     for (const auto& plugIn : kext.plugIns)
         plugIns += (plugIns.empty() ? "" : ", ") + jsonOf(plugIn);
-    return "{\"name\": " + jsonString(kext.name) +
+    return "{\"name\": " + jsonString(kext.name()) +
            ", \"identifier\": " + jsonString(kext.identifier()) +
-           ", \"version\": " + jsonString(kext.version()) +
-           ", \"folder\": " + jsonString(folderOf(kext)) + ", \"path\": " + jsonString(kext.path) +
+           ", \"version\": " + jsonString(kext.version().value_or("")) +
+           ", \"folder\": " + jsonString(folderOf(kext)) +
+           ", \"path\": " + jsonString(kext.path()) +
            ", \"infoPlistReadable\": " + (kext.info ? "true" : "false") +
            ", \"apple\": " + (kext.isApple() ? "true" : "false") +
            ", \"ownersAndModesRight\": " + (kext.ownersAndModesRight ? "true" : "false") +

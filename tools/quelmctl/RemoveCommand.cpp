@@ -37,14 +37,14 @@ std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
         }
         for (const auto* kext : found) {
             if (kext->isApple() && !options.force) {
-                printError(kext->path + " is Apple's (" + kext->identifier() +
+                printError(kext->path() + " is Apple's (" + kext->identifier() +
                            "): macOS may need it to start; add --force to remove it anyway");
                 refused = true;
             }
-            if (std::ranges::find(paths, kext->path) != paths.end())
+            if (std::ranges::find(paths, kext->path()) != paths.end())
                 continue;
-            paths.push_back(kext->path);
-            if (auto staged = stagedCopyOf(volume, kext->path))
+            paths.push_back(kext->path());
+            if (auto staged = stagedCopyOf(volume, kext->path()))
                 paths.push_back(std::move(*staged));
         }
     }

@@ -23,7 +23,7 @@ struct Options {
 int describeRestore(const std::string& backup, const Volume& volume, bool json) {
     const auto steps = planRestore(backup, volume);
     if (!steps) {
-        printError(steps.error());
+        printError(steps.error().message);
         return 2;
     }
     RescueOutcome planned;
@@ -48,7 +48,7 @@ bool sameFolder(const std::string& a, const std::string& b) {
 std::optional<Volume> volumeFor(const Options& options) {
     const auto manifest = readBackupManifest(options.backup);
     if (!manifest) {
-        printError(manifest.error());
+        printError(manifest.error().message);
         return std::nullopt;
     }
     if (options.volume.empty())

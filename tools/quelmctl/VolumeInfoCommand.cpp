@@ -69,7 +69,7 @@ void showMount(const Volume& volume) {
     showHalves(volume);
     showMountOf(volume.mountPoint(), "");
     const auto refusal = writeRefusal(volume);
-    std::cout << "writable: " << (refusal ? "no: " + *refusal : std::string("yes")) << '\n';
+    std::cout << "writable: " << (refusal ? "no: " + refusal->message : std::string("yes")) << '\n';
 }
 
 int showVolume(const std::string& path) {

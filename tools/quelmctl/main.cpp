@@ -42,7 +42,7 @@ std::optional<Volume> openVolume(const std::string& path,
     auto volume =
         openMacOS(absoluteNormalPath(path), dataVolumeOption() ? dataVolumeOption() : dataPath);
     if (!volume) {
-        printError(volume.error());
+        printError(volume.error().message);
         return std::nullopt;
     }
     return std::move(*volume);
@@ -51,7 +51,7 @@ std::optional<Volume> openVolume(const std::string& path,
 bool refusesWrites(const Volume& volume, std::string_view path) {
     const auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path);
     if (refusal)
-        printError(*refusal);
+        printError(refusal->message);
     return refusal.has_value();
 }
 
