@@ -79,7 +79,7 @@ void VolumeScreen::resizeEvent(QResizeEvent* event) {
 }
 
 void VolumeScreen::refreshProxy() {
-    proxy_ = HelperManager::shared().proxy();
+    proxy_ = HelperManager::shared().connection();
 }
 
 void VolumeScreen::renderLocalizedOutlets() {
@@ -241,29 +241,18 @@ void VolumeScreen::reset() {
     updateStatusWithLocalizedString(qtTrId("kQVMainAbstractMaintenanceVCReady"));
 }
 
-void VolumeScreen::whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
-                               std::function<void(const RemoteValue&)> handler) {
-    proxy_->call(selector, std::move(arguments),
-                 [this, handler = std::move(handler)](std::optional<RemoteValue> reply) {
-                     if (!reply)
-                         return;
-                     QMetaObject::invokeMethod(
-                         this, [handler, value = std::move(*reply)] { handler(value); },
-                         Qt::QueuedConnection);
-                 });
-}
-
 void VolumeScreen::callRepairDiskPermissions() {
     const auto& volume = VolumeManager::shared().selectedOSVolume();
     if (!proxy_ || !volume)
         return;
     if (delegate_)
         delegate_->willRepairDiskPermissions();
-    whenReplied("repairDiskPermissionsOnTargetVolume:reply:", {*volume}, [this](const auto& reply) {
-        if (delegate_)
-            delegate_->didRepairDiskPermissionsWithResults(
-                std::get<std::vector<ResultRecord>>(reply));
-    });
+    whenReplied<std::vector<ResultRecord>>(
+        [target = *volume](HelperClient& client) { return client.repairPermissions(target); },
+        [this](const auto& results) {
+            if (delegate_)
+                delegate_->didRepairDiskPermissionsWithResults(results);
+        });
 }
 
 void VolumeScreen::callRebuildCaches() {
@@ -272,20 +261,21 @@ void VolumeScreen::callRebuildCaches() {
         return;
     if (delegate_)
         delegate_->willRebuildCaches();
-    whenReplied("rebuildCachesOnTargetVolume:reply:", {*volume}, [this](const auto&) {
-        if (delegate_)
-            delegate_->didRebuildCaches();
-    });
+    whenReplied<bool>(
+        [target = *volume](HelperClient& client) { return client.rebuildCaches(target); },
+        [this](const auto&) {
+            if (delegate_)
+                delegate_->didRebuildCaches();
+        });
 }
 
 void VolumeScreen::callCheckWritableTargetVolume(std::function<void(const std::string&)> handler) {
     const auto& volume = VolumeManager::shared().selectedOSVolume();
     if (!proxy_ || !volume)
         return;
-    whenReplied("checkWritableTargetVolume:reply:", {*volume},
-                [handler = std::move(handler)](const auto& reply) {
-                    handler(std::get<std::string>(reply));
-                });
+    whenReplied<std::string>(
+        [target = *volume](HelperClient& client) { return client.checkWritableVolume(target); },
+        std::move(handler));
 }
 
 void VolumeScreen::callInstallKexts(const std::vector<Kext>& kexts, KextFolder folder) {
@@ -295,28 +285,31 @@ void VolumeScreen::callInstallKexts(const std::vector<Kext>& kexts, KextFolder f
                    "install the kexts with.");
     if (delegate_)
         delegate_->willInstallKexts();
-    whenReplied("installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
-                {kexts, std::string(rawValue(folder)), *volume}, [this](const auto& reply) {
-                    if (delegate_)
-                        delegate_->didInstallKexts(std::get<std::vector<Kext>>(reply));
-                });
+    whenReplied<std::vector<Kext>>(
+        [kexts, into = std::string(rawValue(folder)), target = *volume](HelperClient& client) {
+            return client.installKexts(kexts, into, target);
+        },
+        [this](const auto& failed) {
+            if (delegate_)
+                delegate_->didInstallKexts(failed);
+        });
 }
 
 void VolumeScreen::callBackupKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                                   const std::string& destination) {
+                                   const std::string& backupFolder) {
     const auto& volume = VolumeManager::shared().selectedOSVolume();
     if (!proxy_ || !volume)
         fatalError("QVMainAbstractMaintenanceVC::FatalError: no helper or no target volume to "
                    "back up the kexts with.");
     if (delegate_)
         delegate_->willBackupKexts();
-    whenReplied("backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:"
-                "reply:",
-                {kexts, std::string(rawValue(folder)), *volume, destination},
-                [this](const auto& reply) {
-                    if (delegate_)
-                        delegate_->didBackupKexts(std::get<std::vector<Kext>>(reply));
-                });
+    whenReplied<std::vector<Kext>>(
+        [kexts, from = std::string(rawValue(folder)), target = *volume, backupFolder](
+            HelperClient& client) { return client.backUpKexts(kexts, from, target, backupFolder); },
+        [this](const auto& failed) {
+            if (delegate_)
+                delegate_->didBackupKexts(failed);
+        });
 }
 
 std::unique_ptr<ResultsView> VolumeScreen::prepareForSegue(const QString& identifier) {

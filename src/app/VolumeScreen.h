@@ -4,7 +4,7 @@
 
 #include "app/Screen.h"
 #include "app/TargetVolume.h"
-#include "helper/HelperConnection.h"
+#include "helper/HelperClient.h"
 #include "kexts/Kext.h"
 #include "kexts/KextFolder.h"
 #include "ui/ResultsView.h"
@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <thread>
 
 namespace quelm {
 
@@ -47,10 +48,10 @@ public:
     void callRebuildCaches();
     /// Installs the kexts into one of the three concrete folders.
     void callInstallKexts(const std::vector<Kext>& kexts, KextFolder folder);
-    /// Copies the kexts installed in folder into a dated folder that the helper makes in
-    /// destination, or adds to when one of the same second is there; destination ends with "/".
+    /// Copies the kexts installed in folder into backupFolder, which the helper makes and which
+    /// must not exist yet.
     void callBackupKexts(const std::vector<Kext>& kexts, KextFolder folder,
-                         const std::string& destination);
+                         const std::string& backupFolder);
 
     /// Asks for the volume's folder, then accepts it or says why not and asks again; true when
     /// accepted, false when the user cancels.
@@ -76,7 +77,7 @@ protected:
     void showEvent(QShowEvent* event) override;
     /// Elides the mount point again to the width the label now has.
     void resizeEvent(QResizeEvent* event) override;
-    HelperConnection* proxy() const { return proxy_; }
+    const std::shared_ptr<HelperConnection>& proxy() const { return proxy_; }
     /// Takes the helper manager's connection again.
     void refreshProxy();
     /// Asks the helper whether root can write to the selected volume; the handler gets "" or
@@ -85,9 +86,20 @@ protected:
 
     /// While a job runs, the controls that would change its target or its state are off.
     void setControlsEnabled(bool enabled);
-    /// Runs on the main thread once the reply arrives.
-    void whenReplied(std::string_view selector, std::vector<RemoteValue> arguments,
-                     std::function<void(const RemoteValue&)> handler);
+    /// Makes the call on a worker thread; the handler runs on the main thread once the reply
+    /// arrives.
+    template <class T>
+    void whenReplied(std::function<std::optional<T>(HelperClient&)> call,
+                     std::function<void(const T&)> handler) {
+        std::thread([this, client = HelperClient(proxy_), call = std::move(call),
+                     handler = std::move(handler)]() mutable {
+            auto reply = call(client);
+            if (reply)
+                QMetaObject::invokeMethod(
+                    this, [handler, value = std::move(*reply)] { handler(value); },
+                    Qt::QueuedConnection);
+        }).detach();
+    }
     /// The mount point, and the macOS with the folder of each of its volumes.
     void showVolume(const Volume& volume);
 
@@ -110,7 +122,7 @@ private:
     void showPath(const QString& path);
 
     JobStepsDelegate* delegate_ = nullptr;
-    HelperConnection* proxy_ = nullptr;
+    std::shared_ptr<HelperConnection> proxy_;
     std::optional<ResultsSource> result_;
 };
 

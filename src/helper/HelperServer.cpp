@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <list>
 #include <memory>
@@ -72,9 +71,10 @@ int serveHelper(HelperOperations& helper, int in, int out) {
             helper.setConnection(nullptr);
             return 1;
         }
-        if (call->operation->selector == "terminateHelper") {
-            std::fflush(stderr);
-            ::_exit(0);
+        // A one-way call (terminateHelper) acts at once, ahead of the calls under way.
+        if (!call->id) {
+            helper.perform(*call);
+            continue;
         }
         joinFinished(calls);
         auto& running = calls.emplace_back();

@@ -17,7 +17,7 @@ bool peerIsAllowed(int channel);
 
 /// Serves calls read from in, replying on out, until the application closes the channel (0)
 /// or sends something malformed (1: the channel is closed at once, calls under way finish).
-/// terminateHelper ends the process with status 0 immediately.
+/// A one-way call runs at once: terminateHelper ends the process with status 0 immediately.
 int serveHelper(HelperOperations& helper, int in, int out);
 
 } // namespace quelm
