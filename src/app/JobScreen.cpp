@@ -49,50 +49,6 @@ std::vector<Kext> replacedKexts(const std::vector<Kext>& kexts, KextFolder folde
     return replaced;
 }
 
-/// Each folder of root that has a manifest, by the inode of the manifest: the helper writes a
-/// manifest whole under another name and renames it into place, so every write gives a new one.
-std::map<std::string, ino_t> manifestInodes(const std::filesystem::path& root) {
-    std::map<std::string, ino_t> inodes;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
-        struct stat info {};
-        if (::lstat((entry.path() / kBackupManifestName).c_str(), &info) == 0)
-            inodes[entry.path().string()] = info.st_ino;
-    }
-    return inodes;
-}
-
-/// Whether the manifest of backup names each kext as taken from folder.
-bool manifestNames(const std::string& backup, const std::vector<Kext>& kexts,
-                   std::string_view folder) {
-    const auto manifest = readBackupManifest(backup);
-    if (!manifest)
-        return false;
-    // The helper keeps the name the volume lists, which may differ in case from the source's.
-    return std::ranges::all_of(kexts, [&](const Kext& kext) {
-        return std::ranges::any_of(manifest->items, [&](const BackupItem& item) {
-            return item.sourceFolder == folder &&
-                   QString::fromStdString(item.name).compare(QString::fromStdString(kext.name()),
-                                                             Qt::CaseInsensitive) == 0;
-        });
-    });
-}
-
-/// The folder of root that the helper backed kexts up into: the one whose manifest appeared or
-/// was written again since before and names them. A folder made earlier, whatever its name,
-/// is never taken for it, and one of the same second that the helper added to still is.
-std::string backupFolderOf(const std::filesystem::path& root,
-                           const std::map<std::string, ino_t>& before,
-                           const std::vector<Kext>& kexts, std::string_view folder) {
-    for (const auto& [backup, inode] : manifestInodes(root)) {
-        const auto earlier = before.find(backup);
-        if ((earlier == before.end() || earlier->second != inode) &&
-            manifestNames(backup, kexts, folder))
-            return backup;
-    }
-    return {};
-}
-
 } // namespace
 
 JobScreen::JobScreen(QWidget* parent)
@@ -340,7 +296,7 @@ void JobScreen::installInto(std::vector<Kext> kexts, KextFolder folder) {
     const auto& volume = *VolumeManager::shared().selectedOSVolume();
     auto& replaced = KextIntake::shared().kextsToBackUp();
     replaced = replacedKexts(kexts, folder, volume);
-    placing_ = Placement{std::move(kexts), folder, {}, {}, {}};
+    placing_ = Placement{std::move(kexts), folder, {}};
     if (replaced.empty()) {
         sendPlacement();
         return;
@@ -351,9 +307,8 @@ void JobScreen::installInto(std::vector<Kext> kexts, KextFolder folder) {
         didBackupKexts(replaced);
         return;
     }
-    placing_->backupRoot = *root;
-    placing_->manifestsBefore = manifestInodes(*root);
-    callBackupKexts(replaced, folder, (*root / "").string());
+    placing_->backup = newBackupFolderPath(*root, std::chrono::system_clock::now());
+    callBackupKexts(replaced, folder, placing_->backup);
 }
 
 void JobScreen::willBackupKexts() {
@@ -375,20 +330,11 @@ void JobScreen::didBackupKexts(const std::vector<Kext>& failed) {
     }
     // Cleared only now: failed may be this very list.
     replaced.clear();
-    if (!saved.empty())
-        noteBackup(saved);
+    if (saved.empty())
+        placing_->backup.clear();
+    else
+        backups_ << QString::fromStdString(placing_->backup);
     sendPlacement();
-}
-
-void JobScreen::noteBackup(const std::vector<Kext>& saved) {
-    auto& placing = *placing_;
-    placing.backup = backupFolderOf(placing.backupRoot, placing.manifestsBefore, saved,
-                                    rawValue(placing.folder));
-    if (placing.backup.empty())
-        logLine("QVMainQuelmVC::Error: no folder of " + placing.backupRoot.string() +
-                " holds the backup just made.");
-    else if (!backups_.contains(QString::fromStdString(placing.backup)))
-        backups_ << QString::fromStdString(placing.backup);
 }
 
 void JobScreen::sendPlacement() {

@@ -85,9 +85,6 @@ private:
     void installKexts();
     /// Backs up the installed kexts that these replace, then installs them into folder.
     void installInto(std::vector<Kext> kexts, KextFolder folder);
-    /// Records the folder the helper backed the saved kexts up into, for the history and the
-    /// notification.
-    void noteBackup(const std::vector<Kext>& saved);
     /// Sends the kexts being placed to the helper, or goes on when none are left.
     void sendPlacement();
     /// Records the kexts of the last placement that were installed in the user's history.
@@ -120,10 +117,7 @@ private:
     struct Placement {
         std::vector<Kext> kexts;
         KextFolder folder;
-        /// The folder of the preferences in which the helper makes the backup's dated folder.
-        std::filesystem::path backupRoot;
-        /// Each folder of backupRoot by the inode of its manifest, taken before the backup.
-        std::map<std::string, ino_t> manifestsBefore;
+        /// The new folder of the preferences' backup folder that the helper makes for it.
         std::string backup;
     };
     std::optional<Placement> placing_;

@@ -4,8 +4,6 @@
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "kexts/KextHistory.h"
-#include "kexts/KextInstallation.h"
-#include "support/Strings.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -150,20 +148,6 @@ TEST_F(KextBackupsTest, RestorePutsKextsBackAndBacksUpWhatTheyReplace) {
     EXPECT_FALSE(
         takeBackPlacedKexts(volume(), {}, (folder / "none").string(), backupIn(backups), kNow))
         << "an unreadable backup stops the undo before anything moves";
-}
-
-TEST_F(KextBackupsTest, BackupsOfTheHelperOperationCanBeRestored) {
-    const auto now = std::chrono::system_clock::now();
-    const Kext lilu(FileURL::fromPath("/elsewhere/Lilu.kext", false));
-    for (const auto* installedIn : {"/Library/Extensions/", "/Extra/Extensions/"})
-        ASSERT_TRUE(
-            backupKernelExtensions({lilu}, installedIn, volume(), backups.string() + "/", now)
-                .empty());
-    const auto manifest = readBackupManifest(backups / compactTimestamp(now));
-    ASSERT_TRUE(manifest) << manifest.error();
-    EXPECT_EQ(manifest->operation, "install");
-    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
-    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Lilu.kext");
 }
 
 TEST_F(KextBackupsTest, HostileManifestsAreRefused) {

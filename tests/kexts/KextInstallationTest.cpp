@@ -2,6 +2,7 @@
 #include "kexts/KextInstallation.h"
 
 #include "TestSupport.h"
+#include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextIntake.h"
 #include "support/Strings.h"
@@ -158,33 +159,21 @@ TEST_F(KextInstallationTest, SystemFolderOfAReadOnlySystemVolumeIsRefused) {
     EXPECT_FALSE(installationRefusal(*volume, "/System/Library/Extensions/"));
 }
 
-TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
+TEST_F(KextInstallationTest, TheBackupOfReplacedKextsIsACopyOwnedByTheUser) {
     test::writeText(volumeRoot / "Library/Extensions/Old.kext/Contents/Info.plist", "old");
-    const Kext old(FileURL::fromPath("/elsewhere/Old.kext", false));
-    const Kext absent(FileURL::fromPath("/elsewhere/Absent.kext", false));
-    const auto now = std::chrono::system_clock::now();
-    const auto destination = folder / "Backups";
-
-    const auto failed = backupKernelExtensions({old, absent}, "/Library/Extensions/", *volume,
-                                               destination.string() + "/", now);
-    EXPECT_EQ(failed, std::vector<Kext>{absent});
-    const auto backup = destination / compactTimestamp(now);
-    EXPECT_EQ(test::readText(backup / "Old.kext/Contents/Info.plist"), "old");
-    for (const auto& made : {destination, backup}) {
-        const auto info = statOf(made);
-        EXPECT_EQ(info.st_uid, 501u);
-        EXPECT_EQ(info.st_gid, 80u);
-        EXPECT_EQ(info.st_mode & 07777, 0755u);
-    }
-    EXPECT_TRUE(backupKernelExtensions({}, "/Library/Extensions/", *volume,
-                                       (folder / "None/").string(), now)
-                    .empty());
-    EXPECT_FALSE(fs::exists(folder / "None"));
-    test::writeText(folder / "File", "x");
-    EXPECT_EQ(backupKernelExtensions({old}, "/Library/Extensions/", *volume,
-                                     (folder / "File/").string(), now)
-                  .size(),
-              1u);
+    fs::create_directories(folder / "Backups");
+    const auto backup = newBackupFolderPath(folder / "Backups", std::chrono::system_clock::now());
+    const auto outcome = copyKextsToBackup(
+        *volume, {"/Library/Extensions/Old.kext", "/Library/Extensions/Absent.kext"}, backup,
+        "install", std::chrono::system_clock::now());
+    EXPECT_EQ(outcome.failed, std::vector<std::string>{"/Library/Extensions/Absent.kext"});
+    EXPECT_EQ(test::readText(fs::path(backup) / "Old.kext/Contents/Info.plist"), "old");
+    EXPECT_TRUE(fs::exists(volumeRoot / "Library/Extensions/Old.kext")) << "copied, not moved";
+    const auto info = statOf(backup);
+    EXPECT_EQ(info.st_uid, 501u);
+    EXPECT_EQ(info.st_gid, 80u);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    EXPECT_EQ(readBackupManifest(backup)->operation, "install");
 }
 
 TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {
