@@ -337,13 +337,15 @@ void InstalledKextsWindow::removeKexts(const std::vector<std::string>& paths,
     setBusy(true);
     //% "Removing kexts..."
     updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRemoving"));
-    whenReplied("removeKernelExtensions:fromVolume:backupFolder:reply:", {paths, volume, backup},
-                [this, paths, volume, backup](const RemoteValue& reply) {
-                    const auto& failed = std::get<std::vector<std::string>>(reply);
-                    record(volume, "remove", without(paths, failed), backup);
-                    tellRemoval(failed, failed.size() < paths.size(), backup);
-                    finishOperation();
-                });
+    whenReplied<std::vector<std::string>>(
+        [paths, volume, backup](HelperClient& client) {
+            return client.removeKexts(paths, volume, backup);
+        },
+        [this, paths, volume, backup](const std::vector<std::string>& failed) {
+            record(volume, "remove", without(paths, failed), backup);
+            tellRemoval(failed, failed.size() < paths.size(), backup);
+            finishOperation();
+        });
 }
 
 void InstalledKextsWindow::tellRemoval(const std::vector<std::string>& failed, bool removedSome,
@@ -431,16 +433,17 @@ void InstalledKextsWindow::restoreFromBackup(const QString& folder) {
     setBusy(true);
     //% "Restoring kexts..."
     updateStatusWithLocalizedString(qtTrId("kQVInstalledKextsVCRestoring"));
-    whenReplied("restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
-                {backup, *volume, replaced},
-                [this, paths, volume = *volume, replaced](const RemoteValue& reply) {
-                    const auto& failed = std::get<std::vector<std::string>>(reply);
-                    std::error_code missing;
-                    const bool madeBackup = std::filesystem::exists(replaced, missing);
-                    record(volume, "restore", without(paths, failed), madeBackup ? replaced : "");
-                    tellRestore(failed, madeBackup ? replaced : "");
-                    finishOperation();
-                });
+    whenReplied<std::vector<std::string>>(
+        [backup, target = *volume, replaced](HelperClient& client) {
+            return client.restoreKexts(backup, target, replaced);
+        },
+        [this, paths, volume = *volume, replaced](const std::vector<std::string>& failed) {
+            std::error_code missing;
+            const bool madeBackup = std::filesystem::exists(replaced, missing);
+            record(volume, "restore", without(paths, failed), madeBackup ? replaced : "");
+            tellRestore(failed, madeBackup ? replaced : "");
+            finishOperation();
+        });
 }
 
 void InstalledKextsWindow::tellRestore(const std::vector<std::string>& failed,
