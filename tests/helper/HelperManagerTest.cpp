@@ -20,15 +20,11 @@ using namespace std::chrono_literals;
 class Outcomes {
 public:
     Outcomes() {
-        auto& center = NotificationCenter::defaultCenter();
         for (const auto* name :
              {&kHelperDidConnect, &kHelperFailedToInstall, &kHelperFailedToReinstall,
               &kHelperFailedToRemove, &kHelperFailedToAuthenticate})
-            tokens_.push_back(
-                center.addObserver(*name, [this, name](const NoObject&) { record(name->name); }));
-        tokens_.push_back(center.addObserver(kHelperFailedToConnect, [this](const std::string&) {
-            record(kHelperFailedToConnect.name);
-        }));
+            watch(*name);
+        watch(kHelperFailedToConnect);
     }
     ~Outcomes() {
         for (const auto token : tokens_)
@@ -40,16 +36,19 @@ public:
         changed_.wait_for(lock, 120s, [this] { return !seen_.empty(); });
         return seen_.empty() ? std::string() : seen_.front();
     }
-    std::vector<std::string> all() {
+    long count(const std::string& name) {
         std::lock_guard lock(mutex_);
-        return seen_;
+        return std::ranges::count(seen_, name);
     }
 
 private:
-    void record(const std::string& name) {
-        std::lock_guard lock(mutex_);
-        seen_.push_back(name);
-        changed_.notify_all();
+    template <class T> void watch(const NotificationName<T>& name) {
+        tokens_.push_back(
+            NotificationCenter::defaultCenter().addObserver(name, [this, &name](const T&) {
+                std::lock_guard lock(mutex_);
+                seen_.push_back(name.name);
+                changed_.notify_all();
+            }));
     }
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -112,7 +111,7 @@ TEST_F(HelperManagerTest, InstallsThenKeepsTheSameVersionAndReplacesAnother) {
     EXPECT_EQ(seen.first(), kHelperFailedToRemove.name);
 }
 
-TEST_F(HelperManagerTest, ARefusedPasswordIsAnAuthenticationFailure) {
+TEST_F(HelperManagerTest, TheLauncherInstallsAndStartsTheHelperOrThePasswordIsRefused) {
     // The launcher's status when installing, then when starting the installed helper.
     const std::vector<std::pair<std::string, std::string>> launchers{
         {"exit 126", kHelperFailedToAuthenticate.name},
@@ -120,7 +119,7 @@ TEST_F(HelperManagerTest, ARefusedPasswordIsAnAuthenticationFailure) {
         {"exit 1", kHelperFailedToInstall.name},
         {"[ \"$2\" = --serve ] && exit 126; exec \"$@\"", kHelperFailedToAuthenticate.name},
         {"[ \"$2\" = --serve ] && exit 127; exec \"$@\"", kHelperFailedToAuthenticate.name},
-        {"exec \"$@\"", kHelperDidConnect.name}};
+        {"umask 000; exec \"$@\"", kHelperDidConnect.name}};
     for (const auto& [body, expected] : launchers) {
         TemporaryFolder place;
         auto refusing = settings(false, launcher(body));
@@ -130,7 +129,19 @@ TEST_F(HelperManagerTest, ARefusedPasswordIsAnAuthenticationFailure) {
         manager.start("prompt");
         EXPECT_EQ(seen.first(), expected) << body;
         EXPECT_EQ(helper.installed(place.path().string()), !body.starts_with("exit")) << body;
-        EXPECT_EQ(std::ranges::count(seen.all(), kHelperFailedToConnect.name), 0) << body;
+        EXPECT_EQ(seen.count(kHelperFailedToConnect.name), 0) << body;
+        if (expected != kHelperDidConnect.name)
+            continue;
+        // Installed under a careless umask: no folder may come out writable by others.
+        const auto tool = helper.toolPath(place.path().string());
+        for (auto path = fs::path(tool).parent_path(); path != place.path();
+             path = path.parent_path())
+            EXPECT_EQ(fs::status(path).permissions(), fs::perms(0755)) << path;
+        for (const auto* options :
+             {"--install /etc/passwd", "--serve --root /", "--serve --efivars /", ""})
+            EXPECT_NE(
+                test::runCommand(test::shellQuote(tool) + " " + options + " </dev/null").status, 0)
+                << "the installed helper takes no option but --serve: " << options;
     }
 }
 
