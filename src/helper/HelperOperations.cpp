@@ -3,7 +3,6 @@
 
 #include "helper/BooterConfig.h"
 #include "helper/HelperInstallation.h"
-#include "helper/HelperServer.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
@@ -17,8 +16,10 @@
 #include "volumes/VolumeLock.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -56,6 +57,14 @@ void markCachesStale(const Volume& volume, const RescueOutcome& outcome) {
 }
 
 } // namespace
+
+uid_t callerUid() {
+    const char* text = std::getenv("PKEXEC_UID");
+    const std::string_view value = text ? text : "";
+    uid_t uid = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), uid);
+    return text && error == std::errc() && end == value.data() + value.size() ? uid : ::getuid();
+}
 
 HelperOperations::HelperOperations(const PlistValue::Dict& info, Settings settings)
     : HelperIdentity(info), info_(info), settings_(std::move(settings)) {

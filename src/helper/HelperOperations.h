@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace quelm {
@@ -83,5 +84,9 @@ private:
     std::atomic<FrameWriter*> connection_ = nullptr;
     NotificationCenter::Token progressObserver_;
 };
+
+/// The user on whose behalf the helper runs: the one pkexec authorised (PKEXEC_UID), else
+/// whoever started this process.
+uid_t callerUid();
 
 } // namespace quelm

@@ -4,8 +4,6 @@
 #include "support/Log.h"
 
 #include <atomic>
-#include <charconv>
-#include <cstdlib>
 #include <list>
 #include <memory>
 #include <string_view>
@@ -28,14 +26,6 @@ void joinFinished(std::list<RunningCall>& calls) {
 }
 
 } // namespace
-
-uid_t callerUid() {
-    const char* text = std::getenv("PKEXEC_UID");
-    const std::string_view value = text ? text : "";
-    uid_t uid = 0;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), uid);
-    return text && error == std::errc() && end == value.data() + value.size() ? uid : ::getuid();
-}
 
 bool peerIsAllowed(int channel) {
     ucred peer{};

@@ -3,13 +3,7 @@
 
 #include "helper/HelperOperations.h"
 
-#include <sys/types.h>
-
 namespace quelm {
-
-/// The user on whose behalf the helper runs: the one pkexec authorised (PKEXEC_UID), else
-/// whoever started this process.
-uid_t callerUid();
 
 /// Whether the process at the other end of the channel socket is the user whom pkexec
 /// authorised (PKEXEC_UID), or without pkexec the user who started the helper. Says why not.

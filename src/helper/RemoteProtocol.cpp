@@ -296,6 +296,7 @@ const std::vector<OperationEntry>& remoteOperations() {
          kextArray,
          handle<&H::backUpKexts>,
          refuseAllOfTheFirst},
+        // Zero threads would stop the next pass: refused rather than let a later job die.
         {"changeMaximumThreadsNumber:reply:",
          application,
          {positiveInteger},
