@@ -213,13 +213,13 @@ void AppController::failWithAlert(const std::string& log, const QString& message
 void AppController::observeHelperManager() {
     auto& center = NotificationCenter::defaultCenter();
     observers_.push_back(center.addObserver(kHelperDidConnect, [](const NoObject&) {
-        if (auto* proxy = HelperManager::shared().proxy())
-            proxy->call("test:", {}, [](const std::optional<RemoteValue>& reply) {
+        if (auto connection = HelperManager::shared().connection())
+            HelperClient(connection).test([](std::optional<std::int64_t> reply) {
                 if (reply)
                     logLine(
                         "QVXPCHelperManager::NotificationHandlers::Info: Successfully connected "
                         "to the remote helper. Remote response: " +
-                        std::to_string(std::get<std::int64_t>(*reply)));
+                        std::to_string(*reply));
             });
     }));
     observers_.push_back(

@@ -3,7 +3,6 @@
 
 #include "helper/Channel.h"
 #include "support/Files.h"
-#include "support/Log.h"
 
 #include <csignal>
 #if defined(__linux__)
@@ -110,21 +109,17 @@ void HelperConnection::invalidate() {
     std::thread([pid = pid_] { ::waitpid(pid, nullptr, 0); }).detach();
 }
 
-void HelperConnection::call(std::string_view selector, std::vector<RemoteValue> arguments,
+void HelperConnection::call(const OperationEntry& operation, RemoteArguments arguments,
                             ReplyHandler reply) {
-    const auto* operation = findRemoteOperation(selector);
-    if (!operation)
-        fatalError("HelperConnection::call() FatalError: unknown operation " +
-                   std::string(selector));
     std::optional<std::int64_t> id;
     {
         std::lock_guard lock(mutex_);
-        if (operation->reply) {
+        if (operation.reply) {
             id = nextId_++;
-            pending_.emplace(*id, Pending{operation, std::move(reply)});
+            pending_.emplace(*id, Pending{&operation, std::move(reply)});
         }
     }
-    const auto frame = encodeFrame(encodeCall({id, operation, std::move(arguments)}));
+    const auto frame = encodeFrame(encodeCall({id, &operation, std::move(arguments), {}}));
     {
         std::lock_guard lock(mutex_);
         if (!failed_ && !invalidated_) {
@@ -148,11 +143,11 @@ void HelperConnection::waitForReader() {
     readerStopped_.wait(lock, [this] { return readerDone_; });
 }
 
-std::optional<RemoteValue> HelperConnection::callAndWait(std::string_view selector,
-                                                         std::vector<RemoteValue> arguments) {
+std::optional<RemoteValue> HelperConnection::callAndWait(const OperationEntry& operation,
+                                                         RemoteArguments arguments) {
     std::promise<std::optional<RemoteValue>> promise;
     auto future = promise.get_future();
-    call(selector, std::move(arguments),
+    call(operation, std::move(arguments),
          [&promise](const std::optional<RemoteValue>& value) { promise.set_value(value); });
     return future.get();
 }

@@ -45,11 +45,10 @@ public:
     /// Sends the call; reply runs once with its value, or with nothing once the error handler
     /// has reported the break, so that no caller sees a failed call before the application
     /// hears why. One-way operations take no reply.
-    void call(std::string_view selector, std::vector<RemoteValue> arguments,
-              ReplyHandler reply = {});
+    void call(const OperationEntry& operation, RemoteArguments arguments, ReplyHandler reply = {});
     /// The same, waiting for the reply on the calling thread.
-    std::optional<RemoteValue> callAndWait(std::string_view selector,
-                                           std::vector<RemoteValue> arguments);
+    std::optional<RemoteValue> callAndWait(const OperationEntry& operation,
+                                           RemoteArguments arguments);
     /// The helper's process (or its launcher's).
     int pid() const { return pid_; }
     /// Closes the channel and stops the reader; no handler runs after it returns (or, when a
@@ -58,7 +57,7 @@ public:
 
 private:
     struct Pending {
-        const RemoteOperation* operation;
+        const OperationEntry* operation;
         ReplyHandler reply;
     };
 

@@ -29,8 +29,8 @@ bool fileExists(const std::string& path) {
 } // namespace
 
 HelperIdentity::HelperIdentity(const PlistValue::Dict& info)
-    : bundleIdentifier_(requiredString(info, kQVXPCHelperBundleIdentifier)),
-      bundleVersion_(requiredString(info, kQVXPCHelperBundleVersion)) {
+    : bundleIdentifier_(requiredString(info, kIdentifierKey)),
+      bundleVersion_(requiredString(info, kVersionKey)) {
 }
 
 HelperIdentity::HelperIdentity(std::string bundleIdentifier, std::string bundleVersion)

@@ -11,8 +11,8 @@ namespace quelm {
 
 class HelperIdentity {
 public:
-    static constexpr std::string_view kQVXPCHelperBundleIdentifier = "QVXPCHelperBundleIdentifier";
-    static constexpr std::string_view kQVXPCHelperBundleVersion = "QVXPCHelperBundleVersion";
+    static constexpr std::string_view kIdentifierKey = "QVXPCHelperBundleIdentifier";
+    static constexpr std::string_view kVersionKey = "QVXPCHelperBundleVersion";
 
     /// Reads both keys from an information dictionary; a missing key stops the process.
     explicit HelperIdentity(const PlistValue::Dict& info);

@@ -82,12 +82,12 @@ bool HelperManager::runsFromPackage() const {
 }
 
 void HelperManager::installAndConnect(const NotificationName<NoObject>& failed) {
-    const auto blessed = installHelper();
-    if (!blessed) {
+    const auto installed = installHelper();
+    if (!installed) {
         post(kHelperFailedToAuthenticate);
         return;
     }
-    if (!*blessed) {
+    if (!*installed) {
         post(failed);
         return;
     }
@@ -150,8 +150,8 @@ void HelperManager::testConnection() {
     if (!connection_)
         return;
     delegate_->helperManagerWillTestConnection();
-    connection_->call("test:", {}, [this](const std::optional<RemoteValue>& reply) {
-        if (reply && std::get<std::int64_t>(*reply) == kTestAnswer)
+    HelperClient(connection_).test([this](std::optional<std::int64_t> answer) {
+        if (answer == kTestAnswer)
             delegate_->helperManagerConnectionTestPassed();
     });
 }
@@ -160,30 +160,27 @@ void HelperManager::checkHelperVersion() {
     if (!connection_)
         return;
     delegate_->helperManagerWillCheckHelperVersion();
-    connection_->call(
-        "getHelperBundleVersion:", {}, [this](const std::optional<RemoteValue>& reply) {
-            if (!reply)
-                return;
-            const auto& running = std::get<std::string>(*reply);
-            if (running == helper_->bundleVersion())
-                delegate_->helperManagerHelperVersionMatches(running);
-            else
-                delegate_->helperManagerHelperVersionDiffers(running, helper_->bundleVersion());
-        });
+    HelperClient(connection_).version([this](std::optional<std::string> running) {
+        if (!running)
+            return;
+        if (*running == helper_->bundleVersion())
+            delegate_->helperManagerHelperVersionMatches(*running);
+        else
+            delegate_->helperManagerHelperVersionDiffers(*running, helper_->bundleVersion());
+    });
 }
 
 void HelperManager::removeHelper() {
     if (!connection_)
         return;
     delegate_->helperManagerWillRemoveHelper();
-    connection_->call("uninstallHelper:", {}, [this](const std::optional<RemoteValue>& reply) {
-        if (!reply)
+    HelperClient(connection_).uninstall([this](std::optional<std::vector<std::string>> failed) {
+        if (!failed)
             return;
-        const auto& failed = std::get<std::vector<std::string>>(*reply);
-        if (failed.empty())
+        if (failed->empty())
             delegate_->helperManagerDidRemoveHelper();
         else
-            delegate_->helperManagerFailedToRemoveHelper(failed);
+            delegate_->helperManagerFailedToRemoveHelper(*failed);
     });
 }
 
@@ -195,7 +192,7 @@ void HelperManager::reinstallHelper() {
 
 void HelperManager::terminateHelper() {
     if (connection_)
-        connection_->call("terminateHelper", {});
+        HelperClient(connection_).terminate();
 }
 
 void HelperManager::invalidate() {

@@ -1,7 +1,7 @@
 // The application's side of the helper: authorise, install, connect, check and report.
 #pragma once
 
-#include "helper/HelperConnection.h"
+#include "helper/HelperClient.h"
 #include "helper/HelperIdentity.h"
 #include "support/NotificationCenter.h"
 
@@ -109,7 +109,7 @@ public:
 
     /// The open connection, through which the application calls the helper; null when there
     /// is none.
-    HelperConnection* proxy() { return connection_.get(); }
+    std::shared_ptr<HelperConnection> connection() const { return connection_; }
 
     void helperManagerDidRemoveHelper() override;
     void helperManagerFailedToRemoveHelper(const std::vector<std::string>& paths) override;
@@ -120,7 +120,8 @@ public:
     void helperManagerConnectionFailed(const std::string& error) override;
 
 private:
-    /// Blesses, then connects and tests; failed names the notification for a failed blessing.
+    /// Installs, then connects and tests; failed names the notification for a failed
+    /// installation.
     void installAndConnect(const NotificationName<NoObject>& failed);
     /// Logs the application's reason before pkexec asks for a password, so that the prompt
     /// never comes unexplained, also where no window shows the status line.

@@ -3,7 +3,6 @@
 
 #include "helper/BooterConfig.h"
 #include "helper/HelperInstallation.h"
-#include "helper/HelperServer.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
 #include "kexts/KextInstallation.h"
@@ -12,12 +11,15 @@
 #include "support/Files.h"
 #include "support/FolderTrees.h"
 #include "support/Log.h"
-#include "support/PathValidation.h"
 #include "support/Process.h"
 #include "volumes/MountedFileSystem.h"
 #include "volumes/VolumeLock.h"
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -30,10 +32,6 @@ namespace fs = std::filesystem;
 
 constexpr uid_t kUserOwner = 501;
 constexpr gid_t kAdminGroup = 80;
-
-template <class T> const T& argument(const RemoteCall& call, std::size_t index) {
-    return std::get<T>(call.arguments[index]);
-}
 
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
 constexpr std::size_t kMaxRepairToolSize = 256u << 20;
@@ -51,16 +49,21 @@ bool refusesWrites(const Volume& volume, std::string_view path = {}) {
     return refusal.has_value();
 }
 
+/// Marks the caches stale once kexts moved, logging when that fails.
+void markCachesStale(const Volume& volume, const RescueOutcome& outcome) {
+    if (!outcome.done.empty() && !rebuildCaches(volume))
+        logLine("QVXPCVESKHelper::Error: Unable to mark the kext caches of " + volume.mountPoint() +
+                " stale");
+}
+
 } // namespace
 
-bool isAcceptableVolume(const Volume& volume) {
-    std::error_code error;
-    const auto& data = volume.dataMountPoint();
-    // A data volume is joined only to a system volume, and must be one itself.
-    return isCleanAbsolutePath(volume.mountPoint()) &&
-           fs::is_directory(volume.mountPoint(), error) &&
-           (!data || (volume.isSystemVolume() && isCleanAbsolutePath(*data) &&
-                      Volume::kindOf(*data) == VolumeKind::data));
+uid_t callerUid() {
+    const char* text = std::getenv("PKEXEC_UID");
+    const std::string_view value = text ? text : "";
+    uid_t uid = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), uid);
+    return text && error == std::errc() && end == value.data() + value.size() ? uid : ::getuid();
 }
 
 HelperOperations::HelperOperations(const PlistValue::Dict& info, Settings settings)
@@ -79,10 +82,10 @@ void HelperOperations::sendRepairPermissionsReport(double progress) {
     if (!connection)
         return;
     connection->write(encodeCall(
-        {std::nullopt, findRemoteOperation("updateProgressWithDoubleValue:"), {progress}}));
+        {std::nullopt, findOperation("updateProgressWithDoubleValue:"), {progress}, {}}));
 }
 
-std::vector<std::string> HelperOperations::uninstallHelper() const {
+std::vector<std::string> HelperOperations::uninstall() const {
     std::vector<std::string> failed;
     for (const auto& path : {toolPath(settings_.root), launchPolicyPath(settings_.root)}) {
         std::error_code error;
@@ -92,7 +95,7 @@ std::vector<std::string> HelperOperations::uninstallHelper() const {
     return failed;
 }
 
-std::string HelperOperations::getHelperBundleVersion() const {
+std::string HelperOperations::version() const {
     const auto found = info_.find("CFBundleVersion");
     if (found == info_.end() || !found->second.string())
         fatalError("QVXPCHelper::getHelperBundleVersion() CFBundleVersion key is not defined in "
@@ -100,18 +103,16 @@ std::string HelperOperations::getHelperBundleVersion() const {
     return *found->second.string();
 }
 
-bool HelperOperations::repairWithFolder(const std::string& folder, const Volume& volume) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(folder) ||
-        refusesWrites(volume, folder))
+bool HelperOperations::repairFolder(const std::string& folder, const Volume& volume) const {
+    if (refusesWrites(volume, folder))
         return false;
     // Walked beneath the volume: a link anywhere on the way, or inside, is never followed.
     const UniqueFd opened = openFolderOn(volume, folder);
     return opened && applyTreeAttributes(opened.get(), kSystemAttributes);
 }
 
-std::vector<ResultRecord>
-HelperOperations::repairDiskPermissionsOnTargetVolume(const Volume& volume) const {
-    if (!isAcceptableVolume(volume) || refusesWrites(volume))
+std::vector<ResultRecord> HelperOperations::repairPermissions(const Volume& volume) const {
+    if (refusesWrites(volume))
         return {};
     const auto lock = VolumeLock::acquire(volume.mountPoint());
     if (!lock) {
@@ -127,55 +128,54 @@ HelperOperations::repairDiskPermissionsOnTargetVolume(const Volume& volume) cons
     return results;
 }
 
-bool HelperOperations::rebuildCachesOnTargetVolume(const Volume& volume) const {
-    return isAcceptableVolume(volume) && !refusesWrites(volume, kKextChangesFolder) &&
-           rebuildCaches(volume);
+bool HelperOperations::rebuildCaches(const Volume& volume) const {
+    return !refusesWrites(volume, kKextChangesFolder) && quelm::rebuildCaches(volume);
 }
 
-std::vector<Kext> HelperOperations::installWithKernelExtensions(const std::vector<Kext>& kexts,
-                                                                const std::string& folder,
-                                                                const Volume& volume) const {
-    if (!isAcceptableVolume(volume))
-        return kexts;
+std::vector<Kext> HelperOperations::installKexts(const std::vector<Kext>& kexts,
+                                                 const std::string& folder,
+                                                 const Volume& volume) const {
     // Root copies for the user who asked: only what that user could read.
     const Reader reader = Reader::forUser(callerUid());
     return installKernelExtensions(kexts, folder, volume, &reader);
 }
 
-std::vector<Kext> HelperOperations::backupWithKernelExtensions(
-    const std::vector<Kext>& kexts, const std::string& installedInFolder, const Volume& volume,
-    const std::string& destinationFolder) const {
-    if (!isAcceptableVolume(volume))
-        return kexts;
-    return backupKernelExtensions(kexts, installedInFolder, volume, destinationFolder,
-                                  std::chrono::system_clock::now());
+std::vector<Kext> HelperOperations::backUpKexts(const std::vector<Kext>& kexts,
+                                                const std::string& installedInFolder,
+                                                const Volume& volume,
+                                                const std::string& backupFolder) const {
+    std::vector<std::string> paths;
+    for (const auto& kext : kexts)
+        paths.push_back(installedInFolder + kext.name());
+    const auto outcome =
+        copyKextsToBackup(volume, paths, backupFolder, "install", std::chrono::system_clock::now());
+    std::vector<Kext> failed;
+    for (const auto& kext : kexts)
+        if (std::ranges::find(outcome.failed, installedInFolder + kext.name()) !=
+            outcome.failed.end())
+            failed.push_back(kext);
+    return failed;
 }
 
-std::string HelperOperations::checkWritableTargetVolume(const Volume& volume) const {
-    if (!isAcceptableVolume(volume))
-        return volume.mountPoint() + " is not a folder that can be the target volume.";
+std::string HelperOperations::checkWritableVolume(const Volume& volume) const {
     return writeRefusal(volume).value_or(Error{}).message;
 }
 
-std::vector<std::string>
-HelperOperations::removeKernelExtensions(const std::vector<std::string>& kexts,
-                                         const Volume& volume,
-                                         const std::string& backupFolder) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backupFolder) ||
-        refusesWrites(volume, kKextChangesFolder))
+std::vector<std::string> HelperOperations::removeKexts(const std::vector<std::string>& kexts,
+                                                       const Volume& volume,
+                                                       const std::string& backupFolder) const {
+    if (refusesWrites(volume, kKextChangesFolder))
         return kexts;
     const auto outcome =
         moveKextsToBackup(volume, kexts, backupFolder, "remove", std::chrono::system_clock::now());
-    if (!outcome.done.empty() && !rebuildCaches(volume))
-        logLine("QVXPCVESKHelper::Error: Unable to mark the kext caches of " + volume.mountPoint() +
-                " stale");
+    markCachesStale(volume, outcome);
     return outcome.failed;
 }
 
-std::vector<std::string> HelperOperations::restoreKernelExtensionsFromBackupFolder(
-    const std::string& backup, const Volume& volume, const std::string& backupFolder) const {
-    if (!isAcceptableVolume(volume) || !isCleanAbsolutePath(backup) ||
-        !isCleanAbsolutePath(backupFolder) || refusesWrites(volume, kKextChangesFolder))
+std::vector<std::string> HelperOperations::restoreKexts(const std::string& backup,
+                                                        const Volume& volume,
+                                                        const std::string& backupFolder) const {
+    if (refusesWrites(volume, kKextChangesFolder))
         return {backup};
     const auto outcome =
         restoreKextsFromBackup(backup, volume, backupFolder, std::chrono::system_clock::now());
@@ -183,24 +183,17 @@ std::vector<std::string> HelperOperations::restoreKernelExtensionsFromBackupFold
         logLine("QVXPCVESKHelper::Error: " + outcome.error().message);
         return {backup};
     }
-    if (!outcome->done.empty() && !rebuildCaches(volume))
-        logLine("QVXPCVESKHelper::Error: Unable to mark the kext caches of " + volume.mountPoint() +
-                " stale");
+    markCachesStale(volume, *outcome);
     return outcome->failed;
 }
 
-bool HelperOperations::changeMaximumThreadsNumber(std::int64_t count) const {
-    // Zero threads would stop the next pass: refuse it rather than let a later job die.
-    if (count < 1)
-        return false;
+bool HelperOperations::setMaximumThreads(std::int64_t count) const {
     Processor::shared().setMaxthread(count);
     return Processor::shared().maxthread() == count;
 }
 
-bool HelperOperations::installRepairPermissionFromSourcePath(const std::string& source,
-                                                             const std::string& destination) const {
-    if (!isCleanAbsolutePath(source) || !isCleanAbsolutePath(destination))
-        return false;
+bool HelperOperations::installRepairTool(const std::string& source,
+                                         const std::string& destination) const {
     // Root copies only what the user could not have slipped in: see readTrustedFile.
     const auto tool = readTrustedFile(source, callerUid(), kMaxRepairToolSize);
     const auto place = openParentBelow("/", destination);
@@ -216,65 +209,28 @@ bool HelperOperations::installRepairPermissionFromSourcePath(const std::string& 
            ::fchown(file.get(), kUserOwner, kAdminGroup) == 0 && ::fchmod(file.get(), 0755) == 0;
 }
 
-bool HelperOperations::uninstallRepairPermissionsFromPath(const std::string& path) const {
-    if (!isCleanAbsolutePath(path))
-        return false;
+bool HelperOperations::uninstallRepairTool(const std::string& path) const {
     stopRepairTool();
     const auto place = openParentBelow("/", path);
     return place && listedNameAt(place->first.get(), place->second) &&
            removeTreeAt(place->first.get(), place->second);
 }
 
-bool HelperOperations::applyBooterConfigViaNVRAMWithNewBooterConfig(std::int64_t value) const {
-    return applyBooterConfig(value, settings_.efivarsFolder);
+bool HelperOperations::applyBooterConfig(std::int64_t value) const {
+    return quelm::applyBooterConfig(value, settings_.efivarsFolder);
+}
+
+void HelperOperations::terminate() const {
+    std::fflush(stderr);
+    ::_exit(0);
 }
 
 RemoteValue HelperOperations::perform(const RemoteCall& call) {
-    const std::string_view op = call.operation->selector;
-    const auto volumeAt = [&](std::size_t i) -> const Volume& {
-        return argument<Volume>(call, i);
-    };
-    const auto stringAt = [&](std::size_t i) -> const std::string& {
-        return argument<std::string>(call, i);
-    };
-    const auto kextsAt = [&](std::size_t i) -> const std::vector<Kext>& {
-        return argument<std::vector<Kext>>(call, i);
-    };
-    if (op == "test:")
-        return test();
-    if (op == "test2:")
-        return test2();
-    if (op == "uninstallHelper:")
-        return uninstallHelper();
-    if (op == "getHelperBundleVersion:")
-        return getHelperBundleVersion();
-    if (op == "repairWithFolder:onTargetVolume:reply:")
-        return repairWithFolder(stringAt(0), volumeAt(1));
-    if (op == "repairDiskPermissionsOnTargetVolume:reply:")
-        return repairDiskPermissionsOnTargetVolume(volumeAt(0));
-    if (op == "rebuildCachesOnTargetVolume:reply:")
-        return rebuildCachesOnTargetVolume(volumeAt(0));
-    if (op == "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:")
-        return installWithKernelExtensions(kextsAt(0), stringAt(1), volumeAt(2));
-    if (op == "backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:"
-              "reply:")
-        return backupWithKernelExtensions(kextsAt(0), stringAt(1), volumeAt(2), stringAt(3));
-    if (op == "changeMaximumThreadsNumber:reply:")
-        return changeMaximumThreadsNumber(argument<std::int64_t>(call, 0));
-    if (op == "installRepairPermissionFromSourcePath:toDestinationPath:reply:")
-        return installRepairPermissionFromSourcePath(stringAt(0), stringAt(1));
-    if (op == "uninstallRepairPermissionsFromPath:reply:")
-        return uninstallRepairPermissionsFromPath(stringAt(0));
-    if (op == "applyBooterConfigViaNVRAMWithNewBooterConfig:reply:")
-        return applyBooterConfigViaNVRAMWithNewBooterConfig(argument<std::int64_t>(call, 0));
-    if (op == "checkWritableTargetVolume:reply:")
-        return checkWritableTargetVolume(volumeAt(0));
-    if (op == "removeKernelExtensions:fromVolume:backupFolder:reply:")
-        return removeKernelExtensions(argument<std::vector<std::string>>(call, 0), volumeAt(1),
-                                      stringAt(2));
-    if (op == "restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:")
-        return restoreKernelExtensionsFromBackupFolder(stringAt(0), volumeAt(1), stringAt(2));
-    fatalError("QVXPCVESKHelper::perform() FatalError: no handler for " + std::string(op));
+    if (call.refused) {
+        logLine("QVXPCVESKHelper::Error: " + *call.refused);
+        return call.operation->refusal(call.arguments);
+    }
+    return call.operation->handler(*this, call.arguments);
 }
 
 } // namespace quelm

@@ -4,9 +4,6 @@
 #include "support/Log.h"
 
 #include <atomic>
-#include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <list>
 #include <memory>
 #include <string_view>
@@ -29,14 +26,6 @@ void joinFinished(std::list<RunningCall>& calls) {
 }
 
 } // namespace
-
-uid_t callerUid() {
-    const char* text = std::getenv("PKEXEC_UID");
-    const std::string_view value = text ? text : "";
-    uid_t uid = 0;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), uid);
-    return text && error == std::errc() && end == value.data() + value.size() ? uid : ::getuid();
-}
 
 bool peerIsAllowed(int channel) {
     ucred peer{};
@@ -72,9 +61,10 @@ int serveHelper(HelperOperations& helper, int in, int out) {
             helper.setConnection(nullptr);
             return 1;
         }
-        if (call->operation->selector == "terminateHelper") {
-            std::fflush(stderr);
-            ::_exit(0);
+        // A one-way call (terminateHelper) acts at once, ahead of the calls under way.
+        if (!call->id) {
+            helper.perform(*call);
+            continue;
         }
         joinFinished(calls);
         auto& running = calls.emplace_back();

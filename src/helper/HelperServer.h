@@ -3,13 +3,7 @@
 
 #include "helper/HelperOperations.h"
 
-#include <sys/types.h>
-
 namespace quelm {
-
-/// The user on whose behalf the helper runs: the one pkexec authorised (PKEXEC_UID), else
-/// whoever started this process.
-uid_t callerUid();
 
 /// Whether the process at the other end of the channel socket is the user whom pkexec
 /// authorised (PKEXEC_UID), or without pkexec the user who started the helper. Says why not.
@@ -17,7 +11,7 @@ bool peerIsAllowed(int channel);
 
 /// Serves calls read from in, replying on out, until the application closes the channel (0)
 /// or sends something malformed (1: the channel is closed at once, calls under way finish).
-/// terminateHelper ends the process with status 0 immediately.
+/// A one-way call runs at once: terminateHelper ends the process with status 0 immediately.
 int serveHelper(HelperOperations& helper, int in, int out);
 
 } // namespace quelm

@@ -2,8 +2,13 @@
 // encoding of calls, replies and their values as property lists.
 #include "helper/RemoteProtocol.h"
 
+#include "helper/HelperOperations.h"
 #include "support/BinaryPlistWriter.h"
 #include "support/KeyedArchive.h"
+#include "support/PathValidation.h"
+
+#include <filesystem>
+#include <utility>
 
 namespace quelm {
 namespace {
@@ -74,20 +79,98 @@ PlistValue encodeValue(const RemoteValue& value) {
         value);
 }
 
-std::expected<std::vector<RemoteValue>, Error> decodeArguments(const PlistValue& message,
-                                                               const RemoteOperation& operation) {
+ValueType typeOf(ArgumentKind kind) {
+    switch (kind) {
+    case ArgumentKind::integer:
+    case ArgumentKind::positiveInteger:
+        return integer;
+    case ArgumentKind::real:
+        return real;
+    case ArgumentKind::path:
+    case ArgumentKind::volumeFolder:
+    case ArgumentKind::newFolder:
+        return string;
+    case ArgumentKind::stringList:
+        return stringArray;
+    case ArgumentKind::kextList:
+        return kextArray;
+    case ArgumentKind::volume:
+        return volume;
+    }
+    return string;
+}
+
+bool isAcceptableVolume(const Volume& volume) {
+    std::error_code error;
+    const auto& data = volume.dataMountPoint();
+    // A data volume is joined only to a system volume, and must be one itself.
+    return isCleanAbsolutePath(volume.mountPoint()) &&
+           std::filesystem::is_directory(volume.mountPoint(), error) &&
+           (!data || (volume.isSystemVolume() && isCleanAbsolutePath(*data) &&
+                      Volume::kindOf(*data) == VolumeKind::data));
+}
+
+bool isNewFolder(const std::string& path) {
+    std::error_code error;
+    return isCleanAbsolutePath(path) && !path.ends_with("/") &&
+           !std::filesystem::exists(std::filesystem::symlink_status(path, error));
+}
+
+/// Why an argument of the right type is still not one of its kind; nothing when it is.
+std::optional<std::string> kindRefusal(ArgumentKind kind, const RemoteValue& value) {
+    const auto* text = std::get_if<std::string>(&value);
+    switch (kind) {
+    case ArgumentKind::positiveInteger:
+        if (std::get<std::int64_t>(value) < 1)
+            return "not a positive integer";
+        break;
+    case ArgumentKind::path:
+        if (!isCleanAbsolutePath(*text))
+            return *text + " is not a clean absolute path";
+        break;
+    case ArgumentKind::volumeFolder:
+        if (!isVolumeFolder(*text))
+            return *text + " is not a folder of a volume such as /Library/Extensions/";
+        break;
+    case ArgumentKind::newFolder:
+        if (!isNewFolder(*text))
+            return *text + " is not a clean absolute path where nothing is yet";
+        break;
+    case ArgumentKind::volume:
+        if (!isAcceptableVolume(std::get<Volume>(value)))
+            return std::get<Volume>(value).mountPoint() +
+                   " is not a folder that can be the target volume";
+        break;
+    default:
+        break;
+    }
+    return std::nullopt;
+}
+
+std::expected<RemoteArguments, Error> decodeArguments(const PlistValue& message,
+                                                      const OperationEntry& operation) {
     const auto* args = message.find("args");
     if (!args || !args->array() || args->array()->size() != operation.arguments.size())
         return refuse(std::string(operation.selector) + ": wrong number of arguments");
-    std::vector<RemoteValue> arguments;
+    RemoteArguments arguments;
     for (std::size_t i = 0; i < operation.arguments.size(); ++i) {
-        auto argument = decodeValue((*args->array())[i], operation.arguments[i]);
+        auto argument = decodeValue((*args->array())[i], typeOf(operation.arguments[i]));
         if (!argument)
             return refuse(std::string(operation.selector) + ": argument " + std::to_string(i + 1) +
                           ": " + argument.error().message);
         arguments.push_back(std::move(*argument));
     }
     return arguments;
+}
+
+/// The first argument not of its kind, in words; nothing when all are.
+std::optional<std::string> argumentRefusal(const OperationEntry& operation,
+                                           const RemoteArguments& arguments) {
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+        if (auto refusal = kindRefusal(operation.arguments[i], arguments[i]))
+            return std::string(operation.selector) + ": argument " + std::to_string(i + 1) + ": " +
+                   *refusal;
+    return std::nullopt;
 }
 
 /// Adds each object's archive and drops it before the next: the stream never holds a tree of
@@ -128,49 +211,139 @@ std::expected<RemoteValue, Error> unarchiveItems(const BinaryPlistDocument& docu
     return RemoteValue(std::move(objects));
 }
 
+/// A handler that passes the decoded arguments, in order, to the method of that name.
+template <class Result, class... Parameters>
+RemoteValue invoke(HelperOperations& helper,
+                   Result (HelperOperations::*method)(Parameters...) const,
+                   const RemoteArguments& arguments) {
+    return [&]<std::size_t... i>(std::index_sequence<i...>) {
+        return RemoteValue(
+            (helper.*method)(std::get<std::remove_cvref_t<Parameters>>(arguments[i])...));
+    }
+    (std::index_sequence_for<Parameters...>{});
+}
+
+template <auto method>
+RemoteValue handle(HelperOperations& helper, const RemoteArguments& arguments) {
+    return invoke(helper, method, arguments);
+}
+
+RemoteValue terminateHelper(HelperOperations& helper, const RemoteArguments&) {
+    helper.terminate();
+}
+
+RemoteValue refuseWithFalse(const RemoteArguments&) {
+    return false;
+}
+
+RemoteValue refuseWithNoResults(const RemoteArguments&) {
+    return std::vector<ResultRecord>{};
+}
+
+/// Every kext or path of the first argument failed.
+RemoteValue refuseAllOfTheFirst(const RemoteArguments& arguments) {
+    return arguments.front();
+}
+
+RemoteValue refuseTheBackup(const RemoteArguments& arguments) {
+    return std::vector{std::get<std::string>(arguments.front())};
+}
+
+RemoteValue refuseTheVolume(const RemoteArguments& arguments) {
+    return std::get<Volume>(arguments.front()).mountPoint() +
+           " is not a folder that can be the target volume.";
+}
+
 } // namespace
 
-const std::vector<RemoteOperation>& remoteOperations() {
+const std::vector<OperationEntry>& remoteOperations() {
     using enum Sender;
-    static const std::vector<RemoteOperation> operations{
-        {"test:", application, {}, integer},
-        {"terminateHelper", application, {}, std::nullopt},
-        {"uninstallHelper:", application, {}, stringArray},
-        {"getHelperBundleVersion:", application, {}, string},
-        {"repairWithFolder:onTargetVolume:reply:", application, {string, volume}, boolean},
-        {"repairDiskPermissionsOnTargetVolume:reply:", application, {volume}, resultArray},
-        {"rebuildCachesOnTargetVolume:reply:", application, {volume}, boolean},
-        {"test2:", application, {}, integer},
+    using enum ArgumentKind;
+    using H = HelperOperations;
+    static const std::vector<OperationEntry> operations{
+        {"test:", application, {}, ValueType::integer, handle<&H::test>},
+        {"terminateHelper", application, {}, std::nullopt, terminateHelper},
+        {"uninstallHelper:", application, {}, stringArray, handle<&H::uninstall>},
+        {"getHelperBundleVersion:", application, {}, string, handle<&H::version>},
+        {"repairWithFolder:onTargetVolume:reply:",
+         application,
+         {volumeFolder, volume},
+         boolean,
+         handle<&H::repairFolder>,
+         refuseWithFalse},
+        {"repairDiskPermissionsOnTargetVolume:reply:",
+         application,
+         {volume},
+         resultArray,
+         handle<&H::repairPermissions>,
+         refuseWithNoResults},
+        {"rebuildCachesOnTargetVolume:reply:",
+         application,
+         {volume},
+         boolean,
+         handle<&H::rebuildCaches>,
+         refuseWithFalse},
+        {"test2:", application, {}, ValueType::integer, handle<&H::test2>},
         {"installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:",
          application,
-         {kextArray, string, volume},
-         kextArray},
+         {kextList, volumeFolder, volume},
+         kextArray,
+         handle<&H::installKexts>,
+         refuseAllOfTheFirst},
         {"backupWithKernelExtensions:installedInFolder:onTargetVolume:toDestinationFolder:reply:",
          application,
-         {kextArray, string, volume, string},
-         kextArray},
-        {"changeMaximumThreadsNumber:reply:", application, {integer}, boolean},
+         {kextList, volumeFolder, volume, newFolder},
+         kextArray,
+         handle<&H::backUpKexts>,
+         refuseAllOfTheFirst},
+        // Zero threads would stop the next pass: refused rather than let a later job die.
+        {"changeMaximumThreadsNumber:reply:",
+         application,
+         {positiveInteger},
+         boolean,
+         handle<&H::setMaximumThreads>,
+         refuseWithFalse},
         {"installRepairPermissionFromSourcePath:toDestinationPath:reply:",
          application,
-         {string, string},
-         boolean},
-        {"uninstallRepairPermissionsFromPath:reply:", application, {string}, boolean},
-        {"applyBooterConfigViaNVRAMWithNewBooterConfig:reply:", application, {integer}, boolean},
-        {"checkWritableTargetVolume:reply:", application, {volume}, string},
+         {path, path},
+         boolean,
+         handle<&H::installRepairTool>,
+         refuseWithFalse},
+        {"uninstallRepairPermissionsFromPath:reply:",
+         application,
+         {path},
+         boolean,
+         handle<&H::uninstallRepairTool>,
+         refuseWithFalse},
+        {"applyBooterConfigViaNVRAMWithNewBooterConfig:reply:",
+         application,
+         {ArgumentKind::integer},
+         boolean,
+         handle<&H::applyBooterConfig>},
+        {"checkWritableTargetVolume:reply:",
+         application,
+         {volume},
+         string,
+         handle<&H::checkWritableVolume>,
+         refuseTheVolume},
         {"removeKernelExtensions:fromVolume:backupFolder:reply:",
          application,
-         {stringArray, volume, string},
-         stringArray},
+         {stringList, volume, newFolder},
+         stringArray,
+         handle<&H::removeKexts>,
+         refuseAllOfTheFirst},
         {"restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
          application,
-         {string, volume, string},
-         stringArray},
-        {"updateProgressWithDoubleValue:", helper, {real}, std::nullopt},
+         {path, volume, newFolder},
+         stringArray,
+         handle<&H::restoreKexts>,
+         refuseTheBackup},
+        {"updateProgressWithDoubleValue:", helper, {ArgumentKind::real}, std::nullopt},
     };
     return operations;
 }
 
-const RemoteOperation* findRemoteOperation(std::string_view selector) {
+const OperationEntry* findOperation(std::string_view selector) {
     for (const auto& operation : remoteOperations())
         if (operation.selector == selector)
             return &operation;
@@ -227,7 +400,7 @@ std::expected<RemoteCall, Error> decodeCall(const PlistValue& message, Sender se
     if (!message.dict())
         return refuse("a message must be a dictionary");
     const auto* selector = message.stringForKey("op");
-    const auto* operation = selector ? findRemoteOperation(*selector) : nullptr;
+    const auto* operation = selector ? findOperation(*selector) : nullptr;
     if (!operation || operation->sender != sender)
         return refuse("unknown operation " + (selector ? *selector : std::string("(none)")));
     const auto* id = message.find("id");
@@ -236,8 +409,11 @@ std::expected<RemoteCall, Error> decodeCall(const PlistValue& message, Sender se
     auto arguments = decodeArguments(message, *operation);
     if (!arguments)
         return std::unexpected(arguments.error());
+    auto refused = argumentRefusal(*operation, *arguments);
+    if (refused && !operation->refusal)
+        return refuse(*refused);
     return RemoteCall{id ? std::optional(*id->get<std::int64_t>()) : std::nullopt, operation,
-                      std::move(*arguments)};
+                      std::move(*arguments), std::move(refused)};
 }
 
 std::expected<RemoteReply, Error> decodeReplyEnvelope(const BinaryPlistDocument& message) {

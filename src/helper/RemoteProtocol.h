@@ -38,25 +38,55 @@ using RemoteValue = std::variant<bool, std::int64_t, double, std::string, std::v
 /// Who sends a call: the application calls the helper; the helper only reports progress.
 enum class Sender { application, helper };
 
-struct RemoteOperation {
+/// What an argument must be: its type on the wire and what the helper accepts of it. The
+/// decoder checks both, so that no operation receives a path or volume it would have to refuse.
+enum class ArgumentKind {
+    integer,
+    /// One or more.
+    positiveInteger,
+    real,
+    /// A clean absolute path: no "." or ".." component.
+    path,
+    /// A folder of a volume as the folder policy names it: "/Library/Extensions/".
+    volumeFolder,
+    /// A clean absolute path where nothing is yet: a backup folder about to be made.
+    newFolder,
+    stringList,
+    kextList,
+    /// The clean absolute mount point of an existing folder, with a data volume only when it is
+    /// a system volume's.
+    volume,
+};
+
+class HelperOperations;
+using RemoteArguments = std::vector<RemoteValue>;
+
+struct OperationEntry {
     /// The full selector, which is the operation's name on the wire.
     std::string_view selector;
     Sender sender;
-    std::vector<ValueType> arguments;
+    std::vector<ArgumentKind> arguments;
     /// The type of the reply's one value; none for a one-way call.
     std::optional<ValueType> reply;
+    /// Runs a call that the helper serves; null for what the helper sends.
+    RemoteValue (*handler)(HelperOperations&, const RemoteArguments&) = nullptr;
+    /// The reply to a call whose arguments are well typed but refused: what the caller takes
+    /// for failure. Null when such a call breaks the channel instead.
+    RemoteValue (*refusal)(const RemoteArguments&) = nullptr;
 };
 
 /// Every operation, in one place: the encoder, the decoder and the dispatcher use it.
-const std::vector<RemoteOperation>& remoteOperations();
+const std::vector<OperationEntry>& remoteOperations();
 /// The operation with that selector, or null.
-const RemoteOperation* findRemoteOperation(std::string_view selector);
+const OperationEntry* findOperation(std::string_view selector);
 
 struct RemoteCall {
     /// None for a one-way call.
     std::optional<std::int64_t> id;
-    const RemoteOperation* operation;
-    std::vector<RemoteValue> arguments;
+    const OperationEntry* operation;
+    RemoteArguments arguments;
+    /// Why an argument was refused, for a call that gets its operation's refusal as reply.
+    std::optional<std::string> refused;
 };
 
 /// A reply's id, and its value still in the frame: the value is decoded against the pending
@@ -73,7 +103,8 @@ PlistValue encodeCall(const RemoteCall& call);
 std::string encodeReplyPlist(std::int64_t id, const RemoteValue& value);
 
 /// A call sent by sender: a known operation of that sender, a well-typed "id" exactly when it
-/// expects a reply, and every argument of its type and allowed class.
+/// expects a reply, and every argument of its type and allowed class. An argument of the wrong
+/// kind marks the call refused, or refuses it here when its operation has no refusal reply.
 [[nodiscard]] std::expected<RemoteCall, Error> decodeCall(const PlistValue& message, Sender sender);
 /// The id of a reply and its value still encoded, to be decoded against the pending call.
 [[nodiscard]] std::expected<RemoteReply, Error>

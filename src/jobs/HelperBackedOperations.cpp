@@ -109,7 +109,7 @@ HelperBackedOperations::restoreKexts(const std::string& backup, const Volume& vo
                                      const std::string& backupFolder) {
     const auto steps = planRestore(backup, volume);
     if (!steps)
-        return std::unexpected(Error{steps.error(), ErrorKind::invalid});
+        return std::unexpected(steps.error());
     std::vector<std::string> paths;
     for (const auto& step : *steps)
         paths.push_back(step.item.volumePath());

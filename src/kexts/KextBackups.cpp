@@ -365,28 +365,6 @@ std::expected<BackupManifest, Error> readBackupManifest(const fs::path& backupFo
     return manifest;
 }
 
-bool addToManifest(int backupFolder, const Volume& volume, std::string_view operation,
-                   const std::vector<BackupItem>& items,
-                   std::chrono::system_clock::time_point now) {
-    const auto bytes = readFileAt(backupFolder, std::string(kBackupManifestName), kMaxManifestSize);
-    const auto plist = bytes ? parsePlist(*bytes) : std::unexpected(Error{});
-    auto existing = plist ? manifestOf(*plist) : std::unexpected(Error{});
-    BackupManifest manifest = existing ? std::move(*existing)
-                                       : BackupManifest{volume.mountPoint(),
-                                                        isoTimestamp(now),
-                                                        std::string(operation),
-                                                        {},
-                                                        volume.dataMountPoint()};
-    // A kext copied again under the same name replaced the earlier copy: its entry goes too.
-    for (const auto& item : items) {
-        std::erase_if(manifest.items, [&](const BackupItem& kept) {
-            return kept.pathInBackup == item.pathInBackup;
-        });
-        manifest.items.push_back(item);
-    }
-    return writeManifestAt(backupFolder, manifest);
-}
-
 std::string newBackupFolderPath(const fs::path& root, std::chrono::system_clock::time_point now) {
     const std::string base = (root / compactTimestamp(now)).string();
     std::string path = base;

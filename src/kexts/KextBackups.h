@@ -60,12 +60,6 @@ struct RescueOutcome {
 [[nodiscard]] std::expected<BackupManifest, Error>
 readBackupManifest(const std::filesystem::path& backupFolder);
 
-/// Adds kexts copied into the open backup folder to its manifest, made when it has none: so
-/// that backups made by the helper's backup operation can be restored too.
-[[nodiscard]] bool addToManifest(int backupFolder, const Volume& volume, std::string_view operation,
-                                 const std::vector<BackupItem>& items,
-                                 std::chrono::system_clock::time_point now);
-
 /// A backup folder path that does not exist yet: root + the compact timestamp of now, with
 /// "-2", "-3"... when that is taken.
 std::string newBackupFolderPath(const std::filesystem::path& root,

@@ -1,4 +1,4 @@
-// Backing up and installing kext bundles on a volume: the privileged file operations.
+// Installing kext bundles on a volume: the privileged file operations.
 #include "kexts/KextInstallation.h"
 
 #include "kexts/KextBackups.h"
@@ -21,7 +21,6 @@ namespace quelm {
 namespace {
 
 constexpr ItemAttributes kSystemAttributes{0, 0, 0755};
-constexpr ItemAttributes kBackupAttributes{501, 80, 0755};
 
 /// The folder holding the kext's bundle, checked without following a link: a link named like
 /// a kext must not make root copy what it points to.
@@ -83,19 +82,6 @@ std::expected<void, Error> installOne(const Kext& kext, const std::string& folde
     return {};
 }
 
-/// The name the kext was backed up under; nothing when it was not.
-std::optional<std::string> backupOne(const Kext& kext, const std::string& installedIn,
-                                     const Volume& volume, int backupFolder) {
-    const std::string name = kext.name();
-    const UniqueFd installed = openFolderOn(volume, installedIn, std::nullopt);
-    const auto listed =
-        isPlainFileName(name) && installed ? listedNameAt(installed.get(), name) : std::nullopt;
-    if (listed && removeTreeAt(backupFolder, *listed) &&
-        copyTreeAt(installed.get(), *listed, backupFolder, *listed, std::nullopt))
-        return listed;
-    return std::nullopt;
-}
-
 } // namespace
 
 std::optional<Error> installationRefusal(const Volume& volume, const std::string& folder) {
@@ -152,35 +138,6 @@ std::vector<Kext> installKernelExtensions(const std::vector<Kext>& kexts,
         logLine("KextInstallation::Error: " + failure.kext.name() + ": " + failure.reason);
         failed.push_back(std::move(failure.kext));
     }
-    return failed;
-}
-
-std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
-                                         const std::string& installedInFolder, const Volume& volume,
-                                         const std::string& destinationFolder,
-                                         std::chrono::system_clock::time_point now) {
-    if (kexts.empty())
-        return {};
-    const std::string backupPath = destinationFolder + compactTimestamp(now) + "/";
-    if (!isVolumeFolder(installedInFolder) || !isVolumeFolder(backupPath))
-        return kexts;
-    const UniqueFd backupFolder = openFolderBelow("/", backupPath, kBackupAttributes);
-    if (!backupFolder)
-        return kexts;
-    std::vector<Kext> failed;
-    std::vector<BackupItem> saved;
-    for (const auto& kext : kexts) {
-        if (const auto name = backupOne(kext, installedInFolder, volume, backupFolder.get()))
-            saved.push_back({installedInFolder, *name, *name});
-        else
-            failed.push_back(kext);
-    }
-    // The manifest lets restore and undo put these back; kexts of other folders it cannot name.
-    std::erase_if(saved, [](const BackupItem& item) {
-        return std::ranges::find(kExtensionsFolders, item.sourceFolder) == kExtensionsFolders.end();
-    });
-    if (!saved.empty() && !addToManifest(backupFolder.get(), volume, "install", saved, now))
-        logLine("KextInstallation::Error: Unable to write the manifest of " + backupPath);
     return failed;
 }
 

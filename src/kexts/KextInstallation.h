@@ -1,11 +1,10 @@
-// Backing up and installing kext bundles on a volume: the privileged file operations.
+// Installing kext bundles on a volume: the privileged file operations.
 #pragma once
 
 #include "kexts/Kext.h"
 #include "support/FolderTrees.h"
 #include "volumes/Volume.h"
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,14 +35,6 @@ std::vector<InstallFailure> installKexts(const std::vector<Kext>& kexts,
 std::vector<Kext> installKernelExtensions(const std::vector<Kext>& kexts,
                                           const std::string& destinationFolder,
                                           const Volume& volume, const Reader* reader = nullptr);
-
-/// Copies each kext found at mount point + installedInFolder + its name into
-/// destinationFolder + the compact timestamp of now, a folder made with owner 501, group 80
-/// and mode 755. Returns the kexts that failed; all of them when the folder cannot be made.
-std::vector<Kext> backupKernelExtensions(const std::vector<Kext>& kexts,
-                                         const std::string& installedInFolder, const Volume& volume,
-                                         const std::string& destinationFolder,
-                                         std::chrono::system_clock::time_point now);
 
 /// Why nothing may be installed into folder of the volume, in one sentence: a folder that is
 /// not one, a system folder that the volume's macOS keeps read-only, a volume that cannot be

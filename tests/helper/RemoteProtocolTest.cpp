@@ -1,55 +1,33 @@
-// The channel's messages and frames: what round-trips and what is refused.
+// The channel's messages and frames: what round-trips, what is refused and how.
 #include "helper/RemoteProtocol.h"
 
 #include "TestSupport.h"
 #include "helper/Channel.h"
+#include "support/KeyedArchive.h"
 
 #include <gtest/gtest.h>
 
 namespace quelm {
 namespace {
 
-Volume volume() {
-    return *unarchive<Volume>(PlistValue::Dict{{"$class", "QVOSVolume"},
-                                               {"mountPoint", "/Volumes/Mac HD"},
-                                               {"version", "10.12.6"},
-                                               {"buildVersion", "16G29"},
-                                               {"majorVersion", 16}});
+using Strings = std::vector<std::string>;
+
+PlistValue volumeAt(const std::string& mountPoint) {
+    return PlistValue::Dict{{"$class", "QVOSVolume"},
+                            {"mountPoint", mountPoint},
+                            {"version", "10.12.6"},
+                            {"buildVersion", "16G29"},
+                            {"majorVersion", 16}};
 }
 
-PlistValue installCall() {
-    return encodeCall({7,
-                       findRemoteOperation(
-                           "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:"),
-                       {std::vector<Kext>{Kext(FileURL::fromPath("/k/A b.kext", false))},
-                        std::string("/Library/Extensions/"), volume()}});
+PlistValue call(std::string op, PlistValue::Array args, PlistValue id = 7) {
+    return PlistValue::Dict{{"id", std::move(id)}, {"op", std::move(op)}, {"args", args}};
 }
 
-PlistValue withEntry(PlistValue message, const std::string& key, PlistValue value) {
-    auto entries = *message.dict();
-    entries.insert_or_assign(key, std::move(value));
-    return entries;
-}
-
-TEST(RemoteProtocolTest, EveryOperationIsInTheTableOnce) {
-    EXPECT_EQ(remoteOperations().size(), 18u);
-    for (const auto& operation : remoteOperations())
-        EXPECT_EQ(findRemoteOperation(operation.selector), &operation);
-    EXPECT_EQ(findRemoteOperation("nope:"), nullptr);
-}
-
-TEST(RemoteProtocolTest, CallsRoundTripThroughAFrame) {
-    std::string buffer = encodeFrame(installCall());
-    const auto message = takeFrame(buffer);
-    ASSERT_TRUE(message && *message);
-    EXPECT_TRUE(buffer.empty());
-    const auto call = decodeCall(**message, Sender::application);
-    ASSERT_TRUE(call) << call.error().message;
-    EXPECT_EQ(call->id, 7);
-    const auto& kexts = std::get<std::vector<Kext>>(call->arguments[0]);
-    EXPECT_EQ(kexts.at(0).path(), "/k/A b.kext");
-    EXPECT_EQ(std::get<Volume>(call->arguments[2]).mountPoint(), "/Volumes/Mac HD");
-}
+const Kext kKext(FileURL::fromPath("/k/A b.kext", false));
+const PlistValue kKexts = PlistValue::Array{archive(kKext)};
+const std::string kInstall =
+    "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:";
 
 TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
     ResultRecord result{"id", "/V/bin", "Owner ID Mismatched", 501, 0, 0, "Fixed"};
@@ -77,45 +55,71 @@ TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
     EXPECT_FALSE(decodeReplyEnvelope(*BinaryPlistDocument::open(empty)));
 }
 
-TEST(RemoteProtocolTest, MalformedCallsAreRefused) {
-    const auto call = installCall();
-    const std::vector<PlistValue> malformed{
-        PlistValue::Array{},
-        withEntry(call, "op", "rm -rf /:"),
-        withEntry(call, "op", 5),
-        withEntry(call, "id", "7"),
-        withEntry(call, "args", PlistValue::Array{}),
-        withEntry(call, "args", "x"),
-        withEntry(call, "args",
-                  PlistValue::Array{PlistValue::Array{"/k/A.kext"}, "/L/", archive(volume())}),
-        withEntry(
-            call, "args",
-            PlistValue::Array{PlistValue::Array{archive(volume())}, "/L/", archive(volume())}),
-        withEntry(call, "args", PlistValue::Array{PlistValue::Array{}, 3, archive(volume())}),
-        withEntry(call, "args",
-                  PlistValue::Array{PlistValue::Array{}, "/L/",
-                                    PlistValue::Dict{{"$class", "QVOSVolume"}}}),
-        encodeCall({std::nullopt, findRemoteOperation("test:"), {}}),
-        encodeCall({1, findRemoteOperation("terminateHelper"), {}}),
-        encodeCall({std::nullopt, findRemoteOperation("updateProgressWithDoubleValue:"), {0.5}}),
+TEST(RemoteProtocolTest, CallsAreRefusedWholeOrAnsweredWithTheirOperationsFailure) {
+    const auto volume = volumeAt("/");
+    const RemoteValue no = false;
+    // The reply a call of refused arguments gets; none where the call breaks the channel.
+    const std::vector<std::pair<PlistValue, std::optional<RemoteValue>>> cases{
+        {PlistValue::Array{}, {}},
+        {call("rm -rf /:", {}), {}},
+        {call(kInstall, {kKexts, "/L/", volume}, "7"), {}},
+        {call(kInstall, {kKexts, "/L/"}), {}},
+        {call(kInstall, {PlistValue::Array{"/k/A.kext"}, "/L/", volume}), {}},
+        {call(kInstall, {PlistValue::Array{volume}, "/L/", volume}), {}},
+        {call(kInstall, {kKexts, 3, volume}), {}},
+        {call(kInstall, {kKexts, "/L/", PlistValue::Dict{{"$class", "QVOSVolume"}}}), {}},
+        {call("terminateHelper", {}), {}},
+        {call("updateProgressWithDoubleValue:", {0.5}), {}},
+        {PlistValue::Dict{{"op", "test:"}, {"args", PlistValue::Array{}}}, {}},
+        {call(kInstall, {kKexts, "/../../", volume}), std::vector{kKext}},
+        {call(kInstall, {kKexts, "/Library/Extensions", volume}), std::vector{kKext}},
+        {call(kInstall, {kKexts, "/L/", volumeAt("relative")}), std::vector{kKext}},
+        {call("removeKernelExtensions:fromVolume:backupFolder:reply:",
+              {PlistValue::Array{"/L/A.kext"}, volume, "/"}),
+         Strings{"/L/A.kext"}},
+        {call("restoreKernelExtensionsFromBackupFolder:onTargetVolume:backupFolder:reply:",
+              {"/b", volume, "relative"}),
+         Strings{"/b"}},
+        {call("repairWithFolder:onTargetVolume:reply:", {"/L/../", volume}), no},
+        {call("repairDiskPermissionsOnTargetVolume:reply:", {volumeAt("/no/such")}),
+         std::vector<ResultRecord>{}},
+        {call("checkWritableTargetVolume:reply:", {volumeAt("/no/such")}),
+         std::string("/no/such is not a folder that can be the target volume.")},
+        {call("changeMaximumThreadsNumber:reply:", {0}), no},
+        {call("uninstallRepairPermissionsFromPath:reply:", {"relative"}), no},
     };
-    for (std::size_t i = 0; i < malformed.size(); ++i)
-        EXPECT_FALSE(decodeCall(malformed[i], Sender::application)) << "case " << i;
-    EXPECT_TRUE(decodeCall(malformed.back(), Sender::helper));
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const auto decoded = decodeCall(cases[i].first, Sender::application);
+        ASSERT_EQ(decoded.has_value(), cases[i].second.has_value()) << "case " << i;
+        if (decoded) {
+            EXPECT_EQ(encodeReplyPlist(1, decoded->operation->refusal(decoded->arguments)),
+                      encodeReplyPlist(1, *cases[i].second))
+                << "case " << i;
+        }
+    }
+    EXPECT_TRUE(decodeCall(PlistValue::Dict{{"op", "updateProgressWithDoubleValue:"},
+                                            {"args", PlistValue::Array{0.5}}},
+                           Sender::helper));
 }
 
-TEST(RemoteProtocolTest, FramesNeedAllTheirBytesAndAPropertyList) {
-    std::string whole = encodeFrame(installCall());
+TEST(RemoteProtocolTest, CallsRoundTripThroughFramesThatNeedAllTheirBytes) {
+    const std::string whole =
+        encodeFrame(call(kInstall, {kKexts, "/Library/Extensions/", volumeAt("/")}));
     std::string cut = whole.substr(0, whole.size() - 1);
-    EXPECT_EQ(*takeFrame(cut), std::nullopt);
-    std::string oversized("\x04\x00\x00\x01", 4);
-    EXPECT_FALSE(takeFrame(oversized));
-    std::string garbage = std::string("\0\0\0\5", 4) + "hello";
-    EXPECT_FALSE(takeFrame(garbage));
+    EXPECT_EQ(*takeFrame(cut), std::nullopt) << "the rest is awaited";
+    for (auto bytes : {std::string("\x04\x00\x00\x01", 4), std::string("\0\0\0\5", 4) + "hello"})
+        EXPECT_FALSE(takeFrame(bytes)) << "oversized or not a property list";
     std::string two = whole + whole;
     EXPECT_TRUE(*takeFrame(two));
-    EXPECT_TRUE(*takeFrame(two));
+    const auto message = takeFrame(two);
+    ASSERT_TRUE(message && *message);
     EXPECT_TRUE(two.empty());
+    const auto decoded = decodeCall(**message, Sender::application);
+    ASSERT_TRUE(decoded) << decoded.error().message;
+    EXPECT_EQ(decoded->id, 7);
+    EXPECT_EQ(decoded->refused, std::nullopt);
+    EXPECT_EQ(std::get<std::vector<Kext>>(decoded->arguments[0]), std::vector{kKext});
+    EXPECT_EQ(std::get<Volume>(decoded->arguments[2]).mountPoint(), "/");
 }
 
 } // namespace

@@ -4,8 +4,6 @@
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "kexts/KextHistory.h"
-#include "kexts/KextInstallation.h"
-#include "support/Strings.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>

@@ -4,7 +4,6 @@
 #include "TestSupport.h"
 #include "kexts/KextBackups.h"
 #include "kexts/KextCaches.h"
-#include "kexts/KextIntake.h"
 #include "support/Strings.h"
 
 #include <gtest/gtest.h>
@@ -100,13 +99,11 @@ TEST_F(KextInstallationTest, NamesAndPathsAsUsersTypeThem) {
     test::makeKext(downloads, "Plain.kext", PlistValue::Dict{});
     const fs::path before = fs::current_path();
     fs::current_path(downloads / "sub");
-    KextIntake manager;
-    manager.addKernelExtensions(std::vector<std::string>{"../Réseau.kext", "./../Plain.kext/"});
+    const std::vector<Kext> kexts{Kext(FileURL::fromPath("../Réseau.kext", false)),
+                                  Kext(FileURL::fromPath("./../Plain.kext/", false))};
     fs::current_path(before);
 
-    ASSERT_EQ(manager.kextsToInstall().size(), 2u);
-    EXPECT_TRUE(
-        installKernelExtensions(manager.kextsToInstall(), "/Library/Extensions/", *volume).empty());
+    EXPECT_TRUE(installKernelExtensions(kexts, "/Library/Extensions/", *volume).empty());
     EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Réseau.kext/Contents"));
     EXPECT_TRUE(fs::is_directory(volumeRoot / "Library/Extensions/Plain.kext/Contents"));
 }
@@ -139,41 +136,21 @@ TEST_F(KextInstallationTest, ABundleWithADeviceOrFifoInsideIsRefused) {
     EXPECT_TRUE(fs::is_empty(volumeRoot / "Library/Extensions"));
 }
 
-TEST_F(KextInstallationTest, BackupGoesIntoADatedFolderOwnedByTheUser) {
+TEST_F(KextInstallationTest, TheBackupOfReplacedKextsIsACopyOwnedByTheUser) {
     test::writeText(volumeRoot / "Library/Extensions/Old.kext/Contents/Info.plist", "old");
-    const Kext old(FileURL::fromPath("/elsewhere/Old.kext", false));
-    const Kext absent(FileURL::fromPath("/elsewhere/Absent.kext", false));
-    const auto now = std::chrono::system_clock::now();
-    const auto destination = folder / "Backups";
-
-    const auto failed = backupKernelExtensions({old, absent}, "/Library/Extensions/", *volume,
-                                               destination.string() + "/", now);
-    EXPECT_EQ(failed, std::vector<Kext>{absent});
-    const auto backup = destination / compactTimestamp(now);
-    EXPECT_EQ(test::readText(backup / "Old.kext/Contents/Info.plist"), "old");
-    for (const auto& made : {destination, backup}) {
-        const auto info = statOf(made);
-        EXPECT_EQ(info.st_uid, 501u);
-        EXPECT_EQ(info.st_gid, 80u);
-        EXPECT_EQ(info.st_mode & 07777, 0755u);
-    }
-    test::writeText(volumeRoot / "Extra/Extensions/Old.kext/Contents/Info.plist", "extra");
-    EXPECT_TRUE(backupKernelExtensions({old}, "/Extra/Extensions/", *volume,
-                                       destination.string() + "/", now)
-                    .empty());
-    const auto manifest = readBackupManifest(backup);
-    ASSERT_TRUE(manifest) << "restore and undo can read what the helper backed up";
-    ASSERT_EQ(manifest->items.size(), 1u) << "the second copy replaced the first";
-    EXPECT_EQ(manifest->items[0].volumePath(), "/Extra/Extensions/Old.kext");
-    EXPECT_TRUE(backupKernelExtensions({}, "/Library/Extensions/", *volume,
-                                       (folder / "None/").string(), now)
-                    .empty());
-    EXPECT_FALSE(fs::exists(folder / "None"));
-    test::writeText(folder / "File", "x");
-    EXPECT_EQ(backupKernelExtensions({old}, "/Library/Extensions/", *volume,
-                                     (folder / "File/").string(), now)
-                  .size(),
-              1u);
+    fs::create_directories(folder / "Backups");
+    const auto backup = newBackupFolderPath(folder / "Backups", std::chrono::system_clock::now());
+    const auto outcome = copyKextsToBackup(
+        *volume, {"/Library/Extensions/Old.kext", "/Library/Extensions/Absent.kext"}, backup,
+        "install", std::chrono::system_clock::now());
+    EXPECT_EQ(outcome.failed, std::vector<std::string>{"/Library/Extensions/Absent.kext"});
+    EXPECT_EQ(test::readText(fs::path(backup) / "Old.kext/Contents/Info.plist"), "old");
+    EXPECT_TRUE(fs::exists(volumeRoot / "Library/Extensions/Old.kext")) << "copied, not moved";
+    const auto info = statOf(backup);
+    EXPECT_EQ(info.st_uid, 501u);
+    EXPECT_EQ(info.st_gid, 80u);
+    EXPECT_EQ(info.st_mode & 07777, 0755u);
+    EXPECT_EQ(readBackupManifest(backup)->operation, "install");
 }
 
 TEST(KextCachesTest, BootCachesNameTheFoldersOfTheKernelCache) {

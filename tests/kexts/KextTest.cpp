@@ -3,7 +3,6 @@
 
 #include "TestSupport.h"
 #include "kexts/KextCatalog.h"
-#include "kexts/KextIntake.h"
 
 #include <gtest/gtest.h>
 
@@ -16,15 +15,10 @@ Kext kextAt(const std::string& path) {
     return Kext(FileURL::fromPath(path, false));
 }
 
-TEST(KextTest, PathsAsUsersTypeThemAndTheIntakeTakesEachKextOnce) {
+TEST(KextTest, PathsAsUsersTypeThem) {
     for (const auto* path : {"/Volumes/My Disk/Fake SMC.kext", "/k/Réseau.kext", "/k/#1/100%.kext"})
         EXPECT_EQ(kextAt(path).path(), path);
     EXPECT_EQ(kextAt("/k/Réseau.kext").name(), "Réseau.kext");
-    KextIntake intake;
-    intake.addKernelExtensions(
-        std::vector<std::string>{"/k/A.kext", "/k/B.bundle", "/k/A.kext", "/k/C.kext"});
-    ASSERT_EQ(intake.kextsToInstall().size(), 2u);
-    EXPECT_EQ(intake.kextsToInstall()[1].name(), "C.kext");
 }
 
 TEST(KextTest, TheVersionShownPrefersVersionPlistAndTheShortString) {

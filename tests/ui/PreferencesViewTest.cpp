@@ -3,7 +3,6 @@
 
 #include "kexts/KextFolder.h"
 #include "kexts/KextHistory.h"
-#include "kexts/KextIntake.h"
 #include "ui/AppearanceMode.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
@@ -42,32 +41,26 @@ private slots:
         QTest::addColumn<QString>("modeValue");
         QTest::addColumn<int>("folderIndex");
         QTest::addColumn<int>("modeIndex");
-        QTest::addColumn<Folder>("plannerFolder");
         QTest::newRow("library, light") << "/Library/Extensions/"
-                                        << "LightMode" << 0 << 0 << Folder::LibraryExtensions;
+                                        << "LightMode" << 0 << 0;
         QTest::newRow("system, dark") << "/System/Library/Extensions/"
-                                      << "DarkMode" << 1 << 1 << Folder::SystemLibraryExtensions;
+                                      << "DarkMode" << 1 << 1;
         QTest::newRow("ask") << "QVKextFolderAskMeEveryTime"
-                             << "LightMode" << 2 << 0 << Folder::AskMeEveryTime;
+                             << "LightMode" << 2 << 0;
         QTest::newRow("smart table") << "QVKextFolderUseSmartTable"
-                                     << "DarkMode" << 3 << 1 << Folder::UseSmartTable;
+                                     << "DarkMode" << 3 << 1;
         QTest::newRow("extra: not offered") << "/Extra/Extensions/"
-                                            << "LightMode" << -1 << 0 << Folder::ExtraExtensions;
+                                            << "LightMode" << -1 << 0;
     }
 
     void popUpsShowTheStoredChoices() {
         QFETCH(QString, folderValue);
         QFETCH(QString, modeValue);
         storeDefaults(folderValue.toStdString(), modeValue.toStdString());
-        KextIntake::shared().setInstallationFolder(Folder::LibraryExtensions);
         PreferencesView controller;
-        QTEST(controller.findChild<QComboBox*>("installationFolderMenu")
-                  ->currentIndex(),
+        QTEST(controller.findChild<QComboBox*>("installationFolderMenu")->currentIndex(),
               "folderIndex");
-        QTEST(controller.findChild<QComboBox*>("appearanceMenu")
-                  ->currentIndex(),
-              "modeIndex");
-        QTEST(KextIntake::shared().installationFolder(), "plannerFolder");
+        QTEST(controller.findChild<QComboBox*>("appearanceMenu")->currentIndex(), "modeIndex");
         QVERIFY(controller.findChild<QPushButton*>("editSmartTableButton")->isHidden());
     }
 
@@ -75,8 +68,7 @@ private slots:
         storeDefaults("/Library/Extensions/", "LightMode");
         PreferencesView controller;
         controller.show();
-        auto* folders =
-            controller.findChild<QComboBox*>("installationFolderMenu");
+        auto* folders = controller.findChild<QComboBox*>("installationFolderMenu");
         auto* modes = controller.findChild<QComboBox*>("appearanceMenu");
         QCOMPARE(items(*folders),
                  QStringList({"/Library/Extensions/", "/System/Library/Extensions/",
@@ -86,10 +78,8 @@ private slots:
         QTest::keyClick(folders, Qt::Key_Down);
         QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
                  "/System/Library/Extensions/");
-        QCOMPARE(KextIntake::shared().installationFolder(), Folder::SystemLibraryExtensions);
         QTest::keyClick(folders, Qt::Key_End);
         QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey), "QVKextFolderUseSmartTable");
-        QCOMPARE(KextIntake::shared().installationFolder(), Folder::UseSmartTable);
 
         QTest::keyClick(modes, Qt::Key_Down);
         QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "DarkMode");

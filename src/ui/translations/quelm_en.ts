@@ -655,5 +655,9 @@
         <source>%1 — system: %2, data: %3</source>
         <translation type="unfinished"></translation>
     </message>
+    <message id="kQVMainQuelmVCNoBackupFolder">
+        <source>Quelm cannot make its backup folder.</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 </TS>
