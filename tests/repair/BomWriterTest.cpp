@@ -1,10 +1,11 @@
 // The BOM writer and the listing: what is written reads back the same, in the layout of real
-// BOM files, and bad records or lines are refused by name.
+// BOM files, and bad entries or lines are refused by name.
 #include "repair/BomWriter.h"
 
 #include "TestSupport.h"
-#include "repair/BomReader.h"
+#include "support/ByteReader.h"
 
+#include <deque>
 #include <gtest/gtest.h>
 
 namespace quelm {
@@ -14,101 +15,106 @@ using namespace std::string_literals;
 
 const std::filesystem::path dataFolder = QUELM_TEST_BOM_DIR;
 
-std::vector<BomRecord> readBack(const std::string& bytes) {
-    BomReader parser("memory");
-    EXPECT_EQ(parser.parseBytes(bytes), BomReader::success);
-    std::vector<BomRecord> records;
-    for (std::uint32_t index = 0; index < parser.total(); ++index) {
-        const auto& record = parser.resources()[index];
-        records.push_back({record.path, record.mode, record.uid, record.gid});
-    }
-    return records;
+std::string longListingOf(std::span<const BomEntry> entries) {
+    std::string text;
+    for (const auto& entry : entries)
+        appendLongListingLine(text, entry);
+    return text;
 }
 
-std::uint32_t readU32(const std::string& bytes, std::size_t offset) {
-    std::uint32_t value = 0;
-    for (std::size_t index = 0; index < 4; ++index)
-        value = value << 8 | static_cast<unsigned char>(bytes[offset + index]);
-    return value;
+/// What the reader lists of the written entries, in the long form.
+std::string readBack(std::span<const BomEntry> entries) {
+    const auto bytes = writeBom(entries);
+    if (!bytes)
+        return "refused: " + bytes.error().message;
+    BomReader reader("memory");
+    const auto read = reader.parseBytes(*bytes);
+    return read ? longListingOf(*read) : "unreadable: " + read.error().message;
 }
 
 /// A tree of depth levels below ".", width entries in each folder, in breadth-first order.
-std::vector<BomRecord> treeRecords(std::size_t width, std::size_t depth) {
-    std::vector<BomRecord> records{{".", 040755, 0, 0}};
+std::vector<BomEntry> treeEntries(std::size_t width, std::size_t depth,
+                                  std::deque<std::string>& paths) {
+    std::vector<BomEntry> entries{{".", 040755, 0, 0}};
     for (std::size_t start = 0, level = 0; level < depth; ++level) {
-        const std::size_t end = records.size();
+        const std::size_t end = entries.size();
         for (std::size_t parent = start; parent < end; ++parent)
             for (std::size_t index = 0; index < width; ++index)
-                records.push_back({records[parent].path + "/n" + std::to_string(index),
-                                   static_cast<std::uint16_t>(level + 1 < depth ? 040755 : 0100644),
-                                   static_cast<std::uint32_t>(index), 20});
+                entries.emplace_back(
+                    paths.emplace_back(std::string(entries[parent].path) + "/n" +
+                                       std::to_string(index)),
+                    static_cast<std::uint16_t>(level + 1 < depth ? 040755 : 0100644),
+                    static_cast<std::uint32_t>(index), 20);
         start = end;
     }
-    return records;
+    return entries;
 }
 
-TEST(BomWriterTest, UnusualNamesModesAndOwnersRoundTrip) {
-    const std::vector<BomRecord> records{
+TEST(BomWriterTest, UnusualNamesModesOwnersAndContentRoundTrip) {
+    const std::vector<BomEntry> entries{
         {".", 041777, 0, 0},
         {"./Library", 040755, 0, 80},
-        {"./Library/Icon\r", 0100644, 501, 20},
-        {"./Library/with  blanks ", 0104755, 4294967295u, 4294967294u},
+        {"./Library/Icon\r", 0100644, 501, 20, 38, 3557505254u},
+        {"./Library/with  blanks ", 0104755, 4294967295u, 4294967294u, 4294967295u, 0},
         {"./Library/setgid", 0102711, 0, 0},
-        {"./Library/link", 0120755, 0, 0},
+        {"./Library/link", 0120755, 0, 0, 4, 1234, "../a b"},
         {"./Library/disk0", 060640, 0, 5},
         {"./Library/Ünïcödé", 0100000, 0, 0},
     };
-    EXPECT_EQ(readBack(*writeBom(records)), records);
+    EXPECT_EQ(readBack(entries), longListingOf(entries));
 }
 
 TEST(BomWriterTest, ManyPathsRoundTripThroughLeavesAndBranchLevels) {
     // A leaf holds 510 entries: 510 paths fill one, 511 need two under a branch, more than
     // 510 * 510 need two branch levels.
-    for (const auto& records :
-         {treeRecords(509, 1), treeRecords(510, 1), treeRecords(7, 3), treeRecords(511, 2)})
-        EXPECT_EQ(readBack(*writeBom(records)), records) << records.size() << " paths";
+    std::deque<std::string> paths;
+    for (const auto& entries : {treeEntries(509, 1, paths), treeEntries(510, 1, paths),
+                                treeEntries(7, 3, paths), treeEntries(511, 2, paths)})
+        EXPECT_EQ(readBack(entries), longListingOf(entries)) << entries.size() << " paths";
 }
 
 TEST(BomWriterTest, FileHasTheLayoutOfRealBoms) {
-    const std::string bytes = *writeBom(treeRecords(600, 1));
+    std::deque<std::string> paths;
+    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
+    const BigEndianSlice file(bytes);
     ASSERT_EQ(bytes.substr(0, 12), std::string("BOMStore\0\0\0\1", 12));
-    const std::uint32_t tableOffset = readU32(bytes, 16);
-    const std::uint32_t blockCount = readU32(bytes, tableOffset);
-    EXPECT_EQ(readU32(bytes, 12), blockCount - 1) << "non-null blocks";
-    EXPECT_EQ(readU32(bytes, tableOffset + 4), 0u) << "block 0 is the null block";
+    const std::uint32_t tableOffset = *file.u32(16);
+    EXPECT_EQ(*file.u32(12), *file.u32(tableOffset) - 1) << "non-null blocks";
+    EXPECT_EQ(*file.u32(tableOffset + 4), 0u) << "block 0 is the null block";
     const auto block = [&](std::uint32_t id) {
-        return bytes.substr(readU32(bytes, tableOffset + 4 + 8 * id),
-                            readU32(bytes, tableOffset + 8 + 8 * id));
+        return *file.slice(*file.u32(tableOffset + 4 + 8 * id),
+                           *file.u32(tableOffset + 8 + 8 * id));
     };
-    std::size_t offset = readU32(bytes, 24);
-    std::vector<std::string> names;
+    std::vector<std::string_view> names;
     std::vector<std::uint32_t> ids;
-    for (std::uint32_t count = readU32(bytes, offset), index = 0; index < count; ++index) {
-        ids.push_back(readU32(bytes, offset + 4));
-        names.push_back(bytes.substr(offset + 9, static_cast<unsigned char>(bytes[offset + 8])));
-        offset += 5 + names.back().size();
+    for (std::size_t at = *file.u32(24) + 4; names.size() < *file.u32(*file.u32(24));
+         at += 5 + names.back().size()) {
+        ids.push_back(*file.u32(at));
+        names.push_back(file.slice(at + 5, *file.u8(at + 4))->bytes());
     }
-    ASSERT_EQ(names, (std::vector<std::string>{"BomInfo", "Paths", "HLIndex", "VIndex", "Size64"}));
-    const std::string paths = block(ids[1]);
-    EXPECT_EQ(paths.substr(0, 4), "tree");
-    EXPECT_EQ(readU32(paths, 12), 4096u);
-    EXPECT_EQ(readU32(paths, 16), 601u);
-    const std::string root = block(readU32(paths, 8));
-    EXPECT_EQ(root.substr(0, 4), std::string("\0\0\0\2", 4)) << "a branch of two leaves";
-    const std::uint32_t first = readU32(root, 12);
-    const std::uint32_t second = readU32(root, 20);
+    ASSERT_EQ(names,
+              (std::vector<std::string_view>{"BomInfo", "Paths", "HLIndex", "VIndex", "Size64"}));
+    const auto tree = block(ids[1]);
+    EXPECT_EQ(tree.bytes().substr(0, 4), "tree");
+    EXPECT_EQ(*tree.u32(12), 4096u);
+    EXPECT_EQ(*tree.u32(16), 601u);
+    const auto root = block(*tree.u32(8));
+    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
+    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
     EXPECT_EQ(block(first).size(), 4096u);
-    EXPECT_EQ(readU32(block(first), 4), second) << "forward link";
-    EXPECT_EQ(readU32(block(second), 8), first) << "backward link";
+    EXPECT_EQ(*block(first).u32(4), second) << "forward link";
+    EXPECT_EQ(*block(second).u32(8), first) << "backward link";
     // The attribute type follows the mode: 2 for the root folder, 1 for a file.
-    const std::string leaf = block(first);
-    EXPECT_EQ(block(readU32(block(readU32(leaf, 12)), 4))[0], 2);
-    EXPECT_EQ(block(readU32(block(readU32(leaf, 20)), 4))[0], 1);
+    const auto typeOf = [&](std::size_t entry) {
+        return *block(*block(*block(first).u32(12 + 8 * entry)).u32(4)).u8(0);
+    };
+    EXPECT_EQ(typeOf(0), 2);
+    EXPECT_EQ(typeOf(1), 1);
 }
 
-TEST(BomWriterTest, RecordsThatCannotBeStoredAreRefusedByName) {
-    const auto refusal = [](std::vector<BomRecord> records) {
-        const auto written = writeBom(records);
+TEST(BomWriterTest, EntriesThatCannotBeStoredAreRefusedByName) {
+    const auto refusal = [](std::vector<BomEntry> entries) {
+        const auto written = writeBom(entries);
         return written ? std::string("written") : written.error().message;
     };
     EXPECT_NE(refusal({}).find("\".\""), std::string::npos);
@@ -124,11 +130,12 @@ TEST(BomWriterTest, RecordsThatCannotBeStoredAreRefusedByName) {
 }
 
 TEST(BomWriterTest, ListingParsesBlanksAndCarriageReturnsAndNamesTheBadLine) {
-    const auto records = parseListing(".\t40755\t0/0\n./a b\r\t100644\t501/20\n./c\t1777\t1/2");
-    ASSERT_TRUE(records) << records.error().message;
-    EXPECT_EQ(*records,
-              (std::vector<BomRecord>{
-                  {".", 040755, 0, 0}, {"./a b\r", 0100644, 501, 20}, {"./c", 01777, 1, 2}}));
+    const std::string text = ".\t40755\t0/0\n./a b\r\t100644\t501/20\t9\t7\n./c\t1777\t1/2\n"
+                             "./l\t120755\t0/0\t3\t5\t../x y\n./f\t104755\t4294967295/7\t0\t0\n";
+    const std::string unended = text.substr(0, text.size() - 1);
+    const auto entries = parseListing(unended);
+    ASSERT_TRUE(entries) << entries.error().message;
+    EXPECT_EQ(longListingOf(*entries), text);
     for (const char* bad :
          {"./x 40755 0/0", "./x\t8\t0/0", "./x\t200000\t0/0", "./x\t755\t0:0", "./x\t755\t0/",
           "./x\t755\t-1/0", "\t755\t0/0", "./x\t755\t0/0\tmore", ""}) {
@@ -138,21 +145,18 @@ TEST(BomWriterTest, ListingParsesBlanksAndCarriageReturnsAndNamesTheBadLine) {
     }
 }
 
-TEST(BomWriterTest, ListingLineHasOctalModeWithTypeBits) {
-    std::string out = "x";
-    appendListingLine(out, "./a b", 040755, 0, 80);
-    appendListingLine(out, "./f", 0104755, 4294967295u, 7);
-    EXPECT_EQ(out, "x./a b\t40755\t0/80\n./f\t104755\t4294967295/7\n");
-}
-
 TEST(BomWriterTest, RealListingsRoundTripThroughTheWriter) {
     for (const char* name : {"pkgbuild-python-applications", "packagemaker-archive"}) {
         const std::string text = test::readText(dataFolder / (name + std::string(".listing")));
-        const auto records = parseListing(text);
-        ASSERT_TRUE(records) << records.error().message;
+        const auto entries = parseListing(text);
+        ASSERT_TRUE(entries) << entries.error().message;
+        const auto bytes = writeBom(*entries);
+        BomReader reader("memory");
+        const auto read = reader.parseBytes(*bytes);
+        ASSERT_TRUE(read) << read.error().message;
         std::string listing;
-        for (const auto& record : readBack(*writeBom(*records)))
-            appendListingLine(listing, record.path, record.mode, record.uid, record.gid);
+        for (const auto& entry : *read)
+            appendListingLine(listing, entry);
         EXPECT_EQ(listing, text) << name;
     }
 }

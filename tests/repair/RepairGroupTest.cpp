@@ -28,18 +28,18 @@ protected:
         test::makeVolumeGroup(system, data, version, build);
         const std::uint32_t uid = ::getuid(), gid = ::getgid();
         const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
-            return BomRecord{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+            return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
         };
-        const std::vector<BomRecord> core{dir("."),
-                                          dir("./bin"),
-                                          {"./bin/ps", 0104755, uid, gid},
-                                          dir("./private"),
-                                          dir("./private/tmp", 01777),
-                                          dir("./Library"),
-                                          dir("./Library/Extensions")};
-        const std::vector<BomRecord> local{dir("."), dir("./usr"), dir("./usr/local"),
-                                           dir("./usr/local/bin")};
-        const std::vector<BomRecord> users{dir("."), dir("./Users"), dir("./Users/Shared", 01777)};
+        const std::vector<BomEntry> core{dir("."),
+                                         dir("./bin"),
+                                         {"./bin/ps", 0104755, uid, gid},
+                                         dir("./private"),
+                                         dir("./private/tmp", 01777),
+                                         dir("./Library"),
+                                         dir("./Library/Extensions")};
+        const std::vector<BomEntry> local{dir("."), dir("./usr"), dir("./usr/local"),
+                                          dir("./usr/local/bin")};
+        const std::vector<BomEntry> users{dir("."), dir("./Users"), dir("./Users/Shared", 01777)};
         test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
                              "com.apple.pkg.Core", {test::kRepairGroup}, core);
         test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",

@@ -107,7 +107,7 @@ TEST(HostilePlistTest, RegressionBombInAReceiptIsReportedAndTheOtherReceiptsAreC
     test::makeVolume(volume, "10.12.6", "16G29");
     std::filesystem::create_directories(volume / "bin");
     ::chmod((volume / "bin").c_str(), 0775);
-    const std::vector<BomRecord> records{{".", 040755, ::getuid(), ::getgid()},
+    const std::vector<BomEntry> records{{".", 040755, ::getuid(), ::getgid()},
                                          {"./bin", 040755, ::getuid(), ::getgid()}};
     for (const auto& [name, copies] :
          {std::pair{"com.apple.pkg.Bomb", kBomb}, std::pair{"com.apple.pkg.Padded", kReadable}}) {
