@@ -1,8 +1,9 @@
-// The BOM reader: real files list exactly, edge cases of the format, and one damaged field per
-// case refused with what is wrong, without reading outside the file or hanging.
-#include "repair/BomReader.h"
-
+// BOM files: real ones list exactly, what the writer writes reads back the same in the layout of
+// real files, edge cases of the format are read as it says, and each damaged field is refused
+// with what is wrong, without reading outside the file or hanging; bad entries and listing
+// lines are refused by name.
 #include "TestSupport.h"
+#include "repair/BomReader.h"
 #include "repair/BomWriter.h"
 #include "support/ByteReader.h"
 #include "support/ByteWriter.h"
@@ -13,20 +14,169 @@
 namespace quelm {
 namespace {
 
+using namespace std::string_literals;
+
 const std::filesystem::path dataFolder = QUELM_TEST_BOM_DIR;
 
-std::string listingOf(std::span<const BomEntry> entries) {
+std::string listingOf(std::span<const BomEntry> entries, bool longForm = true) {
     std::string text;
     for (const auto& entry : entries)
-        appendLongListingLine(text, entry);
+        longForm ? appendLongListingLine(text, entry) : appendListingLine(text, entry);
     return text;
 }
 
-/// The long listing of a BOM in memory, or why the reader refused it.
-std::string listingOf(std::string bytes) {
+/// The listing of a BOM in memory, or why the reader refused it.
+std::string listingOf(std::string bytes, bool longForm = true) {
     BomReader reader("memory");
     const auto entries = reader.parseBytes(std::move(bytes));
-    return entries ? listingOf(*entries) : "refused: " + entries.error().message;
+    return entries ? listingOf(*entries, longForm) : "refused: " + entries.error().message;
+}
+
+/// What the reader lists of the written entries.
+std::string readBack(std::span<const BomEntry> entries, bool longForm = true) {
+    const auto bytes = writeBom(entries);
+    return bytes ? listingOf(*bytes, longForm) : "not written: " + bytes.error().message;
+}
+
+TEST(BomTest, RealFilesListExactlyAndTheirListingsRoundTripThroughTheWriter) {
+    for (const std::string name : {"pkgbuild-python-applications", "packagemaker-archive"}) {
+        const std::string text = test::readText(dataFolder / (name + ".listing"));
+        const auto file = BomFile::initWithFileName((dataFolder / (name + ".bom")));
+        file->parse();
+        EXPECT_EQ(listingOf(file->entries(), false), text) << name;
+        const auto entries = parseListing(text);
+        ASSERT_TRUE(entries) << entries.error().message;
+        EXPECT_EQ(readBack(*entries, false), text) << name;
+    }
+}
+
+/// A tree of depth levels below ".", width entries in each folder, in breadth-first order.
+std::vector<BomEntry> treeEntries(std::size_t width, std::size_t depth,
+                                  std::deque<std::string>& paths) {
+    std::vector<BomEntry> entries{{".", 040755, 0, 0}};
+    for (std::size_t start = 0, level = 0; level < depth; ++level) {
+        const std::size_t end = entries.size();
+        for (std::size_t parent = start; parent < end; ++parent)
+            for (std::size_t index = 0; index < width; ++index)
+                entries.emplace_back(
+                    paths.emplace_back(std::string(entries[parent].path) + "/n" +
+                                       std::to_string(index)),
+                    static_cast<std::uint16_t>(level + 1 < depth ? 040755 : 0100644),
+                    static_cast<std::uint32_t>(index), 20);
+        start = end;
+    }
+    return entries;
+}
+
+TEST(BomTest, UnusualEntriesAndManyPathsRoundTripThroughLeavesAndBranchLevels) {
+    const std::vector<BomEntry> unusual{
+        {".", 041777, 0, 0},
+        {"./Library", 040755, 0, 80},
+        {"./Library/Icon\r", 0100644, 501, 20, 38, 3557505254u},
+        {"./Library/with  blanks ", 0104755, 4294967295u, 4294967294u, 4294967295u, 0},
+        {"./Library/setgid", 0102711, 0, 0},
+        {"./Library/link", 0120755, 0, 0, 4, 1234, "../a b"},
+        {"./Library/disk0", 060640, 0, 5},
+        {"./Library/Ünïcödé", 0100000, 0, 0},
+    };
+    // A leaf holds 510 entries: 510 paths fill one, 511 need two under a branch, more than
+    // 510 * 510 need two branch levels.
+    std::deque<std::string> paths;
+    for (const auto& entries : {unusual, treeEntries(509, 1, paths), treeEntries(510, 1, paths),
+                                treeEntries(7, 3, paths), treeEntries(511, 2, paths)})
+        EXPECT_EQ(readBack(entries), listingOf(entries)) << entries.size() << " paths";
+}
+
+/// bytes with the big-endian field of width bytes at offset set to value.
+std::string with(std::string bytes, std::size_t offset, std::uint64_t value, std::size_t width) {
+    std::string field;
+    BigEndianWriter(field).uint(value, width);
+    return bytes.replace(offset, width, field);
+}
+
+std::string swapEntries(std::string bytes, std::size_t at) {
+    std::swap_ranges(bytes.begin() + at, bytes.begin() + at + 8, bytes.begin() + at + 8);
+    return bytes;
+}
+
+/// The layout of our writer's files, to read and damage them in place.
+struct Layout {
+    explicit Layout(const std::string& bytes) : file(bytes) {}
+
+    std::size_t block(std::uint32_t id) const { return *file.u32(*file.u32(16) + 4 + 8 * id); }
+    BigEndianSlice blockAt(std::uint32_t id) const {
+        return *file.slice(block(id), *file.u32(*file.u32(16) + 8 + 8 * id));
+    }
+    /// The root of the Paths tree, the second variable after "BomInfo".
+    std::uint32_t root() const { return *blockAt(*file.u32(*file.u32(24) + 16)).u32(8); }
+    /// The first entry of the root, a leaf when there are few paths.
+    std::size_t rootEntries() const { return block(root()) + 12; }
+
+    BigEndianSlice file;
+};
+
+TEST(BomTest, FileHasTheLayoutOfRealBoms) {
+    std::deque<std::string> paths;
+    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
+    const Layout layout(bytes);
+    const BigEndianSlice& file = layout.file;
+    ASSERT_EQ(bytes.substr(0, 12), std::string("BOMStore\0\0\0\1", 12));
+    EXPECT_EQ(*file.u32(12), *file.u32(*file.u32(16)) - 1) << "non-null blocks";
+    EXPECT_EQ(layout.block(0), 0u) << "block 0 is the null block";
+    std::vector<std::string_view> names;
+    for (std::size_t at = *file.u32(24) + 4; names.size() < *file.u32(*file.u32(24));
+         at += 5 + names.back().size())
+        names.push_back(file.slice(at + 5, *file.u8(at + 4))->bytes());
+    ASSERT_EQ(names,
+              (std::vector<std::string_view>{"BomInfo", "Paths", "HLIndex", "VIndex", "Size64"}));
+    const auto tree = layout.blockAt(*file.u32(*file.u32(24) + 16));
+    EXPECT_EQ(tree.bytes().substr(0, 4), "tree");
+    EXPECT_EQ(*tree.u32(12), 4096u);
+    EXPECT_EQ(*tree.u32(16), 601u);
+    const auto root = layout.blockAt(layout.root());
+    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
+    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
+    EXPECT_EQ(layout.blockAt(first).size(), 4096u);
+    EXPECT_EQ(*layout.blockAt(first).u32(4), second) << "forward link";
+    EXPECT_EQ(*layout.blockAt(second).u32(8), first) << "backward link";
+    // The attribute type follows the mode: 2 for the root folder, 1 for a file.
+    for (const auto& [entry, type] : {std::pair{0, 2}, {1, 1}}) {
+        const auto value = layout.blockAt(*layout.blockAt(first).u32(12 + 8 * entry));
+        EXPECT_EQ(*layout.blockAt(*value.u32(4)).u8(0), type);
+    }
+}
+
+TEST(BomTest, EntriesThatCannotBeStoredAreRefusedByName) {
+    const auto refusal = [](std::vector<BomEntry> entries) {
+        const auto written = writeBom(entries);
+        return written ? std::string("written") : written.error().message;
+    };
+    EXPECT_NE(refusal({}).find("\".\""), std::string::npos);
+    EXPECT_NE(refusal({{"./a", 040755, 0, 0}}).find("\".\""), std::string::npos);
+    for (const std::string& path :
+         {"./z/b"s, "./b/"s, "./tab\tname"s, "./line\nbreak"s, "./a\0b"s, "x"s, "."s}) {
+        const auto message =
+            refusal({{".", 040755, 0, 0}, {"./a", 0100644, 0, 0}, {path, 0100644, 0, 0}});
+        EXPECT_TRUE(message.starts_with(path + ":")) << message;
+    }
+    EXPECT_NE(refusal({{".", 040755, 0, 0}, {"./a", 0, 0, 0}, {"./a", 0, 0, 0}}).find("twice"),
+              std::string::npos);
+}
+
+TEST(BomTest, ListingParsesBlanksAndCarriageReturnsAndNamesTheBadLine) {
+    const std::string text = ".\t40755\t0/0\n./a b\r\t100644\t501/20\t9\t7\n./c\t1777\t1/2\n"
+                             "./l\t120755\t0/0\t3\t5\t../x y\n./f\t104755\t4294967295/7\t0\t0\n";
+    const std::string unended = text.substr(0, text.size() - 1);
+    const auto entries = parseListing(unended);
+    ASSERT_TRUE(entries) << entries.error().message;
+    EXPECT_EQ(listingOf(*entries), text);
+    for (const char* bad :
+         {"./x 40755 0/0", "./x\t8\t0/0", "./x\t200000\t0/0", "./x\t755\t0:0", "./x\t755\t0/",
+          "./x\t755\t-1/0", "\t755\t0/0", "./x\t755\t0/0\tmore", ""}) {
+        const auto parsed = parseListing(".\t40755\t0/0\n" + std::string(bad) + "\n");
+        ASSERT_FALSE(parsed) << bad;
+        EXPECT_TRUE(parsed.error().message.starts_with("line 2: ")) << parsed.error().message;
+    }
 }
 
 // A BOM made by hand: one path "orphan" whose parent id 7 is listed nowhere.
@@ -54,27 +204,9 @@ const unsigned char orphanBom[] = {
 const std::string orphan(reinterpret_cast<const char*>(orphanBom), sizeof orphanBom);
 const std::string orphanListing = "/orphan\t100644\t501/20\t0\t0\n";
 
-/// bytes with the big-endian field of width bytes at offset set to value.
-std::string with(std::string bytes, std::size_t offset, std::uint64_t value, std::size_t width) {
-    std::string field;
-    BigEndianWriter(field).uint(value, width);
-    return bytes.replace(offset, width, field);
-}
-
 constexpr std::size_t tableEntry = 124; // address of block 0; block i's is 8 * i further
 
-TEST(BomReaderTest, RealFilesGiveExactlyTheirListings) {
-    for (const char* name : {"pkgbuild-python-applications", "packagemaker-archive"}) {
-        const auto file = BomFile::initWithFileName((dataFolder / (name + std::string(".bom"))));
-        file->parse();
-        std::string listing;
-        for (const auto& entry : file->entries())
-            appendListingLine(listing, entry);
-        EXPECT_EQ(listing, test::readText(dataFolder / (name + std::string(".listing")))) << name;
-    }
-}
-
-TEST(BomReaderTest, UnusualButSoundFilesAreRead) {
+TEST(BomTest, UnusualButSoundFilesAreRead) {
     const struct {
         const char* what;
         std::size_t offset;
@@ -94,7 +226,7 @@ TEST(BomReaderTest, UnusualButSoundFilesAreRead) {
             << sound.what;
 }
 
-TEST(BomReaderTest, EachDamagedFieldIsRefusedWithWhatIsWrong) {
+TEST(BomTest, EachDamagedFieldIsRefusedWithWhatIsWrong) {
     const struct {
         const char* what;
         std::size_t offset;
@@ -133,40 +265,15 @@ TEST(BomReaderTest, EachDamagedFieldIsRefusedWithWhatIsWrong) {
     }
 }
 
-TEST(BomReaderTest, EveryTruncationIsRefused) {
+TEST(BomTest, EveryTruncationIsRefused) {
     for (std::size_t length = 0; length < orphan.size(); ++length)
         EXPECT_TRUE(listingOf(orphan.substr(0, length)).starts_with("refused: ")) << length;
 }
 
-/// A root folder and count - 1 files in it; more than 510 take several leaves under a branch.
-std::string flatBom(std::size_t count, std::deque<std::string>& paths) {
-    std::vector<BomEntry> entries{{".", 040755, 0, 0}};
-    for (std::size_t index = 1; index < count; ++index)
-        entries.emplace_back(paths.emplace_back("./file" + std::to_string(index)), 0100644, 0, 0);
-    return *writeBom(entries);
-}
-
-/// The layout of our writer's files, to damage them in place.
-struct Layout {
-    explicit Layout(const std::string& bytes) : file(bytes) {}
-
-    std::size_t block(std::uint32_t id) const { return *file.u32(*file.u32(16) + 4 + 8 * id); }
-    /// The root of the Paths tree, the second variable after "BomInfo".
-    std::uint32_t root() const { return *file.u32(block(*file.u32(*file.u32(24) + 16)) + 8); }
-    /// The first entry of the root, a leaf when there are few paths.
-    std::size_t rootEntries() const { return block(root()) + 12; }
-
-    BigEndianSlice file;
-};
-
-std::string swapEntries(std::string bytes, std::size_t at) {
-    std::swap_ranges(bytes.begin() + at, bytes.begin() + at + 8, bytes.begin() + at + 8);
-    return bytes;
-}
-
-TEST(BomReaderTest, DamageInWrittenFilesIsRefused) {
+TEST(BomTest, DamageInWrittenFilesIsRefused) {
     std::deque<std::string> paths;
-    const std::string two = flatBom(600, paths), three = flatBom(3, paths);
+    const std::string two = *writeBom(treeEntries(599, 1, paths));
+    const std::string three = *writeBom(treeEntries(2, 1, paths));
     const std::string chain = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
                                                               {"./A", 040755, 0, 0},
                                                               {"./A/B", 040755, 0, 0},
@@ -188,7 +295,7 @@ TEST(BomReaderTest, DamageInWrittenFilesIsRefused) {
         EXPECT_NE(listingOf(bytes).find(message), std::string::npos) << listingOf(bytes);
 }
 
-TEST(BomReaderTest, APathListedBeforeItsFolderIsBuiltFromTheNamesKnownWhenListed) {
+TEST(BomTest, APathListedBeforeItsFolderIsBuiltFromTheNamesKnownWhenListed) {
     const std::string bytes = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
                                                               {"./P", 040755, 0, 0},
                                                               {"./P/C", 040755, 0, 0},
@@ -199,7 +306,7 @@ TEST(BomReaderTest, APathListedBeforeItsFolderIsBuiltFromTheNamesKnownWhenListed
               ".\t40755\t0/0\n/C\t40755\t0/0\n./P\t40755\t0/0\n./P/C/D\t100644\t0/0\t0\t0\n");
 }
 
-TEST(BomReaderTest, SizeAndChecksumAreTrustedOnlyWhenRecordedForTheirType) {
+TEST(BomTest, SizeAndChecksumAreTrustedOnlyWhenRecordedForTheirType) {
     const std::string bytes = *writeBom(std::vector<BomEntry>{
         {".", 040755, 0, 0}, {"./file", 0100644, 0, 80, 38, 3557505254u}, {"./dir", 040755, 0, 0}});
     BomReader reader("memory");
@@ -213,7 +320,7 @@ TEST(BomReaderTest, SizeAndChecksumAreTrustedOnlyWhenRecordedForTheirType) {
     EXPECT_FALSE((*reader.parseBytes(orphan))[0].hasChecksum);
 }
 
-TEST(BomReaderTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {
+TEST(BomTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {
     test::TemporaryFolder folder;
     test::writeText(folder / "text.bom", "not a bom");
     for (const auto& [name, kind] : {std::pair{"missing.bom", ErrorKind::io},
