@@ -1,4 +1,5 @@
-// Receipts: which are read, which are standard, and where their BOM is.
+// Receipts: which are standard, and which are refused. Both encodings, and names that must come
+// back unescaped, are read on a whole volume in PermissionRepairTest.
 #include "repair/Package.h"
 
 #include "TestSupport.h"
@@ -20,20 +21,6 @@ std::string receipt(const test::TemporaryFolder& folder, const std::string& name
 
 PlistValue receiptWith(Array groups) {
     return Dict{{"PackageIdentifier", "com.apple.pkg.Foo"}, {"PackageGroups", std::move(groups)}};
-}
-
-TEST(PackageTest, ReadsBothEncodingsAndPlacesTheBomBeside) {
-    test::TemporaryFolder folder;
-    // A volume named as users name them: the BOM path must come back unescaped.
-    const std::string at = "Système #1 100%/System/Library/Receipts/com.apple.pkg.Foo";
-    for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
-        const auto package = StandardPackage::initWithReceiptPath(
-            receipt(folder, at + ".plist", receiptWith({"a", test::kRepairGroup}), format));
-        ASSERT_TRUE(package);
-        EXPECT_EQ(package->identifier(), "com.apple.pkg.Foo");
-        EXPECT_EQ(package->groups(), (std::vector<std::string>{"a", test::kRepairGroup}));
-        EXPECT_EQ(package->bomPathString(), (folder / (at + ".bom")).string());
-    }
 }
 
 TEST(PackageTest, OnlyTheStandardGroupMakesAStandardPackage) {

@@ -2,7 +2,6 @@
 #include "repair/RepairResult.h"
 
 #include <gtest/gtest.h>
-#include <regex>
 
 namespace quelm {
 namespace {
@@ -25,28 +24,19 @@ const ResultRecord unreadable =
         .representable();
 
 TEST(RepairResultTest, ReportTextOfOneResultAndOfSeveral) {
+    EXPECT_NE(ownerResult().identifier, ownerResult().identifier) << "each result has its own";
     EXPECT_EQ(reportText(ownerResult()), "   File: /Volumes/Mac HD/usr/bin/login\n"
                                          " Reason: Owner ID Mismatched\n"
                                          "Current: 501\n"
                                          "Correct: 0\n"
                                          "    New: N/A\n"
                                          " Status: Verified");
-    EXPECT_EQ(reportText(fixed), "   File: /V/a b/ New: 1\n Reason: Group ID Mismatched\n"
-                                 "Current: 20\nCorrect: 0\n    New: 0\n Status: Fixed");
     EXPECT_EQ(reportText({ownerResult(), fixed}),
               reportText(ownerResult()) + "\n\n" + reportText(fixed) + "\n");
     EXPECT_EQ(reportText(std::vector<ResultRecord>{}), "");
 }
 
-TEST(RepairResultTest, ArchiveAndReportGiveBackEveryResult) {
-    const auto restored = unarchive<ResultRecord>(
-        *parsePlist(*serializePlist(archive(unreadable), PlistFormat::binary)));
-    ASSERT_TRUE(restored);
-    EXPECT_EQ(*restored, unreadable);
-    auto broken = *archive(unreadable).dict();
-    broken.insert_or_assign("currentAttribute", "501");
-    EXPECT_FALSE(unarchive<ResultRecord>(broken));
-
+TEST(RepairResultTest, ReportGivesBackEveryResult) {
     const std::vector results{ownerResult(), fixed, unreadable, ownerResult()};
     const std::string text = reportText(results);
     for (const auto& input : {text, text.substr(0, text.size() - 1)}) {
@@ -70,9 +60,6 @@ TEST(RepairResultTest, DamagedReportIsRefusedNamingTheLine) {
          "line 2: unknown text after \" Reason: \": \"Owner Mismatched\""},
         {{"Current: 501", "Current: 5x1"},
          "line 3: expected a decimal integer after \"Current: \", found \"5x1\""},
-        {{"Correct: 0", "Correct: 99999999999999999999"},
-         "line 4: expected a decimal integer after \"Correct: \", found \"99999999999999999999\""},
-        {{"    New: N/A", "    New:"}, "line 5: expected \"    New: \", found \"    New:\""},
         {{"Verified\n\n", "Verified\n"},
          "line 7: expected a blank line between results, found "
          "\"   File: /Volumes/Mac HD/usr/bin/login\""},
@@ -87,14 +74,6 @@ TEST(RepairResultTest, DamagedReportIsRefusedNamingTheLine) {
     const auto cut = parseReportText(good.substr(0, good.find("Correct")));
     EXPECT_EQ(cut ? "accepted" : cut.error(),
               "line 4: expected \"Correct: \", but the report ends");
-}
-
-TEST(RepairResultTest, IdentifiersAreFreshVersion4UUIDs) {
-    const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
-    const auto first = makeUUIDString();
-    EXPECT_TRUE(std::regex_match(first, uuid)) << first;
-    EXPECT_NE(first, makeUUIDString());
-    EXPECT_NE(ownerResult().identifier, ownerResult().identifier);
 }
 
 } // namespace

@@ -14,9 +14,7 @@ using Slices = std::vector<std::pair<std::size_t, std::size_t>>;
 
 TEST(WorkSlicesTest, LastSliceTakesTheRemainderAndEveryItemIsVisitedOnce) {
     EXPECT_EQ(workSlices(10, 4), (Slices{{0, 2}, {2, 4}, {4, 6}, {6, 10}}));
-    EXPECT_EQ(workSlices(3, 8),
-              (Slices{{0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 3}}));
-    EXPECT_EQ(workSlices(5, 1), (Slices{{0, 5}}));
+    EXPECT_EQ(workSlices(2, 3), (Slices{{0, 0}, {0, 0}, {0, 2}})) << "more threads than items";
     std::vector<std::atomic<int>> visits(1001);
     runWorkSlices(visits.size(), 7, "unused", [&](std::size_t begin, std::size_t end) {
         for (auto i = begin; i < end; ++i)
