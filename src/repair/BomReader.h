@@ -40,8 +40,8 @@ struct BomEntry {
     std::uint32_t size = 0;
     std::uint32_t checksum = 0;
     std::uint16_t mode = 0;
-    /// Whether size and checksum describe the content: old short records hold neither, and a
-    /// record whose type byte disagrees with its mode is not trusted with them.
+    /// Whether size and checksum describe a file's or a link's content: old short records hold
+    /// neither, and a record whose type byte disagrees with its mode is not trusted with them.
     bool hasChecksum = true;
 
     bool operator==(const BomEntry&) const = default;
