@@ -133,7 +133,8 @@ std::expected<std::pair<Pages, std::size_t>, Error> readFile(int fd) {
     if (!S_ISREG(status.st_mode))
         return std::unexpected(Error{"not a regular file", ErrorKind::refused});
     if (static_cast<std::uintmax_t>(status.st_size) > maxFileSize)
-        return std::unexpected(Error{"larger than 4 GiB, which no BOM can be", ErrorKind::unsupported});
+        return std::unexpected(
+            Error{"larger than 4 GiB, which no BOM can be", ErrorKind::unsupported});
     const auto size = static_cast<std::size_t>(status.st_size);
     Pages pages(size);
     if (!readAll(fd, pages.data(), size))

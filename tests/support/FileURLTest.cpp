@@ -14,7 +14,8 @@ TEST(FileURLTest, EncodesEverythingOutsideThePathCharactersAndDecodesItBack) {
          {std::tuple{"/Volumes/Mac HD/a.kext", false, "file:///Volumes/Mac%20HD/a.kext"},
           {"/x/é#%?[]", false, "file:///x/%C3%A9%23%25%3F%5B%5D"},
           {"/a-._~!$&'()*+,;=:@", false, "file:///a-._~!$&'()*+,;=:@"},
-          {"/x/%41", false, "file:///x/%2541"}, {"/Library", true, "file:///Library/"},
+          {"/x/%41", false, "file:///x/%2541"},
+          {"/Library", true, "file:///Library/"},
           {"/Library/", true, "file:///Library/"}}) {
         EXPECT_EQ(FileURL::fromPath(path, folder).absoluteString(), url);
         EXPECT_EQ(FileURL::fromAbsoluteString(url)->path(), folder ? "/Library/" : path);
