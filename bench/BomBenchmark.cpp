@@ -34,13 +34,13 @@ struct Folder {
 
 /// Folders listed breadth first, each with its files and sub-folders, as receipts list them:
 /// folders reach at least minDepth wherever the tree stops and at most maxDepth, so paths are
-/// 4 to 8 names deep.
-std::vector<BomRecord> systemVolumeRecords(std::size_t count) {
+/// 4 to 8 names deep. The entries view their paths, which paths keeps.
+std::vector<BomEntry> systemVolumeEntries(std::size_t count, std::deque<std::string>& paths) {
     std::mt19937 random(1);
     const auto pick = [&](std::size_t low, std::size_t high) {
         return std::uniform_int_distribution<std::size_t>(low, high)(random);
     };
-    std::vector<BomRecord> records{{".", 040755, 0, 0}};
+    std::vector<BomEntry> records{{".", 040755, 0, 0}};
     std::deque<Folder> folders{{".", 0}};
     while (records.size() < count && !folders.empty()) {
         const Folder folder = std::move(folders.front());
@@ -53,11 +53,11 @@ std::vector<BomRecord> systemVolumeRecords(std::size_t count) {
             std::string name = isFolder ? folderWords[pick(0, folderWords.size() - 1)]
                                         : fileWords[pick(0, fileWords.size() - 1)];
             name += std::to_string(index) + (isFolder ? "" : extensions[pick(0, 7)]);
-            std::string path = folder.path + "/" + name;
+            const std::string& path = paths.emplace_back(folder.path + "/" + name);
             const std::uint16_t mode = isFolder ? 040755 : (pick(0, 9) == 0 ? 0100755 : 0100644);
             records.push_back({path, mode, 0, pick(0, 3) == 0 ? 80u : 0u});
             if (isFolder)
-                folders.push_back({std::move(path), folder.depth + 1});
+                folders.push_back({path, folder.depth + 1});
         }
     }
     return records;
@@ -68,9 +68,12 @@ std::filesystem::path bomFile;
 void parseAndRebuild(benchmark::State& state) {
     for (auto _ : state) {
         BomReader parser(bomFile.string());
-        if (parser.parse() != BomReader::success)
-            state.SkipWithError("cannot parse the BOM");
-        benchmark::DoNotOptimize(parser.resources());
+        const auto entries = parser.parse();
+        if (!entries) {
+            state.SkipWithError(entries.error().message.c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(entries->data());
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * recordCount));
 }
@@ -80,12 +83,13 @@ void parseRebuildAndFormat(benchmark::State& state) {
     out.reserve((std::size_t{1} << 20) + 4096);
     for (auto _ : state) {
         BomReader parser(bomFile.string());
-        if (parser.parse() != BomReader::success)
-            state.SkipWithError("cannot parse the BOM");
-        const std::uint32_t total = parser.total();
-        for (std::uint32_t index = 0; index < total; ++index) {
-            const auto& record = parser.resources()[index];
-            appendListingLine(out, record.path, record.mode, record.uid, record.gid);
+        const auto entries = parser.parse();
+        if (!entries) {
+            state.SkipWithError(entries.error().message.c_str());
+            break;
+        }
+        for (const BomEntry& entry : *entries) {
+            appendListingLine(out, entry);
             if (out.size() >= std::size_t{1} << 20) {
                 benchmark::DoNotOptimize(out.data());
                 out.clear();
@@ -103,7 +107,8 @@ BENCHMARK(parseRebuildAndFormat)
     ->Threads(2);
 
 bool writeSystemVolumeBom(const std::filesystem::path& path) {
-    const auto bom = writeBom(systemVolumeRecords(recordCount));
+    std::deque<std::string> paths;
+    const auto bom = writeBom(systemVolumeEntries(recordCount, paths));
     if (!bom) {
         std::cerr << bom.error().message << '\n';
         return false;

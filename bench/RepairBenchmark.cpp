@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -32,27 +33,33 @@ constexpr std::size_t kContentFileSize = std::size_t{1} << 20;
 
 enum class Order { tree, random };
 
+/// Keeps the text of a generated path for the whole run: entries only view their paths.
+std::string_view kept(std::string path) {
+    static std::deque<std::string> paths;
+    return paths.emplace_back(std::move(path));
+}
+
 /// Folders breadth first, each with its files, listed parents before children. In random
 /// order the paths of each depth are shuffled: parents still come first, as a receipt needs.
-std::vector<BomRecord> volumeRecords(Order order) {
+std::vector<BomEntry> volumeRecords(Order order) {
     const std::uint32_t uid = ::getuid(), gid = ::getgid();
     const std::uint32_t empty = posixChecksum("");
-    std::vector<BomRecord> records{{".", 040755, uid, gid}};
+    std::vector<BomEntry> records{{".", 040755, uid, gid}};
     std::vector<std::string> folders{"."};
     for (std::size_t next = 0; records.size() < kPathCount; ++next) {
         const std::string parent = folders[next];
         for (std::size_t i = 0; i < kFilesPerFolder && records.size() < kPathCount; ++i)
-            records.emplace_back(parent + "/file" + std::to_string(i) + ".plist",
+            records.emplace_back(kept(parent + "/file" + std::to_string(i) + ".plist"),
                                  static_cast<std::uint16_t>(i % 10 ? 0100644 : 0100755), uid, gid,
                                  0, empty);
         for (std::size_t i = 0; i < kFoldersPerFolder && records.size() < kPathCount; ++i) {
             folders.push_back(parent + "/Folder" + std::to_string(i));
-            records.emplace_back(folders.back(), 040755, uid, gid);
+            records.emplace_back(kept(folders.back()), 040755, uid, gid);
         }
     }
     if (order == Order::random) {
         std::shuffle(records.begin() + 1, records.end(), std::mt19937(42));
-        std::ranges::stable_sort(records, {}, [](const BomRecord& record) {
+        std::ranges::stable_sort(records, {}, [](const BomEntry& record) {
             return std::ranges::count(record.path, '/');
         });
     }
@@ -60,9 +67,9 @@ std::vector<BomRecord> volumeRecords(Order order) {
 }
 
 /// A folder of files of random bytes, with their real sizes and checksums.
-std::vector<BomRecord> contentRecords(std::vector<std::string>& contents) {
+std::vector<BomEntry> contentRecords(std::vector<std::string>& contents) {
     const std::uint32_t uid = ::getuid(), gid = ::getgid();
-    std::vector<BomRecord> records{{".", 040755, uid, gid}, {"./Content", 040755, uid, gid}};
+    std::vector<BomEntry> records{{".", 040755, uid, gid}, {"./Content", 040755, uid, gid}};
     std::mt19937_64 random(7);
     for (std::size_t i = 0; i < kContentFileCount; ++i) {
         std::string bytes(kContentFileSize, '\0');
@@ -70,7 +77,7 @@ std::vector<BomRecord> contentRecords(std::vector<std::string>& contents) {
             const std::uint64_t word = random();
             std::memcpy(bytes.data() + at, &word, sizeof word);
         }
-        records.emplace_back("./Content/file" + std::to_string(i), 0100644, uid, gid,
+        records.emplace_back(kept("./Content/file" + std::to_string(i)), 0100644, uid, gid,
                              static_cast<std::uint32_t>(bytes.size()), posixChecksum(bytes));
         contents.push_back(std::move(bytes));
     }
@@ -85,7 +92,7 @@ void writeOrDie(const fs::path& path, std::string_view bytes) {
 }
 
 /// The volume with one receipt listing records; contents[i] is written into the i-th file.
-void makeVolume(const fs::path& volume, const std::vector<BomRecord>& records,
+void makeVolume(const fs::path& volume, const std::vector<BomEntry>& records,
                 const std::vector<std::string>& contents = {}) {
     const auto receipts = volume / "System/Library/Receipts";
     fs::create_directories(receipts);
@@ -121,7 +128,7 @@ struct BenchVolume {
         records = volumeRecords(order);
         makeVolume(root, records);
     }
-    BenchVolume(const std::vector<BomRecord>& content, const std::vector<std::string>& bytes) {
+    BenchVolume(const std::vector<BomEntry>& content, const std::vector<std::string>& bytes) {
         char folder[] = "/tmp/quelm-repair-bench-XXXXXX";
         root = ::mkdtemp(folder);
         records = content;
@@ -131,7 +138,7 @@ struct BenchVolume {
     Volume volume() const { return *Volume::initWithMountPoint(root.string()); }
 
     fs::path root;
-    std::vector<BomRecord> records;
+    std::vector<BomEntry> records;
 };
 
 const BenchVolume& benchVolume(Order order) {

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <numeric>
 #include <string>
 
 namespace {
@@ -12,13 +12,15 @@ volatile std::size_t pathBytes;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     quelm::BomReader parser("fuzz input");
-    if (parser.parseBytes(std::string(reinterpret_cast<const char*>(data), size)) !=
-        quelm::BomReader::success)
+    const auto entries = parser.parseBytes(std::string(reinterpret_cast<const char*>(data), size));
+    if (!entries)
         return 0;
-    // Touch every path so that a bad pointer or a missing NUL shows up under AddressSanitizer.
-    std::size_t length = 0;
-    for (std::uint32_t index = 0; index < parser.total(); ++index)
-        length += std::strlen(parser.resources()[index].path);
-    pathBytes = length;
+    // Touch every byte of every path and target, so that a bad view shows up under
+    // AddressSanitizer.
+    std::size_t sum = 0;
+    for (const auto& entry : *entries)
+        for (const std::string_view text : {entry.path, entry.linkTarget})
+            sum = std::accumulate(text.begin(), text.end(), sum);
+    pathBytes = sum;
     return 0;
 }

@@ -65,7 +65,7 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
     return bundle;
 }
 
-void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord>& records) {
+void writeBomFile(const std::filesystem::path& path, const std::vector<BomEntry>& records) {
     const auto bytes = writeBom(records);
     ASSERT_TRUE(bytes.has_value()) << bytes.error().message;
     writeText(path, *bytes);
@@ -73,7 +73,7 @@ void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord
 
 void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
                     std::string_view identifier, const std::vector<std::string>& groups,
-                    const std::vector<BomRecord>& records, PlistFormat format) {
+                    const std::vector<BomEntry>& records, PlistFormat format) {
     const auto receipt = receiptFolder / relativePath;
     PlistValue::Array groupList(groups.begin(), groups.end());
     writePlist(receipt,
@@ -87,7 +87,7 @@ void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view
 
 void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
                   std::string_view identifier, const std::vector<std::string>& groups,
-                  const std::vector<BomRecord>& records, PlistFormat format) {
+                  const std::vector<BomEntry>& records, PlistFormat format) {
     writeReceiptIn(volume / "System/Library/Receipts", relativePath, identifier, groups, records,
                    format);
 }

@@ -58,17 +58,17 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
                                PlistFormat format = PlistFormat::xml);
 
 /// A BOM file made by our writer; the records must list "." first.
-void writeBomFile(const std::filesystem::path& path, const std::vector<BomRecord>& records);
+void writeBomFile(const std::filesystem::path& path, const std::vector<BomEntry>& records);
 
 /// A receipt at receiptFolder/relativePath with its BOM beside it.
 void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
                     std::string_view identifier, const std::vector<std::string>& groups,
-                    const std::vector<BomRecord>& records, PlistFormat format = PlistFormat::xml);
+                    const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
 
 /// A receipt at VOLUME/System/Library/Receipts/relativePath with its BOM beside it.
 void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
                   std::string_view identifier, const std::vector<std::string>& groups,
-                  const std::vector<BomRecord>& records, PlistFormat format = PlistFormat::xml);
+                  const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
 
 /// The standard group of receipts whose permissions are repaired.
 inline const std::string kRepairGroup = "com.apple.snowleopard-repair-permissions.pkg-group";

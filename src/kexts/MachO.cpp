@@ -29,53 +29,37 @@ std::unexpected<Error> refuse(std::string message) {
     return std::unexpected(Error{std::move(message)});
 }
 
-std::uint32_t swapped(std::uint32_t value) {
-    return (value >> 24) | ((value >> 8) & 0xff00) | ((value << 8) & 0xff0000) | (value << 24);
-}
-
-/// A thin header's fields in the file's own byte order, which its magic tells.
-class ThinHeader {
-public:
-    static std::optional<ThinHeader> of(ByteSlice bytes) {
-        const auto magic = bytes.u32(0);
-        if (!magic)
-            return std::nullopt;
-        for (const bool swap : {false, true}) {
-            const std::uint32_t value = swap ? swapped(*magic) : *magic;
-            if (value == kMagic32 || value == kMagic64)
-                return ThinHeader(bytes, swap, value == kMagic64);
-        }
-        return std::nullopt;
-    }
-
-    std::size_t size() const { return is64_ ? kHeaderSize64 : kHeaderSize32; }
-    std::optional<std::uint32_t> field(std::size_t index) const {
-        const auto value = bytes_.u32(index * 4);
-        return value && swap_ ? std::optional(swapped(*value)) : value;
-    }
-
-private:
-    ThinHeader(ByteSlice bytes, bool swap, bool is64) : bytes_(bytes), swap_(swap), is64_(is64) {}
-
-    ByteSlice bytes_;
-    bool swap_;
-    bool is64_;
+/// A thin header's fields, read in the file's own byte order, which its magic tells.
+struct ThinHeader {
+    std::size_t size;
+    std::optional<std::uint32_t> cpuType;
+    std::optional<std::uint32_t> cpuSubtype;
+    std::optional<std::uint32_t> commandsSize;
 };
+
+template <std::endian Order> std::optional<ThinHeader> thinHeader(std::string_view bytes) {
+    const ByteSlice<Order> header(bytes);
+    const auto magic = header.u32(0);
+    if (magic != kMagic32 && magic != kMagic64)
+        return std::nullopt;
+    return ThinHeader{magic == kMagic64 ? kHeaderSize64 : kHeaderSize32, header.u32(4),
+                      header.u32(8), header.u32(20)};
+}
 
 std::expected<MachOSlice, Error> readThin(const ByteSource& source, std::uint64_t offset,
                                           std::uint64_t size) {
     const auto bytes = source(offset, std::min<std::uint64_t>(size, kHeaderSize64));
-    const auto header = bytes ? ThinHeader::of(ByteSlice(*bytes)) : std::nullopt;
+    auto header = bytes ? thinHeader<std::endian::big>(*bytes) : std::nullopt;
+    if (bytes && !header)
+        header = thinHeader<std::endian::little>(*bytes);
     if (!header)
         return refuse("not a Mach-O file");
-    const auto cpuType = header->field(1);
-    const auto cpuSubtype = header->field(2);
-    const auto commandsSize = header->field(5);
-    if (!cpuType || !cpuSubtype || !commandsSize || size < header->size())
+    if (!header->cpuType || !header->cpuSubtype || !header->commandsSize || size < header->size)
         return refuse("the Mach-O header is cut short");
-    if (*commandsSize > size - header->size())
+    if (*header->commandsSize > size - header->size)
         return refuse("the Mach-O load commands run past the end of the file");
-    return MachOSlice{static_cast<std::int32_t>(*cpuType), static_cast<std::int32_t>(*cpuSubtype)};
+    return MachOSlice{static_cast<std::int32_t>(*header->cpuType),
+                      static_cast<std::int32_t>(*header->cpuSubtype)};
 }
 
 struct FatEntry {
@@ -84,23 +68,14 @@ struct FatEntry {
     std::uint64_t size;
 };
 
-std::optional<FatEntry> fatEntry(ByteSlice table, std::size_t index, bool wide) {
+/// Entry index of a fat header, which is big-endian whatever the slices are.
+std::optional<FatEntry> fatEntry(BigEndianSlice table, std::size_t index, bool wide) {
     const std::size_t at = kFatHeaderSize + index * (wide ? kFatArch64Size : kFatArchSize);
     const auto cpuType = table.u32(at);
     const auto cpuSubtype = table.u32(at + 4);
-    const auto word = [&](std::size_t field) {
-        return table.u32(at + field);
-    };
-    std::optional<std::uint64_t> offset, size;
-    if (wide) {
-        if (const auto h = word(8), l = word(12); h && l)
-            offset = std::uint64_t{*h} << 32 | *l;
-        if (const auto h = word(16), l = word(20); h && l)
-            size = std::uint64_t{*h} << 32 | *l;
-    } else {
-        offset = word(8);
-        size = word(12);
-    }
+    using Field = std::optional<std::uint64_t>;
+    const Field offset = wide ? table.u64(at + 8) : Field(table.u32(at + 8));
+    const Field size = wide ? table.u64(at + 16) : Field(table.u32(at + 12));
     if (!cpuType || !cpuSubtype || !offset || !size)
         return std::nullopt;
     return FatEntry{{static_cast<std::int32_t>(*cpuType), static_cast<std::int32_t>(*cpuSubtype)},
@@ -119,7 +94,7 @@ std::expected<MachOFile, Error> readFat(const ByteSource& source, std::uint64_t 
         return refuse("the fat header is cut short");
     MachOFile file{true, {}};
     for (std::uint32_t i = 0; i < count; ++i) {
-        const auto entry = fatEntry(ByteSlice(*table), i, wide);
+        const auto entry = fatEntry(BigEndianSlice(*table), i, wide);
         if (!entry || entry->offset < tableSize || entry->offset > size ||
             entry->size > size - entry->offset)
             return refuse("architecture " + std::to_string(i + 1) + " lies outside the file");
@@ -143,11 +118,11 @@ bool MachOFile::hasX86_64() const {
 
 std::expected<MachOFile, Error> readMachO(const ByteSource& source, std::uint64_t size) {
     const auto head = source(0, std::min<std::uint64_t>(size, kFatHeaderSize));
-    const auto magic = head ? ByteSlice(*head).u32(0) : std::nullopt;
+    const auto magic = head ? BigEndianSlice(*head).u32(0) : std::nullopt;
     if (!magic)
         return refuse("not a Mach-O file: it is too short");
     if (*magic == kFatMagic || *magic == kFatMagic64) {
-        const auto count = ByteSlice(*head).u32(4);
+        const auto count = BigEndianSlice(*head).u32(4);
         if (!count)
             return refuse("the fat header is cut short");
         return readFat(source, size, *count, *magic == kFatMagic64);

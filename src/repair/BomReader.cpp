@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <limits>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace quelm {
 namespace {
@@ -26,6 +28,7 @@ constexpr std::size_t attributesSize = 14;
 constexpr std::size_t attributesWithSize = 22;
 constexpr std::size_t attributesWithChecksum = 27;
 constexpr std::size_t attributesWithLink = 31;
+constexpr std::uint8_t fileType = 1;
 constexpr std::uint8_t linkType = 3;
 constexpr std::size_t hugePageSize = std::size_t{2} << 20;
 constexpr std::size_t minArenaChunk = std::size_t{64} << 10;
@@ -114,26 +117,38 @@ bool readAll(int fd, char* data, std::size_t size) {
     return true;
 }
 
-/// The bytes and size of the regular file open on fd, read whole; nothing when any step fails.
-std::optional<std::pair<Pages, std::size_t>> readFile(int fd) {
+std::unexpected<Error> damaged(std::string what) {
+    return std::unexpected(Error{"damaged BOM: " + std::move(what), ErrorKind::invalid});
+}
+
+std::unexpected<Error> ioFailure(std::string what) {
+    return std::unexpected(Error{std::move(what) + ": " + std::strerror(errno), ErrorKind::io});
+}
+
+/// The bytes and size of the regular file open on fd, read whole.
+std::expected<std::pair<Pages, std::size_t>, Error> readFile(int fd) {
     struct stat status {};
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-        static_cast<std::uintmax_t>(status.st_size) > maxFileSize)
-        return std::nullopt;
+    if (::fstat(fd, &status) != 0)
+        return ioFailure("cannot examine the file");
+    if (!S_ISREG(status.st_mode))
+        return std::unexpected(Error{"not a regular file", ErrorKind::refused});
+    if (static_cast<std::uintmax_t>(status.st_size) > maxFileSize)
+        return std::unexpected(
+            Error{"larger than 4 GiB, which no BOM can be", ErrorKind::unsupported});
     const auto size = static_cast<std::size_t>(status.st_size);
     Pages pages(size);
     if (!readAll(fd, pages.data(), size))
-        return std::nullopt;
+        return std::unexpected(Error{"cannot read the file whole", ErrorKind::io});
     return std::pair{std::move(pages), size};
 }
 
 /// The container: header checked, block table located.
 class BomStore {
 public:
-    [[nodiscard]] static std::optional<BomStore> open(std::string_view bytes);
+    [[nodiscard]] static std::expected<BomStore, Error> open(std::string_view bytes);
 
     /// The bytes of block id, when the table lists it and they lie inside the file.
-    [[nodiscard]] std::optional<ByteSlice> block(std::uint32_t id) const {
+    [[nodiscard]] std::optional<BigEndianSlice> block(std::uint32_t id) const {
         if (id >= blockCount_)
             return std::nullopt;
         const auto address = table_.u32(std::size_t{8} * id);
@@ -144,33 +159,36 @@ public:
     }
 
     std::uint32_t blockCount() const { return blockCount_; }
-    const ByteSlice& file() const { return file_; }
+    const BigEndianSlice& file() const { return file_; }
 
 private:
-    ByteSlice file_;
-    ByteSlice table_;
+    BigEndianSlice file_;
+    BigEndianSlice table_;
     std::uint32_t blockCount_ = 0;
 };
 
-std::optional<BomStore> BomStore::open(std::string_view bytes) {
+std::expected<BomStore, Error> BomStore::open(std::string_view bytes) {
     BomStore store;
-    store.file_ = ByteSlice(bytes);
+    store.file_ = BigEndianSlice(bytes);
     // The magic is compared as a C string, so byte 8 (the version's high byte) must be 0.
     const auto magic = store.file_.cString(0);
+    if (!magic || *magic != "BOMStore")
+        return std::unexpected(
+            Error{"not a BOM store: it does not begin with \"BOMStore\"", ErrorKind::invalid});
+    if (bytes.size() < headerSize)
+        return damaged("the header is cut short");
     const auto tableOffset = store.file_.u32(16);
-    if (!magic || *magic != "BOMStore" || bytes.size() < headerSize || !tableOffset)
-        return std::nullopt;
-    const auto count = store.file_.u32(*tableOffset);
+    const auto count = tableOffset ? store.file_.u32(*tableOffset) : std::nullopt;
     if (!count)
-        return std::nullopt;
-    store.table_ = ByteSlice(bytes.substr(*tableOffset + std::size_t{4}));
+        return damaged("the block table lies outside the file");
+    store.table_ = BigEndianSlice(bytes.substr(*tableOffset + std::size_t{4}));
     store.blockCount_ =
         static_cast<std::uint32_t>(std::min<std::size_t>(*count, store.table_.size() / 8));
     return store;
 }
 
 struct Node {
-    ByteSlice block;
+    BigEndianSlice block;
     bool leaf;
     std::uint16_t count;
     std::uint32_t forward;
@@ -190,52 +208,54 @@ std::optional<Node> readNode(const BomStore& store, std::uint32_t id) {
 }
 
 /// The block id of the leftmost leaf of the tree whose header is block treeId: 0 when the root
-/// block is too short for a node (an empty tree), nothing when the tree is damaged.
-std::optional<std::uint32_t> leftmostLeaf(const BomStore& store, std::uint32_t treeId) {
+/// block is too short for a node (an empty tree).
+std::expected<std::uint32_t, Error> leftmostLeaf(const BomStore& store, std::uint32_t treeId) {
     const auto tree = store.block(treeId);
     const auto rootId = tree ? tree->u32(8) : std::nullopt;
     const auto root = rootId ? store.block(*rootId) : std::nullopt;
     if (!root)
-        return std::nullopt;
+        return damaged("the Paths tree or its root lies outside the file");
     if (root->size() < nodeHeaderSize)
         return 0;
     // Every step moves one level down; more steps than blocks means the branches loop.
     std::uint32_t id = *rootId;
     for (std::uint32_t step = 0; step < store.blockCount(); ++step) {
         const auto node = readNode(store, id);
-        if (!node)
-            return std::nullopt;
-        if (node->leaf)
+        if (node && node->leaf)
             return id;
-        const auto child = node->count > 0 ? node->block.u32(nodeHeaderSize) : std::nullopt;
+        const auto child = node && node->count > 0 ? node->block.u32(nodeHeaderSize) : std::nullopt;
         if (!child)
-            return std::nullopt;
+            return damaged("a branch of the Paths tree lies outside the file or is empty");
         id = *child;
     }
-    return std::nullopt;
+    return damaged("the branches of the Paths tree loop");
 }
 
-/// Calls visit on each leaf from first on along the forward links; false when a leaf is
-/// damaged, visit refuses it, or the links loop (more leaves than blocks).
+/// Calls visit on each leaf from first on along the forward links, up to the first failure:
+/// a damaged leaf, links that loop (more leaves than blocks), or what visit refuses.
 template <typename Visit>
-bool forEachLeaf(const BomStore& store, std::uint32_t first, Visit&& visit) {
+std::expected<void, Error> forEachLeaf(const BomStore& store, std::uint32_t first, Visit&& visit) {
     std::uint32_t visited = 0;
     for (std::uint32_t id = first; id != 0; ++visited) {
-        const auto node = visited < store.blockCount() ? readNode(store, id) : std::nullopt;
-        if (!node || !visit(*node))
-            return false;
+        if (visited >= store.blockCount())
+            return damaged("the leaves of the Paths tree loop");
+        const auto node = readNode(store, id);
+        if (!node)
+            return damaged("a leaf of the Paths tree lies outside the file");
+        if (auto done = visit(*node); !done)
+            return done;
         id = node->forward;
     }
-    return true;
+    return {};
 }
 
 /// The first leaf of every "Paths" tree, in variable order; empty trees are left out.
-std::optional<std::vector<std::uint32_t>> pathsTrees(const BomStore& store) {
-    const ByteSlice& file = store.file();
+std::expected<std::vector<std::uint32_t>, Error> pathsTrees(const BomStore& store) {
+    const BigEndianSlice& file = store.file();
     const auto variablesOffset = file.u32(24);
     const auto count = variablesOffset ? file.u32(*variablesOffset) : std::nullopt;
     if (!count)
-        return std::nullopt;
+        return damaged("the variables lie outside the file");
     std::vector<std::uint32_t> trees;
     std::size_t offset = *variablesOffset + std::size_t{4};
     for (std::uint32_t index = 0; index < *count; ++index) {
@@ -243,11 +263,11 @@ std::optional<std::vector<std::uint32_t>> pathsTrees(const BomStore& store) {
         const auto nameLength = file.u8(offset + 4);
         const auto name = nameLength ? file.slice(offset + 5, *nameLength) : std::nullopt;
         if (!blockId || !name)
-            return std::nullopt;
+            return damaged("variable " + std::to_string(index + 1) + " runs past the file's end");
         if (name->bytes() == "Paths") {
             const auto leaf = leftmostLeaf(store, *blockId);
             if (!leaf)
-                return std::nullopt;
+                return std::unexpected(leaf.error());
             if (*leaf != 0)
                 trees.push_back(*leaf);
         }
@@ -258,17 +278,20 @@ std::optional<std::vector<std::uint32_t>> pathsTrees(const BomStore& store) {
 
 /// The number of entries in the leaves of the trees. Each entry takes 8 bytes of a leaf and
 /// leaves do not overlap, so more entries than file bytes / 8 means a damaged file.
-std::optional<std::uint32_t> countEntries(const BomStore& store,
-                                          const std::vector<std::uint32_t>& trees) {
+std::expected<std::uint32_t, Error> countEntries(const BomStore& store,
+                                                 const std::vector<std::uint32_t>& trees) {
     std::size_t total = 0;
     for (const std::uint32_t first : trees) {
-        const bool walked = forEachLeaf(store, first, [&](const Node& leaf) {
-            total += leaf.count;
-            return total <= store.file().size() / entrySize &&
-                   total <= std::numeric_limits<std::uint32_t>::max();
-        });
-        if (!walked)
-            return std::nullopt;
+        auto counted =
+            forEachLeaf(store, first, [&](const Node& leaf) -> std::expected<void, Error> {
+                total += leaf.count;
+                if (total > store.file().size() / entrySize ||
+                    total > std::numeric_limits<std::uint32_t>::max())
+                    return damaged("the Paths tree lists more entries than the file can hold");
+                return {};
+            });
+        if (!counted)
+            return std::unexpected(counted.error());
     }
     return static_cast<std::uint32_t>(total);
 }
@@ -333,42 +356,42 @@ private:
     std::unordered_map<std::uint32_t, std::string_view> sparse_;
 };
 
-/// What one leaf entry says about its path.
-struct PathEntry {
+/// Where a leaf entry sits in the tree: its path id, its folder's id and its own name.
+struct TreeKey {
     std::uint32_t id;
     std::uint32_t parent;
     std::string_view name;
-    BomEntry attributes;
 };
 
 /// Owner, group and mode, and what the record holds of size, checksum and link target; the
 /// record is at least attributesSize long.
-BomEntry readAttributes(const ByteSlice& record) {
-    BomEntry attributes{};
-    attributes.uid = *record.u32(6);
-    attributes.gid = *record.u32(10);
-    attributes.mode = *record.u16(4);
-    attributes.type = *record.u8(0);
+BomEntry readAttributes(const BigEndianSlice& record) {
+    BomEntry entry;
+    const std::uint8_t type = *record.u8(0);
+    entry.mode = *record.u16(4);
+    entry.uid = *record.u32(6);
+    entry.gid = *record.u32(10);
     if (record.size() >= attributesWithSize)
-        attributes.size = *record.u32(18);
-    if (record.size() >= attributesWithChecksum) {
-        attributes.checksum = *record.u32(23);
-        attributes.hasChecksum = true;
-    }
+        entry.size = *record.u32(18);
+    if (record.size() >= attributesWithChecksum)
+        entry.checksum = *record.u32(23);
+    entry.hasChecksum =
+        record.size() >= attributesWithChecksum &&
+        ((type == fileType && S_ISREG(entry.mode)) || (type == linkType && S_ISLNK(entry.mode)));
     // The stored length counts a final NUL; a target that overruns its record is left out.
     const auto linkLength =
         record.size() >= attributesWithLink ? record.u32(27) : std::optional<std::uint32_t>();
-    const auto link = attributes.type == linkType && linkLength
-                          ? record.slice(attributesWithLink, *linkLength)
-                          : std::nullopt;
+    const auto link = type == linkType && linkLength ? record.slice(attributesWithLink, *linkLength)
+                                                     : std::nullopt;
     if (link)
-        attributes.linkTarget = link->bytes().substr(0, link->bytes().find('\0'));
-    return attributes;
+        entry.linkTarget = link->bytes().substr(0, link->bytes().find('\0'));
+    return entry;
 }
 
-/// Entry index of a leaf with its key, value and attribute records; nothing when one of them is
-/// missing or too short.
-std::optional<PathEntry> readEntry(const BomStore& store, const Node& leaf, std::size_t index) {
+/// Entry index of a leaf: its key, and its value's attributes as an entry without its path;
+/// nothing when one of them is missing or too short.
+std::optional<std::pair<TreeKey, BomEntry>> readEntry(const BomStore& store, const Node& leaf,
+                                                      std::size_t index) {
     const auto valueId = leaf.block.u32(nodeHeaderSize + entrySize * index);
     const auto keyId = leaf.block.u32(nodeHeaderSize + entrySize * index + 4);
     const auto key = keyId ? store.block(*keyId) : std::nullopt;
@@ -382,10 +405,10 @@ std::optional<PathEntry> readEntry(const BomStore& store, const Node& leaf, std:
     const auto attributes = attributesId ? store.block(*attributesId) : std::nullopt;
     if (!parent || !name || !id || !attributes || attributes->size() < attributesSize)
         return std::nullopt;
-    return PathEntry{*id, *parent, *name, readAttributes(*attributes)};
+    return std::pair{TreeKey{*id, *parent, *name}, readAttributes(*attributes)};
 }
 
-/// Fills records from the leaves of one tree, rebuilding each path as the format says: the
+/// Fills entries from the leaves of one tree, rebuilding each path as the format says: the
 /// name, and before it the name of each ancestor as far as the ancestors are known when the
 /// entry is listed. Receipts list every folder before its contents, so a path is its folder's
 /// path, "/" and the name. Only a path listed before a folder of its own is built by walking
@@ -395,16 +418,18 @@ public:
     TreeFiller(const BomStore& store, PathArena& arena, BomEntry* out, std::size_t idCount)
         : store_(store), arena_(arena), out_(out), index_(idCount) {}
 
-    [[nodiscard]] bool addLeaf(const Node& leaf) {
+    [[nodiscard]] std::expected<void, Error> addLeaf(const Node& leaf) {
         for (std::size_t k = 0; k < leaf.count; ++k) {
             const auto entry = readEntry(store_, leaf, k);
-            if (!entry || !add(*entry))
-                return false;
+            if (!entry)
+                return damaged("a path's key, value or attributes lie outside the file");
+            if (!add(entry->first, entry->second))
+                return damaged(std::string(fault_));
         }
-        return true;
+        return {};
     }
 
-    /// One past the last record filled.
+    /// One past the last entry filled.
     BomEntry* end() const { return out_; }
 
 private:
@@ -415,33 +440,40 @@ private:
         std::uint32_t parent;
     };
 
-    bool add(const PathEntry& entry) {
+    /// False, with the fault noted, when the path cannot be built or its id was seen before.
+    bool add(const TreeKey& key, const BomEntry& attributes) {
         // Reused from entry to entry: a million paths make no million small allocations.
         auto& pieces = pieces_;
-        pieces.assign(1, entry.name);
+        pieces.assign(1, key.name);
         bool complete = true;
-        if (entry.parent != 0 && !addAncestors(entry.parent, pieces, complete))
-            return false;
+        if (key.parent != 0 && !addAncestors(key.parent, pieces, complete))
+            return fail("the folders of a path name one another");
         std::size_t length = pieces.size() - 1;
         for (const auto piece : pieces)
             length += piece.size();
-        char* text = arena_.allocate(length + 1);
+        // An empty path needs an address too: a null one marks an id not seen yet.
+        char* text = arena_.allocate(std::max<std::size_t>(length, 1));
         if (!text)
-            return false;
+            return fail("its paths are longer than a file of its size can make");
         char* end = text;
         for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece) {
             end = std::copy(piece->begin(), piece->end(), end);
-            *end++ = '/';
+            if (end != text + length)
+                *end++ = '/';
         }
-        end[-1] = '\0';
-        if (!index_.insert(entry.id, std::string_view(text, length)) ||
-            (!complete &&
-             !partial_.try_emplace(entry.id, Partial{entry.name, entry.parent}).second))
-            return false;
-        *out_ = entry.attributes;
-        out_->path = text;
+        const std::string_view path(text, length);
+        if (!index_.insert(key.id, path) ||
+            (!complete && !partial_.try_emplace(key.id, Partial{key.name, key.parent}).second))
+            return fail("a path id is listed twice");
+        *out_ = attributes;
+        out_->path = path;
         ++out_;
         return true;
+    }
+
+    bool fail(std::string_view fault) {
+        fault_ = fault;
+        return false;
     }
 
     /// Appends the names above a path whose parent is parent, nearest first: a folder whose path
@@ -468,6 +500,7 @@ private:
     PathIndex index_;
     std::unordered_map<std::uint32_t, Partial> partial_;
     std::vector<std::string_view> pieces_;
+    std::string_view fault_;
 };
 
 } // namespace
@@ -482,29 +515,35 @@ struct BomReader::State {
     std::string ownedBytes;
     std::string_view bytes;
     PathArena arena;
-    PageArray<BomEntry> records;
+    PageArray<BomEntry> entries;
     std::uint32_t total = 0;
 
-    /// Lists the paths of bytes; false when they are not a sound BOM store.
-    [[nodiscard]] bool list();
+    /// Lists the paths of bytes.
+    [[nodiscard]] std::expected<void, Error> list();
 };
 
-bool BomReader::State::list() {
+std::expected<void, Error> BomReader::State::list() {
     const auto store = BomStore::open(bytes);
-    const auto trees = store ? pathsTrees(*store) : std::nullopt;
-    const auto count = trees ? countEntries(*store, *trees) : std::nullopt;
+    if (!store)
+        return std::unexpected(store.error());
+    const auto trees = pathsTrees(*store);
+    if (!trees)
+        return std::unexpected(trees.error());
+    const auto count = countEntries(*store, *trees);
     if (!count)
-        return false;
-    records = PageArray<BomEntry>(*count);
-    BomEntry* out = records.data();
+        return std::unexpected(count.error());
+    entries = PageArray<BomEntry>(*count);
+    BomEntry* out = entries.data();
     for (const std::uint32_t first : *trees) {
         TreeFiller filler(*store, arena, out, std::size_t{*count} + 1);
-        if (!forEachLeaf(*store, first, [&](const Node& leaf) { return filler.addLeaf(leaf); }))
-            return false;
+        auto filled =
+            forEachLeaf(*store, first, [&](const Node& leaf) { return filler.addLeaf(leaf); });
+        if (!filled)
+            return filled;
         out = filler.end();
     }
     total = *count;
-    return true;
+    return {};
 }
 
 BomReader::BomReader(std::string fileName) : fileName_(std::move(fileName)) {
@@ -512,45 +551,35 @@ BomReader::BomReader(std::string fileName) : fileName_(std::move(fileName)) {
 
 BomReader::~BomReader() = default;
 
-BomReader::Status BomReader::parse() {
+BomReader::Entries BomReader::parse() {
+    state_.reset();
     const int fd = ::open(fileName_.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        state_.reset();
-        return unreadable;
-    }
-    const Status status = parseFile(fd);
+    if (fd < 0)
+        return ioFailure("cannot open the file");
+    auto entries = parseFile(fd);
     ::close(fd);
-    return status;
+    return entries;
 }
 
-BomReader::Status BomReader::parseFile(int fd) {
+BomReader::Entries BomReader::parseFile(int fd) {
     state_.reset();
     auto file = readFile(fd);
     if (!file)
-        return unreadable;
-    auto state = std::make_unique<State>(std::move(file->first), std::string(), file->second);
-    if (!state->list())
-        return notABomStore;
-    state_ = std::move(state);
-    return success;
+        return std::unexpected(file.error());
+    return take(std::make_unique<State>(std::move(file->first), std::string(), file->second));
 }
 
-BomReader::Status BomReader::parseBytes(std::string bytes) {
+BomReader::Entries BomReader::parseBytes(std::string bytes) {
     state_.reset();
     const std::size_t size = bytes.size();
-    auto state = std::make_unique<State>(Pages(), std::move(bytes), size);
-    if (!state->list())
-        return notABomStore;
+    return take(std::make_unique<State>(Pages(), std::move(bytes), size));
+}
+
+BomReader::Entries BomReader::take(std::unique_ptr<State> state) {
+    if (auto listed = state->list(); !listed)
+        return std::unexpected(listed.error());
     state_ = std::move(state);
-    return success;
-}
-
-std::uint32_t BomReader::total() const {
-    return state_ ? state_->total : 0;
-}
-
-const BomEntry* BomReader::resources() const {
-    return state_ ? state_->records.data() : nullptr;
+    return std::span<const BomEntry>(state_->entries.data(), state_->total);
 }
 
 std::unique_ptr<BomFile> BomFile::initWithFileName(std::string fileName) {
@@ -568,10 +597,8 @@ void BomFile::parseFile(int fd) {
     take(parser_.parseFile(fd));
 }
 
-void BomFile::take(BomReader::Status status) {
-    const bool parsed = status == BomReader::success;
-    count_ = parsed ? parser_.total() : 0;
-    results_ = parsed ? parser_.resources() : nullptr;
+void BomFile::take(const BomReader::Entries& entries) {
+    entries_ = entries.value_or(std::span<const BomEntry>());
 }
 
 } // namespace quelm

@@ -1,83 +1,99 @@
-// The BOM store reader: the "Paths" tree of a bill-of-materials file as a flat array of records.
+// The BOM store reader: the "Paths" tree of a bill-of-materials file as a flat array of entries.
 #pragma once
 
+#include "support/Error.h"
+
+#include <concepts>
 #include <cstdint>
+#include <expected>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace quelm {
 
-/// One path of a BOM: the full path as rebuilt from the tree ("./System/Library"), owner,
-/// group and mode with its file-type bits (040755), all in host order, then what the record
-/// says of the content.
+/// One path of a BOM, as the reader lists it and the writer stores it: the full path
+/// ("./System/Library"), the mode with its file-type bits (040755), owner and group, and what is
+/// recorded of the content. The strings are views: the reader's live as long as the reader, and
+/// whoever hands entries to the writer keeps their text until the file is written.
 struct BomEntry {
-    const char* path;
-    std::uint32_t uid;
-    std::uint32_t gid;
-    std::uint16_t mode;
-    /// The record's type: 1 file, 2 directory, 3 link, 4 device.
-    std::uint8_t type = 0;
-    /// Whether the record is long enough to hold size and checksum: old short records are not.
-    bool hasChecksum = false;
-    /// The size in bytes (a link's: its target's length), the low 32 bits for larger files.
-    std::uint32_t size = 0;
-    /// The POSIX cksum CRC of the content (a link's: of its target).
-    std::uint32_t checksum = 0;
-    /// A link's target as stored, in the parser's buffer; empty for other types.
+    BomEntry() = default;
+    BomEntry(std::string_view path_, std::uint16_t mode_, std::uint32_t uid_, std::uint32_t gid_,
+             std::uint32_t size_ = 0, std::uint32_t checksum_ = 0,
+             std::string_view linkTarget_ = {})
+        : path(path_), linkTarget(linkTarget_), uid(uid_), gid(gid_), size(size_),
+          checksum(checksum_), mode(mode_) {}
+    /// A path made on the spot would end before the entry that views it.
+    template <typename Text>
+    requires std::same_as<Text, std::string> BomEntry(Text&& path_, std::uint16_t, std::uint32_t,
+                                                      std::uint32_t, std::uint32_t = 0,
+                                                      std::uint32_t = 0, std::string_view = {})
+    = delete;
+
+    std::string_view path;
+    /// A link's target; empty for other types.
     std::string_view linkTarget;
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    /// Of a file its size (the low 32 bits) and POSIX cksum CRC; of a link the same of its target.
+    std::uint32_t size = 0;
+    std::uint32_t checksum = 0;
+    std::uint16_t mode = 0;
+    /// Whether size and checksum describe a file's or a link's content: old short records hold
+    /// neither, and a record whose type byte disagrees with its mode is not trusted with them.
+    bool hasChecksum = true;
+
+    bool operator==(const BomEntry&) const = default;
 };
 
-/// Reads one BOM file. Every offset, block id and length is checked against the file's
-/// bytes: a damaged file is refused, never read outside its buffer.
+/// Reads one BOM file. Every offset, block id and length is checked against the file's bytes:
+/// a damaged file is refused with what is wrong, never read outside its buffer.
 class BomReader {
 public:
-    enum Status : int { success = 0, unreadable = 1, notABomStore = 2 };
+    using Entries = std::expected<std::span<const BomEntry>, Error>;
 
     explicit BomReader(std::string fileName);
     ~BomReader();
     BomReader(const BomReader&) = delete;
     BomReader& operator=(const BomReader&) = delete;
 
-    /// Reads the file and lists its paths.
-    [[nodiscard]] Status parse();
-    /// Reads the regular file open on fd (which stays the caller's) and lists its paths.
-    [[nodiscard]] Status parseFile(int fd);
-    /// Lists the paths of a BOM already in memory (the file's whole bytes).
-    [[nodiscard]] Status parseBytes(std::string bytes);
-
-    std::uint32_t total() const;
-    /// The records in tree order; valid while the parser lives.
-    const BomEntry* resources() const;
+    /// Reads the file and lists its paths in tree order; they stay valid while the reader lives
+    /// and until it reads again.
+    [[nodiscard]] Entries parse();
+    /// The same on the regular file open on fd, which stays the caller's.
+    [[nodiscard]] Entries parseFile(int fd);
+    /// The same on a BOM already in memory (the file's whole bytes).
+    [[nodiscard]] Entries parseBytes(std::string bytes);
 
 private:
     struct State;
+    /// Keeps state when it lists its paths.
+    Entries take(std::unique_ptr<State> state);
+
     std::string fileName_;
     std::unique_ptr<State> state_;
 };
 
-/// The object the package layer holds: a parser run once, read through count and results.
+/// The object the package layer holds: a reader run once, its entries kept for the job.
 class BomFile {
 public:
     static std::unique_ptr<BomFile> initWithFileName(std::string fileName);
 
-    /// Runs the parser; on any failure count stays 0 and results null.
+    /// Runs the reader; on any failure the entries stay empty.
     void parse();
     /// The same on the file open on fd, for a file reached without following links.
     void parseFile(int fd);
-    std::uint32_t count() const { return count_; }
-    const BomEntry* results() const { return results_; }
+    std::span<const BomEntry> entries() const { return entries_; }
     const std::string& fileName() const { return fileName_; }
 
 private:
     explicit BomFile(std::string fileName);
-    void take(BomReader::Status status);
+    void take(const BomReader::Entries& entries);
 
     std::string fileName_;
     BomReader parser_;
-    std::uint32_t count_ = 0;
-    const BomEntry* results_ = nullptr;
+    std::span<const BomEntry> entries_;
 };
 
 } // namespace quelm

@@ -1,6 +1,8 @@
 // The BOM store writer, and the text listing both the writer and the lister speak.
 #include "repair/BomWriter.h"
 
+#include "support/ByteWriter.h"
+
 #include <algorithm>
 #include <charconv>
 #include <limits>
@@ -18,21 +20,6 @@ constexpr std::uint16_t architecture = 0x000f;
 
 std::unexpected<Error> failure(std::string message) {
     return std::unexpected(Error{std::move(message)});
-}
-
-void putU8(std::string& out, std::uint8_t value) {
-    out.push_back(static_cast<char>(value));
-}
-
-void putU16(std::string& out, std::uint16_t value) {
-    putU8(out, static_cast<std::uint8_t>(value >> 8));
-    putU8(out, static_cast<std::uint8_t>(value));
-}
-
-void putU32(std::string& out, std::uint32_t value) {
-    const char bytes[] = {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-                          static_cast<char>(value >> 8), static_cast<char>(value)};
-    out.append(bytes, sizeof bytes);
 }
 
 std::uint8_t fileType(std::uint16_t mode) {
@@ -57,7 +44,8 @@ public:
     /// Appends a block whose bytes fill writes; returns its id.
     template <typename Fill> std::uint32_t add(Fill&& fill) {
         const std::size_t address = bytes_.size();
-        fill(bytes_);
+        BigEndianWriter out(bytes_);
+        fill(out);
         blocks_.push_back({address, bytes_.size() - address});
         return static_cast<std::uint32_t>(blocks_.size() - 1);
     }
@@ -80,26 +68,28 @@ private:
 std::expected<std::string, Error>
 BlockFile::finish(const std::vector<std::pair<std::string, std::uint32_t>>& variables) {
     const std::size_t variablesOffset = bytes_.size();
-    putU32(bytes_, static_cast<std::uint32_t>(variables.size()));
+    BigEndianWriter out(bytes_);
+    out.u32(static_cast<std::uint32_t>(variables.size()));
     for (const auto& [name, id] : variables) {
-        putU32(bytes_, id);
-        putU8(bytes_, static_cast<std::uint8_t>(name.size()));
-        bytes_ += name;
+        out.u32(id);
+        out.u8(static_cast<std::uint8_t>(name.size()));
+        out.bytes(name);
     }
     const std::size_t tableOffset = bytes_.size();
-    putU32(bytes_, static_cast<std::uint32_t>(blocks_.size()));
+    out.u32(static_cast<std::uint32_t>(blocks_.size()));
     for (const Block& block : blocks_) {
-        putU32(bytes_, static_cast<std::uint32_t>(block.address));
-        putU32(bytes_, static_cast<std::uint32_t>(block.length));
+        out.u32(static_cast<std::uint32_t>(block.address));
+        out.u32(static_cast<std::uint32_t>(block.length));
     }
-    putU32(bytes_, 0); // an empty free list
+    out.u32(0); // an empty free list
     if (bytes_.size() > std::numeric_limits<std::uint32_t>::max())
         return failure("too many paths: a BOM file cannot exceed 4 GiB");
     std::string header = "BOMStore";
+    BigEndianWriter head(header);
     for (const std::size_t value :
          {std::size_t{1}, blocks_.size() - 1, tableOffset, bytes_.size() - tableOffset,
           variablesOffset, tableOffset - variablesOffset})
-        putU32(header, static_cast<std::uint32_t>(value));
+        head.u32(static_cast<std::uint32_t>(value));
     bytes_.replace(0, headerSize, header);
     return std::move(bytes_);
 }
@@ -108,29 +98,28 @@ BlockFile::finish(const std::vector<std::pair<std::string, std::uint32_t>>& vari
 std::uint32_t addNode(BlockFile& file, bool leaf,
                       std::span<const std::pair<std::uint32_t, std::uint32_t>> entries,
                       std::uint32_t forward, std::uint32_t backward, std::size_t size) {
-    return file.add([&](std::string& out) {
-        const std::size_t start = out.size();
-        putU16(out, leaf ? 1 : 0);
-        putU16(out, static_cast<std::uint16_t>(entries.size()));
-        putU32(out, forward);
-        putU32(out, backward);
+    return file.add([&](BigEndianWriter& out) {
+        out.u16(leaf ? 1 : 0);
+        out.u16(static_cast<std::uint16_t>(entries.size()));
+        out.u32(forward);
+        out.u32(backward);
         for (const auto& [first, second] : entries) {
-            putU32(out, first);
-            putU32(out, second);
+            out.u32(first);
+            out.u32(second);
         }
-        out.resize(start + size, '\0');
+        out.bytes(std::string(size - 12 - 8 * entries.size(), '\0'));
     });
 }
 
 std::uint32_t addTree(BlockFile& file, std::uint32_t root, std::size_t blockSize,
                       std::size_t pathCount) {
-    return file.add([&](std::string& out) {
-        out += "tree";
-        putU32(out, 1);
-        putU32(out, root);
-        putU32(out, static_cast<std::uint32_t>(blockSize));
-        putU32(out, static_cast<std::uint32_t>(pathCount));
-        putU8(out, 0);
+    return file.add([&](BigEndianWriter& out) {
+        out.bytes("tree");
+        out.u32(1);
+        out.u32(root);
+        out.u32(static_cast<std::uint32_t>(blockSize));
+        out.u32(static_cast<std::uint32_t>(pathCount));
+        out.u8(0);
     });
 }
 
@@ -169,38 +158,38 @@ std::uint32_t addPathsTree(BlockFile& file,
     return addTree(file, level.front().first, nodeSize, entries.size());
 }
 
-std::uint32_t addAttributes(BlockFile& file, const BomRecord& record) {
-    return file.add([&](std::string& out) {
-        putU8(out, fileType(record.mode));
-        putU8(out, 1);
-        putU16(out, architecture);
-        putU16(out, record.mode);
-        putU32(out, record.uid);
-        putU32(out, record.gid);
-        putU32(out, 0); // modification time
-        putU32(out, record.size);
-        putU8(out, 1);
-        putU32(out, record.checksum);
-        const bool link = fileType(record.mode) == 3;
+std::uint32_t addAttributes(BlockFile& file, const BomEntry& entry) {
+    return file.add([&](BigEndianWriter& out) {
+        out.u8(fileType(entry.mode));
+        out.u8(1);
+        out.u16(architecture);
+        out.u16(entry.mode);
+        out.u32(entry.uid);
+        out.u32(entry.gid);
+        out.u32(0); // modification time
+        out.u32(entry.size);
+        out.u8(1);
+        out.u32(entry.checksum);
+        const bool link = fileType(entry.mode) == 3;
         // The stored length counts the final NUL.
-        putU32(out, link ? static_cast<std::uint32_t>(record.linkTarget.size() + 1) : 0);
+        out.u32(link ? static_cast<std::uint32_t>(entry.linkTarget.size() + 1) : 0);
         if (link) {
-            out += record.linkTarget;
-            out.push_back('\0');
+            out.bytes(entry.linkTarget);
+            out.u8(0);
         }
     });
 }
 
-/// The path id of each record's parent, 0 for "."; the error names the record at fault.
-std::expected<std::vector<std::uint32_t>, Error> parentIds(std::span<const BomRecord> records) {
-    if (records.empty() || records.front().path != ".")
+/// The path id of each entry's parent, 0 for "."; the error names the entry at fault.
+std::expected<std::vector<std::uint32_t>, Error> parentIds(std::span<const BomEntry> entries) {
+    if (entries.empty() || entries.front().path != ".")
         return failure("the first path must be \".\", the root of the volume");
     std::unordered_map<std::string_view, std::uint32_t> ids;
-    ids.reserve(records.size());
+    ids.reserve(entries.size());
     std::vector<std::uint32_t> parents;
-    parents.reserve(records.size());
-    for (std::size_t index = 0; index < records.size(); ++index) {
-        const std::string_view path = records[index].path;
+    parents.reserve(entries.size());
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const std::string_view path = entries[index].path;
         const std::size_t slash = path.rfind('/');
         const auto name = slash == std::string_view::npos ? path : path.substr(slash + 1);
         if (name.empty() || name.find_first_of(std::string_view("\0\t\n", 3)) != name.npos)
@@ -226,7 +215,7 @@ template <typename Number> std::optional<Number> parseNumber(std::string_view te
 }
 
 /// The fields of a long listing after UID/GID: SIZE<TAB>CHECKSUM, then a link's TARGET.
-std::optional<std::string> parseContent(std::string_view text, BomRecord& record) {
+std::optional<std::string> parseContent(std::string_view text, BomEntry& entry) {
     const std::size_t checksumTab = text.find('\t');
     const std::size_t targetTab =
         text.find('\t', checksumTab == text.npos ? text.size() : checksumTab + 1);
@@ -237,14 +226,14 @@ std::optional<std::string> parseContent(std::string_view text, BomRecord& record
                                     text.substr(checksumTab + 1, targetTab - checksumTab - 1), 10);
     if (!size || !checksum)
         return "expected SIZE<TAB>CHECKSUM in decimal after the owner";
-    record.size = *size;
-    record.checksum = *checksum;
+    entry.size = *size;
+    entry.checksum = *checksum;
     if (targetTab != text.npos)
-        record.linkTarget = text.substr(targetTab + 1);
+        entry.linkTarget = text.substr(targetTab + 1);
     return std::nullopt;
 }
 
-std::expected<BomRecord, std::string> parseLine(std::string_view line) {
+std::expected<BomEntry, std::string> parseLine(std::string_view line) {
     const std::size_t modeTab = line.find('\t');
     const std::size_t ownerTab = line.find('\t', modeTab == line.npos ? line.size() : modeTab + 1);
     if (ownerTab == line.npos)
@@ -265,49 +254,49 @@ std::expected<BomRecord, std::string> parseLine(std::string_view line) {
     if (!uid || !gid)
         return std::unexpected("the owner \"" + std::string(owner) +
                                "\" is not UID/GID in decimal");
-    BomRecord record{std::string(line.substr(0, modeTab)), *mode, *uid, *gid};
+    BomEntry entry{line.substr(0, modeTab), *mode, *uid, *gid};
     if (contentTab != line.npos)
-        if (auto fault = parseContent(line.substr(contentTab + 1), record))
+        if (auto fault = parseContent(line.substr(contentTab + 1), entry))
             return std::unexpected(std::move(*fault));
-    return record;
+    return entry;
 }
 
 } // namespace
 
-std::expected<std::string, Error> writeBom(std::span<const BomRecord> records) {
-    const auto parents = parentIds(records);
+std::expected<std::string, Error> writeBom(std::span<const BomEntry> entries) {
+    const auto parents = parentIds(entries);
     if (!parents)
         return std::unexpected(parents.error());
     BlockFile file;
-    const std::uint32_t info = file.add([&](std::string& out) {
-        putU32(out, 1);
-        putU32(out, static_cast<std::uint32_t>(records.size()));
-        putU32(out, 0);
+    const std::uint32_t info = file.add([&](BigEndianWriter& out) {
+        out.u32(1);
+        out.u32(static_cast<std::uint32_t>(entries.size()));
+        out.u32(0);
     });
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> entries;
-    entries.reserve(records.size());
-    for (std::size_t index = 0; index < records.size(); ++index) {
-        const std::uint32_t attributes = addAttributes(file, records[index]);
-        const std::uint32_t value = file.add([&](std::string& out) {
-            putU32(out, static_cast<std::uint32_t>(index + 1));
-            putU32(out, attributes);
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> treeEntries;
+    treeEntries.reserve(entries.size());
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const std::uint32_t attributes = addAttributes(file, entries[index]);
+        const std::uint32_t value = file.add([&](BigEndianWriter& out) {
+            out.u32(static_cast<std::uint32_t>(index + 1));
+            out.u32(attributes);
         });
-        const std::uint32_t key = file.add([&](std::string& out) {
-            putU32(out, (*parents)[index]);
-            const std::string_view path = records[index].path;
-            out += path.substr(path.rfind('/') + 1);
-            out.push_back('\0');
+        const std::uint32_t key = file.add([&](BigEndianWriter& out) {
+            out.u32((*parents)[index]);
+            const std::string_view path = entries[index].path;
+            out.bytes(path.substr(path.rfind('/') + 1));
+            out.u8(0);
         });
-        entries.emplace_back(value, key);
+        treeEntries.emplace_back(value, key);
     }
-    const std::uint32_t paths = addPathsTree(file, entries);
+    const std::uint32_t paths = addPathsTree(file, treeEntries);
     const std::uint32_t hardLinks = addEmptyTree(file, nodeSize);
     const std::uint32_t vindexTree = addEmptyTree(file, smallNodeSize);
-    const std::uint32_t vindex = file.add([&](std::string& out) {
-        putU32(out, 1);
-        putU32(out, vindexTree);
-        putU32(out, 0);
-        putU8(out, 0);
+    const std::uint32_t vindex = file.add([&](BigEndianWriter& out) {
+        out.u32(1);
+        out.u32(vindexTree);
+        out.u32(0);
+        out.u8(0);
     });
     const std::uint32_t sizes = addEmptyTree(file, nodeSize);
     return file.finish({{"BomInfo", info},
@@ -317,48 +306,47 @@ std::expected<std::string, Error> writeBom(std::span<const BomRecord> records) {
                         {"Size64", sizes}});
 }
 
-std::expected<std::vector<BomRecord>, Error> parseListing(std::string_view text) {
-    std::vector<BomRecord> records;
+std::expected<std::vector<BomEntry>, Error> parseListing(std::string_view text) {
+    std::vector<BomEntry> entries;
     for (std::size_t lineNumber = 1; !text.empty(); ++lineNumber) {
         const std::size_t end = text.find('\n');
-        auto record = parseLine(text.substr(0, end));
-        if (!record)
-            return failure("line " + std::to_string(lineNumber) + ": " + record.error());
-        records.push_back(std::move(*record));
+        auto entry = parseLine(text.substr(0, end));
+        if (!entry)
+            return failure("line " + std::to_string(lineNumber) + ": " + entry.error());
+        entries.push_back(std::move(*entry));
         text.remove_prefix(end == text.npos ? text.size() : end + 1);
     }
-    return records;
+    return entries;
 }
 
-void appendListingLine(std::string& out, std::string_view path, std::uint16_t mode,
-                       std::uint32_t uid, std::uint32_t gid) {
+void appendListingLine(std::string& out, const BomEntry& entry) {
     // Two tabs, six octal digits, two ten-digit ids, a slash and a line break at most.
     constexpr std::size_t longestFields = 2 + 6 + 10 + 1 + 10 + 1;
     const std::size_t start = out.size();
-    out.resize_and_overwrite(start + path.size() + longestFields,
+    out.resize_and_overwrite(start + entry.path.size() + longestFields,
                              [&](char* data, std::size_t size) {
                                  char* const last = data + size;
-                                 char* end = std::copy(path.begin(), path.end(), data + start);
+                                 char* end = std::ranges::copy(entry.path, data + start).out;
                                  *end++ = '\t';
-                                 end = std::to_chars(end, last, mode, 8).ptr;
+                                 end = std::to_chars(end, last, entry.mode, 8).ptr;
                                  *end++ = '\t';
-                                 end = std::to_chars(end, last, uid).ptr;
+                                 end = std::to_chars(end, last, entry.uid).ptr;
                                  *end++ = '/';
-                                 end = std::to_chars(end, last, gid).ptr;
+                                 end = std::to_chars(end, last, entry.gid).ptr;
                                  *end++ = '\n';
                                  return static_cast<std::size_t>(end - data);
                              });
 }
 
-void appendLongListingLine(std::string& out, const BomRecord& record) {
-    appendListingLine(out, record.path, record.mode, record.uid, record.gid);
-    const auto type = record.mode & 0170000;
+void appendLongListingLine(std::string& out, const BomEntry& entry) {
+    appendListingLine(out, entry);
+    const auto type = entry.mode & 0170000;
     if (type != 0100000 && type != 0120000)
         return;
     out.pop_back();
-    out += '\t' + std::to_string(record.size) + '\t' + std::to_string(record.checksum);
+    out += '\t' + std::to_string(entry.size) + '\t' + std::to_string(entry.checksum);
     if (type == 0120000)
-        out += '\t' + record.linkTarget;
+        (out += '\t') += entry.linkTarget;
     out += '\n';
 }
 

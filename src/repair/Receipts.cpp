@@ -183,11 +183,11 @@ void Receipts::readBoms(const std::shared_ptr<const VolumeRoot>& root) {
         parseBom(*parser, walker, bomVolumePaths_[i]);
         // A BOM that lists nothing leaves its package's paths unchecked: the package is
         // reported, and the other packages are checked all the same.
-        if (parser->count() == 0) {
+        if (parser->entries().empty()) {
             markUnreadable(parser->fileName());
             continue;
         }
-        total_ += parser->count();
+        total_ += static_cast<std::int64_t>(parser->entries().size());
         parsers_.push_back(std::move(parser));
     }
 }
@@ -199,55 +199,54 @@ void Receipts::dropRecord() {
 namespace {
 
 /// A BOM path without the "." of the volume root it begins with; empty for the root itself.
-std::string_view volumePathOf(const BomEntry& record) {
-    return *record.path ? record.path + 1 : "";
+std::string_view volumePathOf(const BomEntry& entry) {
+    return entry.path.empty() ? entry.path : entry.path.substr(1);
 }
 
-/// What the record says of a regular file's content, when it says anything.
-std::optional<ContentDigest> contentOf(const BomEntry& record) {
-    constexpr std::uint8_t fileType = 1;
-    if (!record.hasChecksum || record.type != fileType || !S_ISREG(record.mode))
+/// What the entry says of a regular file's content, when it says anything.
+std::optional<ContentDigest> contentOf(const BomEntry& entry) {
+    if (!entry.hasChecksum || !S_ISREG(entry.mode))
         return std::nullopt;
-    return ContentDigest{record.size, record.checksum};
+    return ContentDigest{entry.size, entry.checksum};
 }
 
 } // namespace
 
 void Receipts::makeResources(const BomFile& parser, const std::shared_ptr<const VolumeRoot>& root) {
-    const BomEntry* records = parser.results();
-    const auto pathAt = [records](std::size_t i) {
-        return volumePathOf(records[i]);
+    const auto entries = parser.entries();
+    const auto pathAt = [entries](std::size_t i) {
+        return volumePathOf(entries[i]);
     };
+    const auto count = static_cast<std::int64_t>(entries.size());
     // One walker per work item keeps a descriptor per folder level open.
-    const std::int64_t threads =
-        boundedWorkItems(std::min<std::int64_t>(Processor::shared().maxthread(), parser.count()),
-                         folderDepth(parser.count(), pathAt) + 1);
+    const std::int64_t threads = boundedWorkItems(std::min(Processor::shared().maxthread(), count),
+                                                  folderDepth(entries.size(), pathAt) + 1);
     const std::string_view fatalMessage =
         "QVPackageManager::setup() FatalError: the maximum number of threads is 0.";
     const auto& volume = *targetVolume_;
     // A path that the firmlinks lead to the data volume is shown, and later reached, where it
     // lies there. A sealed system volume is left alone: macOS checks its seal itself.
-    const auto makeResource = [&](VolumeWalker& walker, const BomEntry& record,
+    const auto makeResource = [&](VolumeWalker& walker, const BomEntry& entry,
                                   std::string_view volumePath) -> std::optional<FileResource> {
         const auto onData =
             volume.dataMountPoint() ? dataPathOf(volume.firmlinks(), volumePath) : std::nullopt;
         if (!onData && volume.isSealed())
             return std::nullopt;
         return FileResource::init(walker, onData ? *volume.dataMountPoint() : volume.mountPoint(),
-                                  onData ? std::string_view(*onData) : volumePath, record.uid,
-                                  record.gid, permissionsFromMode(record.mode), contentOf(record),
+                                  onData ? std::string_view(*onData) : volumePath, entry.uid,
+                                  entry.gid, permissionsFromMode(entry.mode), contentOf(entry),
                                   onData.has_value());
     };
-    runWorkSlices(parser.count(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
+    runWorkSlices(entries.size(), threads, fatalMessage, [&](std::size_t begin, std::size_t end) {
         VolumeWalker walker(root);
         const auto order =
             folderOrder(end - begin, [&](std::size_t i) { return pathAt(begin + i); });
         for (const std::size_t position : order) {
-            const auto& record = records[begin + position];
+            const auto& entry = entries[begin + position];
             // The volume root itself is no resource.
-            const std::string_view volumePath = volumePathOf(record);
+            const std::string_view volumePath = volumePathOf(entry);
             auto resource =
-                volumePath.empty() ? std::nullopt : makeResource(walker, record, volumePath);
+                volumePath.empty() ? std::nullopt : makeResource(walker, entry, volumePath);
             if (!resource) {
                 dropRecord();
                 continue;

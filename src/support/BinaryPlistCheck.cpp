@@ -25,27 +25,15 @@ std::unexpected<Error> refuse(ErrorKind kind, std::string message) {
     return std::unexpected(Error{"binary property list " + std::move(message), kind});
 }
 
-/// An unsigned big-endian integer of width bytes (1 to 8).
-std::optional<std::uint64_t> readUnsigned(const ByteSlice& bytes, std::size_t offset,
-                                          std::size_t width) {
-    const auto field = bytes.slice(offset, width);
-    if (!field || width == 0 || width > 8)
-        return std::nullopt;
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < width; ++i)
-        value = value << 8 | *field->u8(i);
-    return value;
-}
-
 using Trailer = BinaryPlistTrailer;
 
 /// The trailer, when its sizes are usable and the offset table lies between header and trailer.
-std::optional<Trailer> readTrailer(const ByteSlice& bytes) {
+std::optional<Trailer> readTrailer(const BigEndianSlice& bytes) {
     if (bytes.size() < kHeaderSize + kTrailerSize)
         return std::nullopt;
     const std::size_t at = bytes.size() - kTrailerSize;
-    const Trailer trailer{*bytes.u8(at + 6), *bytes.u8(at + 7), *readUnsigned(bytes, at + 8, 8),
-                          *readUnsigned(bytes, at + 16, 8), *readUnsigned(bytes, at + 24, 8)};
+    const Trailer trailer{*bytes.u8(at + 6), *bytes.u8(at + 7), *bytes.uint(at + 8, 8),
+                          *bytes.uint(at + 16, 8), *bytes.uint(at + 24, 8)};
     if (trailer.offsetSize == 0 || trailer.offsetSize > 8 || trailer.refSize == 0 ||
         trailer.refSize > 8 || trailer.count == 0 || trailer.root >= trailer.count ||
         trailer.tableOffset < kHeaderSize || trailer.tableOffset > at ||
@@ -56,9 +44,9 @@ std::optional<Trailer> readTrailer(const ByteSlice& bytes) {
 
 /// Where object index starts, with its marker byte.
 std::optional<std::pair<std::size_t, std::uint8_t>>
-objectAt(const ByteSlice& bytes, const Trailer& trailer, std::uint64_t index) {
+objectAt(const BigEndianSlice& bytes, const Trailer& trailer, std::uint64_t index) {
     const auto offset =
-        readUnsigned(bytes, trailer.tableOffset + index * trailer.offsetSize, trailer.offsetSize);
+        bytes.uint(trailer.tableOffset + index * trailer.offsetSize, trailer.offsetSize);
     const auto marker = offset ? bytes.u8(*offset) : std::nullopt;
     if (!marker)
         return std::nullopt;
@@ -67,22 +55,22 @@ objectAt(const ByteSlice& bytes, const Trailer& trailer, std::uint64_t index) {
 
 /// The element count of the string or container object at offset and where its elements start.
 std::optional<std::pair<std::uint64_t, std::size_t>>
-objectLength(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
+objectLength(const BigEndianSlice& bytes, std::size_t offset, std::uint8_t marker) {
     if ((marker & 0xF) != 0xF)
         return std::pair{std::uint64_t{marker & 0xFu}, offset + 1};
     const auto intMarker = bytes.u8(offset + 1);
     if (!intMarker || (*intMarker >> 4) != 0x1 || (*intMarker & 0xF) > 3)
         return std::nullopt;
     const std::size_t width = std::size_t{1} << (*intMarker & 0xF);
-    const auto count = readUnsigned(bytes, offset + 2, width);
+    const auto count = bytes.uint(offset + 2, width);
     if (!count)
         return std::nullopt;
     return std::pair{*count, offset + 2 + width};
 }
 
 /// The bytes of the string or data object at offset, when they lie in the file.
-std::optional<ByteSlice> contentOf(const ByteSlice& bytes, std::size_t offset,
-                                   std::uint8_t marker) {
+std::optional<BigEndianSlice> contentOf(const BigEndianSlice& bytes, std::size_t offset,
+                                        std::uint8_t marker) {
     const auto extent = objectLength(bytes, offset, marker);
     const std::uint64_t unit = (marker >> 4) == kUtf16String ? 2 : 1;
     if (!extent || extent->first > bytes.size() / unit)
@@ -90,7 +78,7 @@ std::optional<ByteSlice> contentOf(const ByteSlice& bytes, std::size_t offset,
     return bytes.slice(extent->second, extent->first * unit);
 }
 
-bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marker) {
+bool stringIsSafe(const BigEndianSlice& bytes, std::size_t offset, std::uint8_t marker) {
     const std::size_t unit = (marker >> 4) == kUtf16String ? 2 : 1;
     const auto characters = contentOf(bytes, offset, marker);
     if (!characters)
@@ -102,7 +90,7 @@ bool stringIsSafe(const ByteSlice& bytes, std::size_t offset, std::uint8_t marke
 }
 
 /// Every object in the offset table lies in the file, and its strings have no NUL.
-bool objectsAreSafe(const ByteSlice& bytes, const Trailer& trailer) {
+bool objectsAreSafe(const BigEndianSlice& bytes, const Trailer& trailer) {
     for (std::uint64_t i = 0; i < trailer.count; ++i) {
         const auto object = objectAt(bytes, trailer, i);
         if (!object)
@@ -120,7 +108,7 @@ bool objectsAreSafe(const ByteSlice& bytes, const Trailer& trailer) {
 /// reading the top object will take, to refuse a list over its budget before reading any.
 class StructureWalk {
 public:
-    StructureWalk(const ByteSlice& bytes, const Trailer& trailer)
+    StructureWalk(const BigEndianSlice& bytes, const Trailer& trailer)
         : bytes_(bytes), trailer_(trailer), seen_(trailer.count, Seen::no),
           budget_(plistReadBudget(bytes.size())) {}
 
@@ -135,7 +123,7 @@ public:
                 continue;
             }
             const auto ref =
-                *readUnsigned(bytes_, top.refs + top.next++ * trailer_.refSize, trailer_.refSize);
+                *bytes_.uint(top.refs + top.next++ * trailer_.refSize, trailer_.refSize);
             if (auto entered = enter(ref); !entered)
                 return entered;
         }
@@ -206,7 +194,7 @@ private:
         return {};
     }
 
-    const ByteSlice& bytes_;
+    const BigEndianSlice& bytes_;
     Trailer trailer_;
     std::vector<Seen> seen_;
     std::vector<Container> open_;
@@ -216,7 +204,7 @@ private:
 };
 
 /// UTF-8 of big-endian UTF-16 units; a surrogate without its pair becomes U+FFFD.
-std::string utf8FromUtf16(const ByteSlice& units, std::size_t count) {
+std::string utf8FromUtf16(const BigEndianSlice& units, std::size_t count) {
     std::string text;
     text.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
@@ -239,16 +227,16 @@ std::string utf8FromUtf16(const ByteSlice& units, std::size_t count) {
     return text;
 }
 
-std::uint64_t reference(const ByteSlice& bytes, const Trailer& trailer, std::size_t at,
+std::uint64_t reference(const BigEndianSlice& bytes, const Trailer& trailer, std::size_t at,
                         std::uint64_t i) {
-    return *readUnsigned(bytes, at + i * trailer.refSize, trailer.refSize);
+    return *bytes.uint(at + i * trailer.refSize, trailer.refSize);
 }
 
 /// Builds values straight from a checked list: every offset, reference and string lies in
 /// the file, no container holds itself and none is nested too deeply.
 class ObjectReader {
 public:
-    ObjectReader(const ByteSlice& bytes, const Trailer& trailer)
+    ObjectReader(const BigEndianSlice& bytes, const Trailer& trailer)
         : bytes_(bytes), trailer_(trailer) {}
 
     std::expected<PlistValue, Error> read(std::uint64_t index) const {
@@ -278,7 +266,7 @@ public:
 private:
     std::expected<PlistValue, Error> readInteger(std::size_t offset, std::uint8_t marker) const {
         const std::size_t width = std::size_t{1} << (marker & 0xF);
-        const auto value = width <= 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
+        const auto value = width <= 8 ? bytes_.uint(offset + 1, width) : std::nullopt;
         if (!value)
             return refuse(ErrorKind::unsupported, "holds an unreadable integer");
         // Narrower integers are unsigned; eight bytes hold a signed one.
@@ -287,8 +275,7 @@ private:
 
     std::expected<PlistValue, Error> readReal(std::size_t offset, std::uint8_t marker) const {
         const std::size_t width = std::size_t{1} << (marker & 0xF);
-        const auto bits =
-            width == 4 || width == 8 ? readUnsigned(bytes_, offset + 1, width) : std::nullopt;
+        const auto bits = width == 4 || width == 8 ? bytes_.uint(offset + 1, width) : std::nullopt;
         if (!bits || (marker >> 4 == 0x3 && width != 8))
             return refuse(ErrorKind::unsupported, "holds an unreadable real or date");
         const double value = width == 4 ? std::bit_cast<float>(static_cast<std::uint32_t>(*bits))
@@ -340,14 +327,14 @@ private:
         return PlistValue(std::move(entries));
     }
 
-    const ByteSlice& bytes_;
+    const BigEndianSlice& bytes_;
     Trailer trailer_;
 };
 
 } // namespace
 
 std::expected<void, Error> checkBinaryPlist(std::string_view text) {
-    const ByteSlice bytes(text);
+    const BigEndianSlice bytes(text);
     const auto trailer = readTrailer(bytes);
     if (!trailer || !objectsAreSafe(bytes, *trailer))
         return refuse(ErrorKind::invalid, "is damaged");
@@ -357,18 +344,18 @@ std::expected<void, Error> checkBinaryPlist(std::string_view text) {
 std::expected<BinaryPlistDocument, Error> BinaryPlistDocument::open(std::string_view text) {
     if (auto checked = checkBinaryPlist(text); !checked)
         return std::unexpected(checked.error());
-    return BinaryPlistDocument(text, *readTrailer(ByteSlice(text)));
+    return BinaryPlistDocument(text, *readTrailer(BigEndianSlice(text)));
 }
 
 std::expected<PlistValue, Error> BinaryPlistDocument::read(Ref ref) const {
     if (ref >= trailer_.count)
         return refuse(ErrorKind::invalid, "refers to a missing object");
-    const ByteSlice bytes(bytes_);
+    const BigEndianSlice bytes(bytes_);
     return ObjectReader(bytes, trailer_).read(ref);
 }
 
 std::optional<std::vector<BinaryPlistDocument::Ref>> BinaryPlistDocument::items(Ref ref) const {
-    const ByteSlice bytes(bytes_);
+    const BigEndianSlice bytes(bytes_);
     const auto object = ref < trailer_.count ? objectAt(bytes, trailer_, ref) : std::nullopt;
     if (!object || object->second >> 4 != kArray)
         return std::nullopt;
@@ -382,7 +369,7 @@ std::optional<std::vector<BinaryPlistDocument::Ref>> BinaryPlistDocument::items(
 
 std::optional<BinaryPlistDocument::Ref> BinaryPlistDocument::entry(Ref ref,
                                                                    std::string_view key) const {
-    const ByteSlice bytes(bytes_);
+    const BigEndianSlice bytes(bytes_);
     const auto object = ref < trailer_.count ? objectAt(bytes, trailer_, ref) : std::nullopt;
     if (!object || object->second >> 4 != kDict)
         return std::nullopt;

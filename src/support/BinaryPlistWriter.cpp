@@ -1,6 +1,8 @@
 // The binary property-list encoder ("bplist00").
 #include "support/BinaryPlistWriter.h"
 
+#include "support/ByteWriter.h"
+
 #include <algorithm>
 #include <bit>
 #include <optional>
@@ -10,11 +12,6 @@ namespace {
 
 std::size_t bytesFor(std::uint64_t largest) {
     return largest <= 0xFF ? 1 : largest <= 0xFFFF ? 2 : largest <= 0xFFFFFFFF ? 4 : 8;
-}
-
-void appendBigEndian(std::string& out, std::uint64_t value, std::size_t size) {
-    for (std::size_t i = size; i-- > 0;)
-        out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
 }
 
 /// The length of the UTF-8 sequence that starts with lead, 0 for a byte that starts none.
@@ -136,8 +133,9 @@ BinaryPlistStream::Ref BinaryPlistStream::addText(std::string_view text) {
     }
     const auto units = utf16(text);
     writeHeader(0x60, units.size());
+    BigEndianWriter out(out_);
     for (const char16_t unit : units)
-        appendBigEndian(out_, unit, 2);
+        out.u16(unit);
     return ref;
 }
 
@@ -169,14 +167,15 @@ BinaryPlistStream::Ref BinaryPlistStream::addDict(std::span<const Ref> keys,
 std::string BinaryPlistStream::finish(Ref top) && {
     const std::uint64_t tableOffset = out_.size();
     const std::size_t offsetSize = bytesFor(tableOffset);
+    BigEndianWriter out(out_);
     for (const auto offset : offsets_)
-        appendBigEndian(out_, offset, offsetSize);
+        out.uint(offset, offsetSize);
     out_.append(6, '\0');
-    out_.push_back(static_cast<char>(offsetSize));
-    out_.push_back(static_cast<char>(referenceSize_));
-    appendBigEndian(out_, offsets_.size(), 8);
-    appendBigEndian(out_, top, 8);
-    appendBigEndian(out_, tableOffset, 8);
+    out.u8(static_cast<std::uint8_t>(offsetSize));
+    out.u8(static_cast<std::uint8_t>(referenceSize_));
+    out.u64(offsets_.size());
+    out.u64(top);
+    out.u64(tableOffset);
     return std::move(out_);
 }
 
@@ -194,17 +193,18 @@ void BinaryPlistStream::writeHeader(unsigned marker, std::size_t count) {
 void BinaryPlistStream::writeInteger(std::int64_t number) {
     const std::size_t size = number < 0 ? 8 : bytesFor(static_cast<std::uint64_t>(number));
     out_.push_back(static_cast<char>(0x10 | std::countr_zero(size)));
-    appendBigEndian(out_, static_cast<std::uint64_t>(number), size);
+    BigEndianWriter(out_).uint(static_cast<std::uint64_t>(number), size);
 }
 
 void BinaryPlistStream::writeDouble(unsigned marker, double number) {
     out_.push_back(static_cast<char>(marker));
-    appendBigEndian(out_, std::bit_cast<std::uint64_t>(number), 8);
+    BigEndianWriter(out_).u64(std::bit_cast<std::uint64_t>(number));
 }
 
 void BinaryPlistStream::writeReferences(std::span<const Ref> refs) {
+    BigEndianWriter out(out_);
     for (const Ref ref : refs)
-        appendBigEndian(out_, ref, referenceSize_);
+        out.uint(ref, referenceSize_);
 }
 
 std::string writeBinaryPlist(const PlistValue& value) {

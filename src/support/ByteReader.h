@@ -1,6 +1,8 @@
-// Checked big-endian reads over a byte buffer: a read outside the buffer is a value, not a crash.
+// Checked reads over a byte buffer: a read outside the buffer is a value, not a crash.
 #pragma once
 
+#include <bit>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -9,9 +11,9 @@
 
 namespace quelm {
 
-/// A view of bytes whose every read is bounds-checked; reads of multi-byte integers are
-/// big-endian. The bytes are borrowed and must outlive the slice.
-class ByteSlice {
+/// A view of bytes whose every read is bounds-checked; multi-byte integers are read in the byte
+/// order the format fixes. The bytes are borrowed and must outlive the slice.
+template <std::endian Order> class ByteSlice {
 public:
     constexpr ByteSlice() = default;
     explicit constexpr ByteSlice(std::string_view bytes) : bytes_(bytes) {}
@@ -20,22 +22,28 @@ public:
     std::string_view bytes() const { return bytes_; }
 
     [[nodiscard]] std::optional<std::uint8_t> u8(std::size_t offset) const {
-        if (offset >= bytes_.size())
-            return std::nullopt;
-        return static_cast<std::uint8_t>(bytes_[offset]);
+        return number<std::uint8_t>(offset);
     }
-
     [[nodiscard]] std::optional<std::uint16_t> u16(std::size_t offset) const {
-        if (!fits(offset, 2))
-            return std::nullopt;
-        return static_cast<std::uint16_t>(byteAt(offset) << 8 | byteAt(offset + 1));
+        return number<std::uint16_t>(offset);
+    }
+    [[nodiscard]] std::optional<std::uint32_t> u32(std::size_t offset) const {
+        return number<std::uint32_t>(offset);
+    }
+    [[nodiscard]] std::optional<std::uint64_t> u64(std::size_t offset) const {
+        return number<std::uint64_t>(offset);
     }
 
-    [[nodiscard]] std::optional<std::uint32_t> u32(std::size_t offset) const {
-        if (!fits(offset, 4))
+    /// An unsigned integer of width bytes, 1 to 8.
+    [[nodiscard]] std::optional<std::uint64_t> uint(std::size_t offset, std::size_t width) const {
+        if (width == 0 || width > 8 || !fits(offset, width))
             return std::nullopt;
-        return std::uint32_t{byteAt(offset)} << 24 | std::uint32_t{byteAt(offset + 1)} << 16 |
-               std::uint32_t{byteAt(offset + 2)} << 8 | std::uint32_t{byteAt(offset + 3)};
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < width; ++i) {
+            const std::size_t index = Order == std::endian::big ? i : width - 1 - i;
+            value = value << 8 | static_cast<std::uint8_t>(bytes_[offset + index]);
+        }
+        return value;
     }
 
     /// The length bytes from offset, when all of them lie inside this slice.
@@ -60,11 +68,20 @@ private:
     bool fits(std::size_t offset, std::size_t length) const {
         return offset <= bytes_.size() && length <= bytes_.size() - offset;
     }
-    std::uint8_t byteAt(std::size_t offset) const {
-        return static_cast<std::uint8_t>(bytes_[offset]);
+
+    template <std::unsigned_integral T> std::optional<T> number(std::size_t offset) const {
+        if (!fits(offset, sizeof(T)))
+            return std::nullopt;
+        T value;
+        std::memcpy(&value, bytes_.data() + offset, sizeof value);
+        if constexpr (Order != std::endian::native)
+            value = std::byteswap(value);
+        return value;
     }
 
     std::string_view bytes_;
 };
+
+using BigEndianSlice = ByteSlice<std::endian::big>;
 
 } // namespace quelm

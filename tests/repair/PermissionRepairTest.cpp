@@ -1,10 +1,15 @@
-// The repair job over a whole volume: receipts, BOMs, verify, repair and progress.
+// The repair job over a whole volume: receipts, BOMs, verify, repair and progress; on a macOS of
+// 10.15 and later the receipts of both volumes, each path checked on the volume that holds it,
+// never through a link, and a sealed system volume left alone.
 #include "repair/PermissionRepair.h"
 
 #include "TestSupport.h"
+#include "repair/PosixChecksum.h"
 #include "repair/Processor.h"
+#include "volumes/VolumePairing.h"
 
 #include <algorithm>
+#include <deque>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -20,336 +25,317 @@
 namespace quelm {
 namespace {
 
+namespace fs = std::filesystem;
 using test::TemporaryFolder;
-using Type = Mismatch;
-using Status = AttributeStatus;
+constexpr auto verify = RepairMode::verifyPermissions;
+constexpr auto repair = RepairMode::repairPermissions;
 
-struct stat lstatOf(const std::filesystem::path& path) {
+/// Owner, group and permissions of what is at path itself, never of a link's target.
+std::string statOf(const fs::path& path) {
     struct stat info {};
     ::lstat(path.c_str(), &info);
-    return info;
+    return std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid) + " " +
+           std::to_string(permissionsFromMode(info.st_mode));
 }
 
-mode_t permissionsOf(const std::filesystem::path& path) {
-    return lstatOf(path).st_mode & 07777;
+std::int64_t modeOf(const fs::path& path) {
+    struct stat info {};
+    ::lstat(path.c_str(), &info);
+    return permissionsFromMode(info.st_mode);
 }
 
-/// The exit status of work run in a child process whose /proc is an empty file system, as in
-/// a rescue system; nothing when this system does not let the child hide /proc.
-std::optional<int> exitStatusWithoutProc(const std::function<int()>& work) {
-    constexpr int kCannotHide = 77;
+/// The job's results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths
+/// below root, sorted: threads finish in any order.
+std::vector<std::string> linesOf(const PermissionRepair& job, const fs::path& root) {
+    std::vector<std::string> lines;
+    for (const auto& result : job.results()) {
+        const auto fresh = result.newAttribute();
+        lines.push_back(std::string(displayText(result.attributeMismatchedType())) + "\t" +
+                        std::string(displayText(result.attributeStatus())) + "\t" +
+                        result.fileSystemResourcePath().substr(root.string().size()) + "\t" +
+                        std::to_string(result.currentAttribute()) + " " +
+                        std::to_string(result.correctAttribute()) + " " +
+                        (fresh ? std::to_string(*fresh) : std::string("-")));
+    }
+    std::ranges::sort(lines);
+    return lines;
+}
+
+/// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
+/// nothing when prepare refused. The child's standard error goes to out / "log".
+std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
+                                   const std::function<std::string()>& work,
+                                   const TemporaryFolder& out) {
+    constexpr int kRefused = 77;
     const pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(600); // an open that blocks ends the child, not the test run
-        const bool hidden = ::unshare(CLONE_NEWNS) == 0 &&
-                            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                            ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0 &&
-                            ::access("/proc/self", F_OK) != 0;
-        ::_exit(hidden ? work() : kCannotHide);
+        ::alarm(600); // a hang ends the child, not the test run
+        const int output = ::open((out / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int log = ::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(log, STDERR_FILENO);
+        if (!prepare(output))
+            ::_exit(kRefused);
+        const std::string text = work();
+        ::_exit(::write(output, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotHide)
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused)
         return std::nullopt;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return test::readText(out / "output");
+}
+
+/// Gives this process a /proc of its own that is an empty file system, as in a rescue system.
+bool hideProc(int) {
+    return ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0 && ::access("/proc/self", F_OK) != 0;
 }
 
 /// A volume whose name holds a blank and an accent, with two standard receipts (XML at the top,
-/// binary in a subfolder, named with a "#"), one receipt of another group, and every listed
-/// path present as listed.
+/// binary in a subfolder, named with a "#"), one receipt of another group, every listed path
+/// present as listed, files whose receipt holds their size and checksum, and five receipts whose
+/// BOM cannot be read. Then three modes go wrong, one file changes in place and one grows.
 class RepairVolumeTest : public testing::Test {
 protected:
     void SetUp() override {
         test::makeVolume(volume, "10.12.6", "16G29");
-        const std::uint32_t uid = ::getuid(), gid = ::getgid();
-        base = {{".", 040755, uid, gid},         {"./bin", 040755, uid, gid},
-                {"./bin/ls", 0100755, uid, gid}, {"./bin/notes.txt", 0100644, uid, gid},
-                {"./private", 040755, uid, gid}, {"./private/tmp", 041777, uid, gid}};
-        essentials = {{".", 040755, uid, gid},
-                      {"./usr", 040755, uid, gid},
-                      {"./usr/bin", 040755, uid, gid},
-                      {"./usr/bin/login", 0104755, uid, gid},
-                      {"./usr/bin/missing", 0100755, uid, gid}};
-        createOnDisk(base);
-        createOnDisk(essentials);
-        std::filesystem::remove(volume / "usr/bin/missing");
+        const std::vector<BomEntry> base{
+            {".", 040755, uid, gid},         {"./bin", 040755, uid, gid},
+            file("./bin/ls", 0100755),       file("./bin/notes.txt", 0100644),
+            {"./private", 040755, uid, gid}, {"./private/tmp", 041777, uid, gid}};
+        const std::vector<BomEntry> essentials{{".", 040755, uid, gid},
+                                               {"./usr", 040755, uid, gid},
+                                               {"./usr/bin", 040755, uid, gid},
+                                               file("./usr/bin/login", 0104755),
+                                               file("./usr/bin/missing", 0100755),
+                                               {"./Library", 040755, uid, gid},
+                                               {"./Library/link", 0120755, uid, gid, 4, 0, "none"},
+                                               file("./Library/intact.plist", 0100644),
+                                               file("./Library/altered.plist", 0100644),
+                                               file("./Library/grown.plist", 0100644)};
+        for (const auto& entry : base)
+            create(entry);
+        for (const auto& entry : essentials)
+            create(entry);
+        fs::remove(volume / "usr/bin/missing");
         test::writeReceipt(volume, "com.apple.pkg.BaseSystem.plist", "com.apple.pkg.BaseSystem",
                            {"com.apple.other", test::kRepairGroup}, base);
         test::writeReceipt(volume, "Essentials/com.apple.pkg.Essentials #2.plist",
                            "com.apple.pkg.Essentials", {test::kRepairGroup}, essentials,
                            PlistFormat::binary);
-        test::writeText(volume / "opt/thing", "x");
-        ::chmod((volume / "opt/thing").c_str(), 0600);
+        create({"./opt/thing", 0100600, uid, gid});
         test::writeReceipt(volume, "com.example.thing.plist", "com.example.thing",
                            {"com.example.group"},
                            {{".", 040755, uid, gid},
                             {"./opt", 040755, uid, gid},
                             {"./opt/thing", 0100644, uid, gid}});
+        damageBoms(base);
+        for (const auto& [path, mode] :
+             {std::pair{"bin", 0775}, {"usr/bin/login", 0755}, {"private/tmp", 0777}})
+            ::chmod((volume / path).c_str(), mode);
+        test::writeText(volume / "Library/altered.plist", "<plist>0\n");
+        test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
     }
 
-    void createOnDisk(const std::vector<BomRecord>& records) {
-        for (const auto& record : records) {
-            const auto path = volume / record.path;
-            if ((record.mode & S_IFMT) == S_IFDIR)
-                std::filesystem::create_directories(path);
-            else
-                test::writeText(path, "x");
-            ::chmod(path.c_str(), record.mode & 07777);
-        }
+    /// A file listed with the size and checksum of what create writes.
+    BomEntry file(std::string_view path, std::uint16_t mode) const {
+        return {path, mode, uid, gid, 9, posixChecksum("<plist/>\n")};
     }
 
-    PermissionRepair job(RepairMode type) const {
-        return PermissionRepair(*Volume::initWithMountPoint(volume.string()), type);
+    void create(const BomEntry& entry) {
+        if (S_ISDIR(entry.mode))
+            fs::create_directories(volume / entry.path);
+        else if (S_ISLNK(entry.mode))
+            fs::create_symlink(entry.linkTarget, volume / entry.path);
+        else
+            test::writeText(volume / entry.path, "<plist/>\n");
+        if (!S_ISLNK(entry.mode))
+            ::chmod((volume / entry.path).c_str(), entry.mode & 07777);
     }
 
-    std::vector<std::string> pathsOf(const std::vector<RepairResult>& results) const {
-        std::vector<std::string> paths;
-        for (const auto& result : results)
-            paths.push_back(result.fileSystemResourcePath().substr(volume.string().size()));
-        std::ranges::sort(paths);
-        return paths;
+    /// A BOM cut short, one of text, one that is a link, one missing, and a receipt that cannot
+    /// be read: it may be a standard one, so its BOM goes unread too.
+    void damageBoms(const std::vector<BomEntry>& entries) {
+        for (const auto* name : {"#1 short", "#2 text", "#3 link", "#4 missing"})
+            test::writeReceipt(volume, "Damaged/" + std::string(name) + ".plist", name,
+                               {test::kRepairGroup}, entries);
+        fs::resize_file(damaged / "#1 short.bom", 100);
+        test::writeText(damaged / "#2 text.bom", "not a bill of materials");
+        fs::remove(damaged / "#3 link.bom");
+        fs::create_symlink("../com.apple.pkg.BaseSystem.bom", damaged / "#3 link.bom");
+        fs::remove(damaged / "#4 missing.bom");
+        test::writeText(damaged / "#0 garbled.plist", "<?xml version=\"1.0\"?><plist><dict>");
+        test::writeText(damaged / "#0 garbled.bom", "");
+    }
+
+    PermissionRepair ran(RepairMode type, bool content = false) const {
+        PermissionRepair job(*Volume::initWithMountPoint(volume.string()), type);
+        job.setChecksContent(content);
+        job.run();
+        EXPECT_EQ(job.progress(), 100);
+        return job;
+    }
+
+    /// What a job reports: the unreadable BOMs, then the lines given.
+    std::vector<std::string> unreadAnd(std::vector<std::string> lines) const {
+        for (const auto* name : {"#0 garbled", "#1 short", "#2 text", "#3 link", "#4 missing"})
+            lines.push_back("Bill of Materials Unreadable\tFailed\t/System/Library/Receipts/"
+                            "Damaged/" +
+                            std::string(name) + ".bom\t0 0 -");
+        std::ranges::sort(lines);
+        return lines;
     }
 
     TemporaryFolder folder;
-    std::filesystem::path volume = folder / "Système Mac HD";
-    std::vector<BomRecord> base, essentials;
+    fs::path volume = folder / "Système #1 100% HD";
+    fs::path damaged = volume / "System/Library/Receipts/Damaged";
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
 };
 
-TEST_F(RepairVolumeTest, VerifyFindsDifferencesAndRepairMendsThem) {
-    ::chmod((volume / "bin").c_str(), 0775);
-    ::chmod((volume / "usr/bin/login").c_str(), 0755);
-    ::chmod((volume / "private/tmp").c_str(), 0777);
-
-    auto verify = job(RepairMode::verifyPermissions);
-    verify.run();
-    EXPECT_EQ(pathsOf(verify.results()),
-              (std::vector<std::string>{"/bin", "/private/tmp", "/usr/bin/login"}));
-    EXPECT_EQ(verify.checkedPathCount(), 8);
-    EXPECT_EQ(verify.progress(), 100);
-
-    auto repair = job(RepairMode::repairPermissions);
-    repair.run();
-    EXPECT_EQ(repair.results().size(), 3u);
-    for (const auto& result : repair.results())
-        EXPECT_EQ(result.attributeStatus(), AttributeStatus::fixed);
-    EXPECT_EQ(permissionsOf(volume / "usr/bin/login"), 04755u);
-    EXPECT_EQ(permissionsOf(volume / "private/tmp"), 01777u);
-    EXPECT_EQ(permissionsOf(volume / "opt/thing"), 0600u) << "other groups' receipts are ignored";
-
-    auto again = job(RepairMode::verifyPermissions);
-    again.run();
-    EXPECT_TRUE(again.results().empty());
-}
-
-TEST_F(RepairVolumeTest, ThreadCountDoesNotChangeTheOutcome) {
-    ::chmod((volume / "bin/ls").c_str(), 0700);
-    ::chmod((volume / "usr").c_str(), 0700);
+TEST_F(RepairVolumeTest, VerifyFindsDifferencesWithAnyThreadCountAndRepairMendsModesOnly) {
+    const std::string mode = "POSIX Permissions Mismatched\t";
     const auto saved = Processor::shared().maxthread();
-    std::vector<std::vector<std::string>> outcomes;
     for (const std::int64_t threads : {1, 3, 16}) {
         Processor::shared().setMaxthread(threads);
-        auto verify = job(RepairMode::verifyPermissions);
-        verify.run();
-        outcomes.push_back(pathsOf(verify.results()));
+        const auto job = ran(verify);
+        EXPECT_EQ(linesOf(job, volume), unreadAnd({mode + "Verified\t/bin\t775 755 -",
+                                                   mode + "Verified\t/private/tmp\t777 1777 -",
+                                                   mode + "Verified\t/usr/bin/login\t755 4755 -"}))
+            << threads << " threads";
+        EXPECT_EQ(job.checkedPathCount(), 13) << "no damaged BOM is read";
     }
     Processor::shared().setMaxthread(saved);
-    EXPECT_EQ(outcomes[0], (std::vector<std::string>{"/bin/ls", "/usr"}));
-    EXPECT_EQ(outcomes[1], outcomes[0]);
-    EXPECT_EQ(outcomes[2], outcomes[0]);
-}
-
-TEST_F(RepairVolumeTest, LinksOutOfTheVolumeAreNeverFollowed) {
-    TemporaryFolder outside;
-    test::writeText(outside / "secret", "x");
-    ::chmod((outside / "secret").c_str(), 0600);
-    std::filesystem::remove_all(volume / "usr/bin");
-    std::filesystem::create_directory_symlink(outside.path(), volume / "usr/bin");
-
-    auto repair = job(RepairMode::repairPermissions);
-    repair.run();
-    EXPECT_EQ(permissionsOf(outside / "secret"), 0600u);
-    for (const auto& path : pathsOf(repair.results()))
-        EXPECT_FALSE(path.starts_with("/usr/bin/")) << path;
-}
-
-TEST_F(RepairVolumeTest, UnreadableBomsAreReportedAndTheRestIsChecked) {
-    const auto damaged = volume / "System/Library/Receipts/Damaged";
-    const std::vector<std::string> names{"#1 short", "#2 text", "#3 link", "#4 missing"};
-    for (const auto& name : names)
-        test::writeReceipt(volume, "Damaged/" + name + ".plist", name, {test::kRepairGroup}, base);
-    std::filesystem::resize_file(damaged / "#1 short.bom", 100);
-    test::writeText(damaged / "#2 text.bom", "not a bill of materials");
-    std::filesystem::remove(damaged / "#3 link.bom");
-    std::filesystem::create_symlink("../com.apple.pkg.BaseSystem.bom", damaged / "#3 link.bom");
-    std::filesystem::remove(damaged / "#4 missing.bom");
-    // A receipt that cannot be read may be a standard one: its BOM goes unread too.
-    test::writeText(damaged / "#0 garbled.plist", "<?xml version=\"1.0\"?><plist><dict>");
-    test::writeText(damaged / "#0 garbled.bom", "");
-    ::chmod((volume / "bin").c_str(), 0775);
-
-    std::vector<std::string> unread{"#0 garbled"};
-    unread.insert(unread.end(), names.begin(), names.end());
-    for (const auto type : {RepairMode::verifyPermissions, RepairMode::repairPermissions}) {
-        auto run = job(type);
-        run.run();
-        EXPECT_EQ(run.checkedPathCount(), 8) << "no damaged BOM is read";
-        ASSERT_EQ(run.results().size(), unread.size() + 1);
-        for (std::size_t i = 0; i < unread.size(); ++i) {
-            const auto& result = run.results()[i];
-            EXPECT_EQ(result.fileSystemResourcePath(), (damaged / (unread[i] + ".bom")).string());
-            EXPECT_EQ(result.attributeMismatchedType(), Type::billOfMaterialsUnreadable);
-            EXPECT_EQ(result.attributeStatus(), Status::failed);
-        }
-        EXPECT_EQ(run.results().back().fileSystemResourcePath(), (volume / "bin").string());
-    }
-    EXPECT_EQ(permissionsOf(volume / "bin"), 0755u);
+    const std::string altered = "\t/Library/altered.plist\t" +
+                                std::to_string(posixChecksum("<plist>0\n")) + " " +
+                                std::to_string(posixChecksum("<plist/>\n")) + " -";
+    EXPECT_EQ(
+        linesOf(ran(repair, true), volume),
+        unreadAnd({mode + "Fixed\t/bin\t775 755 755", mode + "Fixed\t/private/tmp\t777 1777 1777",
+                   mode + "Fixed\t/usr/bin/login\t755 4755 4755",
+                   "Checksum Mismatched\tFailed" + altered,
+                   "Size Mismatched\tFailed\t/Library/grown.plist\t10 9 -"}));
+    EXPECT_EQ(modeOf(volume / "usr/bin/login"), 4755);
+    EXPECT_EQ(modeOf(volume / "opt/thing"), 600) << "other groups' receipts are ignored";
+    EXPECT_EQ(linesOf(ran(verify, true), volume),
+              unreadAnd({"Checksum Mismatched\tVerified" + altered,
+                         "Size Mismatched\tVerified\t/Library/grown.plist\t10 9 -"}));
+    EXPECT_EQ(test::readText(volume / "Library/altered.plist"), "<plist>0\n");
 }
 
 TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
     if (!test::runningAsRoot())
         GTEST_SKIP() << "needs root to change owners and to hide /proc";
-    const auto login = volume / "usr/bin/login";
+    const auto login = volume / "usr/bin/login", notes = volume / "bin/notes.txt";
     ASSERT_EQ(::chown(login.c_str(), 501, 80), 0);
     ASSERT_EQ(::chmod(login.c_str(), 04755), 0);
     TemporaryFolder outside;
     test::writeText(outside / "secret", "x");
     ASSERT_EQ(::chown((outside / "secret").c_str(), 501, 80), 0);
     ASSERT_EQ(::chmod((outside / "secret").c_str(), 0600), 0);
-    std::filesystem::remove(volume / "bin/notes.txt");
-    std::filesystem::create_symlink(outside / "secret", volume / "bin/notes.txt");
-    ASSERT_EQ(::lchown((volume / "bin/notes.txt").c_str(), 501, 80), 0);
-    std::filesystem::remove(volume / "bin/ls");
+    fs::remove(notes);
+    fs::create_symlink(outside / "secret", notes);
+    ASSERT_EQ(::lchown(notes.c_str(), 501, 80), 0);
+    fs::remove(volume / "bin/ls");
     ASSERT_EQ(::mkfifo((volume / "bin/ls").c_str(), 0700), 0);
 
-    const auto failed = exitStatusWithoutProc([&] {
-        auto repair = job(RepairMode::repairPermissions);
-        repair.run();
-        return static_cast<int>(std::ranges::count_if(repair.results(), [](const auto& result) {
-            return result.attributeStatus() == Status::failed;
-        }));
-    });
+    const TemporaryFolder out;
+    const auto failed = inChild(
+        hideProc,
+        [&] {
+            const auto job = ran(repair);
+            return std::to_string(std::ranges::count_if(job.results(), [](const auto& result) {
+                return result.attributeMismatchedType() != Mismatch::billOfMaterialsUnreadable &&
+                       result.attributeStatus() == AttributeStatus::failed;
+            }));
+        },
+        out);
     if (!failed)
         GTEST_SKIP() << "this system does not let a child hide /proc";
     // A FIFO is never opened; without /proc its mode cannot be set by name, and that fails.
-    EXPECT_EQ(*failed, 1);
-    EXPECT_EQ(permissionsOf(volume / "bin/ls"), 0700u);
-    EXPECT_EQ(lstatOf(login).st_uid, 0u);
-    EXPECT_EQ(lstatOf(login).st_gid, 0u);
-    EXPECT_EQ(permissionsOf(login), 04755u);
-    EXPECT_EQ(lstatOf(volume / "bin/notes.txt").st_uid, 0u) << "the link itself gets its owner";
-    EXPECT_EQ(lstatOf(outside / "secret").st_uid, 501u);
-    EXPECT_EQ(permissionsOf(outside / "secret"), 0600u);
-
-    job(RepairMode::repairPermissions).run();
-    EXPECT_EQ(permissionsOf(volume / "bin/ls"), 0755u) << "with /proc it is set by name";
+    EXPECT_EQ(*failed, "1");
+    EXPECT_EQ(statOf(volume / "bin/ls"), "0:0 700");
+    EXPECT_EQ(statOf(login), "0:0 4755");
+    EXPECT_TRUE(statOf(notes).starts_with("0:0 ")) << "the link itself gets its owner";
+    EXPECT_EQ(statOf(outside / "secret"), "501:80 600");
+    ran(repair);
+    EXPECT_EQ(statOf(volume / "bin/ls"), "0:0 755") << "with /proc it is set by name";
 }
 
-/// A receipt whose files carry the sizes and checksums that `cksum` gives for their bytes as
-/// installed; then one file is changed in place and one grows.
-class ContentVolumeTest : public testing::Test {
+class RepairGroupTest : public testing::Test {
 protected:
-    void SetUp() override {
-        test::makeVolume(volume, "10.12.6", "16G29");
+    /// Receipts on both volumes whose paths lie on both, every listed item made as listed, then
+    /// one wrong mode on each volume, and a link on the data volume where a folder belongs.
+    void make(std::string_view version, std::string_view build) {
+        test::makeVolumeGroup(system, data, version, build);
         const std::uint32_t uid = ::getuid(), gid = ::getgid();
-        std::string big(3 << 20, '\0');
-        for (std::size_t i = 0; i < big.size(); ++i)
-            big[i] = static_cast<char>((i * 2654435761u) >> 13);
-        const std::vector<std::pair<std::string, std::string>> files{
-            {"Library/Kernels/kernel", big},
-            {"Library/intact.plist", "<plist/>\n"},
-            {"Library/altered.plist", "<plist>0</plist>\n"},
-            {"Library/grown.plist", "<plist/>\n"},
-            {"Library/empty", ""}};
-        std::vector<std::filesystem::path> paths;
-        for (const auto& [name, bytes] : files) {
-            test::writeText(volume / name, bytes);
-            ::chmod((volume / name).c_str(), 0644);
-            paths.push_back(volume / name);
-        }
-        const auto sums = cksumOf(paths);
-        records = {{".", 040755, uid, gid},
-                   {"./Library", 040755, uid, gid},
-                   {"./Library/Kernels", 040755, uid, gid},
-                   {"./Library/link", 0120755, uid, gid, 4, 0, "none"}};
-        for (std::size_t i = 0; i < files.size(); ++i)
-            records.emplace_back("./" + files[i].first, 0100644, uid, gid, sums[i].second,
-                                 sums[i].first);
-        std::filesystem::create_symlink("none", volume / "Library/link");
-        ::lchown((volume / "Library/link").c_str(), uid, gid);
-        test::writeReceipt(volume, "com.apple.pkg.Content.plist", "com.apple.pkg.Content",
-                           {test::kRepairGroup}, records);
-        test::writeText(volume / "Library/altered.plist", "<plist>1</plist>\n");
-        test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
+        const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
+            return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+        };
+        const std::vector<BomEntry> core{dir("."),
+                                         dir("./bin"),
+                                         {"./bin/ps", 0104755, uid, gid},
+                                         dir("./private"),
+                                         dir("./private/tmp", 01777),
+                                         dir("./Library"),
+                                         dir("./Library/Extensions")};
+        const std::vector<BomEntry> local{dir("."), dir("./usr"), dir("./usr/local"),
+                                          dir("./usr/local/bin")};
+        const std::vector<BomEntry> users{dir("."), dir("./Users"), dir("./Users/Shared", 01777)};
+        test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
+                             "com.apple.pkg.Core", {test::kRepairGroup}, core);
+        test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
+                             "com.apple.pkg.Local.plist", "com.apple.pkg.Local",
+                             {test::kRepairGroup}, local, PlistFormat::binary);
+        test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
+                             "com.apple.pkg.Users", {test::kRepairGroup}, users);
+        for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
+                                 outside / "Shared", system / "Library/Extensions"})
+            fs::create_directories(made);
+        test::writeText(system / "bin/ps", "x");
+        ::chmod((system / "bin/ps").c_str(), 0755);
+        ::chmod((data / "private/tmp").c_str(), 0777);
+        ::chmod((outside / "Shared").c_str(), 0777);
+        ::chmod((system / "Library/Extensions").c_str(), 0700);
+        fs::remove(data / "Users");
+        fs::create_directory_symlink(outside.path(), data / "Users");
     }
 
-    /// What `cksum` prints for each file: checksum and size.
-    static std::vector<std::pair<std::uint32_t, std::uint32_t>>
-    cksumOf(const std::vector<std::filesystem::path>& files) {
-        std::string command = "cksum";
-        for (const auto& file : files)
-            command += " " + test::shellQuote(file.string());
-        const auto result = test::runCommand(command);
-        EXPECT_EQ(result.status, 0);
-        std::istringstream lines(result.output);
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> sums;
-        for (std::string line; std::getline(lines, line);) {
-            std::uint32_t checksum = 0, size = 0;
-            std::istringstream(line) >> checksum >> size;
-            sums.emplace_back(checksum, size);
-        }
-        // A short answer fails the test here rather than reading past it.
-        EXPECT_EQ(sums.size(), files.size());
-        sums.resize(files.size());
-        return sums;
+    std::vector<std::string> run(RepairMode type) {
+        PermissionRepair job(*openMacOS(system.string(), data.string(), {}), type);
+        job.run();
+        return linesOf(job, folder.path());
     }
 
-    PermissionRepair job(RepairMode type, bool content) const {
-        PermissionRepair made(*Volume::initWithMountPoint(volume.string()), type);
-        made.setChecksContent(content);
-        return made;
-    }
-
-    TemporaryFolder folder;
-    std::filesystem::path volume = folder / "Macintosh HD";
-    std::vector<BomRecord> records;
+    test::TemporaryFolder folder, outside;
+    fs::path system = folder / "Macintosh HD";
+    fs::path data = folder / "Macintosh HD - Data";
 };
 
-TEST_F(ContentVolumeTest, SizeAndChecksumDifferencesAreFoundAndNeverRepaired) {
-    auto plain = job(RepairMode::verifyPermissions, false);
-    plain.run();
-    EXPECT_TRUE(plain.results().empty()) << "content is only checked when asked";
-
-    const auto altered = cksumOf({volume / "Library/altered.plist"}).front().first;
-    for (const auto type : {RepairMode::verifyPermissions, RepairMode::repairPermissions}) {
-        auto run = job(type, true);
-        run.run();
-        auto results = run.results();
-        ASSERT_EQ(results.size(), 2u);
-        std::ranges::sort(results, {}, &RepairResult::fileSystemResourcePath);
-        const auto expected =
-            type == RepairMode::verifyPermissions ? Status::verified : Status::failed;
-        EXPECT_EQ(results[0].fileSystemResourcePath(), (volume / "Library/altered.plist").string());
-        EXPECT_EQ(results[0].attributeMismatchedType(), Type::checksumMismatched);
-        EXPECT_EQ(results[0].currentAttribute(), altered);
-        EXPECT_EQ(results[0].correctAttribute(), records[6].checksum);
-        EXPECT_EQ(results[0].attributeStatus(), expected);
-        EXPECT_FALSE(results[0].newAttribute());
-        EXPECT_EQ(results[1].fileSystemResourcePath(), (volume / "Library/grown.plist").string());
-        EXPECT_EQ(results[1].attributeMismatchedType(), Type::sizeMismatched);
-        EXPECT_EQ(results[1].currentAttribute(), 10);
-        EXPECT_EQ(results[1].correctAttribute(), 9);
-        EXPECT_EQ(results[1].attributeStatus(), expected);
-    }
-    EXPECT_EQ(test::readText(volume / "Library/altered.plist"), "<plist>1</plist>\n");
+TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
+    make("10.15.7", "19H2");
+    // Each path is named where it lies; the system volume's own /Library is hidden by the
+    // firmlink, and a link on the data volume is not followed.
+    const std::string mode = "POSIX Permissions Mismatched\t";
+    EXPECT_EQ(run(verify), (std::vector<std::string>{
+                               mode + "Verified\t/Macintosh HD - Data/private/tmp\t777 1777 -",
+                               mode + "Verified\t/Macintosh HD/bin/ps\t755 4755 -"}));
+    run(repair);
+    EXPECT_TRUE(run(verify).empty());
+    EXPECT_EQ(modeOf(system / "Library/Extensions"), 700);
+    EXPECT_EQ(modeOf(outside / "Shared"), 777);
 }
 
-/// The results of a job run in a child process left with exactly spare free descriptors (its
-/// limit, soft and hard, just above them), as lines "TYPE<TAB>PATH", and what the child logged.
-struct ChildOutcome {
-    std::set<std::string> results;
-    std::set<std::string> failedPaths;
-    std::string log;
-};
+TEST_F(RepairGroupTest, Sonoma_TheSealedSystemVolumeIsNeitherCheckedNorChanged) {
+    make("14.6.1", "23G93");
+    EXPECT_EQ(run(verify),
+              std::vector<std::string>{"POSIX Permissions Mismatched\tVerified\t"
+                                       "/Macintosh HD - Data/private/tmp\t777 1777 -"});
+    run(repair);
+    EXPECT_EQ(modeOf(data / "private/tmp"), 1777);
+    EXPECT_EQ(modeOf(system / "bin/ps"), 755);
+}
 
 /// Limits the process to its highest open descriptor plus spare, and takes every free number
 /// below that descriptor, so that spare free numbers remain whatever the process inherited.
@@ -366,122 +352,104 @@ bool leaveSpareDescriptors(int reference, rlim_t spare) {
     return spare == 0;
 }
 
-ChildOutcome runUnderDescriptorLimit(rlim_t spare, const std::filesystem::path& volume,
-                                     RepairMode type, const TemporaryFolder& out) {
-    const auto resultsFile = out / "results", logFile = out / "log";
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(600); // a hang ends the child, not the test run
-        const int results = ::open(resultsFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int log = ::open(logFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ::dup2(log, STDERR_FILENO);
-        ::close(log);
-        // The job's own opens are under test, not the reading of the volume's version or of
-        // the processor count.
-        auto target = Volume::initWithMountPoint(volume.string());
-        Processor::shared().setMaxthread(512);
-        if (!target || !leaveSpareDescriptors(results, spare))
-            ::_exit(3);
-        PermissionRepair job(std::move(*target), type);
-        job.run();
-        std::string text;
-        for (const auto& result : job.results())
-            text += std::string(displayText(result.attributeMismatchedType())) + "\t" +
-                    std::string(displayText(result.attributeStatus())) + "\t" +
-                    result.fileSystemResourcePath().substr(volume.string().size()) + "\n";
-        const bool written =
-            ::write(results, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::_exit(written ? 0 : 4);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    ChildOutcome outcome;
-    std::istringstream lines(test::readText(resultsFile));
-    for (std::string line; std::getline(lines, line);) {
-        const auto first = line.find('\t'), second = line.find('\t', first + 1);
-        const auto kind = line.substr(0, first), path = line.substr(second + 1);
-        outcome.results.insert(kind + "\t" + path);
-        if (line.substr(first + 1, second - first - 1) == "Failed")
-            outcome.failedPaths.insert(path);
-    }
-    outcome.log = test::readText(logFile);
-    return outcome;
-}
-
 TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMissingPaths) {
     TemporaryFolder folder;
     const auto volume = folder / "volume";
     test::makeVolume(volume, "10.12.6", "16G29");
     const std::uint32_t uid = ::getuid(), gid = ::getgid();
-    std::vector<BomRecord> records{{".", 040755, uid, gid}};
-    std::string path = ".";
-    std::set<std::string> expected;
+    std::vector<BomEntry> entries{{".", 040755, uid, gid}};
+    std::deque<std::string> paths;
+    std::string folderPath = ".";
+    std::set<std::string> mismatches, fixed;
     for (int depth = 0; depth < 10; ++depth) {
-        path += "/level" + std::to_string(depth);
-        records.emplace_back(path, 040755, uid, gid);
-        std::filesystem::create_directory(volume / path);
+        const std::string& path =
+            paths.emplace_back(folderPath += "/level" + std::to_string(depth));
+        entries.emplace_back(path, 040755, uid, gid);
+        fs::create_directory(volume / path);
         for (int i = 0; i < 4; ++i) {
-            const std::string file = path + "/file" + std::to_string(i);
-            records.emplace_back(file, 0100644, uid, gid);
+            const std::string& file = paths.emplace_back(path + "/file" + std::to_string(i));
+            entries.emplace_back(file, 0100644, uid, gid);
             test::writeText(volume / file, "x");
             ::chmod((volume / file).c_str(), i == 0 ? 0600 : 0644);
-            if (i == 0)
-                expected.insert("POSIX Permissions Mismatched\t" + file.substr(1));
+            if (i == 0) {
+                mismatches.insert("POSIX Permissions Mismatched\tVerified\t" + file.substr(1) +
+                                  "\t600 644 -");
+                fixed.insert("POSIX Permissions Mismatched\tFixed\t" + file.substr(1) +
+                             "\t600 644 644");
+            }
         }
     }
     // Nested receipt folders take descriptors too: the receipts must not vanish either.
     test::writeReceipt(volume, "A/B/C/D/com.apple.pkg.Deep.plist", "com.apple.pkg.Deep",
-                       {test::kRepairGroup}, records);
-    TemporaryFolder out;
+                       {test::kRepairGroup}, entries);
+    // The result lines of a job run in a child process left with exactly spare free descriptors
+    // (its limit, soft and hard, just above them). The job's own opens are under test, not the
+    // reading of the volume's version or of the processor count.
+    const TemporaryFolder out;
+    const auto linesWith = [&](rlim_t spare, RepairMode type) {
+        std::optional<Volume> target;
+        const auto text = inChild(
+            [&](int output) {
+                target = Volume::initWithMountPoint(volume.string());
+                Processor::shared().setMaxthread(512);
+                return target && leaveSpareDescriptors(output, spare);
+            },
+            [&] {
+                PermissionRepair job(std::move(*target), type);
+                job.run();
+                std::string lines;
+                for (const auto& line : linesOf(job, volume))
+                    lines += line + "\n";
+                return lines;
+            },
+            out);
+        std::set<std::string> lines;
+        std::istringstream stream(text.value_or("no child\n"));
+        for (std::string line; std::getline(stream, line);)
+            lines.insert(line);
+        return lines;
+    };
     for (const rlim_t spare : {40u, 24u, 12u, 8u, 5u, 3u}) {
-        const auto verify =
-            runUnderDescriptorLimit(spare, volume, RepairMode::verifyPermissions, out);
+        const auto results = linesWith(spare, verify);
+        const auto log = test::readText(out / "log");
         if (spare >= 24) {
-            EXPECT_EQ(verify.results, expected) << "with " << spare << " spare descriptors";
+            EXPECT_EQ(results, mismatches) << "with " << spare << " spare descriptors";
             continue;
         }
         // Every mismatch is reported, or the path or the receipt is reported as failed, and
         // every path that failed is logged.
-        const bool bomFailed = std::ranges::any_of(verify.results, [](const std::string& line) {
-            return line.starts_with("Bill of Materials Unreadable");
+        std::set<std::string> failed;
+        for (const auto& line : results)
+            if (const auto at = line.find("\tFailed\t"); at != line.npos)
+                failed.insert(line.substr(at + 8, line.rfind('\t') - at - 8));
+        const bool bomFailed = std::ranges::any_of(failed, [](const std::string& path) {
+            return path.starts_with("/System/Library/Receipts/");
         });
-        for (const auto& mismatch : expected) {
-            const auto mismatchPath = mismatch.substr(mismatch.find('\t') + 1);
-            EXPECT_TRUE(verify.results.contains(mismatch) || bomFailed ||
-                        verify.failedPaths.contains(mismatchPath))
+        for (const auto& mismatch : mismatches) {
+            const auto from = mismatch.find("\t/") + 1;
+            const auto path = mismatch.substr(from, mismatch.rfind('\t') - from);
+            EXPECT_TRUE(results.contains(mismatch) || bomFailed || failed.contains(path))
                 << mismatch << " with " << spare << " spare descriptors";
         }
-        for (const auto& failed : verify.failedPaths) {
-            const bool receipts = failed.starts_with("/System/Library/Receipts/");
-            const auto logged =
-                std::string(receipts ? "QVPackageManager::Error: Unable to read "
-                                     : "QVFile::Error: Unable to get attributes of ") +
-                volume.string() + failed;
-            EXPECT_NE(verify.log.find(logged), std::string::npos) << failed;
+        for (const auto& path : failed) {
+            const auto logged = std::string(path.starts_with("/System/Library/Receipts/")
+                                                ? "QVPackageManager::Error: Unable to read "
+                                                : "QVFile::Error: Unable to get attributes of ") +
+                                volume.string() + path;
+            EXPECT_NE(log.find(logged), std::string::npos) << path;
         }
     }
-
-    const auto repair = runUnderDescriptorLimit(24, volume, RepairMode::repairPermissions, out);
-    EXPECT_EQ(repair.results, expected);
-    EXPECT_TRUE(repair.failedPaths.empty());
-    const auto again = runUnderDescriptorLimit(24, volume, RepairMode::verifyPermissions, out);
-    EXPECT_TRUE(again.results.empty());
+    EXPECT_EQ(linesWith(24, repair), fixed);
+    EXPECT_TRUE(linesWith(24, verify).empty());
 }
 
-/// A job whose clock moves a second per reading, so that every progress change is posted.
-std::vector<double> postedProgress(const std::filesystem::path& volume, std::int64_t threads) {
-    std::uint64_t now = 0;
-    PermissionRepair job(*Volume::initWithMountPoint(volume.string()),
-                         RepairMode::verifyPermissions, [&] { return now += 1'000'000'000; });
+/// The progress a job posts while work runs.
+std::vector<double> postedWhile(const std::function<void()>& work) {
     std::vector<double> posted;
     auto& center = NotificationCenter::defaultCenter();
     const auto token = center.addObserver(kRepairPermissionsProgressDidChange,
                                           [&](const double& value) { posted.push_back(value); });
-    const auto saved = Processor::shared().maxthread();
-    Processor::shared().setMaxthread(threads);
-    job.run();
-    Processor::shared().setMaxthread(saved);
+    work();
     center.removeObserver(token);
     return posted;
 }
@@ -500,68 +468,36 @@ TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
                         {"./a/y", 0100644, uid, gid}});
     test::writeText(volume / "a/x", "x");
     test::writeText(volume / "a/y", "y");
-    ::chmod((volume / "a").c_str(), 0755);
-    ::chmod((volume / "a/x").c_str(), 0644);
     ::chmod((volume / "a/y").c_str(), 0600);
+    // A clock that moves a second per reading, so that every change is posted.
+    const auto posted = [&](std::int64_t threads) {
+        std::uint64_t now = 0;
+        PermissionRepair job(*Volume::initWithMountPoint(volume.path().string()), verify,
+                             [&] { return now += 1'000'000'000; });
+        const auto saved = Processor::shared().maxthread();
+        Processor::shared().setMaxthread(threads);
+        const auto values = postedWhile([&] { job.run(); });
+        Processor::shared().setMaxthread(saved);
+        return values;
+    };
     // Set-up: 10, one step per resource up to 40 (1/4, then 2/3 and 3/3 once the missing path
     // lowered the total), 40; verify 40 to 90 by thirds; collecting 90 to 100; 100.
-    EXPECT_EQ(postedProgress(volume.path(), 1),
-              (std::vector<double>{10, 17.5, 30, 40, 40, 56.67, 73.33, 90, 100, 100}));
-
+    EXPECT_EQ(posted(1), (std::vector<double>{10, 17.5, 30, 40, 40, 56.67, 73.33, 90, 100, 100}));
     // With more work items the steps of set-up come in any order, and the last of them may
     // coincide with the start of verify; set-up still ends at 40, never beyond.
     for (const std::int64_t threads : {2, 3, 8}) {
-        const auto posted = postedProgress(volume.path(), threads);
-        const auto forty = std::ranges::find(posted, 40.0);
-        ASSERT_NE(forty, posted.end()) << threads << " work items";
-        EXPECT_TRUE(std::all_of(posted.begin() + 1, forty,
-                                [](double value) { return value > 10 && value < 40; }))
+        const auto values = posted(threads);
+        const auto forty = std::ranges::find(values, 40.0);
+        ASSERT_NE(forty, values.end()) << threads << " work items";
+        EXPECT_TRUE(
+            std::all_of(values.begin() + 1, forty, [](double v) { return v > 10 && v < 40; }))
             << threads << " work items";
-        const auto verify = std::find_if(forty, posted.end(), [](double v) { return v != 40; });
-        EXPECT_EQ(std::vector<double>(verify, posted.end()),
-                  (std::vector<double>{56.67, 73.33, 90, 100, 100}))
+        EXPECT_EQ(
+            std::vector<double>(std::find_if(forty, values.end(), [](double v) { return v != 40; }),
+                                values.end()),
+            (std::vector<double>{56.67, 73.33, 90, 100, 100}))
             << threads << " work items";
     }
-}
-
-TEST(RepairJobTest, VolumeWithoutReceiptsEndsEmpty) {
-    TemporaryFolder volume;
-    test::makeVolume(volume.path(), "10.12.6", "16G29");
-    PermissionRepair job(*Volume::initWithMountPoint(volume.path().string()),
-                         RepairMode::verifyPermissions);
-    job.run();
-    EXPECT_TRUE(job.results().empty());
-    EXPECT_EQ(job.progress(), 100);
-}
-
-TEST(RepairProgressTest, FormulaGivesTwoDecimalsPerPhase) {
-    EXPECT_DOUBLE_EQ(scaledProgress(3, 12, 30, 10), 17.5);
-    EXPECT_DOUBLE_EQ(scaledProgress(3, 12, 50, 40), 52.5);
-    EXPECT_DOUBLE_EQ(scaledProgress(1, 3, 30, 10), 20);
-    EXPECT_DOUBLE_EQ(scaledProgress(1, 7, 50, 40), 47.14);
-    EXPECT_DOUBLE_EQ(scaledProgress(12, 12, 10, 90), 100);
-}
-
-TEST(RepairProgressTest, PostsAtMostEveryHalfSecond) {
-    TemporaryFolder volume;
-    test::makeVolume(volume.path(), "10.12.6", "16G29");
-    std::uint64_t now = 10'000'000'000;
-    PermissionRepair job(*Volume::initWithMountPoint(volume.path().string()),
-                         RepairMode::verifyPermissions, [&] { return now; });
-    std::vector<double> posted;
-    auto& center = NotificationCenter::defaultCenter();
-    const auto token = center.addObserver(kRepairPermissionsProgressDidChange,
-                                          [&](const double& value) { posted.push_back(value); });
-    job.setProgress(10);
-    now += 200'000'000;
-    job.setProgress(20);
-    now += 400'000'000;
-    job.setProgress(30);
-    now += 500'000'000;
-    job.setProgress(40);
-    center.removeObserver(token);
-    EXPECT_EQ(posted, (std::vector<double>{10, 30}));
-    EXPECT_EQ(job.progress(), 40);
 }
 
 } // namespace

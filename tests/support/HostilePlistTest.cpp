@@ -34,6 +34,25 @@ std::uint64_t padding(BinaryPlist& plist, std::uint64_t copies) {
     return plist.repeated(plist.string(std::string(64 << 10, 'x')), copies);
 }
 
+/// A dictionary of the strings, and of the arrays of strings, given, with the padding under a
+/// key of its own.
+std::string paddedDict(
+    std::uint64_t copies, const std::vector<std::pair<std::string_view, std::string_view>>& strings,
+    const std::vector<std::pair<std::string_view, std::vector<std::string_view>>>& arrays = {}) {
+    BinaryPlist plist(1);
+    std::vector<std::pair<std::string_view, std::uint64_t>> entries;
+    for (const auto& [key, value] : strings)
+        entries.emplace_back(key, plist.string(value));
+    for (const auto& [key, values] : arrays) {
+        std::vector<std::uint64_t> items;
+        for (const auto value : values)
+            items.push_back(plist.string(value));
+        entries.emplace_back(key, plist.array(items));
+    }
+    entries.emplace_back("Padding", padding(plist, copies));
+    return plist.bytes(plist.dict(entries));
+}
+
 std::int64_t residentHighWater() {
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);)
@@ -59,15 +78,9 @@ private:
 };
 
 std::string kextInfo(std::uint64_t copies) {
-    BinaryPlist plist(1);
-    const auto type = plist.string("KEXT");
-    const auto identifier = plist.string("com.example.padded");
-    const auto version = plist.string("1.0.0");
-    const auto pad = padding(plist, copies);
-    return plist.bytes(plist.dict({{"CFBundlePackageType", type},
-                                   {"CFBundleIdentifier", identifier},
-                                   {"CFBundleVersion", version},
-                                   {"Padding", pad}}));
+    return paddedDict(copies, {{"CFBundlePackageType", "KEXT"},
+                               {"CFBundleIdentifier", "com.example.padded"},
+                               {"CFBundleVersion", "1.0.0"}});
 }
 
 TEST(HostilePlistTest, RegressionBombInAKextInfoPlistLeavesTheBundleWithoutInfo) {
@@ -88,18 +101,6 @@ TEST(HostilePlistTest, RegressionBombInAKextInfoPlistLeavesTheBundleWithoutInfo)
     EXPECT_LT(peak.growth(), kPeakBound);
 }
 
-std::string receipt(std::string_view identifier, std::uint64_t copies) {
-    BinaryPlist plist(1);
-    const auto name = plist.string(identifier);
-    const auto groups = plist.array({plist.string(test::kRepairGroup)});
-    const auto version = plist.string("1.0");
-    const auto pad = padding(plist, copies);
-    return plist.bytes(plist.dict({{"PackageIdentifier", name},
-                                   {"PackageGroups", groups},
-                                   {"PackageVersion", version},
-                                   {"Padding", pad}}));
-}
-
 TEST(HostilePlistTest, RegressionBombInAReceiptIsReportedAndTheOtherReceiptsAreChecked) {
     TemporaryFolder folder;
     const auto volume = folder / "Mac HD";
@@ -107,11 +108,13 @@ TEST(HostilePlistTest, RegressionBombInAReceiptIsReportedAndTheOtherReceiptsAreC
     test::makeVolume(volume, "10.12.6", "16G29");
     std::filesystem::create_directories(volume / "bin");
     ::chmod((volume / "bin").c_str(), 0775);
-    const std::vector<BomRecord> records{{".", 040755, ::getuid(), ::getgid()},
-                                         {"./bin", 040755, ::getuid(), ::getgid()}};
+    const std::vector<BomEntry> records{{".", 040755, ::getuid(), ::getgid()},
+                                        {"./bin", 040755, ::getuid(), ::getgid()}};
     for (const auto& [name, copies] :
          {std::pair{"com.apple.pkg.Bomb", kBomb}, std::pair{"com.apple.pkg.Padded", kReadable}}) {
-        test::writeText(receipts / (std::string(name) + ".plist"), receipt(name, copies));
+        test::writeText(receipts / (std::string(name) + ".plist"),
+                        paddedDict(copies, {{"PackageIdentifier", name}, {"PackageVersion", "1.0"}},
+                                   {{"PackageGroups", {test::kRepairGroup}}}));
         test::writeBomFile(receipts / (std::string(name) + ".bom"), records);
     }
     const ResidentPeak peak;
@@ -129,17 +132,10 @@ TEST(HostilePlistTest, RegressionBombInAReceiptIsReportedAndTheOtherReceiptsAreC
 }
 
 std::string manifest(std::uint64_t copies) {
-    BinaryPlist plist(1);
-    const auto volume = plist.string("/Volumes/Mac HD");
-    const auto time = plist.string("2026-11-22T21:55:03Z");
-    const auto operation = plist.string("remove");
-    const auto kexts = plist.array({});
-    const auto pad = padding(plist, copies);
-    return plist.bytes(plist.dict({{"Volume", volume},
-                                   {"Time", time},
-                                   {"Operation", operation},
-                                   {"Kexts", kexts},
-                                   {"Padding", pad}}));
+    return paddedDict(
+        copies,
+        {{"Volume", "/Volumes/Mac HD"}, {"Time", "2026-11-22T21:55:03Z"}, {"Operation", "remove"}},
+        {{"Kexts", {}}});
 }
 
 TEST(HostilePlistTest, RegressionBombInABackupManifestIsAnError) {
@@ -168,32 +164,9 @@ std::string history(std::uint64_t copies) {
     return plist.bytes(plist.array({record, padding(plist, copies)}));
 }
 
-/// Points the user's data folder, where the history lives, at folder while it lives.
-class DataFolderAt {
-public:
-    explicit DataFolderAt(const std::filesystem::path& folder) {
-        if (const char* old = std::getenv("XDG_DATA_HOME"))
-            old_ = old;
-        ::setenv("XDG_DATA_HOME", folder.c_str(), 1);
-    }
-    ~DataFolderAt() {
-        if (old_)
-            ::setenv("XDG_DATA_HOME", old_->c_str(), 1);
-        else
-            ::unsetenv("XDG_DATA_HOME");
-    }
-    DataFolderAt(const DataFolderAt&) = delete;
-    DataFolderAt& operator=(const DataFolderAt&) = delete;
-
-private:
-    std::optional<std::string> old_;
-};
-
 TEST(HostilePlistTest, RegressionBombInTheHistoryIsRefusedAndLeftAsItIs) {
     TemporaryFolder folder;
-    const DataFolderAt data(folder.path());
-    const auto file = historyFilePath();
-    ASSERT_EQ(file.string().rfind(folder.path().string(), 0), 0u) << file;
+    const auto file = folder / "History.plist";
     test::writeText(file, history(kReadable));
     const ResidentPeak peak;
     const auto padded = readHistory(file);

@@ -1,4 +1,5 @@
-// The notification centre: names, typed objects, and observers that change the centre.
+// The notification centre: typed objects to the observers of a name, and observers that change
+// the centre while they are notified.
 #include "support/NotificationCenter.h"
 
 #include <gtest/gtest.h>
@@ -7,12 +8,7 @@
 namespace quelm {
 namespace {
 
-TEST(NotificationCenterTest, NamesCarryThePrefix) {
-    EXPECT_EQ(notificationName<bool>(".veskp.quelm.presentvc").name,
-              "org.quelm.veskp.quelm.presentvc");
-}
-
-TEST(NotificationCenterTest, DeliversTypedObjectsToObserversOfTheName) {
+TEST(NotificationCenterTest, DeliversTypedObjectsToObserversOfTheNameUntilRemoved) {
     NotificationCenter center;
     const auto progress = notificationName<double>(".test.progress");
     const auto paths = notificationName<std::vector<std::string>>(".test.paths");
@@ -33,10 +29,7 @@ TEST(NotificationCenterTest, ObserverMayRemoveItselfWhileNotified) {
     const auto name = notificationName<int>(".test.once");
     int calls = 0;
     NotificationCenter::Token token = 0;
-    token = center.addObserver(name, [&](const int&) {
-        ++calls;
-        center.removeObserver(token);
-    });
+    token = center.addObserver(name, [&](const int&) { center.removeObserver(token), ++calls; });
     center.post(name, 1);
     center.post(name, 2);
     EXPECT_EQ(calls, 1);

@@ -13,37 +13,23 @@ namespace {
 
 constexpr std::size_t flushSize = std::size_t{1} << 20;
 
-/// The record as the long listing shows it: size and checksum of files and links, a link's
-/// target.
-BomRecord longRecord(const BomEntry& record) {
-    return BomRecord(record.path, record.mode, record.uid, record.gid, record.size, record.checksum,
-                     std::string(record.linkTarget));
-}
-
 int listBom(const std::string& file, bool longForm) {
     BomReader parser(file);
-    switch (parser.parse()) {
-    case BomReader::success:
-        break;
-    case BomReader::unreadable:
-        printError("cannot read " + file);
-        return 1;
-    case BomReader::notABomStore:
-        printError(file + " is not a BOM store, or it is damaged");
-        return 2;
+    const auto entries = parser.parse();
+    if (!entries) {
+        printError(file + ": " + entries.error().message);
+        // Only a file that was read and found damaged is no BOM; anything else could not be read.
+        return entries.error().kind == ErrorKind::invalid ? 2 : 1;
     }
     // Lines are gathered into large writes: a receipt can list a million paths.
     std::string out;
     out.reserve(flushSize + 4096);
-    const BomEntry* records = parser.resources();
-    const std::uint32_t total = parser.total();
-    for (std::uint32_t index = 0; index < total; ++index) {
-        const BomEntry& record = records[index];
+    for (std::size_t index = 0; index < entries->size(); ++index) {
         if (longForm)
-            appendLongListingLine(out, longRecord(record));
+            appendLongListingLine(out, (*entries)[index]);
         else
-            appendListingLine(out, record.path, record.mode, record.uid, record.gid);
-        if (out.size() >= flushSize || index + 1 == total) {
+            appendListingLine(out, (*entries)[index]);
+        if (out.size() >= flushSize || index + 1 == entries->size()) {
             if (!writeAll(STDOUT_FILENO, out)) {
                 printError(std::string("cannot write the listing: ") + std::strerror(errno));
                 return 1;

@@ -20,7 +20,7 @@ struct Receipt {
     std::string identifier;
     std::string group;
     PlistFormat format;
-    std::vector<BomRecord> records;
+    std::vector<BomEntry> records;
 };
 
 /// What the receipts prescribe. Owners are root and wheel (admin for /Applications) when run
@@ -116,7 +116,7 @@ void writeFile(const fs::path& path, std::string_view bytes) {
         throw std::runtime_error(written.error().message);
 }
 
-void createListed(const DemoHalves& halves, const BomRecord& record) {
+void createListed(const DemoHalves& halves, const BomEntry& record) {
     const auto path = halves.hostPath(record.path.substr(1));
     if (S_ISDIR(record.mode))
         fs::create_directories(path);
