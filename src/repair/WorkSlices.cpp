@@ -27,9 +27,12 @@ void runWorkSlices(std::size_t count, std::int64_t threads, std::string_view fat
                    const std::function<void(std::size_t, std::size_t)>& work) {
     if (threads <= 0)
         fatalError(fatalMessage);
-    std::vector<std::jthread> group;
+    // std::thread, joined by hand: the libc++ of the fuzzing build has no std::jthread.
+    std::vector<std::thread> group;
     for (const auto& [begin, end] : workSlices(count, static_cast<std::size_t>(threads)))
         group.emplace_back(work, begin, end);
+    for (auto& thread : group)
+        thread.join();
 }
 
 namespace {
