@@ -235,42 +235,6 @@ private slots:
         HelperManager::shared().terminateHelper();
     }
 
-    void aLaterStartOnAnotherVolumeIsInstalledThereAfterTheFirstJob() {
-        if (::geteuid() != 0)
-            QSKIP("the helper installs kexts as root");
-        test::TemporaryFolder folder;
-        const auto first = folder / "First HD";
-        const auto second = folder / "Second HD";
-        test::makeVolume(first, "10.12.6", "16G29");
-        test::makeVolume(second, "10.13.6", "17G66");
-        const auto a = test::makeKextBundle(folder / "kexts", "A.kext",
-                                            test::kextInfo("com.example.A", "1.0"));
-        const auto b = test::makeKextBundle(folder / "kexts", "B.kext",
-                                            test::kextInfo("com.example.B", "1.0"));
-        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(first));
-        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        HelperManager::shared().start(std::nullopt);
-
-        MainWindow window;
-        window.switchViewController(true);
-        AppController delegate(window, 24h);
-        int finished = 0;
-        connect(&window, &MainWindow::jobFinished, [&] { ++finished; });
-        delegate.openFiles({QString::fromStdString(a.string())});
-        // The second start comes within the intake: it waits for the first job, never
-        // replaces it.
-        ModalAnswers::preset(QMessageBox::Yes);
-        takeLaterStart({second.string(), {QString::fromStdString(b.string())}}, delegate, window);
-        QVERIFY(!window.installationScreen()->jobUnderWay());
-        delegate.start();
-        QTRY_COMPARE_WITH_TIMEOUT(finished, 1, test::kHangGuardMs);
-        QVERIFY(std::filesystem::exists(first / "Library/Extensions/A.kext"));
-        QVERIFY(std::filesystem::exists(second / "Library/Extensions/B.kext"));
-        QVERIFY(!std::filesystem::exists(second / "Library/Extensions/A.kext"));
-        QVERIFY(!std::filesystem::exists(first / "Library/Extensions/B.kext"));
-        HelperManager::shared().terminateHelper();
-    }
-
     void aQueuedJobRunsHoweverTheJobBeforeItEndsAndTheEndWaitsForIt() {
         if (::geteuid() != 0)
             QSKIP("the helper installs kexts as root");

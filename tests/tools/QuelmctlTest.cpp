@@ -50,42 +50,39 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-TEST(QuelmctlTest, VolumeInfoPrintsTheVolume) {
+TEST(QuelmctlTest, VolumeInfoAndKextInfoPrintWhatTheyFindOrSayWhyNot) {
     TemporaryFolder folder;
     const auto root = folder / "Macintosh HD";
     test::makeVolume(root, "10.12.6", "16G29", PlistFormat::binary);
     std::filesystem::create_directory(root / "Extra");
-    const auto result = runCommand(quelmctl("volume-info " + shellQuote(root.string() + "/")));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(
-        result.output.starts_with("macOS Sierra 10.12.6 (16G29)\n"
-                                  "mountPoint: " +
-                                  root.string() +
-                                  "\n"
-                                  "version: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\n"
-                                  "isRecovery: false\nhasExtraFolder: true\nkind: whole volume\n"
-                                  "fileSystem: "))
-        << result.output;
-    EXPECT_TRUE(result.output.ends_with("\nreadOnly: no\nwritable: yes\n")) << result.output;
-}
+    const auto volume = runCommand(quelmctl("volume-info " + shellQuote(root.string() + "/")));
+    EXPECT_EQ(volume.status, 0);
+    EXPECT_TRUE(volume.output.starts_with(
+        "macOS Sierra 10.12.6 (16G29)\nmountPoint: " + root.string() +
+        "\nversion: 10.12.6\nbuildVersion: 16G29\nmajorVersion: 16\nisRecovery: false\n"
+        "hasExtraFolder: true\nkind: whole volume\nfileSystem: "))
+        << volume.output;
+    EXPECT_TRUE(volume.output.ends_with("\nreadOnly: no\nwritable: yes\n")) << volume.output;
+    const auto none = runCommand(quelmctl("volume-info " + shellQuote(folder.path().string())));
+    EXPECT_EQ(none.status, 1);
+    EXPECT_NE(none.output.find(" is not a macOS volume"), std::string::npos);
 
-TEST(QuelmctlTest, VolumeInfoRefusesAFolderThatIsNoVolume) {
-    TemporaryFolder folder;
-    const auto result = runCommand(quelmctl("volume-info " + shellQuote(folder.path().string())));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find(folder.path().string() + " is not a macOS volume"),
-              std::string::npos);
-}
-
-TEST(QuelmctlTest, KextInfoPrintsNamePathAndVersion) {
-    TemporaryFolder folder;
     const auto bundle = test::makeKext(folder / "my kexts", "Lilu.kext",
                                        PlistValue::Dict{{"CFBundleShortVersionString", "1.2.3"}});
-    auto result = runCommand(quelmctl("kext-info " + shellQuote(bundle.string())));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "name: Lilu.kext\npath: " + bundle.string() + "\nversion: 1.2.3\n");
-    result = runCommand(quelmctl("kext-info " + shellQuote(folder.path().string())));
-    EXPECT_EQ(result.status, 1);
+    const auto kext = runCommand(quelmctl("kext-info " + shellQuote(bundle.string())));
+    EXPECT_EQ(kext.output, "name: Lilu.kext\npath: " + bundle.string() + "\nversion: 1.2.3\n");
+    const auto notes = folder / "notes.txt";
+    test::writeText(notes, "not a kext");
+    const auto checked = runCommand(quelmctl("check-kext " + shellQuote(notes.string())));
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.output, notes.string() + " is not a kext bundle folder.\n");
+    for (const auto& [path, message] :
+         {std::pair(notes, " is not a kext bundle: its name must end in .kext\n"),
+          std::pair(folder / "Gone.kext", ": no such bundle folder\n")}) {
+        const auto text = quelmctlErrors("kext-info " + shellQuote(path.string()));
+        EXPECT_EQ(text.status, 1);
+        EXPECT_EQ(text.output, "quelmctl: " + path.string() + message);
+    }
 }
 
 TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
@@ -105,96 +102,33 @@ TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
     EXPECT_NE(result.output.find("Lilu.kext\t/Library/Extensions/"), std::string::npos);
 }
 
-TEST(QuelmctlTest, InstallFollowsTheSmartTableAndBacksUpWhatItReplaces) {
-    if (!test::runningAsRoot())
-        GTEST_SKIP() << "installed kexts belong to root";
-    TemporaryFolder folder;
-    const auto volume = folder / "Mac HD";
-    test::makeVolume(volume, "10.12.6", "16G29");
-    test::writeText(volume / "Library/Extensions/Lilu.kext/Old", "old");
-    const auto lilu = test::makeKextBundle(folder / "in", "Lilu.kext",
-                                           test::kextInfo("as.vit9696.Lilu", "1.4.5"));
-    const auto unknown = test::makeKextBundle(folder / "in", "Unknown.kext",
-                                              test::kextInfo("com.example.Unknown", "1.0"));
-    const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
-    const auto result = runCommand(
-        env + quelmctl("install --volume " + shellQuote(volume.string()) + " --backup-to " +
-                       shellQuote((folder / "backups").string()) + " " + shellQuote(lilu.string()) +
-                       " " + shellQuote(unknown.string())));
-    EXPECT_EQ(result.status, 1) << result.output;
-    EXPECT_NE(result.output.find("installed Lilu.kext into /Library/Extensions/"),
-              std::string::npos);
-    EXPECT_NE(result.output.find("skipped Unknown.kext: not in the smart table"),
-              std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(volume / "Library/Extensions/Lilu.kext/Old"));
-    const auto backups = std::filesystem::directory_iterator(folder / "backups");
-    ASSERT_NE(backups, std::filesystem::directory_iterator());
-    EXPECT_TRUE(std::filesystem::exists(backups->path() / "Lilu.kext/Old"));
-
-    const auto library =
-        runCommand(env + quelmctl("install --volume " + shellQuote(volume.string()) +
-                                  " --folder library " + shellQuote(unknown.string())));
-    EXPECT_EQ(library.status, 0) << library.output;
-    EXPECT_TRUE(std::filesystem::exists(volume / "Library/Extensions/Unknown.kext"));
-    EXPECT_EQ(runCommand(quelmctl("install --volume " + shellQuote(folder.path().string()) + " " +
-                                  shellQuote(unknown.string())))
-                  .status,
-              2);
-}
-
-TEST(QuelmctlTest, InstallKeepsOutOfTheSystemFolderFromCatalinaOn) {
+TEST(QuelmctlTest, InstallSaysEachKextsFateAndExitsByTheWorst) {
     if (!test::runningAsRoot())
         GTEST_SKIP() << "installed kexts belong to root";
     TemporaryFolder folder;
     const auto volume = folder / "Macintosh HD";
     test::makeVolume(volume, "10.15.7", "19H2");
-    const auto kext = test::makeKextBundle(folder / "in", "Custom.kext",
-                                           test::kextInfo("com.example.Custom", "1.0"));
-    test::writePlist(
-        folder / "data/Quelm/QVUserDefaultSmartTable.plist",
-        PlistValue::Dict{
-            {"Version", "9"},
-            {"Contents", PlistValue::Dict{{"Custom.kext", "/System/Library/Extensions/"}}}});
-    const std::string env = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " ";
-    const std::string install = "install --volume " + shellQuote(volume.string()) + " ";
-
-    const auto system =
-        runCommand(env + quelmctl(install + "--folder system " + shellQuote(kext.string())));
-    EXPECT_EQ(system.status, 2) << system.output;
+    test::writeText(volume / "Library/Extensions/Lilu.kext/Old", "old");
+    const auto lilu = test::makeKextBundle(folder / "in", "Lilu.kext",
+                                           test::kextInfo("as.vit9696.Lilu", "1.4.5"));
+    const auto unknown = test::makeKextBundle(folder / "in", "Unknown.kext",
+                                              test::kextInfo("com.example.Unknown", "1.0"));
+    const std::string install = "XDG_DATA_HOME=" + shellQuote((folder / "data").string()) + " " +
+                                quelmctl("install --volume " + shellQuote(volume.string()) +
+                                         " --backup-to " + shellQuote((folder / "b").string()));
+    const auto smart =
+        runCommand(install + " " + shellQuote(lilu.string()) + " " + shellQuote(unknown.string()));
+    EXPECT_EQ(smart.status, 1) << smart.output;
+    for (const auto* line :
+         {"installed Lilu.kext into /Library/Extensions/\n",
+          "skipped Unknown.kext: not in the smart table\n", "backed up what is replaced into "})
+        EXPECT_NE(smart.output.find(line), std::string::npos) << smart.output;
+    // macOS 10.15 keeps its system folder read-only: refused before anything is written.
+    const auto system = runCommand(install + " --folder system " + shellQuote(unknown.string()));
+    EXPECT_EQ(system.status, 2);
     EXPECT_NE(system.output.find("lies on a read-only system volume"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(volume / "System/Library/Extensions"));
-
-    const auto smart = runCommand(env + quelmctl(install + shellQuote(kext.string())));
-    EXPECT_EQ(smart.status, 0) << smart.output;
-    EXPECT_TRUE(std::filesystem::exists(volume / "Library/Extensions/Custom.kext"));
-}
-
-TEST(QuelmctlTest, VerifyRepairAndVerifyAgainOnTheDemoVolume) {
-    TemporaryFolder folder;
-    ASSERT_EQ(runCommand(quelmctl("make-demo-volume " + shellQuote(folder.path().string()))).status,
-              0);
-    const std::string volume = " --volume " + shellQuote((folder / "Macintosh HD").string());
-
-    const auto json = runCommand(quelmctl("verify-permissions --json" + volume));
-    EXPECT_EQ(json.status, 1) << "the demo volume is damaged";
-    for (const auto* key : {"\"identifier\": ", "\"fileSystemResourcePath\": ",
-                            "\"attributeMismatchedTypeString\": \"POSIX Permissions Mismatched\"",
-                            "\"currentAttribute\": 777", "\"correctAttribute\": 755",
-                            "\"newAttribute\": null", "\"attributeStatusString\": \"Verified\""})
-        EXPECT_NE(json.output.find(key), std::string::npos) << key;
-
-    const auto report = folder / "report.txt";
-    const auto repair = runCommand(quelmctl("repair-permissions --threads 2 --report " +
-                                            shellQuote(report.string()) + volume));
-    EXPECT_EQ(repair.status, 0) << repair.output;
-    EXPECT_NE(test::readText(report).find(" Status: Fixed"), std::string::npos);
-    const auto again = runCommand(quelmctl("verify-permissions" + volume));
-    EXPECT_EQ(again.status, 0);
-    EXPECT_NE(again.output.find("0 mismatched"), std::string::npos) << again.output;
-    EXPECT_EQ(
-        runCommand(quelmctl("verify-permissions --volume " + shellQuote(folder.path().string())))
-            .status,
-        2);
+    EXPECT_EQ(runCommand(install + " --folder library " + shellQuote(unknown.string())).status, 0);
+    EXPECT_TRUE(std::filesystem::exists(volume / "Library/Extensions/Unknown.kext"));
 }
 
 TEST(QuelmctlTest, EveryCommandTakesTheDataVolumeOfACatalinaDemo) {
@@ -217,12 +151,21 @@ TEST(QuelmctlTest, EveryCommandTakesTheDataVolumeOfACatalinaDemo) {
         << info.output;
     EXPECT_NE(info.output.find("\nwritable: yes"), std::string::npos) << info.output;
 
-    const auto verify = runCommand(quelmctl("verify-permissions" + pair));
+    const auto verify = runCommand(quelmctl("verify-permissions --json" + pair));
     EXPECT_EQ(verify.status, 1);
-    for (const auto* damaged : {"Macintosh HD/bin/ps", "Macintosh HD - Data/private/tmp"})
-        EXPECT_NE(verify.output.find(damaged), std::string::npos) << damaged;
-    EXPECT_EQ(runCommand(quelmctl("repair-permissions" + pair)).status, 0);
-    EXPECT_EQ(runCommand(quelmctl("verify-permissions" + pair)).status, 0);
+    for (const auto* text : {"Macintosh HD/bin/ps", "Macintosh HD - Data/private/tmp",
+                             "\"attributeMismatchedTypeString\": \"POSIX Permissions Mismatched\"",
+                             "\"newAttribute\": null", "\"attributeStatusString\": \"Verified\""})
+        EXPECT_NE(verify.output.find(text), std::string::npos) << text;
+    const auto report = folder / "report.txt";
+    EXPECT_EQ(runCommand(quelmctl("repair-permissions --threads 2 --report " +
+                                  shellQuote(report.string()) + pair))
+                  .status,
+              0);
+    EXPECT_NE(test::readText(report).find(" Status: Fixed"), std::string::npos);
+    const auto again = runCommand(quelmctl("verify-permissions" + pair));
+    EXPECT_EQ(again.status, 0);
+    EXPECT_NE(again.output.find("0 mismatched"), std::string::npos) << again.output;
 
     const auto alone = quelmctlErrors("verify-permissions --volume " + data);
     EXPECT_EQ(alone.status, 2);
@@ -231,31 +174,6 @@ TEST(QuelmctlTest, EveryCommandTakesTheDataVolumeOfACatalinaDemo) {
     const auto unjoined = quelmctlErrors("rebuild-caches --volume " + system);
     EXPECT_EQ(unjoined.status, 2);
     EXPECT_NE(unjoined.output.find("--data-volume"), std::string::npos) << unjoined.output;
-}
-
-TEST(QuelmctlTest, ReceiptWithAnUnreadableBomIsNamedAndTheRestIsRepaired) {
-    TemporaryFolder folder;
-    const auto disk = folder / "Disque é";
-    ASSERT_EQ(runCommand(quelmctl("make-demo-volume " + shellQuote(disk.string()))).status, 0);
-    const auto volume = disk / "Macintosh HD";
-    test::writeReceipt(volume, "com.apple.pkg.Damaged #2.plist", "com.apple.pkg.Damaged",
-                       {test::kRepairGroup}, {{".", 040755, 0, 0}});
-    const auto bom = volume / "System/Library/Receipts/com.apple.pkg.Damaged #2.bom";
-    std::filesystem::resize_file(bom, 64);
-    const std::string options = " --volume " + shellQuote(volume.string());
-
-    const auto json = runCommand(quelmctl("verify-permissions --json" + options));
-    EXPECT_EQ(json.status, 1);
-    EXPECT_NE(json.output.find("\"" + bom.string() +
-                               "\", \"attributeMismatchedTypeString\": "
-                               "\"Bill of Materials Unreadable\""),
-              std::string::npos)
-        << json.output;
-    const auto repair = runCommand(quelmctl("repair-permissions" + options));
-    EXPECT_EQ(repair.status, 1);
-    for (const auto& text : {"quelmctl: cannot read the bill of materials " + bom.string(),
-                             std::string(" fixed, 1 failed")})
-        EXPECT_NE(repair.output.find(text), std::string::npos) << repair.output;
 }
 
 TEST(QuelmctlTest, ContentCheckReportsChangedFilesAndRepairLeavesThemForReinstalling) {
@@ -274,8 +192,19 @@ TEST(QuelmctlTest, ContentCheckReportsChangedFilesAndRepairLeavesThemForReinstal
                        {{".", 040755, uid, gid},
                         {"./etc", 040755, uid, gid},
                         {"./etc/hosts", 0100644, uid, gid, size, checksum}});
+    // A damaged bill of materials is named; the other receipts are still checked.
+    test::writeReceipt(volume, "com.apple.pkg.Damaged #2.plist", "com.apple.pkg.Damaged",
+                       {test::kRepairGroup}, {{".", 040755, uid, gid}});
+    const auto bom = volume / "System/Library/Receipts/com.apple.pkg.Damaged #2.bom";
+    std::filesystem::resize_file(bom, 64);
     const std::string options = " --volume " + shellQuote(volume.string());
-    EXPECT_EQ(runCommand(quelmctl("verify-permissions --content" + options)).status, 0);
+    const auto damaged = runCommand(quelmctl("verify-permissions --content" + options));
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_NE(damaged.output.find("quelmctl: cannot read the bill of materials " + bom.string()),
+              std::string::npos)
+        << damaged.output;
+    std::filesystem::remove(bom);
+    std::filesystem::remove(volume / "System/Library/Receipts/com.apple.pkg.Damaged #2.plist");
 
     test::writeText(volume / "etc/hosts", "127.0.0.2 localhost\n");
     const auto report = folder / "report.txt";
@@ -288,10 +217,7 @@ TEST(QuelmctlTest, ContentCheckReportsChangedFilesAndRepairLeavesThemForReinstal
         << json.output;
     EXPECT_NE(json.output.find("\"correctAttribute\": " + std::to_string(checksum)),
               std::string::npos);
-    const auto parsed = parseReportText(test::readText(report));
-    ASSERT_TRUE(parsed) << parsed.error();
-    ASSERT_EQ(parsed->size(), 1u);
-    EXPECT_EQ((*parsed)[0].attributeMismatchedTypeString, "Checksum Mismatched");
+    EXPECT_NE(test::readText(report).find(" Reason: Checksum Mismatched"), std::string::npos);
 
     EXPECT_EQ(runCommand(quelmctl("verify-permissions" + options)).status, 0)
         << "content is only checked when asked";
@@ -339,24 +265,6 @@ TEST(QuelmctlTest, UsageErrorsExitTwoWithOneLineNamingTheProblem) {
         EXPECT_EQ(std::ranges::count(result.output, '\n'), 1) << result.output;
         EXPECT_TRUE(result.output.ends_with(" --help\n")) << result.output;
     }
-}
-
-TEST(QuelmctlTest, APathThatIsNoKextGetsOneSentenceAndAFailingStatus) {
-    TemporaryFolder folder;
-    const auto notes = folder / "notes.txt";
-    test::writeText(notes, "not a kext");
-    const auto checked = runCommand(quelmctl("check-kext " + shellQuote(notes.string())));
-    EXPECT_EQ(checked.status, 1);
-    EXPECT_EQ(checked.output, notes.string() + " is not a kext bundle folder.\n");
-
-    const auto text = quelmctlErrors("kext-info " + shellQuote(notes.string()));
-    EXPECT_EQ(text.status, 1);
-    EXPECT_EQ(text.output, "quelmctl: " + notes.string() +
-                               " is not a kext bundle: its name must end in .kext\n");
-    const auto missing = quelmctlErrors("kext-info " + shellQuote((folder / "Gone.kext").string()));
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.output,
-              "quelmctl: " + (folder / "Gone.kext").string() + ": no such bundle folder\n");
 }
 
 TEST(QuelmctlTest, JsonIsValidUtf8WhateverBytesThePathsHold) {
