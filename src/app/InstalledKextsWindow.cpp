@@ -298,11 +298,8 @@ void InstalledKextsWindow::removeSelectedKexts() {
         !confirmAppleKexts(selected))
         return;
     std::vector<std::string> paths;
-    for (const auto* kext : selected) {
+    for (const auto* kext : selected)
         paths.push_back(kext->path());
-        if (auto staged = stagedCopyOf(*volume, kext->path()))
-            paths.push_back(std::move(*staged));
-    }
     removeKexts(paths, *root);
 }
 

@@ -3,6 +3,7 @@
 
 #include "volumes/MountedFileSystem.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace quelm {
@@ -56,15 +57,44 @@ void record(const RescueRequest& request, std::string operation, RescueResult& r
 
 } // namespace
 
-RemoveJob::RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations)
-    : request_(std::move(request)), kexts_(std::move(kexts)), operations_(operations) {
+RemoveJob::RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations,
+                     bool setAsideCollection)
+    : request_(std::move(request)), kexts_(std::move(kexts)), operations_(operations),
+      setAsideCollection_(setAsideCollection) {
+}
+
+std::expected<std::vector<std::string>, Error> RemoveJob::plan() const {
+    const auto& volume = request_.volume;
+    if (setAsideCollection_ && !volume.isSealed())
+        return std::unexpected(Error{"only macOS 11 and later load kexts from an auxiliary kernel "
+                                     "collection; " +
+                                         volume.mountPoint() + " holds macOS " +
+                                         volume.version().value_or("?"),
+                                     ErrorKind::refused});
+    std::vector<std::string> paths;
+    for (const auto& kext : kexts_) {
+        if (std::ranges::find(paths, kext) != paths.end())
+            continue;
+        paths.push_back(kext);
+        if (auto staged = stagedCopyOf(volume, kext))
+            paths.push_back(std::move(*staged));
+    }
+    const std::string collection =
+        std::string(kAuxiliaryCollectionFolder) + std::string(kAuxiliaryCollectionName);
+    const auto place = setAsideCollection_ ? openParentOn(volume, collection) : std::nullopt;
+    if (place && listedNameAt(place->first.get(), place->second))
+        paths.push_back(collection);
+    return paths;
 }
 
 RescueResult RemoveJob::run() {
+    auto paths = plan();
+    if (!paths)
+        return {std::move(paths.error()), {}, {}};
     if (auto refusal = writeRefusalOf(request_, operations_))
         return {std::move(refusal), {}, {}};
     auto result = finish(
-        request_, operations_.removeKexts(kexts_, request_.volume, newBackupFolder(request_)),
+        request_, operations_.removeKexts(*paths, request_.volume, newBackupFolder(request_)),
         operations_);
     record(request_, "remove", result);
     return result;

@@ -32,14 +32,20 @@ struct RescueResult {
 
 class RemoveJob {
 public:
-    /// kexts: paths on the volume, their staged copies among them.
-    RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations);
+    /// kexts: installed kexts as paths on the volume. Their staged copies go with them, and
+    /// with setAsideCollection the auxiliary kernel collection of macOS 11 and later.
+    RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations,
+              bool setAsideCollection = false);
+    /// What run moves, in order: each kext, then its staged copy; the collection last, when
+    /// the volume has one. Refused when a collection is to be set aside on an older macOS.
+    [[nodiscard]] std::expected<std::vector<std::string>, Error> plan() const;
     RescueResult run();
 
 private:
     RescueRequest request_;
     std::vector<std::string> kexts_;
     Operations& operations_;
+    bool setAsideCollection_;
 };
 
 class RestoreJob {

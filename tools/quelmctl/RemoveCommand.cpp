@@ -41,33 +41,10 @@ std::optional<std::vector<std::string>> kextsToRemove(const Options& options,
                            "): macOS may need it to start; add --force to remove it anyway");
                 refused = true;
             }
-            if (std::ranges::find(paths, kext->path()) != paths.end())
-                continue;
             paths.push_back(kext->path());
-            if (auto staged = stagedCopyOf(volume, kext->path()))
-                paths.push_back(std::move(*staged));
         }
     }
     return refused ? std::nullopt : std::optional(paths);
-}
-
-/// The auxiliary kernel collection's path, when the user sets it aside and the volume has one;
-/// nothing after a message when it cannot be.
-std::optional<std::vector<std::string>> collectionToSetAside(const Volume& volume) {
-    if (!volume.isSealed()) {
-        printError("--set-aside-collection: only macOS 11 and later load kexts from an auxiliary "
-                   "kernel collection; " +
-                   volume.mountPoint() + " holds macOS " + volume.version().value_or("?"));
-        return std::nullopt;
-    }
-    const std::string path =
-        std::string(kAuxiliaryCollectionFolder) + std::string(kAuxiliaryCollectionName);
-    const auto place = openParentOn(volume, path);
-    if (!place || !listedNameAt(place->first.get(), place->second)) {
-        std::cout << volume.mountPoint() << " has no " << path << " to set aside\n";
-        return std::vector<std::string>{};
-    }
-    return std::vector<std::string>{path};
 }
 
 /// What the next start does with the kexts just taken off.
@@ -84,25 +61,25 @@ std::string removalNotice(const Volume& volume, const RescueOutcome& outcome) {
 
 int remove(const Options& options) {
     const auto volume = openVolume(options.volume);
-    auto paths = volume ? kextsToRemove(options, *volume) : std::nullopt;
-    if (!paths)
-        return 2;
-    if (options.setAsideCollection) {
-        const auto collection = collectionToSetAside(*volume);
-        if (!collection)
-            return 2;
-        paths->insert(paths->end(), collection->begin(), collection->end());
-    }
-    if (options.dryRun) {
-        std::cout << (options.json ? "" : "Dry run: nothing is changed.\n");
-        reportOutcome({*paths, {}, "", {}}, "would-remove", options.json);
-        return 0;
-    }
-    const auto root = backupRoot(options.backupTo);
+    auto kexts = volume ? kextsToRemove(options, *volume) : std::nullopt;
+    const auto root = !kexts           ? std::nullopt
+                      : options.dryRun ? std::optional<std::string>("")
+                                       : backupRoot(options.backupTo);
     if (!root)
         return 2;
     LocalOperations operations;
-    const auto result = RemoveJob(rescueRequest(*volume, *root), *paths, operations).run();
+    RemoveJob job(rescueRequest(*volume, *root), *kexts, operations, options.setAsideCollection);
+    if (options.dryRun) {
+        const auto plan = job.plan();
+        if (!plan) {
+            printError(plan.error().message);
+            return 2;
+        }
+        std::cout << (options.json ? "" : "Dry run: nothing is changed.\n");
+        reportOutcome({*plan, {}, "", {}}, "would-remove", options.json);
+        return 0;
+    }
+    const auto result = job.run();
     const int status = reportJob(*volume, result, "removed", options.json);
     if (!result.outcome.done.empty() && !options.json)
         std::cout << removalNotice(*volume, result.outcome) << '\n';
