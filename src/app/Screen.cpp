@@ -11,18 +11,13 @@ Screen::Screen(QWidget* parent) : QWidget(parent) {
 }
 
 Screen::~Screen() {
-    viewDidDisappear();
+    for (const auto token : observers_)
+        NotificationCenter::defaultCenter().removeObserver(token);
 }
 
 void Screen::setUpScreen() {
     if (circularIndicator)
         stopBusyIndicator(*circularIndicator);
-}
-
-void Screen::viewDidDisappear() {
-    for (const auto token : observers_)
-        NotificationCenter::defaultCenter().removeObserver(token);
-    observers_.clear();
 }
 
 } // namespace quelm

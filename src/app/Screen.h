@@ -35,7 +35,6 @@ protected:
                  std::function<void(const Payload&)> handler);
 
 private:
-    void viewDidDisappear();
     std::vector<NotificationCenter::Token> observers_;
 };
 
