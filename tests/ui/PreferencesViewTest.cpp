@@ -1,9 +1,8 @@
-// The preferences window against real settings (in the test's own home), and the appearance.
+// The preferences window against real settings (in the test's own home).
 #include "ui/PreferencesView.h"
 
 #include "kexts/KextFolder.h"
 #include "kexts/KextHistory.h"
-#include "ui/AppearanceMode.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
 
@@ -104,17 +103,6 @@ private slots:
         // Made when missing, and given to the helper as the folder the link leads to.
         QCOMPARE(backupFolderSetting(), std::optional(real / "Backups"));
         QVERIFY(std::filesystem::is_directory(real / "Backups"));
-    }
-
-    void darkModeGivesTheApplicationADarkPalette() {
-        applyAppearance(*qApp, AppearanceMode::DarkMode);
-        QVERIFY(qApp->palette().color(QPalette::Window).lightness() < 100);
-        QVERIFY(qApp->palette().color(QPalette::Base).lightness() < 100);
-        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() > 180);
-        QVERIFY(qApp->palette().color(QPalette::Text).lightness() > 180);
-        applyAppearance(*qApp, AppearanceMode::LightMode);
-        QVERIFY(qApp->palette().color(QPalette::Window).lightness() > 180);
-        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() < 100);
     }
 };
 
