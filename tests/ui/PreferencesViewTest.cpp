@@ -1,97 +1,63 @@
-// The preferences window against real settings (in the test's own home), and the appearance.
+// The preferences window against real settings (in the test's own home).
 #include "ui/PreferencesView.h"
 
 #include "kexts/KextFolder.h"
 #include "kexts/KextHistory.h"
-#include "ui/AppearanceMode.h"
 #include "ui/Translations.h"
 #include "ui/UserDefaults.h"
 
-#include <QApplication>
 #include <QComboBox>
 #include <QLabel>
-#include <QPushButton>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace quelm {
 
-using Folder = KextFolder;
-
 class PreferencesViewTest : public QObject {
     Q_OBJECT
-
-    static QStringList items(const QComboBox& popUp) {
-        QStringList texts;
-        for (int index = 0; index < popUp.count(); ++index)
-            texts << popUp.itemText(index);
-        return texts;
-    }
 
     static void storeDefaults(std::string_view folder, std::string_view mode) {
         setUserDefaultString(kDefaultKextInstallationFolderKey, folder);
         setUserDefaultString(kDefaultAppearanceModeKey, mode);
     }
 
+    static QComboBox& menu(const QWidget& view, const char* name) {
+        return *view.findChild<QComboBox*>(name);
+    }
+
 private slots:
     void initTestCase() { QVERIFY(installTranslations(*QCoreApplication::instance())); }
 
-    void popUpsShowTheStoredChoices_data() {
-        QTest::addColumn<QString>("folderValue");
-        QTest::addColumn<QString>("modeValue");
-        QTest::addColumn<int>("folderIndex");
-        QTest::addColumn<int>("modeIndex");
-        QTest::newRow("library, light") << "/Library/Extensions/"
-                                        << "LightMode" << 0 << 0;
-        QTest::newRow("system, dark") << "/System/Library/Extensions/"
-                                      << "DarkMode" << 1 << 1;
-        QTest::newRow("ask") << "QVKextFolderAskMeEveryTime"
-                             << "LightMode" << 2 << 0;
-        QTest::newRow("smart table") << "QVKextFolderUseSmartTable"
-                                     << "DarkMode" << 3 << 1;
-        QTest::newRow("extra: not offered") << "/Extra/Extensions/"
-                                            << "LightMode" << -1 << 0;
-    }
-
-    void popUpsShowTheStoredChoices() {
-        QFETCH(QString, folderValue);
-        QFETCH(QString, modeValue);
-        storeDefaults(folderValue.toStdString(), modeValue.toStdString());
-        PreferencesView controller;
-        QTEST(controller.findChild<QComboBox*>("installationFolderMenu")->currentIndex(),
-              "folderIndex");
-        QTEST(controller.findChild<QComboBox*>("appearanceMenu")->currentIndex(), "modeIndex");
-        QVERIFY(controller.findChild<QPushButton*>("editSmartTableButton")->isHidden());
-    }
-
-    void choicesAreWrittenAtOnce() {
-        storeDefaults("/Library/Extensions/", "LightMode");
-        PreferencesView controller;
-        controller.show();
-        auto* folders = controller.findChild<QComboBox*>("installationFolderMenu");
-        auto* modes = controller.findChild<QComboBox*>("appearanceMenu");
-        QCOMPARE(items(*folders),
-                 QStringList({"/Library/Extensions/", "/System/Library/Extensions/",
-                              "Ask me every time", "Use the default smart table"}));
-        QCOMPARE(items(*modes), QStringList({"Light", "Dark"}));
-
-        QTest::keyClick(folders, Qt::Key_Down);
-        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey),
-                 "/System/Library/Extensions/");
-        QTest::keyClick(folders, Qt::Key_End);
-        QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey), "QVKextFolderUseSmartTable");
-
-        QTest::keyClick(modes, Qt::Key_Down);
-        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "DarkMode");
-        QTest::keyClick(modes, Qt::Key_Up);
-        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), "LightMode");
+    void choicesAreShownFromTheSettingsAndWrittenAtOnce() {
+        const std::string folders[] = {"/Library/Extensions/", "/System/Library/Extensions/",
+                                       "QVKextFolderAskMeEveryTime", "QVKextFolderUseSmartTable"};
+        const std::string modes[] = {"LightMode", "DarkMode"};
+        for (int index = 0; index < 4; ++index) {
+            storeDefaults(folders[index], modes[index % 2]);
+            PreferencesView view;
+            QCOMPARE(menu(view, "installationFolderMenu").currentIndex(), index);
+            QCOMPARE(menu(view, "appearanceMenu").currentIndex(), index % 2);
+        }
+        // "/Extra/Extensions/" is not offered, so a setting of it selects no item.
+        storeDefaults("/Extra/Extensions/", "LightMode");
+        PreferencesView view;
+        view.show();
+        QComboBox& folderMenu = menu(view, "installationFolderMenu");
+        QCOMPARE(folderMenu.currentIndex(), -1);
+        QCOMPARE(folderMenu.itemText(2), QString("Ask me every time"));
+        for (const std::string& folder : folders) {
+            QTest::keyClick(&folderMenu, Qt::Key_Down);
+            QCOMPARE(userDefaultString(kDefaultKextInstallationFolderKey), folder);
+        }
+        QTest::keyClick(&menu(view, "appearanceMenu"), Qt::Key_Down);
+        QCOMPARE(userDefaultString(kDefaultAppearanceModeKey), modes[1]);
     }
 
     void theBackupFolderIsTheDataFoldersUntilChosenAndIsReachedWithoutLinks() {
         storeDefaults("/Library/Extensions/", "LightMode");
         setUserDefaultString(kBackupFolderKey, "");
-        PreferencesView controller;
-        auto* shown = controller.findChild<QLabel*>("backupFolderField");
+        PreferencesView view;
+        auto* shown = view.findChild<QLabel*>("backupFolderField");
         QCOMPARE(shown->text(), QString::fromStdString(defaultBackupRoot().string()));
         QCOMPARE(backupFolderSetting(), std::optional(defaultBackupRoot()));
 
@@ -99,22 +65,11 @@ private slots:
         const auto real = std::filesystem::path(folder.path().toStdString()) / "real";
         std::filesystem::create_directories(real);
         std::filesystem::create_directory_symlink(real, real.parent_path() / "link");
-        controller.actionSelectBackupFolder(folder.path() + "/link/Backups");
+        view.actionSelectBackupFolder(folder.path() + "/link/Backups");
         QCOMPARE(shown->text(), folder.path() + "/link/Backups");
         // Made when missing, and given to the helper as the folder the link leads to.
         QCOMPARE(backupFolderSetting(), std::optional(real / "Backups"));
         QVERIFY(std::filesystem::is_directory(real / "Backups"));
-    }
-
-    void darkModeGivesTheApplicationADarkPalette() {
-        applyAppearance(*qApp, AppearanceMode::DarkMode);
-        QVERIFY(qApp->palette().color(QPalette::Window).lightness() < 100);
-        QVERIFY(qApp->palette().color(QPalette::Base).lightness() < 100);
-        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() > 180);
-        QVERIFY(qApp->palette().color(QPalette::Text).lightness() > 180);
-        applyAppearance(*qApp, AppearanceMode::LightMode);
-        QVERIFY(qApp->palette().color(QPalette::Window).lightness() > 180);
-        QVERIFY(qApp->palette().color(QPalette::WindowText).lightness() < 100);
     }
 };
 
