@@ -2,11 +2,7 @@
 #include "ui/ViewExtensions.h"
 
 #include <QAbstractButton>
-#include <QGraphicsOpacityEffect>
 #include <QProgressBar>
-#include <QPropertyAnimation>
-#include <algorithm>
-#include <cmath>
 #include <deque>
 
 namespace quelm {
@@ -34,20 +30,6 @@ QMessageBox::StandardButton runAlert(QWidget* parent, const QString& message,
     QMessageBox box(style, QString(), message, QMessageBox::Ok, parent);
     box.setInformativeText(informative);
     return ModalAnswers::run(box);
-}
-
-void fade(QWidget& view, double seconds, qreal opacity, std::function<void()> completion) {
-    auto* effect = qobject_cast<QGraphicsOpacityEffect*>(view.graphicsEffect());
-    if (!effect) {
-        effect = new QGraphicsOpacityEffect(&view);
-        view.setGraphicsEffect(effect);
-    }
-    auto* animation = new QPropertyAnimation(effect, "opacity", effect);
-    animation->setDuration(static_cast<int>(std::lround(std::max(seconds, 0.0) * 1000.0)));
-    animation->setEndValue(opacity);
-    if (completion)
-        QObject::connect(animation, &QAbstractAnimation::finished, effect, std::move(completion));
-    animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
 } // namespace
@@ -98,14 +80,6 @@ void startBusyIndicator(QProgressBar& indicator) {
 
 void stopBusyIndicator(QProgressBar& indicator) {
     indicator.setVisible(false);
-}
-
-void fadeIn(QWidget& view, double seconds, std::function<void()> completion) {
-    fade(view, seconds, 1.0, std::move(completion));
-}
-
-void fadeOut(QWidget& view, double seconds, std::function<void()> completion) {
-    fade(view, seconds, 0.0, std::move(completion));
 }
 
 } // namespace quelm

@@ -5,7 +5,6 @@
 #include <QMessageBox>
 #include <QStringList>
 #include <cstddef>
-#include <functional>
 #include <vector>
 
 class QProgressBar;
@@ -48,11 +47,5 @@ QMessageBox::StandardButton showMessage(QWidget* parent, const QString& message,
 void startBusyIndicator(QProgressBar& indicator);
 /// Hides the bar, which ends its animation; harmless on a bar never started.
 void stopBusyIndicator(QProgressBar& indicator);
-
-/// Animates the widget's opacity to 1 over the seconds given, then calls completion if any.
-/// The fade is a QGraphicsOpacityEffect, which replaces any other effect of the widget.
-void fadeIn(QWidget& view, double seconds, std::function<void()> completion = {});
-/// The same, to opacity 0.
-void fadeOut(QWidget& view, double seconds, std::function<void()> completion = {});
 
 } // namespace quelm
