@@ -17,9 +17,21 @@ void littleEndian(std::string& out, std::uint32_t value) {
         out += static_cast<char>((value >> shift) & 0xff);
 }
 
-void bigEndian(std::string& out, std::uint64_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-        out += static_cast<char>((value >> shift) & 0xff);
+/// Writes the executable that info names, if any, at where / its name.
+void writeExecutable(const fs::path& where, const PlistValue::Dict& info, std::string_view bytes) {
+    if (const auto found = info.find("CFBundleExecutable");
+        found != info.end() && found->second.string())
+        writeText(where / *found->second.string(), bytes);
+}
+
+/// A bundle laid out flat, as Apple ships System.kext and some families: Info.plist and the
+/// executable at the bundle's top, plug-ins in PlugIns.
+fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
+                            const PlistValue::Dict& info, std::string_view executableBytes = {}) {
+    const auto bundle = folder / name;
+    writePlist(bundle / "Info.plist", info);
+    writeExecutable(bundle, info, executableBytes);
+    return bundle;
 }
 
 } // namespace
@@ -41,17 +53,17 @@ std::string thinMachO(std::int32_t cpuType, bool is64, std::uint32_t commandByte
 std::string fatMachO(const std::vector<std::pair<std::int32_t, std::string>>& slices, bool wide) {
     constexpr std::uint64_t kAlign = 4096;
     std::string out;
-    bigEndian(out, wide ? 0xcafebabf : 0xcafebabe, 4);
-    bigEndian(out, slices.size(), 4);
+    appendBigEndian(out, wide ? 0xcafebabf : 0xcafebabe, 4);
+    appendBigEndian(out, slices.size(), 4);
     std::uint64_t offset = kAlign;
     for (const auto& [cpuType, bytes] : slices) {
-        bigEndian(out, static_cast<std::uint32_t>(cpuType), 4);
-        bigEndian(out, 3, 4);
-        bigEndian(out, offset, wide ? 8 : 4);
-        bigEndian(out, bytes.size(), wide ? 8 : 4);
-        bigEndian(out, 12, 4); // align: 2^12
+        appendBigEndian(out, static_cast<std::uint32_t>(cpuType), 4);
+        appendBigEndian(out, 3, 4);
+        appendBigEndian(out, offset, wide ? 8 : 4);
+        appendBigEndian(out, bytes.size(), wide ? 8 : 4);
+        appendBigEndian(out, 12, 4); // align: 2^12
         if (wide)
-            bigEndian(out, 0, 4);
+            appendBigEndian(out, 0, 4);
         offset += (bytes.size() + kAlign - 1) / kAlign * kAlign;
     }
     for (const auto& [cpuType, bytes] : slices) {
@@ -84,19 +96,7 @@ PlistValue::Dict kextInfo(std::string_view identifier, std::string_view version,
 fs::path makeKextBundle(const fs::path& folder, std::string_view name, const PlistValue::Dict& info,
                         std::string_view executableBytes) {
     const auto bundle = makeKext(folder, name, info);
-    if (const auto found = info.find("CFBundleExecutable");
-        found != info.end() && found->second.string())
-        writeText(bundle / "Contents/MacOS" / *found->second.string(), executableBytes);
-    return bundle;
-}
-
-fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
-                            const PlistValue::Dict& info, std::string_view executableBytes) {
-    const auto bundle = folder / name;
-    writePlist(bundle / "Info.plist", info);
-    if (const auto found = info.find("CFBundleExecutable");
-        found != info.end() && found->second.string())
-        writeText(bundle / *found->second.string(), executableBytes);
+    writeExecutable(bundle / "Contents/MacOS", info, executableBytes);
     return bundle;
 }
 

@@ -40,12 +40,6 @@ std::filesystem::path makeKextBundle(const std::filesystem::path& folder, std::s
                                      const PlistValue::Dict& info,
                                      std::string_view executableBytes = {});
 
-/// The same bundle laid out flat, as Apple ships System.kext and some families: Info.plist and
-/// the executable at the bundle's top, plug-ins in PlugIns.
-std::filesystem::path makeFlatKextBundle(const std::filesystem::path& folder, std::string_view name,
-                                         const PlistValue::Dict& info,
-                                         std::string_view executableBytes = {});
-
 /// A macOS 10.15.7 (19H2) volume whose libraries lie as Apple ships them: the flat System.kext
 /// with its flat kpi plug-ins (bsd, iokit, libkern, mach, dsep, unsupported: version 19.6.0,
 /// serving 8.0.0b1 and later), the flat IOPCIFamily.kext with its x86_64 executable at the top,

@@ -7,12 +7,11 @@
 #include "kexts/KextSwaps.h"
 #include "volumes/VolumeLock.h"
 
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -21,6 +20,20 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+
+/// The reasons of the kexts that failed to install into /Library/Extensions, a line each.
+std::string install(const std::vector<Kext>& kexts, const Volume& volume,
+                    const Reader* reader = nullptr) {
+    std::string reasons;
+    for (const auto& failure : installKexts(kexts, "/Library/Extensions/", volume, reader))
+        reasons += failure.reason + "\n";
+    return reasons;
+}
+
+/// From a child: sends text to the test; exit status 0 when all of it went.
+int report(int socket, const std::string& text) {
+    return ::write(socket, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
+}
 
 class KextSafetyTest : public testing::Test {
 protected:
@@ -51,78 +64,55 @@ TEST_F(KextSafetyTest, RootCopiesOnlyWhatTheUserCouldRead) {
     test::writeText(sources / "secret/Contents/Info.plist", "root's");
     ::chmod((sources / "secret").c_str(), 0700);
     fs::create_directory_symlink(sources / "secret", sources / "Secret.kext");
-    const Kext link(FileURL::fromPath((sources / "Secret.kext").string(), true));
-    auto failed = installKexts({link}, "/Library/Extensions/", *volume);
-    ASSERT_EQ(failed.size(), 1u);
-    EXPECT_EQ(failed[0].reason, "it is a link, not a kext bundle folder");
+    EXPECT_EQ(install({Kext(FileURL::fromPath((sources / "Secret.kext").string(), true))}, *volume),
+              "it is a link, not a kext bundle folder\n");
 
     // A file the user may not read fails the copy for that user, and only for them.
-    ::chmod(sources.path().c_str(), 0700);
     const auto kext = makeKext(sources.path(), "driver");
     const Reader nobody = Reader::forUser(65534);
-    auto refused = installKexts({kext}, "/Library/Extensions/", *volume, &nobody);
-    ASSERT_EQ(refused.size(), 1u);
-    EXPECT_EQ(refused[0].reason, sources.path().string() + " cannot be read by you");
+    ::chmod(sources.path().c_str(), 0700);
+    EXPECT_EQ(install({kext}, *volume, &nobody),
+              sources.path().string() + " cannot be read by you\n");
     ::chmod(sources.path().c_str(), 0755);
     const auto file = fs::path(kext.path()) / "Contents/Resources/file0";
     ::chmod(file.c_str(), 0600);
-    failed = installKexts({kext}, "/Library/Extensions/", *volume, &nobody);
-    ASSERT_EQ(failed.size(), 1u);
-    EXPECT_EQ(failed[0].reason, "permission denied; the installed Lilu.kext is unchanged");
-    EXPECT_FALSE(fs::exists(extensions / "Lilu.kext"));
-    EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 0) << "no staging left";
+    EXPECT_EQ(install({kext}, *volume, &nobody),
+              "permission denied; the installed Lilu.kext is unchanged\n");
+    EXPECT_TRUE(fs::is_empty(extensions)) << "no staging left";
     ::chmod(file.c_str(), 0644);
-    EXPECT_TRUE(installKexts({kext}, "/Library/Extensions/", *volume, &nobody).empty());
+    EXPECT_EQ(install({kext}, *volume, &nobody), "");
 }
 
 TEST_F(KextSafetyTest, AFullVolumeKeepsTheOldKextAndSaysWhy) {
     // A small file system of its own, in a mount namespace that ends with the child.
-    int report[2];
-    ASSERT_EQ(::pipe(report), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const auto small = folder / "small";
-        fs::create_directories(small);
+    const auto small = folder / "small";
+    fs::create_directories(small);
+    const auto [status, text] = test::finish(test::startChild([&](int socket) {
         if (::unshare(CLONE_NEWNS) != 0 ||
             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             ::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=256k") != 0)
-            ::_exit(77);
+            return 77;
         test::makeVolume(small / "HD", "10.12.6", "16G29");
-        test::writeText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist", "old");
-        const auto kext = makeKext(sources / "big", std::string(64 * 1024, 'x'), 8);
-        const auto failed = installKexts({kext}, "/Library/Extensions/",
-                                         *Volume::initWithMountPoint((small / "HD").string()));
-        const std::string text =
-            (failed.size() == 1 ? failed[0].reason : "installed") + "\n" +
-            test::readText(small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist");
-        ::_exit(::write(report[1], text.data(), text.size()) == static_cast<ssize_t>(text.size())
-                    ? 0
-                    : 1);
-    }
-    ::close(report[1]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
+        const auto old = small / "HD/Library/Extensions/Lilu.kext/Contents/Info.plist";
+        test::writeText(old, "old");
+        const auto big = makeKext(sources / "big", std::string(64 * 1024, 'x'), 8);
+        return report(socket, install({big}, *Volume::initWithMountPoint((small / "HD").string())) +
+                                  test::readText(old));
+    }));
+    if (status == 77)
         GTEST_SKIP() << "no mount namespace here";
-    char text[512] = {};
-    const auto count = ::read(report[0], text, sizeof text - 1);
-    ::close(report[0]);
-    ASSERT_GT(count, 0);
-    EXPECT_EQ(std::string(text),
-              "no space left on the volume; the installed Lilu.kext is unchanged\nold");
+    EXPECT_EQ(text, "no space left on the volume; the installed Lilu.kext is unchanged\nold");
 }
 
 TEST_F(KextSafetyTest, NoCopyKeepsASetuidBit) {
     test::writeText(extensions / "Lilu.kext/Contents/MacOS/tool", "#!/bin/sh\n");
     ::chmod((extensions / "Lilu.kext/Contents/MacOS/tool").c_str(), 06755);
-    const auto backup = (folder / "backup").string();
-    const auto outcome = copyKextsToBackup(*volume, {"/Library/Extensions/Lilu.kext"}, backup,
-                                           "install", std::chrono::system_clock::now());
+    const auto backup = folder / "backup";
+    const auto outcome =
+        copyKextsToBackup(*volume, {"/Library/Extensions/Lilu.kext"}, backup.string(), "install",
+                          std::chrono::system_clock::now());
     ASSERT_EQ(outcome.failed, std::vector<std::string>{});
-    struct stat info {};
-    ASSERT_EQ(::stat((fs::path(backup) / "Lilu.kext/Contents/MacOS/tool").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0755u);
-    EXPECT_TRUE(fs::exists(fs::path(backup) / "Manifest.plist"));
+    EXPECT_EQ(fs::status(backup / "Lilu.kext/Contents/MacOS/tool").permissions(), fs::perms(0755));
 }
 
 TEST_F(KextSafetyTest, LeftoversOfAnInterruptedRunArePutRightFirst) {
@@ -138,29 +128,24 @@ TEST_F(KextSafetyTest, LeftoversOfAnInterruptedRunArePutRightFirst) {
     EXPECT_EQ(test::readText(extensions / "Gone.kext/Contents/Info.plist"), "old");
     EXPECT_EQ(test::readText(extensions / "Kept.kext/Contents/Info.plist"), "new");
     EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 3);
-    EXPECT_EQ(std::distance(fs::directory_iterator(staged), {}), 0);
+    EXPECT_TRUE(fs::is_empty(staged));
 }
 
 TEST_F(KextSafetyTest, TheVolumeLockKeepsASecondWriterOut) {
-    int toParent[2], toChild[2];
-    ASSERT_EQ(::pipe(toParent), 0);
-    ASSERT_EQ(::pipe(toChild), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    // Another process holds the lock until the test closes its end of the socket.
+    const auto holder = test::startChild([&](int socket) {
         const auto lock = VolumeLock::acquire(volumeRoot.string());
         char byte = lock ? 'y' : 'n';
-        (void)!::write(toParent[1], &byte, 1);
-        (void)!::read(toChild[0], &byte, 1);
-        ::_exit(0);
-    }
+        return ::write(socket, &byte, 1) == 1 && ::read(socket, &byte, 1) == 0 ? 0 : 1;
+    });
     char byte = 0;
-    ASSERT_EQ(::read(toParent[0], &byte, 1), 1);
+    ASSERT_EQ(::read(holder.socket, &byte, 1), 1);
     ASSERT_EQ(byte, 'y');
     const auto refused = VolumeLock::acquire(volumeRoot.string(), 100ms);
     ASSERT_FALSE(refused);
     EXPECT_NE(refused.error().message.find("is busy"), std::string::npos);
-    ASSERT_EQ(::write(toChild[1], "x", 1), 1);
-    ::waitpid(child, nullptr, 0);
+    ::shutdown(holder.socket, SHUT_WR);
+    EXPECT_EQ(test::finish(holder).status, 0);
 
     const auto held = VolumeLock::acquire(volumeRoot.string(), 100ms);
     ASSERT_TRUE(held);
@@ -170,38 +155,26 @@ TEST_F(KextSafetyTest, TheVolumeLockKeepsASecondWriterOut) {
         otherThread = bool(VolumeLock::acquire(volumeRoot.string(), 100ms));
     }).join();
     EXPECT_FALSE(otherThread);
-    for (const int fd : {toParent[0], toParent[1], toChild[0], toChild[1]})
-        ::close(fd);
 }
 
 TEST_F(KextSafetyTest, TwoInstallsAtOnceLeaveOneWholeKext) {
     // Small enough for the 4 MiB HFS+ volume of the real file-system lane, where this runs too.
     const auto first = makeKext(sources / "a", "a", 64);
     const auto second = makeKext(sources / "b", "b", 64);
-    std::vector<pid_t> children;
-    for (const auto* kext : {&first, &second, &first, &second}) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            const auto failed = installKexts({*kext}, "/Library/Extensions/", *volume);
-            for (const auto& failure : failed)
-                std::fprintf(stderr, "%s\n", failure.reason.c_str());
-            ::_exit(failed.empty() ? 0 : 1);
-        }
-        children.push_back(child);
-    }
-    for (const pid_t child : children) {
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::vector<test::Child> children;
+    for (const auto* kext : {&first, &second, &first, &second})
+        children.push_back(test::startChild(
+            [&](int socket) { return report(socket, install({*kext}, *volume)); }));
+    for (const auto& child : children) {
+        const auto [status, reasons] = test::finish(child);
+        EXPECT_TRUE(status == 0 && reasons.empty()) << reasons;
     }
     const auto resources = extensions / "Lilu.kext/Contents/Resources";
-    const std::string text = test::readText(resources / "file0");
+    const auto text = test::readText(resources / "file0");
     int files = 0;
-    for (const auto& entry : fs::directory_iterator(resources)) {
-        EXPECT_EQ(test::readText(entry.path()), text) << entry.path();
-        ++files;
-    }
-    EXPECT_EQ(files, 64);
+    for (const auto& entry : fs::directory_iterator(resources))
+        files += test::readText(entry.path()) == text ? 1 : 0;
+    EXPECT_EQ(files, 64) << "every file of one kext";
     EXPECT_EQ(std::distance(fs::directory_iterator(extensions), {}), 1);
 }
 
