@@ -48,7 +48,9 @@ void makeCatalinaVolume(const std::filesystem::path& root);
 
 /// The real third-party kexts, as released: Lilu.kext (as.vit9696.Lilu 1.6.8), VirtualSMC.kext
 /// (needs Lilu) and SMCProcessor.kext (needs both).
-std::filesystem::path realKextsFolder();
+inline std::filesystem::path realKextsFolder() {
+    return QUELM_TEST_KEXTS_DIR;
+}
 
 /// A macOS 10.13 volume at root with two kexts that others link against:
 /// System.kext (com.apple.kernel, codeless) with its plug-in IOKit.kext (com.apple.kpi.iokit

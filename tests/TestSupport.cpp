@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,9 +38,7 @@ void writePlist(const std::filesystem::path& path, const PlistValue& value, Plis
 
 std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 void makeVolume(const std::filesystem::path& root, std::string_view version, std::string_view build,
@@ -75,14 +73,12 @@ void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view
                     std::string_view identifier, const std::vector<std::string>& groups,
                     const std::vector<BomRecord>& records, PlistFormat format) {
     const auto receipt = receiptFolder / relativePath;
-    PlistValue::Array groupList(groups.begin(), groups.end());
     writePlist(receipt,
                PlistValue::Dict{{"PackageIdentifier", std::string(identifier)},
-                                {"PackageGroups", std::move(groupList)},
+                                {"PackageGroups", PlistValue::Array(groups.begin(), groups.end())},
                                 {"PackageVersion", "1.0"}},
                format);
-    auto bom = receipt;
-    writeBomFile(bom.replace_extension(".bom"), records);
+    writeBomFile(std::filesystem::path(receipt).replace_extension(".bom"), records);
 }
 
 void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
@@ -193,8 +189,7 @@ CommandResult runCommand(const std::string& commandLine) {
 
 Child startChild(const std::function<int(int socket)>& body) {
     int ends[2] = {-1, -1};
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
-        throw std::runtime_error("cannot make a socket pair");
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::close(ends[0]);
