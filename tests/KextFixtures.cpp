@@ -3,55 +3,59 @@
 
 #include "TestSupport.h"
 
-#include <algorithm>
 #include <functional>
+#include <numeric>
+#include <set>
 #include <sys/stat.h>
 
 namespace quelm::test {
-namespace {
 
 namespace fs = std::filesystem;
 
-void littleEndian(std::string& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8)
-        out += static_cast<char>((value >> shift) & 0xff);
+/// Writes the executable that info names, if any, in the folder at.
+static void writeExecutable(const fs::path& at, const PlistValue::Dict& info,
+                            std::string_view bytes) {
+    if (const auto found = info.find("CFBundleExecutable");
+        found != info.end() && found->second.string())
+        writeText(at / *found->second.string(), bytes);
 }
 
-void bigEndian(std::string& out, std::uint64_t value, int bytes) {
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-        out += static_cast<char>((value >> shift) & 0xff);
+/// A bundle laid out flat, as Apple ships System.kext and some families: Info.plist and the
+/// executable at the bundle's top, plug-ins in PlugIns.
+static fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
+                                   const PlistValue::Dict& info, std::string_view bytes = {}) {
+    const auto bundle = folder / name;
+    writePlist(bundle / "Info.plist", info);
+    writeExecutable(bundle, info, bytes);
+    return bundle;
 }
-
-} // namespace
 
 std::string thinMachO(std::int32_t cpuType, bool is64, std::uint32_t commandBytes) {
+    // magic, cputype, cpusubtype ALL, filetype MH_KEXT_BUNDLE, ncmds, sizeofcmds, flags, and
+    // for 64 bits reserved; each little-endian.
     std::string out;
-    littleEndian(out, is64 ? 0xfeedfacf : 0xfeedface); // magic
-    littleEndian(out, static_cast<std::uint32_t>(cpuType));
-    littleEndian(out, 3);            // cpusubtype: ALL
-    littleEndian(out, 0xb);          // filetype: MH_KEXT_BUNDLE
-    littleEndian(out, 0);            // ncmds
-    littleEndian(out, commandBytes); // sizeofcmds
-    littleEndian(out, 0);            // flags
-    if (is64)
-        littleEndian(out, 0); // reserved
+    for (const std::uint32_t word :
+         {is64 ? 0xfeedfacfu : 0xfeedfaceu, static_cast<std::uint32_t>(cpuType), 3u, 0xbu, 0u,
+          commandBytes, 0u, 0u})
+        for (int shift = 0; shift < 32; shift += 8)
+            out += static_cast<char>((word >> shift) & 0xff);
+    out.resize(is64 ? 32 : 28);
     return out + std::string(commandBytes, '\0');
 }
 
 std::string fatMachO(const std::vector<std::pair<std::int32_t, std::string>>& slices, bool wide) {
     constexpr std::uint64_t kAlign = 4096;
     std::string out;
-    bigEndian(out, wide ? 0xcafebabf : 0xcafebabe, 4);
-    bigEndian(out, slices.size(), 4);
+    appendBigEndian(out, wide ? 0xcafebabf : 0xcafebabe, 4);
+    appendBigEndian(out, slices.size(), 4);
     std::uint64_t offset = kAlign;
     for (const auto& [cpuType, bytes] : slices) {
-        bigEndian(out, static_cast<std::uint32_t>(cpuType), 4);
-        bigEndian(out, 3, 4);
-        bigEndian(out, offset, wide ? 8 : 4);
-        bigEndian(out, bytes.size(), wide ? 8 : 4);
-        bigEndian(out, 12, 4); // align: 2^12
-        if (wide)
-            bigEndian(out, 0, 4);
+        appendBigEndian(out, static_cast<std::uint32_t>(cpuType), 4);
+        appendBigEndian(out, 3, 4);
+        appendBigEndian(out, offset, wide ? 8 : 4);
+        appendBigEndian(out, bytes.size(), wide ? 8 : 4);
+        appendBigEndian(out, 12, 4);           // align: 2^12
+        appendBigEndian(out, 0, wide ? 4 : 0); // reserved, in the 64-bit table only
         offset += (bytes.size() + kAlign - 1) / kAlign * kAlign;
     }
     for (const auto& [cpuType, bytes] : slices) {
@@ -72,31 +76,15 @@ PlistValue::Dict kextInfo(std::string_view identifier, std::string_view version,
         info.emplace("CFBundleExecutable", *executable);
     if (compatibleVersion)
         info.emplace("OSBundleCompatibleVersion", *compatibleVersion);
-    if (!libraries.empty()) {
-        PlistValue::Dict needed;
-        for (const auto& [library, wanted] : libraries)
-            needed.emplace(library, wanted);
-        info.emplace("OSBundleLibraries", std::move(needed));
-    }
+    if (!libraries.empty())
+        info.emplace("OSBundleLibraries", PlistValue::Dict(libraries.begin(), libraries.end()));
     return info;
 }
 
 fs::path makeKextBundle(const fs::path& folder, std::string_view name, const PlistValue::Dict& info,
                         std::string_view executableBytes) {
     const auto bundle = makeKext(folder, name, info);
-    if (const auto found = info.find("CFBundleExecutable");
-        found != info.end() && found->second.string())
-        writeText(bundle / "Contents/MacOS" / *found->second.string(), executableBytes);
-    return bundle;
-}
-
-fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
-                            const PlistValue::Dict& info, std::string_view executableBytes) {
-    const auto bundle = folder / name;
-    writePlist(bundle / "Info.plist", info);
-    if (const auto found = info.find("CFBundleExecutable");
-        found != info.end() && found->second.string())
-        writeText(bundle / *found->second.string(), executableBytes);
+    writeExecutable(bundle / "Contents/MacOS", info, executableBytes);
     return bundle;
 }
 
@@ -124,10 +112,6 @@ void makeCatalinaVolume(const fs::path& root) {
                    thinMachO(kX86_64, true, 64));
 }
 
-fs::path realKextsFolder() {
-    return QUELM_TEST_KEXTS_DIR;
-}
-
 void makeRescueVolume(const fs::path& root) {
     makeVolume(root, "10.13.6", "17G66");
     const auto system = makeKextBundle(root / "System/Library/Extensions", "System.kext",
@@ -142,22 +126,18 @@ void makeRescueVolume(const fs::path& root) {
 }
 
 std::string treeListing(const fs::path& root) {
-    std::vector<std::string> lines;
+    std::set<std::string> lines;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         struct stat info {};
         ::lstat(entry.path().c_str(), &info);
-        std::string line = entry.path().string() + " " + std::to_string(info.st_uid) + ":" +
-                           std::to_string(info.st_gid) + " " + std::to_string(info.st_mode) + " " +
-                           std::to_string(info.st_size);
+        auto line = entry.path().string() + " " + std::to_string(info.st_uid) + ":" +
+                    std::to_string(info.st_gid) + " " + std::to_string(info.st_mode) + " " +
+                    std::to_string(info.st_size);
         if (S_ISREG(info.st_mode))
             line += " " + std::to_string(std::hash<std::string>{}(readText(entry.path())));
-        lines.push_back(line);
+        lines.insert(line + "\n");
     }
-    std::ranges::sort(lines);
-    std::string listing;
-    for (const auto& line : lines)
-        listing += line + "\n";
-    return listing;
+    return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 } // namespace quelm::test

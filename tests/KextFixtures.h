@@ -40,12 +40,6 @@ std::filesystem::path makeKextBundle(const std::filesystem::path& folder, std::s
                                      const PlistValue::Dict& info,
                                      std::string_view executableBytes = {});
 
-/// The same bundle laid out flat, as Apple ships System.kext and some families: Info.plist and
-/// the executable at the bundle's top, plug-ins in PlugIns.
-std::filesystem::path makeFlatKextBundle(const std::filesystem::path& folder, std::string_view name,
-                                         const PlistValue::Dict& info,
-                                         std::string_view executableBytes = {});
-
 /// A macOS 10.15.7 (19H2) volume whose libraries lie as Apple ships them: the flat System.kext
 /// with its flat kpi plug-ins (bsd, iokit, libkern, mach, dsep, unsupported: version 19.6.0,
 /// serving 8.0.0b1 and later), the flat IOPCIFamily.kext with its x86_64 executable at the top,
@@ -54,7 +48,9 @@ void makeCatalinaVolume(const std::filesystem::path& root);
 
 /// The real third-party kexts, as released: Lilu.kext (as.vit9696.Lilu 1.6.8), VirtualSMC.kext
 /// (needs Lilu) and SMCProcessor.kext (needs both).
-std::filesystem::path realKextsFolder();
+inline std::filesystem::path realKextsFolder() {
+    return QUELM_TEST_KEXTS_DIR;
+}
 
 /// A macOS 10.13 volume at root with two kexts that others link against:
 /// System.kext (com.apple.kernel, codeless) with its plug-in IOKit.kext (com.apple.kpi.iokit

@@ -3,11 +3,11 @@
 
 #include "support/Firmlinks.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <iterator>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,9 +38,7 @@ void writePlist(const std::filesystem::path& path, const PlistValue& value, Plis
 
 std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 void makeVolume(const std::filesystem::path& root, std::string_view version, std::string_view build,
@@ -75,14 +73,12 @@ void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view
                     std::string_view identifier, const std::vector<std::string>& groups,
                     const std::vector<BomEntry>& records, PlistFormat format) {
     const auto receipt = receiptFolder / relativePath;
-    PlistValue::Array groupList(groups.begin(), groups.end());
     writePlist(receipt,
                PlistValue::Dict{{"PackageIdentifier", std::string(identifier)},
-                                {"PackageGroups", std::move(groupList)},
+                                {"PackageGroups", PlistValue::Array(groups.begin(), groups.end())},
                                 {"PackageVersion", "1.0"}},
                format);
-    auto bom = receipt;
-    writeBomFile(bom.replace_extension(".bom"), records);
+    writeBomFile(std::filesystem::path(receipt).replace_extension(".bom"), records);
 }
 
 void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
@@ -183,15 +179,35 @@ bool runningAsRoot() {
 }
 
 CommandResult runCommand(const std::string& commandLine) {
-    FILE* pipe = ::popen((commandLine + " 2>&1").c_str(), "r");
-    if (!pipe)
-        return {-1, {}};
+    return finish(startChild([&](int socket) {
+        ::dup2(socket, STDOUT_FILENO);
+        ::dup2(socket, STDERR_FILENO);
+        ::execl("/bin/sh", "sh", "-c", commandLine.c_str(), static_cast<char*>(nullptr));
+        return 127;
+    }));
+}
+
+Child startChild(const std::function<int(int socket)>& body) {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(ends[0]);
+        ::_exit(body(ends[1]));
+    }
+    ::close(ends[1]);
+    return {pid, ends[0]};
+}
+
+CommandResult finish(Child child) {
     std::string output;
     char buffer[4096];
-    for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        output.append(buffer, count);
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    for (ssize_t count; (count = ::read(child.socket, buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<std::size_t>(count));
+    ::close(child.socket);
+    int status = 0;
+    ::waitpid(child.pid, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), output};
 }
 
 std::string shellQuote(std::string_view text) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -115,6 +116,16 @@ struct CommandResult {
     std::string output;
 };
 CommandResult runCommand(const std::string& commandLine);
+
+/// A forked process running a body of the test, joined to the test by a socket.
+struct Child {
+    int pid;
+    int socket;
+};
+/// Forks a child that runs body, given its end of the socket, and exits with what body returns.
+Child startChild(const std::function<int(int socket)>& body);
+/// All that the child writes until it ends, and its exit status (128 + signal when killed).
+CommandResult finish(Child child);
 
 /// Single-quotes text for the shell.
 std::string shellQuote(std::string_view text);

@@ -1,4 +1,4 @@
-// Kexts: path and name from the URL, the version shown and the one compared, archives.
+// Kexts: the version shown and the one compared, and their archives.
 #include "kexts/Kext.h"
 
 #include "TestSupport.h"
@@ -10,16 +10,6 @@ namespace quelm {
 namespace {
 
 using Dict = PlistValue::Dict;
-
-Kext kextAt(const std::string& path) {
-    return Kext(FileURL::fromPath(path, false));
-}
-
-TEST(KextTest, PathsAsUsersTypeThem) {
-    for (const auto* path : {"/Volumes/My Disk/Fake SMC.kext", "/k/Réseau.kext", "/k/#1/100%.kext"})
-        EXPECT_EQ(kextAt(path).path(), path);
-    EXPECT_EQ(kextAt("/k/Réseau.kext").name(), "Réseau.kext");
-}
 
 TEST(KextTest, TheVersionShownPrefersVersionPlistAndTheShortString) {
     struct Case {
@@ -52,7 +42,7 @@ TEST(KextTest, TheVersionShownPrefersVersionPlistAndTheShortString) {
 }
 
 TEST(KextTest, ArchiveCarriesTheURLText) {
-    const auto kext = kextAt("/k/My Kext.kext");
+    const Kext kext(FileURL::fromPath("/k/My Kext.kext", false));
     const auto archived = archive(kext);
     EXPECT_EQ(*archived.stringForKey("url"), "file:///k/My%20Kext.kext");
     EXPECT_EQ(*unarchive<Kext>(archived), kext);
