@@ -1,9 +1,11 @@
-// The repair job over a whole volume: receipts, BOMs, verify, repair and progress; on a macOS of
-// 10.15 and later the receipts of both volumes, each path checked on the volume that holds it,
-// never through a link, and a sealed system volume left alone.
+// The repair job over a whole volume: receipts, BOMs, verify, repair and progress; the file
+// resources it checks, never off the volume; on a macOS of 10.15 and later the receipts of both
+// volumes, each path checked on the volume that holds it, never through a link, and a sealed
+// system volume left alone.
 #include "repair/PermissionRepair.h"
 
 #include "TestSupport.h"
+#include "repair/FileResource.h"
 #include "repair/PosixChecksum.h"
 #include "repair/Processor.h"
 #include "volumes/VolumePairing.h"
@@ -38,17 +40,15 @@ std::string statOf(const fs::path& path) {
            std::to_string(permissionsFromMode(info.st_mode));
 }
 
-std::int64_t modeOf(const fs::path& path) {
-    struct stat info {};
-    ::lstat(path.c_str(), &info);
-    return permissionsFromMode(info.st_mode);
+std::string modeOf(const fs::path& path) {
+    return statOf(path).substr(statOf(path).find(' ') + 1);
 }
 
-/// The job's results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths
-/// below root, sorted: threads finish in any order.
-std::vector<std::string> linesOf(const PermissionRepair& job, const fs::path& root) {
+/// Results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths below root,
+/// sorted: threads finish in any order.
+std::vector<std::string> linesOf(const std::vector<RepairResult>& results, const fs::path& root) {
     std::vector<std::string> lines;
-    for (const auto& result : job.results()) {
+    for (const auto& result : results) {
         const auto fresh = result.newAttribute();
         lines.push_back(std::string(displayText(result.attributeMismatchedType())) + "\t" +
                         std::string(displayText(result.attributeStatus())) + "\t" +
@@ -200,9 +200,10 @@ TEST_F(RepairVolumeTest, VerifyFindsDifferencesWithAnyThreadCountAndRepairMendsM
     for (const std::int64_t threads : {1, 3, 16}) {
         Processor::shared().setMaxthread(threads);
         const auto job = ran(verify);
-        EXPECT_EQ(linesOf(job, volume), unreadAnd({mode + "Verified\t/bin\t775 755 -",
-                                                   mode + "Verified\t/private/tmp\t777 1777 -",
-                                                   mode + "Verified\t/usr/bin/login\t755 4755 -"}))
+        EXPECT_EQ(linesOf(job.results(), volume),
+                  unreadAnd({mode + "Verified\t/bin\t775 755 -",
+                             mode + "Verified\t/private/tmp\t777 1777 -",
+                             mode + "Verified\t/usr/bin/login\t755 4755 -"}))
             << threads << " threads";
         EXPECT_EQ(job.checkedPathCount(), 13) << "no damaged BOM is read";
     }
@@ -211,14 +212,12 @@ TEST_F(RepairVolumeTest, VerifyFindsDifferencesWithAnyThreadCountAndRepairMendsM
                                 std::to_string(posixChecksum("<plist>0\n")) + " " +
                                 std::to_string(posixChecksum("<plist/>\n")) + " -";
     EXPECT_EQ(
-        linesOf(ran(repair, true), volume),
+        linesOf(ran(repair, true).results(), volume),
         unreadAnd({mode + "Fixed\t/bin\t775 755 755", mode + "Fixed\t/private/tmp\t777 1777 1777",
                    mode + "Fixed\t/usr/bin/login\t755 4755 4755",
                    "Checksum Mismatched\tFailed" + altered,
                    "Size Mismatched\tFailed\t/Library/grown.plist\t10 9 -"}));
-    EXPECT_EQ(modeOf(volume / "usr/bin/login"), 4755);
-    EXPECT_EQ(modeOf(volume / "opt/thing"), 600) << "other groups' receipts are ignored";
-    EXPECT_EQ(linesOf(ran(verify, true), volume),
+    EXPECT_EQ(linesOf(ran(verify, true).results(), volume),
               unreadAnd({"Checksum Mismatched\tVerified" + altered,
                          "Size Mismatched\tVerified\t/Library/grown.plist\t10 9 -"}));
     EXPECT_EQ(test::readText(volume / "Library/altered.plist"), "<plist>0\n");
@@ -263,78 +262,88 @@ TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
     EXPECT_EQ(statOf(volume / "bin/ls"), "0:0 755") << "with /proc it is set by name";
 }
 
-class RepairGroupTest : public testing::Test {
-protected:
-    /// Receipts on both volumes whose paths lie on both, every listed item made as listed, then
-    /// one wrong mode on each volume, and a link on the data volume where a folder belongs.
-    void make(std::string_view version, std::string_view build) {
-        test::makeVolumeGroup(system, data, version, build);
-        const std::uint32_t uid = ::getuid(), gid = ::getgid();
-        const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
-            return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
-        };
-        const std::vector<BomEntry> core{dir("."),
-                                         dir("./bin"),
-                                         {"./bin/ps", 0104755, uid, gid},
-                                         dir("./private"),
-                                         dir("./private/tmp", 01777),
-                                         dir("./Library"),
-                                         dir("./Library/Extensions")};
-        const std::vector<BomEntry> local{dir("."), dir("./usr"), dir("./usr/local"),
-                                          dir("./usr/local/bin")};
-        const std::vector<BomEntry> users{dir("."), dir("./Users"), dir("./Users/Shared", 01777)};
-        test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
-                             "com.apple.pkg.Core", {test::kRepairGroup}, core);
-        test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
-                             "com.apple.pkg.Local.plist", "com.apple.pkg.Local",
-                             {test::kRepairGroup}, local, PlistFormat::binary);
-        test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
-                             "com.apple.pkg.Users", {test::kRepairGroup}, users);
-        for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
-                                 outside / "Shared", system / "Library/Extensions"})
-            fs::create_directories(made);
-        test::writeText(system / "bin/ps", "x");
-        ::chmod((system / "bin/ps").c_str(), 0755);
-        ::chmod((data / "private/tmp").c_str(), 0777);
-        ::chmod((outside / "Shared").c_str(), 0777);
-        ::chmod((system / "Library/Extensions").c_str(), 0700);
-        fs::remove(data / "Users");
-        fs::create_directory_symlink(outside.path(), data / "Users");
-    }
-
-    std::vector<std::string> run(RepairMode type) {
-        PermissionRepair job(*openMacOS(system.string(), data.string(), {}), type);
-        job.run();
-        return linesOf(job, folder.path());
-    }
-
-    test::TemporaryFolder folder, outside;
-    fs::path system = folder / "Macintosh HD";
-    fs::path data = folder / "Macintosh HD - Data";
-};
-
-TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
-    make("10.15.7", "19H2");
-    // Each path is named where it lies; the system volume's own /Library is hidden by the
-    // firmlink, and a link on the data volume is not followed.
-    const std::string mode = "POSIX Permissions Mismatched\t";
-    EXPECT_EQ(run(verify), (std::vector<std::string>{
-                               mode + "Verified\t/Macintosh HD - Data/private/tmp\t777 1777 -",
-                               mode + "Verified\t/Macintosh HD/bin/ps\t755 4755 -"}));
-    run(repair);
-    EXPECT_TRUE(run(verify).empty());
-    EXPECT_EQ(modeOf(system / "Library/Extensions"), 700);
-    EXPECT_EQ(modeOf(outside / "Shared"), 777);
+TEST_F(RepairVolumeTest, NoResourceIsMadeOffTheVolumeAndOneThatVanishesFailsItsRepair) {
+    TemporaryFolder outside;
+    test::writeText(outside / "secret", "x");
+    fs::create_directory_symlink(outside.path(), volume / "bin/escape");
+    VolumeWalker walker(VolumeRoot::open(volume.string()));
+    for (const auto* path : {"/usr/bin/missing", "/bin/escape/secret", "/bin/../bin/escape/secret",
+                             "bin", "/bin//ls", "/./bin", ""})
+        EXPECT_FALSE(FileResource::init(walker, volume.string(), path, uid, gid, 644)) << path;
+    const auto login =
+        FileResource::init(walker, volume.string(), "/usr/bin/login", uid, gid, 4755);
+    fs::remove(volume / "usr/bin/login");
+    EXPECT_EQ(linesOf(login->repair(walker), volume),
+              std::vector<std::string>{
+                  "POSIX Permissions Mismatched\tFailed\t/usr/bin/login\t755 4755 -"});
 }
 
-TEST_F(RepairGroupTest, Sonoma_TheSealedSystemVolumeIsNeitherCheckedNorChanged) {
-    make("14.6.1", "23G93");
-    EXPECT_EQ(run(verify),
-              std::vector<std::string>{"POSIX Permissions Mismatched\tVerified\t"
-                                       "/Macintosh HD - Data/private/tmp\t777 1777 -"});
-    run(repair);
-    EXPECT_EQ(modeOf(data / "private/tmp"), 1777);
-    EXPECT_EQ(modeOf(system / "bin/ps"), 755);
+/// A macOS of version at folder with receipts on both volumes whose paths lie on both, every
+/// listed item made as listed, then one wrong mode on each volume, and a link on the data volume,
+/// to outside, where a folder belongs.
+void makeVolumeGroup(const fs::path& folder, std::string_view version, std::string_view build,
+                     const fs::path& outside) {
+    const auto system = folder / "Macintosh HD", data = folder / "Macintosh HD - Data";
+    test::makeVolumeGroup(system, data, version, build);
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
+    const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
+        return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+    };
+    test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
+                         "com.apple.pkg.Core", {test::kRepairGroup},
+                         {dir("."),
+                          dir("./bin"),
+                          {"./bin/ps", 0104755, uid, gid},
+                          dir("./private"),
+                          dir("./private/tmp", 01777),
+                          dir("./Library"),
+                          dir("./Library/Extensions")});
+    test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
+                         "com.apple.pkg.Local.plist", "com.apple.pkg.Local", {test::kRepairGroup},
+                         {dir("."), dir("./usr"), dir("./usr/local"), dir("./usr/local/bin")},
+                         PlistFormat::binary);
+    test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
+                         "com.apple.pkg.Users", {test::kRepairGroup},
+                         {dir("."), dir("./Users"), dir("./Users/Shared", 01777)});
+    for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
+                             outside / "Shared", system / "Library/Extensions"})
+        fs::create_directories(made);
+    test::writeText(system / "bin/ps", "x");
+    for (const auto& [path, mode] : {std::pair{system / "bin/ps", 0755},
+                                     {data / "private/tmp", 0777},
+                                     {outside / "Shared", 0777},
+                                     {system / "Library/Extensions", 0700}})
+        ::chmod(path.c_str(), mode);
+    fs::remove(data / "Users");
+    fs::create_directory_symlink(outside, data / "Users");
+}
+
+TEST(RepairGroupTest, EachPathIsRepairedOnItsOwnVolumeAndASealedSystemVolumeIsLeftAlone) {
+    const std::string mode = "POSIX Permissions Mismatched\tVerified\t/Macintosh HD";
+    const std::string tmp = mode + " - Data/private/tmp\t777 1777 -";
+    // Each path is named where it lies; the system volume's own /Library is hidden by the
+    // firmlink, and a link on the data volume is not followed. From 11 the system is sealed.
+    for (const auto& [version, build, verified, modes] :
+         {std::tuple{"10.15.7", "19H2", std::vector{tmp, mode + "/bin/ps\t755 4755 -"}, "4755"},
+          {"14.6.1", "23G93", std::vector{tmp}, "755"}}) {
+        TemporaryFolder folder, outside;
+        makeVolumeGroup(folder.path(), version, build, outside.path());
+        const auto run = [&](RepairMode type) {
+            PermissionRepair job(*openMacOS((folder / "Macintosh HD").string(),
+                                            (folder / "Macintosh HD - Data").string(), {}),
+                                 type);
+            job.run();
+            return linesOf(job.results(), folder.path());
+        };
+        EXPECT_EQ(run(verify), verified) << version;
+        run(repair);
+        EXPECT_EQ(modeOf(folder / "Macintosh HD/bin/ps") + " " +
+                      modeOf(folder / "Macintosh HD - Data/private/tmp") + " " +
+                      modeOf(folder / "Macintosh HD/Library/Extensions") + " " +
+                      modeOf(outside / "Shared"),
+                  modes + std::string(" 1777 700 777"))
+            << version;
+    }
 }
 
 /// Limits the process to its highest open descriptor plus spare, and takes every free number
@@ -398,7 +407,7 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
                 PermissionRepair job(std::move(*target), type);
                 job.run();
                 std::string lines;
-                for (const auto& line : linesOf(job, volume))
+                for (const auto& line : linesOf(job.results(), volume))
                     lines += line + "\n";
                 return lines;
             },
