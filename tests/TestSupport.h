@@ -6,10 +6,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
 #include <utility>
 #include <vector>
 
@@ -108,6 +110,16 @@ private:
 };
 
 bool runningAsRoot();
+
+/// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
+/// nothing when prepare refused. The child's standard error goes to out / "log".
+std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
+                                   const std::function<std::string()>& work,
+                                   const TemporaryFolder& out);
+
+/// Limits the process to its highest open descriptor plus spare, and takes every free number
+/// below that descriptor, so that spare free numbers remain whatever the process inherited.
+bool leaveSpareDescriptors(int reference, rlim_t spare);
 
 /// The output and exit status of a shell command line.
 struct CommandResult {

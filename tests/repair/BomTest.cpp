@@ -115,36 +115,6 @@ struct Layout {
     BigEndianSlice file;
 };
 
-TEST(BomTest, FileHasTheLayoutOfRealBoms) {
-    std::deque<std::string> paths;
-    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
-    const Layout layout(bytes);
-    const BigEndianSlice& file = layout.file;
-    const std::uint32_t variables = *file.u32(24);
-    ASSERT_EQ(bytes.substr(0, 12), "BOMStore\0\0\0\1"s);
-    EXPECT_EQ(*file.u32(12), *file.u32(*file.u32(16)) - 1) << "non-null blocks";
-    EXPECT_EQ(layout.block(0), 0u) << "block 0 is the null block";
-    EXPECT_EQ(*file.u32(variables), 5u) << "variables";
-    for (std::size_t at = variables;
-         const auto* name : {"\7BomInfo", "\5Paths", "\7HLIndex", "\6VIndex", "\6Size64"})
-        EXPECT_NE(at = bytes.find(name, at), std::string::npos) << name;
-    const auto tree = layout.blockAt(*file.u32(variables + 16));
-    EXPECT_EQ(std::tuple(tree.bytes().substr(0, 4), *tree.u32(12), *tree.u32(16)),
-              std::tuple("tree", 4096u, 601u))
-        << "node size and path count";
-    const auto root = layout.blockAt(layout.root());
-    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
-    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
-    EXPECT_EQ(layout.blockAt(first).size(), 4096u);
-    EXPECT_EQ(*layout.blockAt(first).u32(4), second) << "forward link";
-    EXPECT_EQ(*layout.blockAt(second).u32(8), first) << "backward link";
-    // The attribute type follows the mode: 2 for the root folder, 1 for a file.
-    for (const auto& [entry, type] : {std::pair{0, 2}, {1, 1}}) {
-        const auto value = layout.blockAt(*layout.blockAt(first).u32(12 + 8 * entry));
-        EXPECT_EQ(*layout.blockAt(*value.u32(4)).u8(0), type);
-    }
-}
-
 TEST(BomTest, EntriesThatCannotBeStoredAreRefusedByName) {
     const auto refusedAs = [](const std::vector<BomEntry>& entries, const std::string& start) {
         const auto written = writeBom(entries);
@@ -245,50 +215,74 @@ TEST(BomTest, EachFieldIsReadAsTheFormatSaysAndDamageIsRefusedWithWhatIsWrong) {
         EXPECT_TRUE(listingOf(orphan.substr(0, length)).starts_with("refused: ")) << length;
 }
 
-TEST(BomTest, DamageInWrittenFilesIsRefusedAndAPathListedBeforeItsFolderGetsTheNamesKnown) {
+TEST(BomTest, WrittenFilesHaveTheLayoutOfRealBomsAndDamageInThemIsRefused) {
     std::deque<std::string> paths;
-    const std::string two = *writeBom(treeEntries(599, 1, paths));
+    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
+    const Layout layout(bytes);
+    const BigEndianSlice& file = layout.file;
+    const std::uint32_t variables = *file.u32(24);
+    ASSERT_EQ(bytes.substr(0, 12), "BOMStore\0\0\0\1"s);
+    EXPECT_EQ(*file.u32(12), *file.u32(*file.u32(16)) - 1) << "non-null blocks";
+    EXPECT_EQ(layout.block(0), 0u) << "block 0 is the null block";
+    EXPECT_EQ(*file.u32(variables), 5u) << "variables";
+    for (std::size_t at = variables;
+         const auto* name : {"\7BomInfo", "\5Paths", "\7HLIndex", "\6VIndex", "\6Size64"})
+        EXPECT_NE(at = bytes.find(name, at), std::string::npos) << name;
+    const auto tree = layout.blockAt(*file.u32(variables + 16));
+    EXPECT_EQ(std::tuple(tree.bytes().substr(0, 4), *tree.u32(12), *tree.u32(16)),
+              std::tuple("tree", 4096u, 601u))
+        << "node size and path count";
+    const auto root = layout.blockAt(layout.root());
+    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
+    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
+    EXPECT_EQ(layout.blockAt(first).size(), 4096u);
+    EXPECT_EQ(*layout.blockAt(first).u32(4), second) << "forward link";
+    EXPECT_EQ(*layout.blockAt(second).u32(8), first) << "backward link";
+    // The attribute type follows the mode: 2 for the root folder, 1 for a file.
+    for (const auto& [entry, type] : {std::pair{0, 2}, {1, 1}}) {
+        const auto value = layout.blockAt(*layout.blockAt(first).u32(12 + 8 * entry));
+        EXPECT_EQ(*layout.blockAt(*value.u32(4)).u8(0), type);
+    }
+
     const std::string three = *writeBom(treeEntries(2, 1, paths));
     const std::string chain = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
                                                               {"./A", 040755, 0, 0},
                                                               {"./A/B", 040755, 0, 0},
-                                                              {"./A/B/C", 0100644, 0, 0}});
-    const Layout leaves(two), flat(three), folders(chain);
-    const std::uint32_t firstLeaf = *leaves.file.u32(leaves.rootEntries());
+                                                              {"./A/B/C", 0100644, 0, 9, 38, 7}});
+    const Layout flat(three), folders(chain);
     const std::size_t aKey = folders.block(*folders.file.u32(folders.rootEntries() + 12));
     const std::pair<std::string, std::string> cases[] = {
-        {with(two, leaves.block(firstLeaf + 1) + 4, firstLeaf, 4),
+        {with(bytes, layout.block(first + 1) + 4, first, 4),
          "refused: more entries than the file can hold"},
-        {with(two, leaves.rootEntries(), leaves.root(), 4),
+        {with(bytes, layout.rootEntries(), layout.root(), 4),
          "refused: branches of the Paths tree loop"},
         // Our writer stores the attributes, value and key blocks of path n as blocks 3n-1 to 3n+1.
         {with(three, flat.block(3 * 3), 1, 4), "refused: a path id is listed twice"},
         // B is listed before its folder A, so B is "/B"; C, listed after A, gets the names of all
         // its folders, as the format's walk gives them.
         {swapEntries(chain, folders.rootEntries() + 8),
-         ".\t40755\t0/0\n/B\t40755\t0/0\n./A\t40755\t0/0\n./A/B/C\t100644\t0/0\t0\t0\n"},
+         ".\t40755\t0/0\n/B\t40755\t0/0\n./A\t40755\t0/0\n./A/B/C\t100644\t0/9\t38\t7\n"},
         // A's folder is B, and A is listed after its child B: C's folders name one another.
         {swapEntries(with(chain, aKey, 3, 4), folders.rootEntries() + 8),
          "refused: name one another"},
     };
-    ASSERT_FALSE(listingOf(two).starts_with("refused"));
-    for (const auto& [bytes, expected] : cases)
-        EXPECT_TRUE(matches(listingOf(bytes), expected)) << listingOf(bytes);
-}
+    ASSERT_FALSE(listingOf(bytes).starts_with("refused"));
+    for (const auto& [damaged, expected] : cases)
+        EXPECT_TRUE(matches(listingOf(damaged), expected)) << listingOf(damaged);
 
-TEST(BomTest, SizeAndChecksumAreTrustedOnlyWhenRecordedForTheirType) {
-    const std::string bytes = *writeBom(std::vector<BomEntry>{
-        {".", 040755, 0, 0}, {"./file", 0100644, 0, 80, 38, 3557505254u}, {"./dir", 040755, 0, 0}});
-    // A type byte that says link for a plain file's mode, and the orphan's short attributes.
-    const auto mistyped = with(bytes, Layout(bytes).block(3 * 2 - 1), 3, 1);
+    // Size and checksum are trusted only when recorded for their type: not with a type byte that
+    // says link for a plain file's mode, nor in the orphan's short attributes.
+    const auto mistyped = with(chain, folders.block(3 * 4 - 1), 3, 1);
     std::string trusted;
     BomReader reader("memory");
-    for (const auto& file : {bytes, mistyped, orphan}) {
-        const auto entries = reader.parseBytes(file);
+    for (const auto& listed : {chain, mistyped, orphan}) {
+        const auto entries = reader.parseBytes(listed);
         for (const auto& entry : *entries)
             trusted += entry.hasChecksum ? '1' : '0';
     }
-    EXPECT_EQ(trusted, "0100000");
+    EXPECT_EQ(trusted, "0001"
+                       "0000"
+                       "0");
 }
 
 TEST(BomTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {

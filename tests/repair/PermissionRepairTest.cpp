@@ -12,16 +12,11 @@
 
 #include <algorithm>
 #include <deque>
-#include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <set>
 #include <sstream>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -61,31 +56,6 @@ std::vector<std::string> linesOf(const std::vector<RepairResult>& results, const
     return lines;
 }
 
-/// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
-/// nothing when prepare refused. The child's standard error goes to out / "log".
-std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
-                                   const std::function<std::string()>& work,
-                                   const TemporaryFolder& out) {
-    constexpr int kRefused = 77;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(600); // a hang ends the child, not the test run
-        const int output = ::open((out / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int log = ::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ::dup2(log, STDERR_FILENO);
-        if (!prepare(output))
-            ::_exit(kRefused);
-        const std::string text = work();
-        ::_exit(::write(output, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused)
-        return std::nullopt;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return test::readText(out / "output");
-}
-
 /// Gives this process a /proc of its own that is an empty file system, as in a rescue system.
 bool hideProc(int) {
     return ::unshare(CLONE_NEWNS) == 0 &&
@@ -101,24 +71,25 @@ class RepairVolumeTest : public testing::Test {
 protected:
     void SetUp() override {
         test::makeVolume(volume, "10.12.6", "16G29");
-        const std::vector<BomEntry> base{
-            {".", 040755, uid, gid},         {"./bin", 040755, uid, gid},
-            file("./bin/ls", 0100755),       file("./bin/notes.txt", 0100644),
-            {"./private", 040755, uid, gid}, {"./private/tmp", 041777, uid, gid}};
-        const std::vector<BomEntry> essentials{{".", 040755, uid, gid},
-                                               {"./usr", 040755, uid, gid},
-                                               {"./usr/bin", 040755, uid, gid},
+        const std::vector<BomEntry> base{dir("."),
+                                         dir("./bin"),
+                                         file("./bin/ls", 0100755),
+                                         file("./bin/notes.txt", 0100644),
+                                         dir("./private"),
+                                         dir("./private/tmp", 01777)};
+        const std::vector<BomEntry> essentials{dir("."),
+                                               dir("./usr"),
+                                               dir("./usr/bin"),
                                                file("./usr/bin/login", 0104755),
                                                file("./usr/bin/missing", 0100755),
-                                               {"./Library", 040755, uid, gid},
+                                               dir("./Library"),
                                                {"./Library/link", 0120755, uid, gid, 4, 0, "none"},
                                                file("./Library/intact.plist", 0100644),
                                                file("./Library/altered.plist", 0100644),
                                                file("./Library/grown.plist", 0100644)};
-        for (const auto& entry : base)
-            create(entry);
-        for (const auto& entry : essentials)
-            create(entry);
+        for (const auto* entries : {&base, &essentials})
+            for (const auto& entry : *entries)
+                create(entry);
         fs::remove(volume / "usr/bin/missing");
         test::writeReceipt(volume, "com.apple.pkg.BaseSystem.plist", "com.apple.pkg.BaseSystem",
                            {"com.apple.other", test::kRepairGroup}, base);
@@ -128,9 +99,7 @@ protected:
         create({"./opt/thing", 0100600, uid, gid});
         test::writeReceipt(volume, "com.example.thing.plist", "com.example.thing",
                            {"com.example.group"},
-                           {{".", 040755, uid, gid},
-                            {"./opt", 040755, uid, gid},
-                            {"./opt/thing", 0100644, uid, gid}});
+                           {dir("."), dir("./opt"), file("./opt/thing", 0100644)});
         damageBoms(base);
         for (const auto& [path, mode] :
              {std::pair{"bin", 0775}, {"usr/bin/login", 0755}, {"private/tmp", 0777}})
@@ -139,6 +108,9 @@ protected:
         test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
     }
 
+    BomEntry dir(std::string_view path, std::uint16_t mode = 0755) const {
+        return {path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+    }
     /// A file listed with the size and checksum of what create writes.
     BomEntry file(std::string_view path, std::uint16_t mode) const {
         return {path, mode, uid, gid, 9, posixChecksum("<plist/>\n")};
@@ -181,9 +153,8 @@ protected:
     /// What a job reports: the unreadable BOMs, then the lines given.
     std::vector<std::string> unreadAnd(std::vector<std::string> lines) const {
         for (const auto* name : {"#0 garbled", "#1 short", "#2 text", "#3 link", "#4 missing"})
-            lines.push_back("Bill of Materials Unreadable\tFailed\t/System/Library/Receipts/"
-                            "Damaged/" +
-                            std::string(name) + ".bom\t0 0 -");
+            lines.push_back(std::string("Bill of Materials Unreadable\tFailed\t/System/Library/") +
+                            "Receipts/Damaged/" + name + ".bom\t0 0 -");
         std::ranges::sort(lines);
         return lines;
     }
@@ -240,7 +211,7 @@ TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
     ASSERT_EQ(::mkfifo((volume / "bin/ls").c_str(), 0700), 0);
 
     const TemporaryFolder out;
-    const auto failed = inChild(
+    const auto failed = test::inChild(
         hideProc,
         [&] {
             const auto job = ran(repair);
@@ -346,21 +317,6 @@ TEST(RepairGroupTest, EachPathIsRepairedOnItsOwnVolumeAndASealedSystemVolumeIsLe
     }
 }
 
-/// Limits the process to its highest open descriptor plus spare, and takes every free number
-/// below that descriptor, so that spare free numbers remain whatever the process inherited.
-bool leaveSpareDescriptors(int reference, rlim_t spare) {
-    int highest = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-        highest = ::fcntl(fd, F_GETFD) != -1 ? fd : highest;
-    const rlimit small{highest + 1 + spare, highest + 1 + spare};
-    if (::setrlimit(RLIMIT_NOFILE, &small) != 0)
-        return false;
-    for (int fd = ::fcntl(reference, F_DUPFD, 0); fd >= 0; fd = ::fcntl(reference, F_DUPFD, 0))
-        if (fd > highest)
-            return ::close(fd) == 0;
-    return spare == 0;
-}
-
 TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMissingPaths) {
     TemporaryFolder folder;
     const auto volume = folder / "volume";
@@ -368,26 +324,25 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
     const std::uint32_t uid = ::getuid(), gid = ::getgid();
     std::vector<BomEntry> entries{{".", 040755, uid, gid}};
     std::deque<std::string> paths;
-    std::string folderPath = ".";
-    std::set<std::string> mismatches, fixed;
-    for (int depth = 0; depth < 10; ++depth) {
-        const std::string& path =
-            paths.emplace_back(folderPath += "/level" + std::to_string(depth));
-        entries.emplace_back(path, 040755, uid, gid);
-        fs::create_directory(volume / path);
+    std::vector<std::string> wrong; // in the order of the result lines
+    for (std::string level = "."; wrong.size() < 10;) {
+        fs::create_directory(volume / (level += "/level" + std::to_string(wrong.size())));
+        entries.emplace_back(paths.emplace_back(level), 040755, uid, gid);
         for (int i = 0; i < 4; ++i) {
-            const std::string& file = paths.emplace_back(path + "/file" + std::to_string(i));
+            const std::string& file = paths.emplace_back(level + "/file" + std::to_string(i));
             entries.emplace_back(file, 0100644, uid, gid);
             test::writeText(volume / file, "x");
             ::chmod((volume / file).c_str(), i == 0 ? 0600 : 0644);
-            if (i == 0) {
-                mismatches.insert("POSIX Permissions Mismatched\tVerified\t" + file.substr(1) +
-                                  "\t600 644 -");
-                fixed.insert("POSIX Permissions Mismatched\tFixed\t" + file.substr(1) +
-                             "\t600 644 644");
-            }
         }
+        wrong.push_back(level.substr(1) + "/file0");
     }
+    const auto expected = [&](const std::string& status, const std::string& fresh) {
+        std::string lines;
+        for (const auto& path : wrong)
+            lines += "POSIX Permissions Mismatched\t" + status + "\t" + path + "\t600 644 " +
+                     fresh + "\n";
+        return lines;
+    };
     // Nested receipt folders take descriptors too: the receipts must not vanish either.
     test::writeReceipt(volume, "A/B/C/D/com.apple.pkg.Deep.plist", "com.apple.pkg.Deep",
                        {test::kRepairGroup}, entries);
@@ -397,70 +352,47 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
     const TemporaryFolder out;
     const auto linesWith = [&](rlim_t spare, RepairMode type) {
         std::optional<Volume> target;
-        const auto text = inChild(
-            [&](int output) {
-                target = Volume::initWithMountPoint(volume.string());
-                Processor::shared().setMaxthread(512);
-                return target && leaveSpareDescriptors(output, spare);
-            },
-            [&] {
-                PermissionRepair job(std::move(*target), type);
-                job.run();
-                std::string lines;
-                for (const auto& line : linesOf(job.results(), volume))
-                    lines += line + "\n";
-                return lines;
-            },
-            out);
-        std::set<std::string> lines;
-        std::istringstream stream(text.value_or("no child\n"));
-        for (std::string line; std::getline(stream, line);)
-            lines.insert(line);
-        return lines;
+        const auto prepare = [&](int output) {
+            target = Volume::initWithMountPoint(volume.string());
+            Processor::shared().setMaxthread(512);
+            return target && test::leaveSpareDescriptors(output, spare);
+        };
+        const auto work = [&] {
+            PermissionRepair job(std::move(*target), type);
+            job.run();
+            std::string lines;
+            for (const auto& line : linesOf(job.results(), volume))
+                lines += line + "\n";
+            return lines;
+        };
+        return test::inChild(prepare, work, out).value_or("no child");
     };
     for (const rlim_t spare : {40u, 24u, 12u, 8u, 5u, 3u}) {
         const auto results = linesWith(spare, verify);
-        const auto log = test::readText(out / "log");
         if (spare >= 24) {
-            EXPECT_EQ(results, mismatches) << "with " << spare << " spare descriptors";
+            EXPECT_EQ(results, expected("Verified", "-")) << spare << " spare descriptors";
             continue;
         }
-        // Every mismatch is reported, or the path or the receipt is reported as failed, and
-        // every path that failed is logged.
-        std::set<std::string> failed;
-        for (const auto& line : results)
-            if (const auto at = line.find("\tFailed\t"); at != line.npos)
-                failed.insert(line.substr(at + 8, line.rfind('\t') - at - 8));
-        const bool bomFailed = std::ranges::any_of(failed, [](const std::string& path) {
-            return path.starts_with("/System/Library/Receipts/");
-        });
-        for (const auto& mismatch : mismatches) {
-            const auto from = mismatch.find("\t/") + 1;
-            const auto path = mismatch.substr(from, mismatch.rfind('\t') - from);
-            EXPECT_TRUE(results.contains(mismatch) || bomFailed || failed.contains(path))
-                << mismatch << " with " << spare << " spare descriptors";
-        }
-        for (const auto& path : failed) {
-            const auto logged = std::string(path.starts_with("/System/Library/Receipts/")
-                                                ? "QVPackageManager::Error: Unable to read "
-                                                : "QVFile::Error: Unable to get attributes of ") +
-                                volume.string() + path;
-            EXPECT_NE(log.find(logged), std::string::npos) << path;
-        }
+        // Every mismatch is reported, or its path or a receipt is reported as failed, and every
+        // path that failed is logged.
+        const bool bomFailed = results.contains("\tFailed\t/System/Library/Receipts/");
+        for (const auto& path : wrong)
+            EXPECT_TRUE(bomFailed || results.contains("\t" + path + "\t"))
+                << path << " with " << spare << " spare descriptors";
+        std::istringstream lines(results);
+        const auto log = test::readText(out / "log");
+        for (std::string line; std::getline(lines, line);)
+            if (const auto at = line.find("\tFailed\t"); at != line.npos) {
+                const auto path = line.substr(at + 8, line.rfind('\t') - at - 8);
+                const auto logged =
+                    std::string(path.starts_with("/System/Library/Receipts/")
+                                    ? "QVPackageManager::Error: Unable to read "
+                                    : "QVFile::Error: Unable to get attributes of ");
+                EXPECT_TRUE(log.contains(logged + volume.string() + path)) << path;
+            }
     }
-    EXPECT_EQ(linesWith(24, repair), fixed);
-    EXPECT_TRUE(linesWith(24, verify).empty());
-}
-
-/// The progress a job posts while work runs.
-std::vector<double> postedWhile(const std::function<void()>& work) {
-    std::vector<double> posted;
-    auto& center = NotificationCenter::defaultCenter();
-    const auto token = center.addObserver(kRepairPermissionsProgressDidChange,
-                                          [&](const double& value) { posted.push_back(value); });
-    work();
-    center.removeObserver(token);
-    return posted;
+    EXPECT_EQ(linesWith(24, repair), expected("Fixed", "644"));
+    EXPECT_EQ(linesWith(24, verify), "");
 }
 
 TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
@@ -478,15 +410,21 @@ TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
     test::writeText(volume / "a/x", "x");
     test::writeText(volume / "a/y", "y");
     ::chmod((volume / "a/y").c_str(), 0600);
-    // A clock that moves a second per reading, so that every change is posted.
+    // The progress posted with threads work items, under a clock that moves a second per
+    // reading, so that every change is posted.
+    const auto saved = Processor::shared().maxthread();
     const auto posted = [&](std::int64_t threads) {
         std::uint64_t now = 0;
         PermissionRepair job(*Volume::initWithMountPoint(volume.path().string()), verify,
                              [&] { return now += 1'000'000'000; });
-        const auto saved = Processor::shared().maxthread();
         Processor::shared().setMaxthread(threads);
-        const auto values = postedWhile([&] { job.run(); });
-        Processor::shared().setMaxthread(saved);
+        std::vector<double> values;
+        auto& center = NotificationCenter::defaultCenter();
+        const auto token =
+            center.addObserver(kRepairPermissionsProgressDidChange,
+                               [&](const double& value) { values.push_back(value); });
+        job.run();
+        center.removeObserver(token);
         return values;
     };
     // Set-up: 10, one step per resource up to 40 (1/4, then 2/3 and 3/3 once the missing path
@@ -507,6 +445,7 @@ TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
             (std::vector<double>{56.67, 73.33, 90, 100, 100}))
             << threads << " work items";
     }
+    Processor::shared().setMaxthread(saved);
 }
 
 } // namespace
