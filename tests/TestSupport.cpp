@@ -4,6 +4,7 @@
 #include "support/Firmlinks.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -176,6 +177,42 @@ std::string BinaryPlist::header(std::uint8_t type, std::uint64_t count) {
 
 bool runningAsRoot() {
     return ::geteuid() == 0;
+}
+
+std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
+                                   const std::function<std::string()>& work,
+                                   const TemporaryFolder& out) {
+    constexpr int kRefused = 77;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(600); // a hang ends the child, not the test run
+        const int output = ::open((out / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int log = ::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(log, STDERR_FILENO);
+        if (!prepare(output))
+            ::_exit(kRefused);
+        const std::string text = work();
+        ::_exit(::write(output, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused)
+        return std::nullopt;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return readText(out / "output");
+}
+
+bool leaveSpareDescriptors(int reference, rlim_t spare) {
+    int highest = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        highest = ::fcntl(fd, F_GETFD) != -1 ? fd : highest;
+    const rlimit small{highest + 1 + spare, highest + 1 + spare};
+    if (::setrlimit(RLIMIT_NOFILE, &small) != 0)
+        return false;
+    for (int fd = ::fcntl(reference, F_DUPFD, 0); fd >= 0; fd = ::fcntl(reference, F_DUPFD, 0))
+        if (fd > highest)
+            return ::close(fd) == 0;
+    return spare == 0;
 }
 
 CommandResult runCommand(const std::string& commandLine) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
 #include <utility>
 #include <vector>
 
@@ -109,6 +110,16 @@ private:
 };
 
 bool runningAsRoot();
+
+/// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
+/// nothing when prepare refused. The child's standard error goes to out / "log".
+std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
+                                   const std::function<std::string()>& work,
+                                   const TemporaryFolder& out);
+
+/// Limits the process to its highest open descriptor plus spare, and takes every free number
+/// below that descriptor, so that spare free numbers remain whatever the process inherited.
+bool leaveSpareDescriptors(int reference, rlim_t spare);
 
 /// The output and exit status of a shell command line.
 struct CommandResult {

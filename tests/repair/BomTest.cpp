@@ -115,50 +115,18 @@ struct Layout {
     BigEndianSlice file;
 };
 
-TEST(BomTest, FileHasTheLayoutOfRealBoms) {
-    std::deque<std::string> paths;
-    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
-    const Layout layout(bytes);
-    const BigEndianSlice& file = layout.file;
-    ASSERT_EQ(bytes.substr(0, 12), std::string("BOMStore\0\0\0\1", 12));
-    EXPECT_EQ(*file.u32(12), *file.u32(*file.u32(16)) - 1) << "non-null blocks";
-    EXPECT_EQ(layout.block(0), 0u) << "block 0 is the null block";
-    EXPECT_EQ(*file.u32(*file.u32(24)), 5u) << "variables";
-    for (std::size_t at = *file.u32(24);
-         const auto* name : {"\7BomInfo", "\5Paths", "\7HLIndex", "\6VIndex", "\6Size64"})
-        EXPECT_NE(at = bytes.find(name, at), std::string::npos) << name;
-    const auto tree = layout.blockAt(*file.u32(*file.u32(24) + 16));
-    EXPECT_EQ(tree.bytes().substr(0, 4), "tree");
-    EXPECT_EQ(*tree.u32(12), 4096u);
-    EXPECT_EQ(*tree.u32(16), 601u);
-    const auto root = layout.blockAt(layout.root());
-    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
-    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
-    EXPECT_EQ(layout.blockAt(first).size(), 4096u);
-    EXPECT_EQ(*layout.blockAt(first).u32(4), second) << "forward link";
-    EXPECT_EQ(*layout.blockAt(second).u32(8), first) << "backward link";
-    // The attribute type follows the mode: 2 for the root folder, 1 for a file.
-    for (const auto& [entry, type] : {std::pair{0, 2}, {1, 1}}) {
-        const auto value = layout.blockAt(*layout.blockAt(first).u32(12 + 8 * entry));
-        EXPECT_EQ(*layout.blockAt(*value.u32(4)).u8(0), type);
-    }
-}
-
 TEST(BomTest, EntriesThatCannotBeStoredAreRefusedByName) {
-    const auto refusal = [](std::vector<BomEntry> entries) {
+    const auto refusedAs = [](const std::vector<BomEntry>& entries, const std::string& start) {
         const auto written = writeBom(entries);
-        return written ? std::string("written") : written.error().message;
+        EXPECT_TRUE(!written && written.error().message.starts_with(start)) << start;
     };
-    EXPECT_NE(refusal({}).find("\".\""), std::string::npos);
-    EXPECT_NE(refusal({{"./a", 040755, 0, 0}}).find("\".\""), std::string::npos);
+    const BomEntry top{".", 040755, 0, 0}, file{"./a", 0100644, 0, 0};
+    refusedAs({}, "the first path must be \".\"");
+    refusedAs({file}, "the first path must be \".\"");
+    refusedAs({top, file, file}, "./a: listed twice");
     for (const std::string& path :
-         {"./z/b"s, "./b/"s, "./tab\tname"s, "./line\nbreak"s, "./a\0b"s, "x"s, "."s}) {
-        const auto message =
-            refusal({{".", 040755, 0, 0}, {"./a", 0100644, 0, 0}, {path, 0100644, 0, 0}});
-        EXPECT_TRUE(message.starts_with(path + ":")) << message;
-    }
-    EXPECT_NE(refusal({{".", 040755, 0, 0}, {"./a", 0, 0, 0}, {"./a", 0, 0, 0}}).find("twice"),
-              std::string::npos);
+         {"./z/b"s, "./b/"s, "./tab\tname"s, "./line\nbreak"s, "./a\0b"s, "x"s, "."s})
+        refusedAs({top, file, {path, 0100644, 0, 0}}, path + ":");
 }
 
 TEST(BomTest, ListingParsesBlanksAndCarriageReturnsAndNamesTheBadLine) {
@@ -172,46 +140,44 @@ TEST(BomTest, ListingParsesBlanksAndCarriageReturnsAndNamesTheBadLine) {
          {"./x 40755 0/0", "./x\t8\t0/0", "./x\t200000\t0/0", "./x\t755\t0:0", "./x\t755\t0/",
           "./x\t755\t-1/0", "\t755\t0/0", "./x\t755\t0/0\tmore", ""}) {
         const auto parsed = parseListing(".\t40755\t0/0\n" + std::string(bad) + "\n");
-        ASSERT_FALSE(parsed) << bad;
-        EXPECT_TRUE(parsed.error().message.starts_with("line 2: ")) << parsed.error().message;
+        EXPECT_TRUE(!parsed && parsed.error().message.starts_with("line 2: ")) << bad;
     }
 }
 
 // A BOM made by hand: one path "orphan" whose parent id 7 is listed nowhere.
-const unsigned char orphanBom[] = {
+const std::string orphan =
     // 0: header: magic, version 1, 5 blocks, block table at 120 (52 bytes), variables at 106
     // (14 bytes)
-    'B', 'O', 'M', 'S', 't', 'o', 'r', 'e', 0, 0, 0, 1, 0, 0, 0, 5, 0, 0, 0, 120, 0, 0, 0, 52, 0, 0,
-    0, 106, 0, 0, 0, 14,
+    "BOMStore\0\0\0\1\0\0\0\5\0\0\0\x78\0\0\0\x34\0\0\0\x6a\0\0\0\x0e"
     // 32, block 1: tree header: "tree", version 1, root block 2, node size 4096, 1 path, flag
-    't', 'r', 'e', 'e', 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0x10, 0, 0, 0, 0, 1, 0,
+    "tree\0\0\0\1\0\0\0\2\0\0\x10\0\0\0\0\1\0"
     // 53, block 2: leaf, 1 entry, no forward or backward link; entry: value 3, key 4
-    0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 4,
+    "\0\1\0\1\0\0\0\0\0\0\0\0\0\0\0\3\0\0\0\4"
     // 73, block 3: value: path id 9, attributes block 5
-    0, 0, 0, 9, 0, 0, 0, 5,
+    "\0\0\0\x09\0\0\0\5"
     // 81, block 4: key: parent id 7, "orphan"
-    0, 0, 0, 7, 'o', 'r', 'p', 'h', 'a', 'n', 0,
+    "\0\0\0\7orphan\0"
     // 92, block 5: attributes: file, reserved, architecture, mode 0100644, uid 501, gid 20
-    1, 0, 0, 0x0f, 0x81, 0xa4, 0, 0, 0x01, 0xf5, 0, 0, 0, 20,
+    "\1\0\0\x0f\x81\xa4\0\0\x01\xf5\0\0\0\x14"
     // 106: variables: 1, block 1 named "Paths"
-    0, 0, 0, 1, 0, 0, 0, 1, 5, 'P', 'a', 't', 'h', 's',
+    "\0\0\0\1\0\0\0\1\5Paths"
     // 120: block table: 6 entries (address, length), block 0 the null block
-    0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 32, 0, 0, 0, 21, 0, 0, 0, 53, 0, 0, 0, 20, 0, 0, 0,
-    73, 0, 0, 0, 8, 0, 0, 0, 81, 0, 0, 0, 11, 0, 0, 0, 92, 0, 0, 0, 14};
-
-const std::string orphan(reinterpret_cast<const char*>(orphanBom), sizeof orphanBom);
+    "\0\0\0\6\0\0\0\0\0\0\0\0\0\0\0\x20\0\0\0\x15\0\0\0\x35\0\0\0\x14\0\0\0\x49\0\0\0\x08"
+    "\0\0\0\x51\0\0\0\x0b\0\0\0\x5c\0\0\0\x0e"s;
 const std::string orphanListing = "/orphan\t100644\t501/20\t0\t0\n";
 
 constexpr std::size_t tableEntry = 124; // address of block 0; block i's is 8 * i further
 
+/// Whether listing is the one expected, or a refusal whose reason holds what follows "refused: ".
+bool matches(const std::string& listing, const std::string& expected) {
+    return listing == expected ||
+           (expected.starts_with("refused: ") && listing.starts_with("refused: ") &&
+            listing.find(expected.substr(9)) != listing.npos);
+}
+
 TEST(BomTest, EachFieldIsReadAsTheFormatSaysAndDamageIsRefusedWithWhatIsWrong) {
-    const struct {
-        const char* what;
-        std::size_t offset;
-        std::uint32_t value;
-        std::size_t width;
-        std::string listing; // or "refused: " and part of the reason
-    } cases[] = {
+    // What, where, the value and its width, and the listing or "refused: " and part of the reason.
+    const std::tuple<const char*, std::size_t, std::uint32_t, std::size_t, std::string> cases[] = {
         {"the hand-made file as it is", 0, 'B', 1, orphanListing},
         {"the magic ends at the first NUL", 8, 2, 4, orphanListing},
         {"an empty root block", tableEntry + 8 * 2 + 4, 0, 4, ""},
@@ -236,72 +202,87 @@ TEST(BomTest, EachFieldIsReadAsTheFormatSaysAndDamageIsRefusedWithWhatIsWrong) {
         {"block length past the end", tableEntry + 8 * 4 + 4, 92, 4, "refused: key, value or"},
         {"entry count too large for its block", 55, 2, 2, "refused: branch of the Paths tree"},
         {"name without NUL in its block", tableEntry + 8 * 4 + 4, 10, 4, "refused: key, value or"},
-        {"value record shorter than 8 bytes", tableEntry + 8 * 3 + 4, 7, 4,
-         "refused: key, value or"},
-        {"attributes shorter than 14 bytes", tableEntry + 8 * 5 + 4, 13, 4,
-         "refused: key, value or"},
+        {"value record under 8 bytes", tableEntry + 8 * 3 + 4, 7, 4, "refused: key, value or"},
+        {"attributes under 14 bytes", tableEntry + 8 * 5 + 4, 13, 4, "refused: key, value or"},
         {"forward link out of range", 57, 77, 4, "refused: leaf of the Paths tree"},
         {"forward link to itself", 57, 2, 4, "refused: leaves of the Paths tree loop"},
     };
-    for (const auto& field : cases) {
-        const auto listing = listingOf(with(orphan, field.offset, field.value, field.width));
-        EXPECT_TRUE(listing == field.listing ||
-                    (field.listing.starts_with("refused: ") && listing.starts_with("refused: ") &&
-                     listing.find(field.listing.substr(9)) != listing.npos))
-            << field.what << ": " << listing;
+    for (const auto& [what, offset, value, width, expected] : cases) {
+        const auto listing = listingOf(with(orphan, offset, value, width));
+        EXPECT_TRUE(matches(listing, expected)) << what << ": " << listing;
     }
     for (std::size_t length = 0; length < orphan.size(); ++length)
         EXPECT_TRUE(listingOf(orphan.substr(0, length)).starts_with("refused: ")) << length;
 }
 
-TEST(BomTest, DamageInWrittenFilesIsRefused) {
+TEST(BomTest, WrittenFilesHaveTheLayoutOfRealBomsAndDamageInThemIsRefused) {
     std::deque<std::string> paths;
-    const std::string two = *writeBom(treeEntries(599, 1, paths));
+    const std::string bytes = *writeBom(treeEntries(600, 1, paths));
+    const Layout layout(bytes);
+    const BigEndianSlice& file = layout.file;
+    const std::uint32_t variables = *file.u32(24);
+    ASSERT_EQ(bytes.substr(0, 12), "BOMStore\0\0\0\1"s);
+    EXPECT_EQ(*file.u32(12), *file.u32(*file.u32(16)) - 1) << "non-null blocks";
+    EXPECT_EQ(layout.block(0), 0u) << "block 0 is the null block";
+    EXPECT_EQ(*file.u32(variables), 5u) << "variables";
+    for (std::size_t at = variables;
+         const auto* name : {"\7BomInfo", "\5Paths", "\7HLIndex", "\6VIndex", "\6Size64"})
+        EXPECT_NE(at = bytes.find(name, at), std::string::npos) << name;
+    const auto tree = layout.blockAt(*file.u32(variables + 16));
+    EXPECT_EQ(std::tuple(tree.bytes().substr(0, 4), *tree.u32(12), *tree.u32(16)),
+              std::tuple("tree", 4096u, 601u))
+        << "node size and path count";
+    const auto root = layout.blockAt(layout.root());
+    EXPECT_EQ(*root.u32(0), 2u) << "a branch of two leaves";
+    const std::uint32_t first = *root.u32(12), second = *root.u32(20);
+    EXPECT_EQ(layout.blockAt(first).size(), 4096u);
+    EXPECT_EQ(*layout.blockAt(first).u32(4), second) << "forward link";
+    EXPECT_EQ(*layout.blockAt(second).u32(8), first) << "backward link";
+    // The attribute type follows the mode: 2 for the root folder, 1 for a file.
+    for (const auto& [entry, type] : {std::pair{0, 2}, {1, 1}}) {
+        const auto value = layout.blockAt(*layout.blockAt(first).u32(12 + 8 * entry));
+        EXPECT_EQ(*layout.blockAt(*value.u32(4)).u8(0), type);
+    }
+
     const std::string three = *writeBom(treeEntries(2, 1, paths));
     const std::string chain = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
                                                               {"./A", 040755, 0, 0},
                                                               {"./A/B", 040755, 0, 0},
-                                                              {"./A/B/C", 0100644, 0, 0}});
-    const Layout leaves(two), flat(three), folders(chain);
-    const std::uint32_t firstLeaf = *leaves.file.u32(leaves.rootEntries());
+                                                              {"./A/B/C", 0100644, 0, 9, 38, 7}});
+    const Layout flat(three), folders(chain);
     const std::size_t aKey = folders.block(*folders.file.u32(folders.rootEntries() + 12));
-    const std::pair<std::string, const char*> cases[] = {
-        {with(two, leaves.block(firstLeaf + 1) + 4, firstLeaf, 4),
-         "more entries than the file can hold"},
-        {with(two, leaves.rootEntries(), leaves.root(), 4), "branches of the Paths tree loop"},
+    const std::pair<std::string, std::string> cases[] = {
+        {with(bytes, layout.block(first + 1) + 4, first, 4),
+         "refused: more entries than the file can hold"},
+        {with(bytes, layout.rootEntries(), layout.root(), 4),
+         "refused: branches of the Paths tree loop"},
         // Our writer stores the attributes, value and key blocks of path n as blocks 3n-1 to 3n+1.
-        {with(three, flat.block(3 * 3), 1, 4), "a path id is listed twice"},
+        {with(three, flat.block(3 * 3), 1, 4), "refused: a path id is listed twice"},
+        // B is listed before its folder A, so B is "/B"; C, listed after A, gets the names of all
+        // its folders, as the format's walk gives them.
+        {swapEntries(chain, folders.rootEntries() + 8),
+         ".\t40755\t0/0\n/B\t40755\t0/0\n./A\t40755\t0/0\n./A/B/C\t100644\t0/9\t38\t7\n"},
         // A's folder is B, and A is listed after its child B: C's folders name one another.
-        {swapEntries(with(chain, aKey, 3, 4), folders.rootEntries() + 8), "name one another"},
+        {swapEntries(with(chain, aKey, 3, 4), folders.rootEntries() + 8),
+         "refused: name one another"},
     };
-    ASSERT_FALSE(listingOf(two).starts_with("refused"));
-    for (const auto& [bytes, message] : cases)
-        EXPECT_NE(listingOf(bytes).find(message), std::string::npos) << listingOf(bytes);
-}
+    ASSERT_FALSE(listingOf(bytes).starts_with("refused"));
+    for (const auto& [damaged, expected] : cases)
+        EXPECT_TRUE(matches(listingOf(damaged), expected)) << listingOf(damaged);
 
-TEST(BomTest, APathListedBeforeItsFolderIsBuiltFromTheNamesKnownWhenListed) {
-    const std::string bytes = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
-                                                              {"./P", 040755, 0, 0},
-                                                              {"./P/C", 040755, 0, 0},
-                                                              {"./P/C/D", 0100644, 0, 0}});
-    // C is listed before its folder P, so C is "/C"; D, listed after P, gets the names of all its
-    // folders, as the format's walk gives them.
-    EXPECT_EQ(listingOf(swapEntries(bytes, Layout(bytes).rootEntries() + 8)),
-              ".\t40755\t0/0\n/C\t40755\t0/0\n./P\t40755\t0/0\n./P/C/D\t100644\t0/0\t0\t0\n");
-}
-
-TEST(BomTest, SizeAndChecksumAreTrustedOnlyWhenRecordedForTheirType) {
-    const std::string bytes = *writeBom(std::vector<BomEntry>{
-        {".", 040755, 0, 0}, {"./file", 0100644, 0, 80, 38, 3557505254u}, {"./dir", 040755, 0, 0}});
+    // Size and checksum are trusted only when recorded for their type: not with a type byte that
+    // says link for a plain file's mode, nor in the orphan's short attributes.
+    const auto mistyped = with(chain, folders.block(3 * 4 - 1), 3, 1);
+    std::string trusted;
     BomReader reader("memory");
-    const auto entries = reader.parseBytes(bytes);
-    ASSERT_TRUE(entries) << entries.error().message;
-    EXPECT_TRUE((*entries)[1].hasChecksum);
-    EXPECT_FALSE((*entries)[2].hasChecksum);
-    // A type byte that says link for a plain file's mode, and the orphan's short attributes.
-    const auto typeOffset = Layout(bytes).block(3 * 2 - 1);
-    EXPECT_FALSE((*reader.parseBytes(with(bytes, typeOffset, 3, 1)))[1].hasChecksum);
-    EXPECT_FALSE((*reader.parseBytes(orphan))[0].hasChecksum);
+    for (const auto& listed : {chain, mistyped, orphan}) {
+        const auto entries = reader.parseBytes(listed);
+        for (const auto& entry : *entries)
+            trusted += entry.hasChecksum ? '1' : '0';
+    }
+    EXPECT_EQ(trusted, "0001"
+                       "0000"
+                       "0");
 }
 
 TEST(BomTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {
@@ -311,8 +292,7 @@ TEST(BomTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {
                                      {"", ErrorKind::refused},
                                      {"text.bom", ErrorKind::invalid}}) {
         const auto read = BomReader((folder / name).string()).parse();
-        ASSERT_FALSE(read) << name;
-        EXPECT_EQ(read.error().kind, kind) << name << ": " << read.error().message;
+        EXPECT_TRUE(!read && read.error().kind == kind) << name;
         const auto file = BomFile::initWithFileName(folder / name);
         file->parse();
         EXPECT_TRUE(file->entries().empty());

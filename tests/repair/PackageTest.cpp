@@ -12,40 +12,33 @@ namespace {
 using Dict = PlistValue::Dict;
 using Array = PlistValue::Array;
 
-/// The path of a receipt written in folder under name.
-std::string receipt(const test::TemporaryFolder& folder, const std::string& name,
-                    const PlistValue& value, PlistFormat format = PlistFormat::xml) {
-    test::writePlist(folder / name, value, format);
-    return (folder / name).string();
-}
-
-PlistValue receiptWith(Array groups) {
-    return Dict{{"PackageIdentifier", "com.apple.pkg.Foo"}, {"PackageGroups", std::move(groups)}};
-}
-
-TEST(PackageTest, OnlyTheStandardGroupMakesAStandardPackage) {
+TEST(PackageTest, OnlyTheStandardGroupMakesAStandardPackageAndBadReceiptsAreSkipped) {
     test::TemporaryFolder folder;
-    const auto other = receipt(folder, "other.plist", receiptWith({"com.example.group"}));
-    EXPECT_TRUE(Package::initWithReceiptPath(other));
-    EXPECT_FALSE(StandardPackage::initWithReceiptPath(other));
-    for (const char* group : {"", "COM.APPLE.SNOWLEOPARD-REPAIR-PERMISSIONS.PKG-GROUP"})
-        EXPECT_FALSE(StandardPackage::initWithReceiptPath(
-            receipt(folder, "x.plist", receiptWith(*group ? Array{group} : Array{}))));
-}
-
-TEST(PackageTest, BadReceiptsAreSkipped) {
-    test::TemporaryFolder folder;
-    test::writeText(folder / "text.plist", "not a property list");
-    EXPECT_FALSE(Package::initWithReceiptPath((folder / "text.plist").string()));
+    const auto receipt = [&](const PlistValue& groups) {
+        return Dict{{"PackageIdentifier", "com.apple.pkg.Foo"}, {"PackageGroups", groups}};
+    };
+    // A receipt, and whether it makes a package and a standard one.
+    const std::tuple<PlistValue, bool, bool> cases[] = {
+        {receipt(Array{test::kRepairGroup}), true, true},
+        {receipt(Array{"com.example.group"}), true, false},
+        {receipt(Array{}), true, false},
+        {receipt(Array{"COM.APPLE.SNOWLEOPARD-REPAIR-PERMISSIONS.PKG-GROUP"}), true, false},
+        {Dict{{"PackageGroups", Array{}}}, false, false},
+        {Dict{{"PackageIdentifier", "x"}}, false, false},
+        {Dict{{"PackageIdentifier", 3}, {"PackageGroups", Array{}}}, false, false},
+        {receipt("g"), false, false},
+        {receipt(Array{1}), false, false},
+        {Array{"x"}, false, false},
+    };
+    const auto path = (folder / "receipt.plist").string();
+    for (std::size_t row = 0; const auto& [value, package, standard] : cases) {
+        test::writePlist(path, value);
+        EXPECT_EQ(bool(Package::initWithReceiptPath(path)), package) << "case " << row;
+        EXPECT_EQ(bool(StandardPackage::initWithReceiptPath(path)), standard) << "case " << row++;
+    }
+    test::writeText(path, "not a property list");
+    EXPECT_FALSE(Package::initWithReceiptPath(path));
     EXPECT_FALSE(Package::initWithReceiptPath((folder / "missing.plist").string()));
-    for (const auto& bad :
-         {PlistValue(Dict{{"PackageGroups", Array{}}}),
-          PlistValue(Dict{{"PackageIdentifier", "x"}}),
-          PlistValue(Dict{{"PackageIdentifier", 3}, {"PackageGroups", Array{}}}),
-          PlistValue(Dict{{"PackageIdentifier", "x"}, {"PackageGroups", "g"}}),
-          PlistValue(Dict{{"PackageIdentifier", "x"}, {"PackageGroups", Array{1}}}),
-          PlistValue(Array{"x"})})
-        EXPECT_FALSE(Package::initWithReceiptPath(receipt(folder, "bad.plist", bad)));
 }
 
 } // namespace

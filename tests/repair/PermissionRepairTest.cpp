@@ -1,25 +1,22 @@
-// The repair job over a whole volume: receipts, BOMs, verify, repair and progress; on a macOS of
-// 10.15 and later the receipts of both volumes, each path checked on the volume that holds it,
-// never through a link, and a sealed system volume left alone.
+// The repair job over a whole volume: receipts, BOMs, verify, repair and progress; the file
+// resources it checks, never off the volume; on a macOS of 10.15 and later the receipts of both
+// volumes, each path checked on the volume that holds it, never through a link, and a sealed
+// system volume left alone.
 #include "repair/PermissionRepair.h"
 
 #include "TestSupport.h"
+#include "repair/FileResource.h"
 #include "repair/PosixChecksum.h"
 #include "repair/Processor.h"
 #include "volumes/VolumePairing.h"
 
 #include <algorithm>
 #include <deque>
-#include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <set>
 #include <sstream>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -38,17 +35,15 @@ std::string statOf(const fs::path& path) {
            std::to_string(permissionsFromMode(info.st_mode));
 }
 
-std::int64_t modeOf(const fs::path& path) {
-    struct stat info {};
-    ::lstat(path.c_str(), &info);
-    return permissionsFromMode(info.st_mode);
+std::string modeOf(const fs::path& path) {
+    return statOf(path).substr(statOf(path).find(' ') + 1);
 }
 
-/// The job's results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths
-/// below root, sorted: threads finish in any order.
-std::vector<std::string> linesOf(const PermissionRepair& job, const fs::path& root) {
+/// Results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths below root,
+/// sorted: threads finish in any order.
+std::vector<std::string> linesOf(const std::vector<RepairResult>& results, const fs::path& root) {
     std::vector<std::string> lines;
-    for (const auto& result : job.results()) {
+    for (const auto& result : results) {
         const auto fresh = result.newAttribute();
         lines.push_back(std::string(displayText(result.attributeMismatchedType())) + "\t" +
                         std::string(displayText(result.attributeStatus())) + "\t" +
@@ -59,31 +54,6 @@ std::vector<std::string> linesOf(const PermissionRepair& job, const fs::path& ro
     }
     std::ranges::sort(lines);
     return lines;
-}
-
-/// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
-/// nothing when prepare refused. The child's standard error goes to out / "log".
-std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
-                                   const std::function<std::string()>& work,
-                                   const TemporaryFolder& out) {
-    constexpr int kRefused = 77;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(600); // a hang ends the child, not the test run
-        const int output = ::open((out / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int log = ::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ::dup2(log, STDERR_FILENO);
-        if (!prepare(output))
-            ::_exit(kRefused);
-        const std::string text = work();
-        ::_exit(::write(output, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused)
-        return std::nullopt;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return test::readText(out / "output");
 }
 
 /// Gives this process a /proc of its own that is an empty file system, as in a rescue system.
@@ -101,24 +71,25 @@ class RepairVolumeTest : public testing::Test {
 protected:
     void SetUp() override {
         test::makeVolume(volume, "10.12.6", "16G29");
-        const std::vector<BomEntry> base{
-            {".", 040755, uid, gid},         {"./bin", 040755, uid, gid},
-            file("./bin/ls", 0100755),       file("./bin/notes.txt", 0100644),
-            {"./private", 040755, uid, gid}, {"./private/tmp", 041777, uid, gid}};
-        const std::vector<BomEntry> essentials{{".", 040755, uid, gid},
-                                               {"./usr", 040755, uid, gid},
-                                               {"./usr/bin", 040755, uid, gid},
+        const std::vector<BomEntry> base{dir("."),
+                                         dir("./bin"),
+                                         file("./bin/ls", 0100755),
+                                         file("./bin/notes.txt", 0100644),
+                                         dir("./private"),
+                                         dir("./private/tmp", 01777)};
+        const std::vector<BomEntry> essentials{dir("."),
+                                               dir("./usr"),
+                                               dir("./usr/bin"),
                                                file("./usr/bin/login", 0104755),
                                                file("./usr/bin/missing", 0100755),
-                                               {"./Library", 040755, uid, gid},
+                                               dir("./Library"),
                                                {"./Library/link", 0120755, uid, gid, 4, 0, "none"},
                                                file("./Library/intact.plist", 0100644),
                                                file("./Library/altered.plist", 0100644),
                                                file("./Library/grown.plist", 0100644)};
-        for (const auto& entry : base)
-            create(entry);
-        for (const auto& entry : essentials)
-            create(entry);
+        for (const auto* entries : {&base, &essentials})
+            for (const auto& entry : *entries)
+                create(entry);
         fs::remove(volume / "usr/bin/missing");
         test::writeReceipt(volume, "com.apple.pkg.BaseSystem.plist", "com.apple.pkg.BaseSystem",
                            {"com.apple.other", test::kRepairGroup}, base);
@@ -128,9 +99,7 @@ protected:
         create({"./opt/thing", 0100600, uid, gid});
         test::writeReceipt(volume, "com.example.thing.plist", "com.example.thing",
                            {"com.example.group"},
-                           {{".", 040755, uid, gid},
-                            {"./opt", 040755, uid, gid},
-                            {"./opt/thing", 0100644, uid, gid}});
+                           {dir("."), dir("./opt"), file("./opt/thing", 0100644)});
         damageBoms(base);
         for (const auto& [path, mode] :
              {std::pair{"bin", 0775}, {"usr/bin/login", 0755}, {"private/tmp", 0777}})
@@ -139,6 +108,9 @@ protected:
         test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
     }
 
+    BomEntry dir(std::string_view path, std::uint16_t mode = 0755) const {
+        return {path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+    }
     /// A file listed with the size and checksum of what create writes.
     BomEntry file(std::string_view path, std::uint16_t mode) const {
         return {path, mode, uid, gid, 9, posixChecksum("<plist/>\n")};
@@ -181,9 +153,8 @@ protected:
     /// What a job reports: the unreadable BOMs, then the lines given.
     std::vector<std::string> unreadAnd(std::vector<std::string> lines) const {
         for (const auto* name : {"#0 garbled", "#1 short", "#2 text", "#3 link", "#4 missing"})
-            lines.push_back("Bill of Materials Unreadable\tFailed\t/System/Library/Receipts/"
-                            "Damaged/" +
-                            std::string(name) + ".bom\t0 0 -");
+            lines.push_back(std::string("Bill of Materials Unreadable\tFailed\t/System/Library/") +
+                            "Receipts/Damaged/" + name + ".bom\t0 0 -");
         std::ranges::sort(lines);
         return lines;
     }
@@ -200,9 +171,10 @@ TEST_F(RepairVolumeTest, VerifyFindsDifferencesWithAnyThreadCountAndRepairMendsM
     for (const std::int64_t threads : {1, 3, 16}) {
         Processor::shared().setMaxthread(threads);
         const auto job = ran(verify);
-        EXPECT_EQ(linesOf(job, volume), unreadAnd({mode + "Verified\t/bin\t775 755 -",
-                                                   mode + "Verified\t/private/tmp\t777 1777 -",
-                                                   mode + "Verified\t/usr/bin/login\t755 4755 -"}))
+        EXPECT_EQ(linesOf(job.results(), volume),
+                  unreadAnd({mode + "Verified\t/bin\t775 755 -",
+                             mode + "Verified\t/private/tmp\t777 1777 -",
+                             mode + "Verified\t/usr/bin/login\t755 4755 -"}))
             << threads << " threads";
         EXPECT_EQ(job.checkedPathCount(), 13) << "no damaged BOM is read";
     }
@@ -211,14 +183,12 @@ TEST_F(RepairVolumeTest, VerifyFindsDifferencesWithAnyThreadCountAndRepairMendsM
                                 std::to_string(posixChecksum("<plist>0\n")) + " " +
                                 std::to_string(posixChecksum("<plist/>\n")) + " -";
     EXPECT_EQ(
-        linesOf(ran(repair, true), volume),
+        linesOf(ran(repair, true).results(), volume),
         unreadAnd({mode + "Fixed\t/bin\t775 755 755", mode + "Fixed\t/private/tmp\t777 1777 1777",
                    mode + "Fixed\t/usr/bin/login\t755 4755 4755",
                    "Checksum Mismatched\tFailed" + altered,
                    "Size Mismatched\tFailed\t/Library/grown.plist\t10 9 -"}));
-    EXPECT_EQ(modeOf(volume / "usr/bin/login"), 4755);
-    EXPECT_EQ(modeOf(volume / "opt/thing"), 600) << "other groups' receipts are ignored";
-    EXPECT_EQ(linesOf(ran(verify, true), volume),
+    EXPECT_EQ(linesOf(ran(verify, true).results(), volume),
               unreadAnd({"Checksum Mismatched\tVerified" + altered,
                          "Size Mismatched\tVerified\t/Library/grown.plist\t10 9 -"}));
     EXPECT_EQ(test::readText(volume / "Library/altered.plist"), "<plist>0\n");
@@ -241,7 +211,7 @@ TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
     ASSERT_EQ(::mkfifo((volume / "bin/ls").c_str(), 0700), 0);
 
     const TemporaryFolder out;
-    const auto failed = inChild(
+    const auto failed = test::inChild(
         hideProc,
         [&] {
             const auto job = ran(repair);
@@ -263,93 +233,88 @@ TEST_F(RepairVolumeTest, RepairWithoutProcKeepsSetuidAndFollowsNoLink) {
     EXPECT_EQ(statOf(volume / "bin/ls"), "0:0 755") << "with /proc it is set by name";
 }
 
-class RepairGroupTest : public testing::Test {
-protected:
-    /// Receipts on both volumes whose paths lie on both, every listed item made as listed, then
-    /// one wrong mode on each volume, and a link on the data volume where a folder belongs.
-    void make(std::string_view version, std::string_view build) {
-        test::makeVolumeGroup(system, data, version, build);
-        const std::uint32_t uid = ::getuid(), gid = ::getgid();
-        const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
-            return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
-        };
-        const std::vector<BomEntry> core{dir("."),
-                                         dir("./bin"),
-                                         {"./bin/ps", 0104755, uid, gid},
-                                         dir("./private"),
-                                         dir("./private/tmp", 01777),
-                                         dir("./Library"),
-                                         dir("./Library/Extensions")};
-        const std::vector<BomEntry> local{dir("."), dir("./usr"), dir("./usr/local"),
-                                          dir("./usr/local/bin")};
-        const std::vector<BomEntry> users{dir("."), dir("./Users"), dir("./Users/Shared", 01777)};
-        test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
-                             "com.apple.pkg.Core", {test::kRepairGroup}, core);
-        test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
-                             "com.apple.pkg.Local.plist", "com.apple.pkg.Local",
-                             {test::kRepairGroup}, local, PlistFormat::binary);
-        test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
-                             "com.apple.pkg.Users", {test::kRepairGroup}, users);
-        for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
-                                 outside / "Shared", system / "Library/Extensions"})
-            fs::create_directories(made);
-        test::writeText(system / "bin/ps", "x");
-        ::chmod((system / "bin/ps").c_str(), 0755);
-        ::chmod((data / "private/tmp").c_str(), 0777);
-        ::chmod((outside / "Shared").c_str(), 0777);
-        ::chmod((system / "Library/Extensions").c_str(), 0700);
-        fs::remove(data / "Users");
-        fs::create_directory_symlink(outside.path(), data / "Users");
-    }
+TEST_F(RepairVolumeTest, NoResourceIsMadeOffTheVolumeAndOneThatVanishesFailsItsRepair) {
+    TemporaryFolder outside;
+    test::writeText(outside / "secret", "x");
+    fs::create_directory_symlink(outside.path(), volume / "bin/escape");
+    VolumeWalker walker(VolumeRoot::open(volume.string()));
+    for (const auto* path : {"/usr/bin/missing", "/bin/escape/secret", "/bin/../bin/escape/secret",
+                             "bin", "/bin//ls", "/./bin", ""})
+        EXPECT_FALSE(FileResource::init(walker, volume.string(), path, uid, gid, 644)) << path;
+    const auto login =
+        FileResource::init(walker, volume.string(), "/usr/bin/login", uid, gid, 4755);
+    fs::remove(volume / "usr/bin/login");
+    EXPECT_EQ(linesOf(login->repair(walker), volume),
+              std::vector<std::string>{
+                  "POSIX Permissions Mismatched\tFailed\t/usr/bin/login\t755 4755 -"});
+}
 
-    std::vector<std::string> run(RepairMode type) {
-        PermissionRepair job(*openMacOS(system.string(), data.string(), {}), type);
-        job.run();
-        return linesOf(job, folder.path());
-    }
+/// A macOS of version at folder with receipts on both volumes whose paths lie on both, every
+/// listed item made as listed, then one wrong mode on each volume, and a link on the data volume,
+/// to outside, where a folder belongs.
+void makeVolumeGroup(const fs::path& folder, std::string_view version, std::string_view build,
+                     const fs::path& outside) {
+    const auto system = folder / "Macintosh HD", data = folder / "Macintosh HD - Data";
+    test::makeVolumeGroup(system, data, version, build);
+    const std::uint32_t uid = ::getuid(), gid = ::getgid();
+    const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
+        return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
+    };
+    test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
+                         "com.apple.pkg.Core", {test::kRepairGroup},
+                         {dir("."),
+                          dir("./bin"),
+                          {"./bin/ps", 0104755, uid, gid},
+                          dir("./private"),
+                          dir("./private/tmp", 01777),
+                          dir("./Library"),
+                          dir("./Library/Extensions")});
+    test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
+                         "com.apple.pkg.Local.plist", "com.apple.pkg.Local", {test::kRepairGroup},
+                         {dir("."), dir("./usr"), dir("./usr/local"), dir("./usr/local/bin")},
+                         PlistFormat::binary);
+    test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
+                         "com.apple.pkg.Users", {test::kRepairGroup},
+                         {dir("."), dir("./Users"), dir("./Users/Shared", 01777)});
+    for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
+                             outside / "Shared", system / "Library/Extensions"})
+        fs::create_directories(made);
+    test::writeText(system / "bin/ps", "x");
+    for (const auto& [path, mode] : {std::pair{system / "bin/ps", 0755},
+                                     {data / "private/tmp", 0777},
+                                     {outside / "Shared", 0777},
+                                     {system / "Library/Extensions", 0700}})
+        ::chmod(path.c_str(), mode);
+    fs::remove(data / "Users");
+    fs::create_directory_symlink(outside, data / "Users");
+}
 
-    test::TemporaryFolder folder, outside;
-    fs::path system = folder / "Macintosh HD";
-    fs::path data = folder / "Macintosh HD - Data";
-};
-
-TEST_F(RepairGroupTest, Catalina_BothVolumesAreRepairedEachPathOnItsOwn) {
-    make("10.15.7", "19H2");
+TEST(RepairGroupTest, EachPathIsRepairedOnItsOwnVolumeAndASealedSystemVolumeIsLeftAlone) {
+    const std::string mode = "POSIX Permissions Mismatched\tVerified\t/Macintosh HD";
+    const std::string tmp = mode + " - Data/private/tmp\t777 1777 -";
     // Each path is named where it lies; the system volume's own /Library is hidden by the
-    // firmlink, and a link on the data volume is not followed.
-    const std::string mode = "POSIX Permissions Mismatched\t";
-    EXPECT_EQ(run(verify), (std::vector<std::string>{
-                               mode + "Verified\t/Macintosh HD - Data/private/tmp\t777 1777 -",
-                               mode + "Verified\t/Macintosh HD/bin/ps\t755 4755 -"}));
-    run(repair);
-    EXPECT_TRUE(run(verify).empty());
-    EXPECT_EQ(modeOf(system / "Library/Extensions"), 700);
-    EXPECT_EQ(modeOf(outside / "Shared"), 777);
-}
-
-TEST_F(RepairGroupTest, Sonoma_TheSealedSystemVolumeIsNeitherCheckedNorChanged) {
-    make("14.6.1", "23G93");
-    EXPECT_EQ(run(verify),
-              std::vector<std::string>{"POSIX Permissions Mismatched\tVerified\t"
-                                       "/Macintosh HD - Data/private/tmp\t777 1777 -"});
-    run(repair);
-    EXPECT_EQ(modeOf(data / "private/tmp"), 1777);
-    EXPECT_EQ(modeOf(system / "bin/ps"), 755);
-}
-
-/// Limits the process to its highest open descriptor plus spare, and takes every free number
-/// below that descriptor, so that spare free numbers remain whatever the process inherited.
-bool leaveSpareDescriptors(int reference, rlim_t spare) {
-    int highest = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-        highest = ::fcntl(fd, F_GETFD) != -1 ? fd : highest;
-    const rlimit small{highest + 1 + spare, highest + 1 + spare};
-    if (::setrlimit(RLIMIT_NOFILE, &small) != 0)
-        return false;
-    for (int fd = ::fcntl(reference, F_DUPFD, 0); fd >= 0; fd = ::fcntl(reference, F_DUPFD, 0))
-        if (fd > highest)
-            return ::close(fd) == 0;
-    return spare == 0;
+    // firmlink, and a link on the data volume is not followed. From 11 the system is sealed.
+    for (const auto& [version, build, verified, modes] :
+         {std::tuple{"10.15.7", "19H2", std::vector{tmp, mode + "/bin/ps\t755 4755 -"}, "4755"},
+          {"14.6.1", "23G93", std::vector{tmp}, "755"}}) {
+        TemporaryFolder folder, outside;
+        makeVolumeGroup(folder.path(), version, build, outside.path());
+        const auto run = [&](RepairMode type) {
+            PermissionRepair job(*openMacOS((folder / "Macintosh HD").string(),
+                                            (folder / "Macintosh HD - Data").string(), {}),
+                                 type);
+            job.run();
+            return linesOf(job.results(), folder.path());
+        };
+        EXPECT_EQ(run(verify), verified) << version;
+        run(repair);
+        EXPECT_EQ(modeOf(folder / "Macintosh HD/bin/ps") + " " +
+                      modeOf(folder / "Macintosh HD - Data/private/tmp") + " " +
+                      modeOf(folder / "Macintosh HD/Library/Extensions") + " " +
+                      modeOf(outside / "Shared"),
+                  modes + std::string(" 1777 700 777"))
+            << version;
+    }
 }
 
 TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMissingPaths) {
@@ -359,26 +324,25 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
     const std::uint32_t uid = ::getuid(), gid = ::getgid();
     std::vector<BomEntry> entries{{".", 040755, uid, gid}};
     std::deque<std::string> paths;
-    std::string folderPath = ".";
-    std::set<std::string> mismatches, fixed;
-    for (int depth = 0; depth < 10; ++depth) {
-        const std::string& path =
-            paths.emplace_back(folderPath += "/level" + std::to_string(depth));
-        entries.emplace_back(path, 040755, uid, gid);
-        fs::create_directory(volume / path);
+    std::vector<std::string> wrong; // in the order of the result lines
+    for (std::string level = "."; wrong.size() < 10;) {
+        fs::create_directory(volume / (level += "/level" + std::to_string(wrong.size())));
+        entries.emplace_back(paths.emplace_back(level), 040755, uid, gid);
         for (int i = 0; i < 4; ++i) {
-            const std::string& file = paths.emplace_back(path + "/file" + std::to_string(i));
+            const std::string& file = paths.emplace_back(level + "/file" + std::to_string(i));
             entries.emplace_back(file, 0100644, uid, gid);
             test::writeText(volume / file, "x");
             ::chmod((volume / file).c_str(), i == 0 ? 0600 : 0644);
-            if (i == 0) {
-                mismatches.insert("POSIX Permissions Mismatched\tVerified\t" + file.substr(1) +
-                                  "\t600 644 -");
-                fixed.insert("POSIX Permissions Mismatched\tFixed\t" + file.substr(1) +
-                             "\t600 644 644");
-            }
         }
+        wrong.push_back(level.substr(1) + "/file0");
     }
+    const auto expected = [&](const std::string& status, const std::string& fresh) {
+        std::string lines;
+        for (const auto& path : wrong)
+            lines += "POSIX Permissions Mismatched\t" + status + "\t" + path + "\t600 644 " +
+                     fresh + "\n";
+        return lines;
+    };
     // Nested receipt folders take descriptors too: the receipts must not vanish either.
     test::writeReceipt(volume, "A/B/C/D/com.apple.pkg.Deep.plist", "com.apple.pkg.Deep",
                        {test::kRepairGroup}, entries);
@@ -388,70 +352,47 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
     const TemporaryFolder out;
     const auto linesWith = [&](rlim_t spare, RepairMode type) {
         std::optional<Volume> target;
-        const auto text = inChild(
-            [&](int output) {
-                target = Volume::initWithMountPoint(volume.string());
-                Processor::shared().setMaxthread(512);
-                return target && leaveSpareDescriptors(output, spare);
-            },
-            [&] {
-                PermissionRepair job(std::move(*target), type);
-                job.run();
-                std::string lines;
-                for (const auto& line : linesOf(job, volume))
-                    lines += line + "\n";
-                return lines;
-            },
-            out);
-        std::set<std::string> lines;
-        std::istringstream stream(text.value_or("no child\n"));
-        for (std::string line; std::getline(stream, line);)
-            lines.insert(line);
-        return lines;
+        const auto prepare = [&](int output) {
+            target = Volume::initWithMountPoint(volume.string());
+            Processor::shared().setMaxthread(512);
+            return target && test::leaveSpareDescriptors(output, spare);
+        };
+        const auto work = [&] {
+            PermissionRepair job(std::move(*target), type);
+            job.run();
+            std::string lines;
+            for (const auto& line : linesOf(job.results(), volume))
+                lines += line + "\n";
+            return lines;
+        };
+        return test::inChild(prepare, work, out).value_or("no child");
     };
     for (const rlim_t spare : {40u, 24u, 12u, 8u, 5u, 3u}) {
         const auto results = linesWith(spare, verify);
-        const auto log = test::readText(out / "log");
         if (spare >= 24) {
-            EXPECT_EQ(results, mismatches) << "with " << spare << " spare descriptors";
+            EXPECT_EQ(results, expected("Verified", "-")) << spare << " spare descriptors";
             continue;
         }
-        // Every mismatch is reported, or the path or the receipt is reported as failed, and
-        // every path that failed is logged.
-        std::set<std::string> failed;
-        for (const auto& line : results)
-            if (const auto at = line.find("\tFailed\t"); at != line.npos)
-                failed.insert(line.substr(at + 8, line.rfind('\t') - at - 8));
-        const bool bomFailed = std::ranges::any_of(failed, [](const std::string& path) {
-            return path.starts_with("/System/Library/Receipts/");
-        });
-        for (const auto& mismatch : mismatches) {
-            const auto from = mismatch.find("\t/") + 1;
-            const auto path = mismatch.substr(from, mismatch.rfind('\t') - from);
-            EXPECT_TRUE(results.contains(mismatch) || bomFailed || failed.contains(path))
-                << mismatch << " with " << spare << " spare descriptors";
-        }
-        for (const auto& path : failed) {
-            const auto logged = std::string(path.starts_with("/System/Library/Receipts/")
-                                                ? "QVPackageManager::Error: Unable to read "
-                                                : "QVFile::Error: Unable to get attributes of ") +
-                                volume.string() + path;
-            EXPECT_NE(log.find(logged), std::string::npos) << path;
-        }
+        // Every mismatch is reported, or its path or a receipt is reported as failed, and every
+        // path that failed is logged.
+        const bool bomFailed = results.contains("\tFailed\t/System/Library/Receipts/");
+        for (const auto& path : wrong)
+            EXPECT_TRUE(bomFailed || results.contains("\t" + path + "\t"))
+                << path << " with " << spare << " spare descriptors";
+        std::istringstream lines(results);
+        const auto log = test::readText(out / "log");
+        for (std::string line; std::getline(lines, line);)
+            if (const auto at = line.find("\tFailed\t"); at != line.npos) {
+                const auto path = line.substr(at + 8, line.rfind('\t') - at - 8);
+                const auto logged =
+                    std::string(path.starts_with("/System/Library/Receipts/")
+                                    ? "QVPackageManager::Error: Unable to read "
+                                    : "QVFile::Error: Unable to get attributes of ");
+                EXPECT_TRUE(log.contains(logged + volume.string() + path)) << path;
+            }
     }
-    EXPECT_EQ(linesWith(24, repair), fixed);
-    EXPECT_TRUE(linesWith(24, verify).empty());
-}
-
-/// The progress a job posts while work runs.
-std::vector<double> postedWhile(const std::function<void()>& work) {
-    std::vector<double> posted;
-    auto& center = NotificationCenter::defaultCenter();
-    const auto token = center.addObserver(kRepairPermissionsProgressDidChange,
-                                          [&](const double& value) { posted.push_back(value); });
-    work();
-    center.removeObserver(token);
-    return posted;
+    EXPECT_EQ(linesWith(24, repair), expected("Fixed", "644"));
+    EXPECT_EQ(linesWith(24, verify), "");
 }
 
 TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
@@ -469,15 +410,21 @@ TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
     test::writeText(volume / "a/x", "x");
     test::writeText(volume / "a/y", "y");
     ::chmod((volume / "a/y").c_str(), 0600);
-    // A clock that moves a second per reading, so that every change is posted.
+    // The progress posted with threads work items, under a clock that moves a second per
+    // reading, so that every change is posted.
+    const auto saved = Processor::shared().maxthread();
     const auto posted = [&](std::int64_t threads) {
         std::uint64_t now = 0;
         PermissionRepair job(*Volume::initWithMountPoint(volume.path().string()), verify,
                              [&] { return now += 1'000'000'000; });
-        const auto saved = Processor::shared().maxthread();
         Processor::shared().setMaxthread(threads);
-        const auto values = postedWhile([&] { job.run(); });
-        Processor::shared().setMaxthread(saved);
+        std::vector<double> values;
+        auto& center = NotificationCenter::defaultCenter();
+        const auto token =
+            center.addObserver(kRepairPermissionsProgressDidChange,
+                               [&](const double& value) { values.push_back(value); });
+        job.run();
+        center.removeObserver(token);
         return values;
     };
     // Set-up: 10, one step per resource up to 40 (1/4, then 2/3 and 3/3 once the missing path
@@ -498,6 +445,7 @@ TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
             (std::vector<double>{56.67, 73.33, 90, 100, 100}))
             << threads << " work items";
     }
+    Processor::shared().setMaxthread(saved);
 }
 
 } // namespace

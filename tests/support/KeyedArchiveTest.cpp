@@ -15,15 +15,12 @@ PlistValue sampleArchive() {
     return std::move(archiver).finish();
 }
 
-TEST(KeyedArchiveTest, OnlyAllowedClassesOpen) {
+TEST(KeyedArchiveTest, OnlyAllowedClassesOpenAndDecodersCheckPresenceAndType) {
     EXPECT_TRUE(KeyedUnarchiver::open(sampleArchive(), {"Other", "Sample"}));
     for (const auto& archive :
          {sampleArchive(), PlistValue(PlistValue::Dict{{"name", "x"}}),
           PlistValue(PlistValue::Dict{{"$class", 3}}), PlistValue(PlistValue::Array{"Sample"})})
         EXPECT_FALSE(KeyedUnarchiver::open(archive, {"Other"}));
-}
-
-TEST(KeyedArchiveTest, DecodersCheckPresenceAndType) {
     const auto archive = sampleArchive();
     EXPECT_EQ(*archive.stringForKey("url"), "file:///a%20b");
     const auto coder = *KeyedUnarchiver::open(archive, {"Sample"});

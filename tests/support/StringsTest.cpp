@@ -3,6 +3,8 @@
 
 #include <ctime>
 #include <gtest/gtest.h>
+#include <iomanip>
+#include <sstream>
 
 namespace quelm {
 namespace {
@@ -21,16 +23,11 @@ TEST(StringsTest, CharacterRangeCountsCodePoints) {
 
 TEST(StringsTest, TimestampsInLocalTime) {
     std::tm local{};
-    local.tm_year = 2017 - 1900;
-    local.tm_mon = 2;
-    local.tm_mday = 1;
-    local.tm_hour = 9;
-    local.tm_min = 5;
-    local.tm_sec = 7;
+    std::istringstream("2017-03-01 09:05:07") >> std::get_time(&local, "%Y-%m-%d %H:%M:%S");
     local.tm_isdst = -1;
     const auto date = std::chrono::system_clock::from_time_t(std::mktime(&local));
-    EXPECT_EQ(formattedTimestamp(date), "2017.03.01 09:05:07");
-    EXPECT_EQ(compactTimestamp(date), "20170301_090507");
+    EXPECT_EQ(formattedTimestamp(date) + " " + compactTimestamp(date),
+              "2017.03.01 09:05:07 20170301_090507");
 }
 
 } // namespace

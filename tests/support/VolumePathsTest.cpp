@@ -8,9 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace quelm {
@@ -29,23 +27,15 @@ TEST(VolumeWalkerTest, MissingPathsAreToldFromFoldersThatCannotBeOpened) {
         EXPECT_EQ(walker.failure(), 0) << missing;
     }
     // With no descriptor left, opening a folder fails with EMFILE: not a missing path.
-    const pid_t child = ::fork();
-    if (child == 0) {
-        VolumeWalker fresh(VolumeRoot::open(volume.path().string()));
-        int highest = 0;
-        for (int fd = 0; fd < 1024; ++fd)
-            highest = ::fcntl(fd, F_GETFD) != -1 ? fd : highest;
-        const rlimit none{static_cast<rlim_t>(highest + 1), static_cast<rlim_t>(highest + 1)};
-        const bool limited = ::setrlimit(RLIMIT_NOFILE, &none) == 0;
-        // The free numbers below the limit are taken too.
-        while (limited && ::fcntl(0, F_DUPFD, 0) >= 0) {
-        }
-        const bool failed = !fresh.parentOf("/a/b/c/file") && fresh.failure() == EMFILE;
-        ::_exit(limited && failed ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::optional<VolumeWalker> fresh;
+    const auto failure = test::inChild(
+        [&](int output) {
+            fresh.emplace(VolumeRoot::open(volume.path().string()));
+            return test::leaveSpareDescriptors(output, 0);
+        },
+        [&] { return fresh->parentOf("/a/b/c/file") ? "found" : std::to_string(fresh->failure()); },
+        volume);
+    EXPECT_EQ(failure, std::to_string(EMFILE));
 }
 
 TEST(VolumeWalkerTest, FolderOrderKeepsFoldersTogetherAndSubtreesAfterTheirFolder) {
