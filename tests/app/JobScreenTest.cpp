@@ -257,7 +257,7 @@ private slots:
         QVERIFY(bar->isHidden());
     }
 
-    void laterStartsCarryAbsoluteNormalPathsAndTheirVolume() {
+    void laterStartsCarryAbsoluteNormalPathsAndTheirVolumeThroughTheSocket() {
         const auto previous = QDir::currentPath();
         QDir::setCurrent(QString::fromStdString(folder_.path().string()));
         const auto message =
@@ -270,19 +270,17 @@ private slots:
                  (QStringList{QString::fromStdString((folder_ / "kexts/A.kext").string()),
                               QString::fromStdString((folder_ / "B.kext").string())}));
         QVERIFY(!parseLaterStart(laterStartMessage({"/k/A.kext"}, {})).volume);
-    }
-
-    void aLaterStartJoinsTheIntakeThroughTheInstanceSocket() {
+        // Through the instance socket, a later start joins the intake.
         MainWindow window;
         window.switchViewController(true);
-        AppController delegate(window);
+        AppController controller(window);
         QLocalServer server;
         const auto name = instanceName();
         QVERIFY(name);
-        listenForLaterStarts(server, *name, delegate, window);
+        listenForLaterStarts(server, *name, controller, window);
         ModalAnswers::preset(QMessageBox::Yes);
         QVERIFY(handToRunningInstance(*name, {"/k/A.kext", "/k/B.kext"}, {}));
-        QTRY_COMPARE_WITH_TIMEOUT(delegate.files(), (QStringList{"/k/A.kext", "/k/B.kext"}),
+        QTRY_COMPARE_WITH_TIMEOUT(controller.files(), (QStringList{"/k/A.kext", "/k/B.kext"}),
                                   test::kHangGuardMs);
         QVERIFY(!handToRunningInstance(*name + "-none", {"/k/C.kext"}, {}));
     }
@@ -354,14 +352,14 @@ private slots:
         if (::geteuid() != 0)
             QSKIP("only root can act as another user");
         MainWindow window;
-        AppController delegate(window, std::chrono::hours(24));
+        AppController controller(window, std::chrono::hours(24));
         // Open to everyone on purpose: the peer's uid is the only check left.
         test::TemporaryFolder open;
         fs::permissions(open.path(),
                         fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
         const auto name = open / "instance";
         QLocalServer server;
-        listenForLaterStarts(server, QString::fromStdString(name.string()), delegate, window);
+        listenForLaterStarts(server, QString::fromStdString(name.string()), controller, window);
         fs::permissions(name, fs::perms::all);
         const auto address = socketAddress(name);
         const auto message = laterStartMessage({"/k/Theirs.kext"}, {});
@@ -371,8 +369,8 @@ private slots:
         ModalAnswers::preset(QMessageBox::Yes);
         ModalAnswers::preset(QMessageBox::Yes);
         QVERIFY(handToRunningInstance(QString::fromStdString(name.string()), {"/k/Mine.kext"}, {}));
-        QTRY_VERIFY_WITH_TIMEOUT(delegate.files().contains("/k/Mine.kext"), test::kHangGuardMs);
-        QCOMPARE(delegate.files(), QStringList{"/k/Mine.kext"});
+        QTRY_VERIFY_WITH_TIMEOUT(controller.files().contains("/k/Mine.kext"), test::kHangGuardMs);
+        QCOMPARE(controller.files(), QStringList{"/k/Mine.kext"});
         QCOMPARE(ModalAnswers::shown().size(), std::size_t{1});
         QVERIFY(!ModalAnswers::shown()[0].informativeText.contains("Theirs"));
     }
@@ -380,15 +378,15 @@ private slots:
     void handedOverKextsAreInstalledOnlyAfterOneYesThatNamesThemAndTheirVolume() {
         MainWindow window;
         window.switchViewController(true);
-        AppController delegate(window, std::chrono::hours(24));
+        AppController controller(window, std::chrono::hours(24));
         const auto* screen = window.installationScreen();
         const auto other = folder_ / "Other HD";
         test::makeVolume(other, "10.14.6", "18G103");
         const QStringList kexts{"/k/A.kext", "/k/B.kext"};
         ModalAnswers::preset(QMessageBox::Cancel);
         ModalAnswers::preset(QMessageBox::Cancel);
-        takeLaterStart({other.string(), kexts}, delegate, window);
-        takeLaterStart({std::nullopt, kexts}, delegate, window);
+        takeLaterStart({other.string(), kexts}, controller, window);
+        takeLaterStart({std::nullopt, kexts}, controller, window);
         const auto& asked = ModalAnswers::shown();
         QCOMPARE(asked.size(), std::size_t{2});
         QCOMPARE(asked[0].text, "Install these kexts onto " + QString::fromStdString(other) + "?");
@@ -400,20 +398,20 @@ private slots:
             QCOMPARE(buttons, (QStringList{"Cancel", "Install"}));
         }
         // Declined: no intake, no job, the same volume.
-        QVERIFY(delegate.files().isEmpty());
+        QVERIFY(controller.files().isEmpty());
         QVERIFY(!screen->jobUnderWay());
         QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
 
         ModalAnswers::preset(QMessageBox::Yes);
-        takeLaterStart({std::nullopt, kexts}, delegate, window);
+        takeLaterStart({std::nullopt, kexts}, controller, window);
         QCOMPARE(asked.size(), std::size_t{3});
-        QCOMPARE(delegate.files(), kexts);
+        QCOMPARE(controller.files(), kexts);
     }
 
     void kextsForAVolumeThatIsNotMacOSAreNamedAsSkipped() {
         MainWindow window;
         window.switchViewController(true);
-        AppController delegate(window);
+        AppController controller(window);
         auto* screen = window.installationScreen();
         std::optional<UserNotification> notification;
         connect(screen, &JobScreen::notified,
@@ -423,13 +421,13 @@ private slots:
         const auto photos = folder_ / "Photos";
         fs::create_directories(photos);
         ModalAnswers::preset(QMessageBox::Yes);
-        takeLaterStart({photos.string(), {"/k/A.kext"}}, delegate, window);
+        takeLaterStart({photos.string(), {"/k/A.kext"}}, controller, window);
         QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
         QVERIFY(notification);
         QCOMPARE(notification->subtitle, QString("Installed: 0 Failed: 0"));
         QCOMPARE(notification->informativeText,
                  QString("Skipped: A.kext (its volume is not a macOS volume)"));
-        QVERIFY(delegate.files().isEmpty());
+        QVERIFY(controller.files().isEmpty());
     }
 
 private:
