@@ -171,10 +171,10 @@ void AppController::handOnQueuedJobs() {
 void AppController::finishLaunch() {
     auto& center = NotificationCenter::defaultCenter();
     if (files_.isEmpty()) {
-        center.post(kPresentViewController, false);
+        center.post(kShowScreen, false);
         return;
     }
-    center.post(kPresentViewController, true);
+    center.post(kShowScreen, true);
     //% "Quelm needs your permission to install its helper, which installs kexts and repairs permissions."
     HelperManager::shared().start(qtTrId("kQVQLMainRequestAuthorization").toStdString());
 }

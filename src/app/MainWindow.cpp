@@ -28,10 +28,9 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent) {
     setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint);
     setAcceptDrops(true);
     observer_ = NotificationCenter::defaultCenter().addObserver(
-        kPresentViewController, [this](const bool& installation) {
+        kShowScreen, [this](const bool& installation) {
             QMetaObject::invokeMethod(
-                this, [this, installation] { switchViewController(installation); },
-                Qt::QueuedConnection);
+                this, [this, installation] { showScreen(installation); }, Qt::QueuedConnection);
         });
 }
 
@@ -39,7 +38,7 @@ MainWindow::~MainWindow() {
     NotificationCenter::defaultCenter().removeObserver(observer_);
 }
 
-void MainWindow::switchViewController(bool installation) {
+void MainWindow::showScreen(bool installation) {
     if (!chosen_) {
         chosen_ = true;
         if (installation) {

@@ -12,7 +12,7 @@ namespace quelm {
 class JobScreen;
 
 /// true shows the installation screen, false the preferences.
-inline const auto kPresentViewController = notificationName<bool>(".veskp.quelm.presentvc");
+inline const auto kShowScreen = notificationName<bool>(".veskp.quelm.presentvc");
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -22,7 +22,7 @@ public:
 
     /// Shows the window with the installation screen (true) or the preferences (false), once
     /// per run; later choices only show the window.
-    void switchViewController(bool installation);
+    void showScreen(bool installation);
     /// The object name of the screen shown: "QVSBIDMainQuelm" or "QVSBIDMainQuelmPreference".
     /// The installation screen, when the window shows it.
     JobScreen* installationScreen() const;

@@ -102,7 +102,7 @@ private slots:
         QCOMPARE(window.screenName(), QString("QVSBIDMainQuelmPreference"));
         QVERIFY(controller.quitsWithLastWindow());
         // The screen is chosen once per run.
-        window.switchViewController(true);
+        window.showScreen(true);
         QCOMPARE(window.screenName(), QString("QVSBIDMainQuelmPreference"));
     }
 
@@ -194,7 +194,7 @@ private slots:
         HelperManager::shared().start(std::nullopt);
 
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         int finished = 0;
         connect(&window, &MainWindow::jobFinished, [&] { ++finished; });
         QCoreApplication::processEvents();
@@ -248,7 +248,7 @@ private slots:
         const auto helper = qScopeGuard([] { HelperManager::shared().terminateHelper(); });
 
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         AppController controller(window, 24h);
         // Whether the queued job had installed its kext when the application was told it may
         // quit.
@@ -292,7 +292,7 @@ private slots:
         HelperManager::shared().start(std::nullopt);
 
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         bool finished = false;
         connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
         ModalAnswers::preset(QMessageBox::No);

@@ -272,7 +272,7 @@ private slots:
         QVERIFY(!parseLaterStart(laterStartMessage({"/k/A.kext"}, {})).volume);
         // Through the instance socket, a later start joins the intake.
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         AppController controller(window);
         QLocalServer server;
         const auto name = instanceName();
@@ -377,7 +377,7 @@ private slots:
 
     void handedOverKextsAreInstalledOnlyAfterOneYesThatNamesThemAndTheirVolume() {
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         AppController controller(window, std::chrono::hours(24));
         const auto* screen = window.installationScreen();
         const auto other = folder_ / "Other HD";
@@ -410,7 +410,7 @@ private slots:
 
     void kextsForAVolumeThatIsNotMacOSAreNamedAsSkipped() {
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         AppController controller(window);
         auto* screen = window.installationScreen();
         std::optional<UserNotification> notification;

@@ -217,7 +217,7 @@ private slots:
                              test::thinMachO(test::kArm64));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         bool finished = false;
         connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
         std::optional<UserNotification> notification;
@@ -289,7 +289,7 @@ private slots:
         VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(catalina));
         setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
         MainWindow window;
-        window.switchViewController(true);
+        window.showScreen(true);
         bool finished = false;
         connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
         std::optional<UserNotification> notification;
