@@ -34,10 +34,11 @@ TEST(BomCommandsTest, ListBomTellsUnreadableFromNotABom) {
 
 TEST(BomCommandsTest, MakeBomWritesWhatListBomReadsBack) {
     TemporaryFolder folder;
-    // A link's size and checksum are those of its target's text, as `cksum` gives them.
+    // A link's size and checksum are those of its target's text, as `cksum` gives them; the
+    // folders' records have none.
     const std::string listing =
         ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t"
-        "501/20\n./Library/ls\t100755\t0/0\t38\t3557505254\n./Library/sh\t120755\t0/0\t4\t"
+        "501/20\t0\t0\n./Library/ls\t100755\t0/0\t38\t3557505254\n./Library/sh\t120755\t0/0\t4\t"
         "1234\tbash\n";
     test::writeText(folder / "listing", listing);
     ASSERT_EQ(quelmctl("make-bom", {folder / "listing", folder / "out.bom"}).status, 0);
