@@ -6,86 +6,65 @@
 namespace quelm {
 namespace {
 
-using test::runCommand;
-using test::shellQuote;
+namespace fs = std::filesystem;
 using test::TemporaryFolder;
 
-const std::filesystem::path dataFolder = QUELM_TEST_BOM_DIR;
+const fs::path dataFolder = QUELM_TEST_BOM_DIR;
 
-std::string quelmctl(const std::string& arguments) {
-    return std::string(QUELMCTL_PATH) + " " + arguments;
-}
-
-std::string quoted(const std::filesystem::path& path) {
-    return shellQuote(path.string());
-}
-
-TEST(BomCommandsTest, ListBomPrintsARealFileExactly) {
-    const auto result =
-        runCommand(quelmctl("list-bom " + quoted(dataFolder / "pkgbuild-python-applications.bom")));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, test::readText(dataFolder / "pkgbuild-python-applications.listing"));
+/// quelmctl's command with the paths after it, each quoted.
+test::CommandResult quelmctl(const std::string& command, const std::vector<fs::path>& paths) {
+    std::string line = std::string(QUELMCTL_PATH) + " " + command;
+    for (const auto& path : paths)
+        line += " " + test::shellQuote(path.string());
+    return test::runCommand(line);
 }
 
 TEST(BomCommandsTest, ListBomTellsUnreadableFromNotABom) {
     TemporaryFolder folder;
-    auto result = runCommand(quelmctl("list-bom " + quoted(folder / "missing file.bom")));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find((folder / "missing file.bom").string()), std::string::npos);
     test::writeText(folder / "text.bom", "plain text");
     const std::string real = test::readText(dataFolder / "packagemaker-archive.bom");
     test::writeText(folder / "cut.bom", real.substr(0, 10000));
-    for (const char* name : {"text.bom", "cut.bom"}) {
-        result = runCommand(quelmctl("list-bom " + quoted(folder / name)));
-        EXPECT_EQ(result.status, 2) << name;
-        EXPECT_NE(result.output.find((folder / name).string()), std::string::npos) << result.output;
+    for (const auto& [name, status] :
+         {std::pair{"missing file.bom", 1}, std::pair{"text.bom", 2}, std::pair{"cut.bom", 2}}) {
+        const auto result = quelmctl("list-bom", {folder / name});
+        EXPECT_EQ(result.status, status) << name;
+        EXPECT_TRUE(result.output.contains((folder / name).string())) << result.output;
     }
 }
 
 TEST(BomCommandsTest, MakeBomWritesWhatListBomReadsBack) {
     TemporaryFolder folder;
-    const std::string listing = ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t"
-                                "501/20\n";
+    // A link's size and checksum are those of its target's text, as `cksum` gives them; the
+    // folders' records have none.
+    const std::string listing =
+        ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t"
+        "501/20\t0\t0\n./Library/ls\t100755\t0/0\t38\t3557505254\n./Library/sh\t120755\t0/0\t4\t"
+        "1234\tbash\n";
     test::writeText(folder / "listing", listing);
-    EXPECT_EQ(runCommand(quelmctl("make-bom " + quoted(folder / "listing") + " " +
-                                  quoted(folder / "out.bom")))
-                  .status,
-              0);
-    const auto result = runCommand(quelmctl("list-bom " + quoted(folder / "out.bom")));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, listing);
+    ASSERT_EQ(quelmctl("make-bom", {folder / "listing", folder / "out.bom"}).status, 0);
+    EXPECT_EQ(quelmctl("list-bom --long", {folder / "out.bom"}).output, listing);
+    EXPECT_EQ(quelmctl("list-bom", {folder / "out.bom"}).output,
+              ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t501/20\n"
+              "./Library/ls\t100755\t0/0\n./Library/sh\t120755\t0/0\n");
 }
 
-TEST(BomCommandsTest, LongListingAddsSizeChecksumAndLinkTarget) {
-    const auto result = runCommand(
-        quelmctl("list-bom --long " + quoted(dataFolder / "pkgbuild-python-applications.bom")));
+TEST(BomCommandsTest, RealFilesAreListedExactlyAndTheLongListingAddsSizeChecksumAndLinkTarget) {
+    const auto real = dataFolder / "pkgbuild-python-applications.bom";
+    const auto plain = quelmctl("list-bom", {real});
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.output, test::readText(dataFolder / "pkgbuild-python-applications.listing"));
+    const auto result = quelmctl("list-bom --long", {real});
     EXPECT_EQ(result.status, 0);
-    // A link's size and checksum are those of its target's text, as `cksum` gives them.
     for (const std::string line :
          {"\n./Python 3.9\t40755\t0/0\n",
           "\n./Python 3.9/License.rtf\t100644\t0/0\t15119\t366503802\n",
           "\n./Python 3.9/IDLE.app/Contents/MacOS/Python\t120755\t0/0\t92\t3776735147\t/Library/"
           "Frameworks/Python.framework/Versions/3.9/Resources/Python.app/Contents/MacOS/Python\n",
           "\n./._Python 3.9\t40755\t0/0\n"})
-        EXPECT_NE(result.output.find(line), std::string::npos) << line;
+        EXPECT_TRUE(result.output.contains(line)) << line;
     // PackageMaker's shorter records end right after the checksum.
-    EXPECT_EQ(
-        runCommand(quelmctl("list-bom --long " + quoted(dataFolder / "packagemaker-archive.bom")))
-            .output,
-        ".\t40755\t501/501\n./InstalledFile.txt\t100644\t501/501\t65\t3995837755\n");
-
-    TemporaryFolder folder;
-    const std::string listing = ".\t40755\t0/0\n./bin\t40755\t0/0\n./bin/ls\t100755\t0/0\t38\t"
-                                "3557505254\n./bin/sh\t120755\t0/0\t4\t1234\tbash\n";
-    test::writeText(folder / "listing", listing);
-    ASSERT_EQ(runCommand(quelmctl("make-bom " + quoted(folder / "listing") + " " +
-                                  quoted(folder / "out.bom")))
-                  .status,
-              0);
-    EXPECT_EQ(runCommand(quelmctl("list-bom --long " + quoted(folder / "out.bom"))).output,
-              listing);
-    EXPECT_EQ(runCommand(quelmctl("list-bom " + quoted(folder / "out.bom"))).output,
-              ".\t40755\t0/0\n./bin\t40755\t0/0\n./bin/ls\t100755\t0/0\n./bin/sh\t120755\t0/0\n");
+    EXPECT_EQ(quelmctl("list-bom --long", {dataFolder / "packagemaker-archive.bom"}).output,
+              ".\t40755\t501/501\n./InstalledFile.txt\t100644\t501/501\t65\t3995837755\n");
 }
 
 TEST(BomCommandsTest, MakeBomFailureNamesTheLineAndKeepsTheOldFile) {
@@ -93,33 +72,19 @@ TEST(BomCommandsTest, MakeBomFailureNamesTheLineAndKeepsTheOldFile) {
     test::writeText(folder / "out.bom", "old");
     test::writeText(folder / "bad", ".\t40755\t0/0\n./a\t7xx\t0/0\n");
     test::writeText(folder / "orphan", ".\t40755\t0/0\n./a/b\t100644\t0/0\n");
-    auto result = runCommand(
-        quelmctl("make-bom " + quoted(folder / "bad") + " " + quoted(folder / "out.bom")));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("bad: line 2: "), std::string::npos) << result.output;
-    result = runCommand(
-        quelmctl("make-bom " + quoted(folder / "orphan") + " " + quoted(folder / "out.bom")));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("./a/b"), std::string::npos) << result.output;
-    EXPECT_EQ(runCommand(quelmctl("make-bom " + quoted(folder / "missing") + " " +
-                                  quoted(folder / "out.bom")))
+    for (const auto& [input, named] :
+         {std::pair{"bad", "bad: line 2: "}, std::pair{"orphan", "./a/b"},
+          std::pair{"missing", "missing"}}) {
+        const auto result = quelmctl("make-bom", {folder / input, folder / "out.bom"});
+        EXPECT_EQ(result.status, 1) << input;
+        EXPECT_TRUE(result.output.contains(named)) << result.output;
+    }
+    EXPECT_EQ(test::readText(folder / "out.bom"), "old");
+    EXPECT_EQ(quelmctl("make-bom",
+                       {dataFolder / "packagemaker-archive.listing", folder / "no/such/folder.bom"})
                   .status,
               1);
-    EXPECT_EQ(test::readText(folder / "out.bom"), "old");
-    EXPECT_EQ(
-        runCommand(quelmctl("make-bom " + quoted(dataFolder / "packagemaker-archive.listing") +
-                            " " + quoted(folder / "no/such/folder.bom")))
-            .status,
-        1);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 3);
-}
-
-TEST(BomCommandsTest, BothCommandsHaveHelp) {
-    for (const char* command : {"list-bom", "make-bom"}) {
-        const auto result = runCommand(quelmctl(std::string(command) + " --help"));
-        EXPECT_EQ(result.status, 0) << command;
-        EXPECT_NE(result.output.find("PATH<TAB>MODE"), std::string::npos) << command;
-    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 3);
 }
 
 } // namespace

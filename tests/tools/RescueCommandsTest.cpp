@@ -33,26 +33,20 @@ protected:
 TEST_F(RescueCommandsTest, KextsListsEveryKextWithItsPlugIns) {
     const auto plain = quelmctl("kexts" + onVolume());
     EXPECT_EQ(plain.status, 0);
-    EXPECT_NE(plain.output.find("System.kext (com.apple.kernel 17.7.0) in "
-                                "/System/Library/Extensions/: no executable; Apple's; no code "
-                                "signature; "),
-              std::string::npos)
-        << plain.output;
-    EXPECT_NE(plain.output.find("\n  IOKit.kext (com.apple.kpi.iokit 17.7.0) in "
-                                "/System/Library/Extensions/System.kext/Contents/PlugIns/: "),
-              std::string::npos)
-        << plain.output;
-    EXPECT_NE(plain.output.find("Lilu.kext (as.vit9696.Lilu 1.4.5) in /Library/Extensions/: "
-                                "x86_64; code signature"),
-              std::string::npos)
-        << plain.output;
+    for (const auto* line :
+         {"System.kext (com.apple.kernel 17.7.0) in /System/Library/Extensions/: no executable; "
+          "Apple's; no code signature; ",
+          "\n  IOKit.kext (com.apple.kpi.iokit 17.7.0) in "
+          "/System/Library/Extensions/System.kext/Contents/PlugIns/: ",
+          "Lilu.kext (as.vit9696.Lilu 1.4.5) in /Library/Extensions/: x86_64; code signature"})
+        EXPECT_TRUE(plain.output.contains(line)) << plain.output;
 
     const auto json = quelmctl("kexts --json" + onVolume());
     EXPECT_EQ(json.status, 0);
     for (const auto* text :
          {"\"name\": \"Lilu.kext\"", "\"cpuTypes\": [\"x86_64\"]", "\"apple\": true",
           "\"plugIns\": [{\"name\": \"IOKit.kext\"", "\"codeSignature\": true"})
-        EXPECT_NE(json.output.find(text), std::string::npos) << text;
+        EXPECT_TRUE(json.output.contains(text)) << text;
     EXPECT_EQ(quelmctl("kexts --volume " + shellQuote(folder.path().string())).status, 2);
 }
 
@@ -72,13 +66,11 @@ TEST_F(RescueCommandsTest, CheckKextSaysWhatFailsInPlainSentences) {
     result = quelmctl("check-kext" + onVolume() + shellQuote(good.string()) + " " +
                       shellQuote(arm.string()));
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("Arm.kext's executable Arm has no 64-bit Intel (x86_64) code, "
-                                 "only arm64.\nArm.kext needs com.example.Missing, which is not "
-                                 "on the volume.\n"),
-              std::string::npos)
+    EXPECT_TRUE(
+        result.output.contains("Arm.kext's executable Arm has no 64-bit Intel (x86_64) code, "
+                               "only arm64.\nArm.kext needs com.example.Missing, which is not "
+                               "on the volume.\n"))
         << result.output;
-    result = quelmctl("check-kext --json" + onVolume() + shellQuote(arm.string()));
-    EXPECT_NE(result.output.find("\"failures\": [\"Arm.kext's executable"), std::string::npos);
     EXPECT_EQ(quelmctl("check-kext --volume /nowhere " + shellQuote(good.string())).status, 2);
 }
 
@@ -91,108 +83,66 @@ TEST_F(RescueCommandsTest, InstallRefusesAKextThatCannotLoadUnlessForced) {
     const std::string install = "install --folder library" + onVolume() + shellQuote(arm.string());
     auto result = quelmctl(install);
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("refused Arm.kext: it would not load; add --force"),
-              std::string::npos)
+    EXPECT_TRUE(result.output.contains("refused Arm.kext: it would not load; add --force"))
         << result.output;
     EXPECT_FALSE(fs::exists(volume / "Library/Extensions/Arm.kext"));
     result = quelmctl(install + " --json");
     EXPECT_EQ(result.output,
               "{\"checkFailures\": [\"Arm.kext's executable Arm has no 64-bit Intel (x86_64) "
               "code, only arm64.\"], \"refused\": [\"Arm.kext\"]}\n");
-    result = quelmctl("install --folder library" + onVolume() +
-                      shellQuote((folder / "notes.txt").string()));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("notes.txt is not a kext bundle: its name must end in .kext"),
-              std::string::npos)
-        << result.output;
     result = quelmctl(install + " --force");
     EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_TRUE(fs::exists(volume / "Library/Extensions/Arm.kext"));
-    EXPECT_NE(quelmctl("history").output.find(" install on " + volume.string() +
-                                              ": /Library/Extensions/Arm.kext\n"),
-              std::string::npos);
 }
 
 TEST_F(RescueCommandsTest, RealKextsPassOnAVolumeLaidOutAsAppleShipsIt) {
+    // Their listing is the catalog's test; their installation the jobs' test and the lanes'.
     const auto catalina = folder / "Catalina";
     test::makeCatalinaVolume(catalina);
-    const std::string on = " --volume " + shellQuote(catalina.string()) + " ";
-    const auto real = [](std::string_view name) {
-        return " " + shellQuote((test::realKextsFolder() / name).string());
+    const auto check = [&](const std::vector<std::string>& names) {
+        std::string line = "check-kext --volume " + shellQuote(catalina.string());
+        for (const auto& name : names)
+            line += " " + shellQuote((test::realKextsFolder() / name).string());
+        return quelmctl(line);
     };
-    const auto listing = quelmctl("kexts" + on);
-    EXPECT_NE(listing.output.find("IOPCIFamily.kext (com.apple.iokit.IOPCIFamily 2.9) in "
-                                  "/System/Library/Extensions/: x86_64; Apple's"),
-              std::string::npos)
-        << listing.output;
-    EXPECT_NE(listing.output.find("\n  BSDKernel.kext (com.apple.kpi.bsd 19.6.0) in "
-                                  "/System/Library/Extensions/System.kext/PlugIns/"),
-              std::string::npos)
-        << listing.output;
-
-    auto result = quelmctl("check-kext" + on + real("VirtualSMC.kext"));
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.output,
-              "VirtualSMC.kext needs as.vit9696.Lilu, which is not on the volume.\n");
-    const std::string all = real("Lilu.kext") + real("VirtualSMC.kext") + real("SMCProcessor.kext");
-    result = quelmctl("check-kext" + on + all);
-    EXPECT_EQ(result.status, 0) << result.output;
-    if (!test::runningAsRoot())
-        GTEST_SKIP() << "installed kexts belong to root";
-    result = quelmctl("install --folder library" + on + backupTo() + all);
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_EQ(result.output.find("refused"), std::string::npos) << result.output;
-    for (const auto* name : {"Lilu.kext", "VirtualSMC.kext", "SMCProcessor.kext"})
-        EXPECT_TRUE(fs::exists(catalina / "Library/Extensions" / name / "Contents/Info.plist"))
-            << name;
+    const auto alone = check({"VirtualSMC.kext"});
+    EXPECT_EQ(alone.status, 1);
+    EXPECT_EQ(alone.output, "VirtualSMC.kext needs as.vit9696.Lilu, which is not on the volume.\n");
+    const auto all = check({"Lilu.kext", "VirtualSMC.kext", "SMCProcessor.kext"});
+    EXPECT_EQ(all.status, 0) << all.output;
 }
 
-TEST_F(RescueCommandsTest, RemoveRestoreAndUndoGoBackAndForth) {
+TEST_F(RescueCommandsTest, RemoveAndRestoreRefuseWhatTheyMustNotTake) {
+    // The round trip itself is the jobs' test and the file-system lane's.
     if (!test::runningAsRoot())
         GTEST_SKIP() << "restored kexts belong to root";
-    const auto lilu = volume / "Library/Extensions/Lilu.kext";
     fs::last_write_time(volume / "Library/Extensions",
                         fs::file_time_type::clock::now() - std::chrono::hours(24));
     auto result = quelmctl("remove" + onVolume() + backupTo() + "lilu");
     ASSERT_EQ(result.status, 0) << result.output;
-    EXPECT_TRUE(result.output.starts_with(
-        "removed /Library/Extensions/Lilu.kext\nbackup: " + backups.string() + "/"))
+    EXPECT_TRUE(result.output.starts_with("removed /Library/Extensions/Lilu.kext\nbackup: "))
         << result.output;
-    EXPECT_NE(result.output.find("start the Mac once in safe mode"), std::string::npos);
-    EXPECT_FALSE(fs::exists(lilu));
     EXPECT_GT(fs::last_write_time(volume / "Library/Extensions"),
               fs::file_time_type::clock::now() - std::chrono::hours(1))
         << "the caches are marked stale";
-    const auto backup = fs::directory_iterator(backups)->path();
-    EXPECT_TRUE(fs::exists(backup / "Manifest.plist"));
 
     result = quelmctl("remove" + onVolume() + backupTo() + "System.kext Nothing.kext");
     EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.output.find("is Apple's (com.apple.kernel)"), std::string::npos);
-    EXPECT_NE(result.output.find("Nothing.kext is not installed"), std::string::npos);
+    EXPECT_TRUE(result.output.contains("is Apple's (com.apple.kernel)")) << result.output;
+    EXPECT_TRUE(result.output.contains("Nothing.kext is not installed")) << result.output;
     EXPECT_TRUE(fs::exists(volume / "System/Library/Extensions/System.kext"));
 
     // Onto another volume only when asked for by name.
     const auto other = folder / "Other HD";
     test::makeVolume(other, "10.15.7", "19H2");
-    const std::string onOther = " --volume " + shellQuote(other.string()) + " ";
-    result = quelmctl("restore" + onOther + backupTo() + shellQuote(backup.string()));
+    const auto backup = fs::directory_iterator(backups)->path();
+    result = quelmctl("restore --volume " + shellQuote(other.string()) + backupTo() +
+                      shellQuote(backup.string()));
     EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.output.find("holds kexts of " + volume.string() + ", not of " +
-                                 other.string() + "; add --onto-other-volume"),
-              std::string::npos)
+    EXPECT_TRUE(result.output.contains("holds kexts of " + volume.string() + ", not of " +
+                                       other.string() + "; add --onto-other-volume"))
         << result.output;
     EXPECT_FALSE(fs::exists(other / "Library/Extensions/Lilu.kext"));
-
-    result = quelmctl("restore" + backupTo() + shellQuote(backup.string()));
-    ASSERT_EQ(result.status, 0) << result.output;
-    EXPECT_EQ(result.output, "restored /Library/Extensions/Lilu.kext\n");
-    result = quelmctl("undo --json" + onVolume() + backupTo());
-    EXPECT_TRUE(result.output.starts_with(
-        "{\"undone\": [\"/Library/Extensions/Lilu.kext\"], \"failed\": [], \"backup\": "))
-        << result.output;
-    EXPECT_NE(quelmctl("history --json" + onVolume()).output.find("\"undone\": true"),
-              std::string::npos);
 }
 
 TEST_F(RescueCommandsTest, RemovalSetsTheAuxiliaryCollectionAsideOnlyWhereMacOSHasOne) {
@@ -210,25 +160,20 @@ TEST_F(RescueCommandsTest, RemovalSetsTheAuxiliaryCollectionAsideOnlyWhereMacOSH
 
     const auto removed = quelmctl("remove --set-aside-collection Lilu" + group + backupTo());
     EXPECT_EQ(removed.status, 0) << removed.output;
-    EXPECT_NE(
-        removed.output.find("removed /Library/KernelCollections/AuxiliaryKernelExtensions.kc"),
-        std::string::npos)
+    EXPECT_TRUE(
+        removed.output.contains("removed /Library/KernelCollections/AuxiliaryKernelExtensions.kc"))
         << removed.output;
     EXPECT_FALSE(fs::exists(collection));
-    const auto backup = removed.output.find("backup: ");
-    ASSERT_NE(backup, std::string::npos) << removed.output;
-    const auto folderOfBackup =
-        removed.output.substr(backup + 8, removed.output.find('\n', backup) - backup - 8);
-    const auto restored = quelmctl("restore " + shellQuote(folderOfBackup));
+    const auto backup = fs::directory_iterator(backups)->path();
+    const auto restored = quelmctl("restore " + shellQuote(backup.string()));
     EXPECT_EQ(restored.status, 0) << "the manifest names both volumes";
-    EXPECT_NE(restored.output.find("auxiliary kernel collection"), std::string::npos)
-        << restored.output;
+    EXPECT_TRUE(restored.output.contains("auxiliary kernel collection")) << restored.output;
     EXPECT_EQ(test::readText(collection), "collection");
     EXPECT_TRUE(fs::exists(data / "Library/Extensions/Lilu.kext"));
 
     const auto refused = quelmctl("remove --set-aside-collection Lilu" + onVolume() + backupTo());
     EXPECT_EQ(refused.status, 2);
-    EXPECT_NE(refused.output.find("only macOS 11 and later"), std::string::npos) << refused.output;
+    EXPECT_TRUE(refused.output.contains("only macOS 11 and later")) << refused.output;
     EXPECT_TRUE(fs::exists(volume / "Library/Extensions/Lilu.kext"));
 }
 
@@ -243,41 +188,27 @@ TEST_F(RescueCommandsTest, DryRunsChangeNothing) {
     const auto listing = [&] {
         return test::treeListing(volume) + test::treeListing(backups);
     };
-    const auto before = listing();
-    const std::vector<std::string> dryRuns{"install --dry-run --folder library" + onVolume() +
-                                               shellQuote(kext.string()),
-                                           "remove --dry-run" + onVolume() + backupTo() + "Lilu",
-                                           "repair-permissions --dry-run" + onVolume()};
-    for (const auto& arguments : dryRuns) {
-        const auto result = quelmctl(arguments);
-        EXPECT_NE(result.status, 2) << arguments << "\n" << result.output;
-        EXPECT_EQ(listing(), before) << arguments;
-    }
-    EXPECT_NE(quelmctl(dryRuns[0]).output.find("would install New.kext into /Library/Extensions/"),
-              std::string::npos);
-    EXPECT_NE(quelmctl(dryRuns[1]).output.find("would-remove /Library/Extensions/Lilu.kext"),
-              std::string::npos);
-    EXPECT_NE(quelmctl(dryRuns[2]).output.find("1 mismatched"), std::string::npos);
+    // Each dry run with what it says it would do.
+    const auto dryRuns = [&](const std::vector<std::pair<std::string, std::string>>& runs) {
+        const auto before = listing();
+        for (const auto& [arguments, says] : runs) {
+            const auto result = quelmctl(arguments);
+            EXPECT_NE(result.status, 2) << arguments << "\n" << result.output;
+            EXPECT_TRUE(result.output.contains(says)) << arguments << "\n" << result.output;
+            EXPECT_EQ(listing(), before) << arguments;
+        }
+    };
+    dryRuns({{"install --dry-run --folder library" + onVolume() + shellQuote(kext.string()),
+              "would install New.kext into /Library/Extensions/"},
+             {"remove --dry-run" + onVolume() + backupTo() + "Lilu",
+              "would-remove /Library/Extensions/Lilu.kext"},
+             {"repair-permissions --dry-run" + onVolume(), "1 mismatched"}});
     if (!test::runningAsRoot())
         return;
     ASSERT_EQ(quelmctl("remove" + onVolume() + backupTo() + "Lilu").status, 0);
-    const auto backup = fs::directory_iterator(backups)->path();
-    const auto afterRemove = listing();
-    auto result = quelmctl("restore --dry-run " + shellQuote(backup.string()));
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_NE(result.output.find("would-restore /Library/Extensions/Lilu.kext"), std::string::npos);
-    result = quelmctl("undo --dry-run" + onVolume());
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_NE(result.output.find("would-restore /Library/Extensions/Lilu.kext"), std::string::npos);
-    EXPECT_EQ(listing(), afterRemove);
-}
-
-TEST_F(RescueCommandsTest, EveryRescueCommandHasHelp) {
-    for (const auto* command : {"kexts", "check-kext", "remove", "restore", "history", "undo"}) {
-        const auto result = quelmctl(std::string(command) + " --help");
-        EXPECT_EQ(result.status, 0) << command;
-        EXPECT_NE(result.output.find("Exit status"), std::string::npos) << command;
-    }
+    const auto backup = shellQuote(fs::directory_iterator(backups)->path().string());
+    dryRuns({{"restore --dry-run " + backup, "would-restore /Library/Extensions/Lilu.kext"},
+             {"undo --dry-run" + onVolume(), "would-restore /Library/Extensions/Lilu.kext"}});
 }
 
 } // namespace
