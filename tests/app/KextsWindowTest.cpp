@@ -1,6 +1,5 @@
 // The window of installed kexts and the installation job's checks and backups, offscreen,
 // against volumes with real Mach-O kexts and the real helper.
-#include "AppFixtures.h"
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "app/InstalledKextsWindow.h"
@@ -39,17 +38,6 @@ fs::path onlyFolderIn(const fs::path& folder) {
 QTreeWidgetItem* rowNamed(QTreeWidget& table, const QString& name) {
     const auto items = table.findItems(name, Qt::MatchExactly | Qt::MatchRecursive);
     return items.isEmpty() ? nullptr : items[0];
-}
-
-/// The macOS 10.15.7 of two volumes in folder, selected, with Lilu 1.4.5 on its data volume.
-test::VolumeGroup selectCatalinaWithLilu(const fs::path& folder) {
-    const auto group = test::makeCatalinaGroup(folder);
-    test::makeKextBundle(group.data / "Library/Extensions", "Lilu.kext",
-                         test::kextInfo("as.vit9696.Lilu", "1.4.5", "Lilu"),
-                         test::thinMachO(test::kX86_64));
-    VolumeManager::shared().setStartingOSVolume(
-        *openTargetVolume({group.system.string(), group.data.string()}));
-    return group;
 }
 
 HistoryRecord lastRecord() {
@@ -249,64 +237,6 @@ private slots:
                  "Skipped: Broken.kext (failed its checks)\nBackup: " +
                      QString::fromStdString(lastRecord().backup));
         QCOMPARE(fs::path(lastRecord().backup).parent_path(), backups_);
-    }
-
-    void theWindowShowsFlatBundlesLikeTheOthers() {
-        const auto catalina = folder_ / "Catalina";
-        test::makeCatalinaVolume(catalina);
-        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(catalina));
-        InstalledKextsWindow window;
-        auto& table = *window.findChild<QTreeWidget*>("kextsTable");
-        QCOMPARE(table.topLevelItemCount(), 3);
-        const QStringList pci{"IOPCIFamily.kext", "com.apple.iokit.IOPCIFamily", "2.9",
-                              "/System/Library/Extensions/", "Yes"};
-        for (int column = 0; column < pci.size(); ++column)
-            QCOMPARE(table.topLevelItem(0)->text(column), pci[column]);
-        QCOMPARE(table.topLevelItem(0)->text(7), QString("x86_64"));
-        auto* system = table.topLevelItem(1);
-        QCOMPARE(system->childCount(), 6);
-        QCOMPARE(system->child(0)->text(1), QString("com.apple.kpi.bsd"));
-        QCOMPARE(system->child(0)->text(2), QString("19.6.0"));
-    }
-
-    void theWindowListsTheKextsOfBothVolumesOfAMacOS() {
-        const auto group = selectCatalinaWithLilu(folder_ / "Catalina");
-        InstalledKextsWindow window;
-        auto& table = *window.findChild<QTreeWidget*>("kextsTable");
-        QVERIFY(rowNamed(table, "System.kext"));
-        const auto* lilu = rowNamed(table, "Lilu.kext");
-        QVERIFY(lilu);
-        QCOMPARE(lilu->text(3), QString("/Library/Extensions/"));
-        QCOMPARE(window.windowTitle(), QString("Installed Kexts — macOS Catalina 10.15.7 (19H2)"));
-        QCOMPARE(window.findChild<QLabel*>("volumeInfoField")->text(),
-                 QString::fromStdString("macOS Catalina 10.15.7 (19H2) — system: " +
-                                        group.system.string() + ", data: " + group.data.string()));
-    }
-
-    void realKextsWhoseLibrariesAreThereRaiseNoQuestion() {
-        const auto catalina = folder_ / "Catalina";
-        test::makeCatalinaVolume(catalina);
-        VolumeManager::shared().setStartingOSVolume(*Volume::initWithMountPoint(catalina));
-        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        MainWindow window;
-        window.showScreen(true);
-        bool finished = false;
-        connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
-        std::optional<UserNotification> notification;
-        connect(window.installationScreen(), &JobScreen::notified,
-                [&](const UserNotification& delivered) { notification = delivered; });
-        const std::vector<std::string> names{"SMCProcessor.kext", "VirtualSMC.kext", "Lilu.kext"};
-        std::vector<std::string> paths;
-        for (const auto& name : names)
-            paths.push_back((test::realKextsFolder() / name).string());
-        NotificationCenter::defaultCenter().post(kDidCollectAllFiles, paths);
-        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
-
-        QCOMPARE(ModalAnswers::shown().size(), std::size_t{0});
-        for (const auto& name : names)
-            QVERIFY(fs::exists(catalina / "Library/Extensions" / name / "Contents/Info.plist"));
-        QVERIFY(notification);
-        QCOMPARE(notification->subtitle, QString("Installed: 3 Failed: 0"));
     }
 
 private:
