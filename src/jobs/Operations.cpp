@@ -13,7 +13,7 @@ namespace quelm {
 
 std::expected<void, Error> LocalOperations::checkWritable(const Volume& volume,
                                                           const std::string& path) {
-    if (auto refusal = writeRefusal(volume, path))
+    if (auto refusal = path.empty() ? writeRefusal(volume) : writeRefusal(volume, path))
         return std::unexpected(std::move(*refusal));
     return {};
 }

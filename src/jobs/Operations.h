@@ -32,7 +32,8 @@ class Operations {
 public:
     virtual ~Operations() = default;
 
-    /// Why root cannot write to the half of the volume that holds path.
+    /// Why root cannot write to the half of the volume that holds path, or with no path to
+    /// either half (leaving out a sealed system volume, which nothing writes).
     [[nodiscard]] virtual std::expected<void, Error> checkWritable(const Volume& volume,
                                                                    const std::string& path) = 0;
     /// Held from a job's first change to its last, so that no other run changes the volume in

@@ -33,7 +33,7 @@ RepairJob::RepairJob(RepairRequest request, Operations& operations)
 RepairOutcome RepairJob::run() {
     RepairOutcome outcome;
     if (request_.mode == RepairMode::repairPermissions)
-        if (auto writable = operations_.checkWritable(request_.volume, "/"); !writable) {
+        if (auto writable = operations_.checkWritable(request_.volume, ""); !writable) {
             outcome.refusal = std::move(writable.error());
             return outcome;
         }
