@@ -1,5 +1,5 @@
-// The window of installed kexts and the installation job's checks and backups, offscreen,
-// against volumes with real Mach-O kexts and the real helper.
+// The window of installed kexts: listing, removal, restore and the volume a backup goes to,
+// offscreen, against volumes with real Mach-O kexts and the real helper.
 #include "KextFixtures.h"
 #include "TestSupport.h"
 #include "app/InstalledKextsWindow.h"
@@ -190,53 +190,6 @@ private slots:
         QCOMPARE(buttons, (QStringList{"Cancel", restoreOnto(catalina)}));
         QVERIFY(asked[0].informativeText.startsWith("/Volumes/Gone is not a macOS volume now."));
         QCOMPARE(finished.count(), 2);
-    }
-
-    void theJobAsksAboutKextsThatFailTheChecksAndNamesItsBackup() {
-        const auto kexts = folder_ / "kexts";
-        test::makeKextBundle(kexts, "Lilu.kext", test::kextInfo("as.vit9696.Lilu", "1.5.0", "Lilu"),
-                             test::thinMachO(test::kX86_64));
-        test::makeKextBundle(
-            kexts, "Broken.kext",
-            test::kextInfo("com.example.Broken", "1.0", "Broken", {{"com.example.Missing", "1.0"}}),
-            test::thinMachO(test::kArm64));
-        test::makeKextBundle(kexts, "Forced.kext",
-                             test::kextInfo("com.example.Forced", "1.0", "Forced"),
-                             test::thinMachO(test::kArm64));
-        setUserDefaultString(kDefaultKextInstallationFolderKey, "/Library/Extensions/");
-        MainWindow window;
-        window.showScreen(true);
-        bool finished = false;
-        connect(&window, &MainWindow::jobFinished, [&] { finished = true; });
-        std::optional<UserNotification> notification;
-        connect(window.installationScreen(), &JobScreen::notified,
-                [&](const UserNotification& delivered) { notification = delivered; });
-        ModalAnswers::preset(QMessageBox::No);
-        ModalAnswers::preset(QMessageBox::Yes);
-        QCoreApplication::processEvents();
-        NotificationCenter::defaultCenter().post(
-            kDidCollectAllFiles, std::vector<std::string>{(kexts / "Broken.kext").string(),
-                                                          (kexts / "Lilu.kext").string(),
-                                                          (kexts / "Forced.kext").string()});
-        QTRY_VERIFY_WITH_TIMEOUT(finished, test::kHangGuardMs);
-
-        const auto& asked = ModalAnswers::shown();
-        QCOMPARE(asked.size(), std::size_t{2});
-        QCOMPARE(asked[0].text, QString("Broken.kext did not pass the checks and may not load:"));
-        QVERIFY(asked[0].informativeText.contains("com.example.Missing"));
-        auto buttons = asked[0].buttons;
-        buttons.sort();
-        QCOMPARE(buttons, (QStringList{"Install Anyway", "Skip"}));
-
-        QCOMPARE(asked[1].text, QString("Forced.kext did not pass the checks and may not load:"));
-        QVERIFY(!fs::exists(volume_ / "Library/Extensions/Broken.kext"));
-        QVERIFY(fs::exists(volume_ / "Library/Extensions/Forced.kext"));
-        QVERIFY(notification);
-        QCOMPARE(notification->subtitle, QString("Installed: 2 Failed: 0"));
-        QCOMPARE(notification->informativeText,
-                 "Skipped: Broken.kext (failed its checks)\nBackup: " +
-                     QString::fromStdString(lastRecord().backup));
-        QCOMPARE(fs::path(lastRecord().backup).parent_path(), backups_);
     }
 
 private:
