@@ -222,7 +222,7 @@ std::string sharedContentBomb(std::uint8_t type, const std::string& content, std
     appendBigEndian(object, type == 0x6 ? content.size() / 2 : content.size(), 4);
     BinaryPlist plist(1);
     const auto shared = plist.add(static_cast<std::uint8_t>(type << 4 | 0xF), {}, object + content);
-    return plist.bytes(plist.repeated(shared, count));
+    return plist.bytes(plist.array(std::vector(count, shared)));
 }
 
 std::string utf16Text(std::size_t units) {
