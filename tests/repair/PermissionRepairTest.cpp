@@ -80,8 +80,8 @@ class RepairVolumeTest : public testing::Test {
 protected:
     void SetUp() override {
         test::makeVolume(volume, "10.12.6", "16G29");
-        const auto base = owned(". 40755 ./bin 40755 ./bin/ls 100755 ./bin/notes.txt 100644 "
-                                "./private 40755 ./private/tmp 41777");
+        auto base = owned(". 40755 ./bin 40755 ./bin/ls 100755 ./bin/notes.txt 100644 "
+                          "./private 40755 ./private/tmp 41777");
         auto essentials = owned(". 40755 ./usr 40755 ./usr/bin 40755 ./usr/bin/login 104755 "
                                 "./usr/bin/missing 100755 ./Library 40755 "
                                 "./Library/intact.plist 100644 ./Library/altered.plist 100644 "

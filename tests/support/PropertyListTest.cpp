@@ -269,10 +269,10 @@ TEST(PropertyListGateTest, TheReplyOfALargeRepairOpens) {
     std::vector<ResultRecord> results(100'000,
                                       {"com.apple.pkg.Essentials", "",
                                        "POSIX Permissions Mismatched", 0644, 0755, 0755, "Fixed"});
-    for (int i = 0; auto& result : results)
-        result.fileSystemResourcePath =
+    for (std::size_t i = 0; i < results.size(); ++i)
+        results[i].fileSystemResourcePath =
             "/Volumes/Macintosh HD/System/Library/Frameworks/Framework" + std::to_string(i % 500) +
-            ".framework/Versions/A/Resources/English.lproj/Localizable" + std::to_string(i++) +
+            ".framework/Versions/A/Resources/English.lproj/Localizable" + std::to_string(i) +
             ".strings";
     const auto encoded = encodeReplyPlist(1, results);
     const auto message = BinaryPlistDocument::open(encoded);
