@@ -6,27 +6,21 @@
 #include <functional>
 #include <numeric>
 #include <set>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace quelm::test {
 
 namespace fs = std::filesystem;
 
-/// Writes the executable that info names, if any, in the folder at.
-static void writeExecutable(const fs::path& at, const PlistValue::Dict& info,
-                            std::string_view bytes) {
+/// A bundle with that Info.plist and the executable it names, if any: in Contents and
+/// Contents/MacOS, or when flat, as Apple ships System.kext and some families, at its top.
+static fs::path writeBundle(const fs::path& bundle, bool flat, const PlistValue::Dict& info,
+                            std::string_view bytes = {}) {
+    writePlist(bundle / (flat ? "" : "Contents") / "Info.plist", info);
     if (const auto found = info.find("CFBundleExecutable");
         found != info.end() && found->second.string())
-        writeText(at / *found->second.string(), bytes);
-}
-
-/// A bundle laid out flat, as Apple ships System.kext and some families: Info.plist and the
-/// executable at the bundle's top, plug-ins in PlugIns.
-static fs::path makeFlatKextBundle(const fs::path& folder, std::string_view name,
-                                   const PlistValue::Dict& info, std::string_view bytes = {}) {
-    const auto bundle = folder / name;
-    writePlist(bundle / "Info.plist", info);
-    writeExecutable(bundle, info, bytes);
+        writeText(bundle / (flat ? "" : "Contents/MacOS") / *found->second.string(), bytes);
     return bundle;
 }
 
@@ -83,29 +77,23 @@ PlistValue::Dict kextInfo(std::string_view identifier, std::string_view version,
 
 fs::path makeKextBundle(const fs::path& folder, std::string_view name, const PlistValue::Dict& info,
                         std::string_view executableBytes) {
-    const auto bundle = makeKext(folder, name, info);
-    writeExecutable(bundle / "Contents/MacOS", info, executableBytes);
-    return bundle;
+    return writeBundle(folder / name, false, info, executableBytes);
 }
 
 void makeCatalinaVolume(const fs::path& root) {
     makeVolume(root, "10.15.7", "19H2");
     const auto extensions = root / "System/Library/Extensions";
     const auto system =
-        makeFlatKextBundle(extensions, "System.kext", kextInfo("com.apple.kernel", "19.6.0"));
-    for (const auto& [name, identifier] : std::vector<std::pair<std::string, std::string>>{
-             {"BSDKernel.kext", "com.apple.kpi.bsd"},
-             {"IOKit.kext", "com.apple.kpi.iokit"},
-             {"Libkern.kext", "com.apple.kpi.libkern"},
-             {"Mach.kext", "com.apple.kpi.mach"},
-             {"MACFramework.kext", "com.apple.kpi.dsep"},
-             {"Unsupported.kext", "com.apple.kpi.unsupported"}})
-        makeFlatKextBundle(system / "PlugIns", name,
-                           kextInfo(identifier, "19.6.0", std::nullopt, {}, "8.0.0b1"));
-    makeFlatKextBundle(extensions, "IOPCIFamily.kext",
-                       kextInfo("com.apple.iokit.IOPCIFamily", "2.9", "IOPCIFamily",
-                                {{"com.apple.kpi.iokit", "8.0.0"}}, "1.0.0b1"),
-                       thinMachO(kX86_64, true, 64));
+        writeBundle(extensions / "System.kext", true, kextInfo("com.apple.kernel", "19.6.0"));
+    std::istringstream plugIns("BSDKernel bsd IOKit iokit Libkern libkern Mach mach "
+                               "MACFramework dsep Unsupported unsupported");
+    for (std::string name, kpi; plugIns >> name >> kpi;)
+        writeBundle(system / "PlugIns" / (name + ".kext"), true,
+                    kextInfo("com.apple.kpi." + kpi, "19.6.0", std::nullopt, {}, "8.0.0b1"));
+    writeBundle(extensions / "IOPCIFamily.kext", true,
+                kextInfo("com.apple.iokit.IOPCIFamily", "2.9", "IOPCIFamily",
+                         {{"com.apple.kpi.iokit", "8.0.0"}}, "1.0.0b1"),
+                thinMachO(kX86_64, true, 64));
     makeKextBundle(root / "Library/Apple/System/Library/Extensions", "IOACPIFamily.kext",
                    kextInfo("com.apple.iokit.IOACPIFamily", "1.4", "IOACPIFamily",
                             {{"com.apple.kpi.iokit", "8.0.0"}}, "1.0.0d1"),

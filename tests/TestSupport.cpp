@@ -10,7 +10,6 @@
 #include <iterator>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace quelm::test {
 
@@ -32,9 +31,7 @@ void writeText(const std::filesystem::path& path, std::string_view text) {
 }
 
 void writePlist(const std::filesystem::path& path, const PlistValue& value, PlistFormat format) {
-    const auto bytes = serializePlist(value, format);
-    ASSERT_TRUE(bytes.has_value());
-    writeText(path, *bytes);
+    writeText(path, serializePlist(value, format).value());
 }
 
 std::string readText(const std::filesystem::path& path) {
@@ -64,12 +61,6 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
     return bundle;
 }
 
-void writeBomFile(const std::filesystem::path& path, const std::vector<BomEntry>& records) {
-    const auto bytes = writeBom(records);
-    ASSERT_TRUE(bytes.has_value()) << bytes.error().message;
-    writeText(path, *bytes);
-}
-
 void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
                     std::string_view identifier, const std::vector<std::string>& groups,
                     const std::vector<BomEntry>& records, PlistFormat format) {
@@ -79,14 +70,7 @@ void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view
                                 {"PackageGroups", PlistValue::Array(groups.begin(), groups.end())},
                                 {"PackageVersion", "1.0"}},
                format);
-    writeBomFile(std::filesystem::path(receipt).replace_extension(".bom"), records);
-}
-
-void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
-                  std::string_view identifier, const std::vector<std::string>& groups,
-                  const std::vector<BomEntry>& records, PlistFormat format) {
-    writeReceiptIn(volume / "System/Library/Receipts", relativePath, identifier, groups, records,
-                   format);
+    writeText(std::filesystem::path(receipt).replace_extension(".bom"), writeBom(records).value());
 }
 
 void makeVolumeGroup(const std::filesystem::path& system, const std::filesystem::path& data,
@@ -116,12 +100,6 @@ std::uint64_t BinaryPlist::string(std::string_view ascii) {
     return append(header(0x5, ascii.size()) + std::string(ascii));
 }
 
-std::uint64_t BinaryPlist::integer(std::int64_t value) {
-    std::string object = "\x13";
-    appendBigEndian(object, static_cast<std::uint64_t>(value), 8);
-    return append(object);
-}
-
 std::uint64_t BinaryPlist::array(const std::vector<std::uint64_t>& items) {
     std::string object = header(0xA, items.size());
     for (const auto item : items)
@@ -139,16 +117,6 @@ BinaryPlist::dict(const std::vector<std::pair<std::string_view, std::uint64_t>>&
         appendBigEndian(object, key, refSize_);
     for (const auto& entry : entries)
         appendBigEndian(object, entry.second, refSize_);
-    return append(object);
-}
-
-std::uint64_t BinaryPlist::repeated(std::uint64_t item, std::uint64_t copies) {
-    std::string reference;
-    appendBigEndian(reference, item, refSize_);
-    std::string object = header(0xA, copies);
-    object.reserve(object.size() + copies * reference.size());
-    for (std::uint64_t i = 0; i < copies; ++i)
-        object += reference;
     return append(object);
 }
 
@@ -175,31 +143,22 @@ std::string BinaryPlist::header(std::uint8_t type, std::uint64_t count) {
     return marker;
 }
 
-bool runningAsRoot() {
-    return ::geteuid() == 0;
-}
-
 std::optional<std::string> inChild(const std::function<bool(int output)>& prepare,
                                    const std::function<std::string()>& work,
                                    const TemporaryFolder& out) {
     constexpr int kRefused = 77;
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const auto [status, output] = finish(startChild([&](int socket) {
         ::alarm(600); // a hang ends the child, not the test run
-        const int output = ::open((out / "output").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int log = ::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ::dup2(log, STDERR_FILENO);
-        if (!prepare(output))
-            ::_exit(kRefused);
+        ::dup2(::open((out / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+        if (!prepare(socket))
+            return kRefused;
         const std::string text = work();
-        ::_exit(::write(output, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kRefused)
+        return ::write(socket, text.data(), text.size()) == ssize_t(text.size()) ? 0 : 4;
+    }));
+    if (status == kRefused)
         return std::nullopt;
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return readText(out / "output");
+    EXPECT_EQ(status, 0) << output;
+    return output;
 }
 
 bool leaveSpareDescriptors(int reference, rlim_t spare) {

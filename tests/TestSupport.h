@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -59,18 +60,19 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
                                const std::optional<PlistValue::Dict>& versionList = std::nullopt,
                                PlistFormat format = PlistFormat::xml);
 
-/// A BOM file made by our writer; the records must list "." first.
-void writeBomFile(const std::filesystem::path& path, const std::vector<BomEntry>& records);
-
 /// A receipt at receiptFolder/relativePath with its BOM beside it.
 void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
                     std::string_view identifier, const std::vector<std::string>& groups,
                     const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
 
 /// A receipt at VOLUME/System/Library/Receipts/relativePath with its BOM beside it.
-void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
-                  std::string_view identifier, const std::vector<std::string>& groups,
-                  const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
+inline void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                         std::string_view identifier, const std::vector<std::string>& groups,
+                         const std::vector<BomEntry>& records,
+                         PlistFormat format = PlistFormat::xml) {
+    writeReceiptIn(volume / "System/Library/Receipts", relativePath, identifier, groups, records,
+                   format);
+}
 
 /// The standard group of receipts whose permissions are repaired.
 inline const std::string kRepairGroup = "com.apple.snowleopard-repair-permissions.pkg-group";
@@ -88,13 +90,11 @@ public:
     std::uint64_t add(std::uint8_t marker, std::initializer_list<std::uint64_t> refs,
                       std::string_view raw = {});
     std::uint64_t string(std::string_view ascii);
-    std::uint64_t integer(std::int64_t value);
+    /// An array of the items; many references to one large string or data make a memory bomb,
+    /// as a reader copies it at every reference.
     std::uint64_t array(const std::vector<std::uint64_t>& items);
     /// A dictionary whose keys are ASCII strings.
     std::uint64_t dict(const std::vector<std::pair<std::string_view, std::uint64_t>>& entries);
-    /// An array holding copies references to the one object item: a memory bomb when item is a
-    /// large string or data, which is copied at every reference when read.
-    std::uint64_t repeated(std::uint64_t item, std::uint64_t copies);
     /// The file, with the object numbered top on top.
     std::string bytes(std::uint64_t top = 0) const;
 
@@ -109,7 +109,9 @@ private:
     std::uint64_t count_ = 0;
 };
 
-bool runningAsRoot();
+inline bool runningAsRoot() {
+    return ::geteuid() == 0;
+}
 
 /// What work gives, run in a child process once prepare agreed, given the descriptor it goes to;
 /// nothing when prepare refused. The child's standard error goes to out / "log".

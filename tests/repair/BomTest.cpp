@@ -245,10 +245,8 @@ TEST(BomTest, WrittenFilesHaveTheLayoutOfRealBomsAndDamageInThemIsRefused) {
     }
 
     const std::string three = *writeBom(treeEntries(2, 1, paths));
-    const std::string chain = *writeBom(std::vector<BomEntry>{{".", 040755, 0, 0},
-                                                              {"./A", 040755, 0, 0},
-                                                              {"./A/B", 040755, 0, 0},
-                                                              {"./A/B/C", 0100644, 0, 9, 38, 7}});
+    const std::string chain = *writeBom(*parseListing(
+        ".\t40755\t0/0\n./A\t40755\t0/0\n./A/B\t40755\t0/0\n./A/B/C\t100644\t0/9\t38\t7"));
     const Layout flat(three), folders(chain);
     const std::size_t aKey = folders.block(*folders.file.u32(folders.rootEntries() + 12));
     const std::pair<std::string, std::string> cases[] = {
@@ -283,20 +281,6 @@ TEST(BomTest, WrittenFilesHaveTheLayoutOfRealBomsAndDamageInThemIsRefused) {
     EXPECT_EQ(trusted, "0001"
                        "0000"
                        "0");
-}
-
-TEST(BomTest, UnreadableFilesAreInputOutputErrorsAndLeaveTheFileEmpty) {
-    test::TemporaryFolder folder;
-    test::writeText(folder / "text.bom", "not a bom");
-    for (const auto& [name, kind] : {std::pair{"missing.bom", ErrorKind::io},
-                                     {"", ErrorKind::refused},
-                                     {"text.bom", ErrorKind::invalid}}) {
-        const auto read = BomReader((folder / name).string()).parse();
-        EXPECT_TRUE(!read && read.error().kind == kind) << name;
-        const auto file = BomFile::initWithFileName(folder / name);
-        file->parse();
-        EXPECT_TRUE(file->entries().empty());
-    }
 }
 
 } // namespace

@@ -1,14 +1,11 @@
 // The repair job over a whole volume: receipts, BOMs, verify, repair and progress; the file
-// resources it checks, never off the volume; on a macOS of 10.15 and later the receipts of both
-// volumes, each path checked on the volume that holds it, never through a link, and a sealed
-// system volume left alone.
+// resources it checks, never off the volume, never through a link.
 #include "repair/PermissionRepair.h"
 
 #include "TestSupport.h"
 #include "repair/FileResource.h"
 #include "repair/PosixChecksum.h"
 #include "repair/Processor.h"
-#include "volumes/VolumePairing.h"
 
 #include <algorithm>
 #include <deque>
@@ -35,8 +32,20 @@ std::string statOf(const fs::path& path) {
            std::to_string(permissionsFromMode(info.st_mode));
 }
 
-std::string modeOf(const fs::path& path) {
-    return statOf(path).substr(statOf(path).find(' ') + 1);
+/// Entries owned by this process from "PATH MODE" pairs, the mode in octal with its type bits; a
+/// file's size and checksum are those of the text create writes. Their paths live as long as the
+/// test program.
+std::vector<BomEntry> owned(std::string_view pairs) {
+    static std::deque<std::string> paths;
+    std::vector<BomEntry> entries;
+    std::istringstream in{std::string(pairs)};
+    for (std::string path, mode; in >> path >> mode;) {
+        const auto bits = static_cast<std::uint16_t>(std::stoul(mode, nullptr, 8));
+        const bool file = S_ISREG(bits);
+        entries.emplace_back(paths.emplace_back(path), bits, ::getuid(), ::getgid(), file ? 9 : 0,
+                             file ? posixChecksum("<plist/>\n") : 0);
+    }
+    return entries;
 }
 
 /// Results as "REASON<TAB>STATUS<TAB>PATH<TAB>CURRENT CORRECT NEW", with the paths below root,
@@ -71,22 +80,13 @@ class RepairVolumeTest : public testing::Test {
 protected:
     void SetUp() override {
         test::makeVolume(volume, "10.12.6", "16G29");
-        const std::vector<BomEntry> base{dir("."),
-                                         dir("./bin"),
-                                         file("./bin/ls", 0100755),
-                                         file("./bin/notes.txt", 0100644),
-                                         dir("./private"),
-                                         dir("./private/tmp", 01777)};
-        const std::vector<BomEntry> essentials{dir("."),
-                                               dir("./usr"),
-                                               dir("./usr/bin"),
-                                               file("./usr/bin/login", 0104755),
-                                               file("./usr/bin/missing", 0100755),
-                                               dir("./Library"),
-                                               {"./Library/link", 0120755, uid, gid, 4, 0, "none"},
-                                               file("./Library/intact.plist", 0100644),
-                                               file("./Library/altered.plist", 0100644),
-                                               file("./Library/grown.plist", 0100644)};
+        auto base = owned(". 40755 ./bin 40755 ./bin/ls 100755 ./bin/notes.txt 100644 "
+                          "./private 40755 ./private/tmp 41777");
+        auto essentials = owned(". 40755 ./usr 40755 ./usr/bin 40755 ./usr/bin/login 104755 "
+                                "./usr/bin/missing 100755 ./Library 40755 "
+                                "./Library/intact.plist 100644 ./Library/altered.plist 100644 "
+                                "./Library/grown.plist 100644");
+        essentials.push_back({"./Library/link", 0120755, uid, gid, 4, 0, "none"});
         for (const auto* entries : {&base, &essentials})
             for (const auto& entry : *entries)
                 create(entry);
@@ -98,22 +98,13 @@ protected:
                            PlistFormat::binary);
         create({"./opt/thing", 0100600, uid, gid});
         test::writeReceipt(volume, "com.example.thing.plist", "com.example.thing",
-                           {"com.example.group"},
-                           {dir("."), dir("./opt"), file("./opt/thing", 0100644)});
+                           {"com.example.group"}, owned(". 40755 ./opt 40755 ./opt/thing 100644"));
         damageBoms(base);
         for (const auto& [path, mode] :
              {std::pair{"bin", 0775}, {"usr/bin/login", 0755}, {"private/tmp", 0777}})
             ::chmod((volume / path).c_str(), mode);
         test::writeText(volume / "Library/altered.plist", "<plist>0\n");
         test::writeText(volume / "Library/grown.plist", "<plist/>\n\n");
-    }
-
-    BomEntry dir(std::string_view path, std::uint16_t mode = 0755) const {
-        return {path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
-    }
-    /// A file listed with the size and checksum of what create writes.
-    BomEntry file(std::string_view path, std::uint16_t mode) const {
-        return {path, mode, uid, gid, 9, posixChecksum("<plist/>\n")};
     }
 
     void create(const BomEntry& entry) {
@@ -249,74 +240,6 @@ TEST_F(RepairVolumeTest, NoResourceIsMadeOffTheVolumeAndOneThatVanishesFailsItsR
                   "POSIX Permissions Mismatched\tFailed\t/usr/bin/login\t755 4755 -"});
 }
 
-/// A macOS of version at folder with receipts on both volumes whose paths lie on both, every
-/// listed item made as listed, then one wrong mode on each volume, and a link on the data volume,
-/// to outside, where a folder belongs.
-void makeVolumeGroup(const fs::path& folder, std::string_view version, std::string_view build,
-                     const fs::path& outside) {
-    const auto system = folder / "Macintosh HD", data = folder / "Macintosh HD - Data";
-    test::makeVolumeGroup(system, data, version, build);
-    const std::uint32_t uid = ::getuid(), gid = ::getgid();
-    const auto dir = [&](const char* path, std::uint16_t mode = 0755) {
-        return BomEntry{path, static_cast<std::uint16_t>(040000 | mode), uid, gid};
-    };
-    test::writeReceiptIn(system / "System/Library/Receipts", "com.apple.pkg.Core.plist",
-                         "com.apple.pkg.Core", {test::kRepairGroup},
-                         {dir("."),
-                          dir("./bin"),
-                          {"./bin/ps", 0104755, uid, gid},
-                          dir("./private"),
-                          dir("./private/tmp", 01777),
-                          dir("./Library"),
-                          dir("./Library/Extensions")});
-    test::writeReceiptIn(data / "Library/Apple/System/Library/Receipts",
-                         "com.apple.pkg.Local.plist", "com.apple.pkg.Local", {test::kRepairGroup},
-                         {dir("."), dir("./usr"), dir("./usr/local"), dir("./usr/local/bin")},
-                         PlistFormat::binary);
-    test::writeReceiptIn(data / "private/var/db/receipts", "com.apple.pkg.Users.plist",
-                         "com.apple.pkg.Users", {test::kRepairGroup},
-                         {dir("."), dir("./Users"), dir("./Users/Shared", 01777)});
-    for (const auto& made : {system / "bin", data / "private/tmp", data / "usr/local/bin",
-                             outside / "Shared", system / "Library/Extensions"})
-        fs::create_directories(made);
-    test::writeText(system / "bin/ps", "x");
-    for (const auto& [path, mode] : {std::pair{system / "bin/ps", 0755},
-                                     {data / "private/tmp", 0777},
-                                     {outside / "Shared", 0777},
-                                     {system / "Library/Extensions", 0700}})
-        ::chmod(path.c_str(), mode);
-    fs::remove(data / "Users");
-    fs::create_directory_symlink(outside, data / "Users");
-}
-
-TEST(RepairGroupTest, EachPathIsRepairedOnItsOwnVolumeAndASealedSystemVolumeIsLeftAlone) {
-    const std::string mode = "POSIX Permissions Mismatched\tVerified\t/Macintosh HD";
-    const std::string tmp = mode + " - Data/private/tmp\t777 1777 -";
-    // Each path is named where it lies; the system volume's own /Library is hidden by the
-    // firmlink, and a link on the data volume is not followed. From 11 the system is sealed.
-    for (const auto& [version, build, verified, modes] :
-         {std::tuple{"10.15.7", "19H2", std::vector{tmp, mode + "/bin/ps\t755 4755 -"}, "4755"},
-          {"14.6.1", "23G93", std::vector{tmp}, "755"}}) {
-        TemporaryFolder folder, outside;
-        makeVolumeGroup(folder.path(), version, build, outside.path());
-        const auto run = [&](RepairMode type) {
-            PermissionRepair job(*openMacOS((folder / "Macintosh HD").string(),
-                                            (folder / "Macintosh HD - Data").string(), {}),
-                                 type);
-            job.run();
-            return linesOf(job.results(), folder.path());
-        };
-        EXPECT_EQ(run(verify), verified) << version;
-        run(repair);
-        EXPECT_EQ(modeOf(folder / "Macintosh HD/bin/ps") + " " +
-                      modeOf(folder / "Macintosh HD - Data/private/tmp") + " " +
-                      modeOf(folder / "Macintosh HD/Library/Extensions") + " " +
-                      modeOf(outside / "Shared"),
-                  modes + std::string(" 1777 700 777"))
-            << version;
-    }
-}
-
 TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMissingPaths) {
     TemporaryFolder folder;
     const auto volume = folder / "volume";
@@ -398,15 +321,10 @@ TEST(RepairDescriptorLimitTest, FewDescriptorsGiveRightCountsOrFailuresNeverMiss
 TEST(RepairProgressTest, EveryPhaseHasItsSpanAndSetUpEndsAtItsTotal) {
     TemporaryFolder volume;
     test::makeVolume(volume.path(), "10.12.6", "16G29");
-    const std::uint32_t uid = ::getuid(), gid = ::getgid();
     // The root and the missing path are no resources: the total drops from 5 to 3.
     test::writeReceipt(volume.path(), "com.apple.pkg.P.plist", "com.apple.pkg.P",
                        {test::kRepairGroup},
-                       {{".", 040755, uid, gid},
-                        {"./a", 040755, uid, gid},
-                        {"./a/x", 0100644, uid, gid},
-                        {"./missing", 0100644, uid, gid},
-                        {"./a/y", 0100644, uid, gid}});
+                       owned(". 40755 ./a 40755 ./a/x 100644 ./missing 100644 ./a/y 100644"));
     test::writeText(volume / "a/x", "x");
     test::writeText(volume / "a/y", "y");
     ::chmod((volume / "a/y").c_str(), 0600);

@@ -222,7 +222,7 @@ std::string sharedContentBomb(std::uint8_t type, const std::string& content, std
     appendBigEndian(object, type == 0x6 ? content.size() / 2 : content.size(), 4);
     BinaryPlist plist(1);
     const auto shared = plist.add(static_cast<std::uint8_t>(type << 4 | 0xF), {}, object + content);
-    return plist.bytes(plist.repeated(shared, count));
+    return plist.bytes(plist.array(std::vector(count, shared)));
 }
 
 std::string utf16Text(std::size_t units) {
@@ -266,20 +266,18 @@ TEST(PropertyListGateTest, RegressionSharedValuesAreReadWithinTheBudgetAndRefuse
 // shared by every result, decodes to some 140 MiB and must stay within its budget. It is read an
 // element at a time, and what is not there is refused.
 TEST(PropertyListGateTest, TheReplyOfALargeRepairOpens) {
-    std::vector<ResultRecord> results;
-    for (int i = 0; i < 100'000; ++i)
-        results.push_back({"com.apple.pkg.Essentials",
-                           "/Volumes/Macintosh HD/System/Library/Frameworks/Framework" +
-                               std::to_string(i % 500) +
-                               ".framework/Versions/A/Resources/English.lproj/Localizable" +
-                               std::to_string(i) + ".strings",
-                           "POSIX Permissions Mismatched", 0644, 0755, 0755, "Fixed"});
+    std::vector<ResultRecord> results(100'000,
+                                      {"com.apple.pkg.Essentials", "",
+                                       "POSIX Permissions Mismatched", 0644, 0755, 0755, "Fixed"});
+    for (std::size_t i = 0; i < results.size(); ++i)
+        results[i].fileSystemResourcePath =
+            "/Volumes/Macintosh HD/System/Library/Frameworks/Framework" + std::to_string(i % 500) +
+            ".framework/Versions/A/Resources/English.lproj/Localizable" + std::to_string(i) +
+            ".strings";
     const auto encoded = encodeReplyPlist(1, results);
     const auto message = BinaryPlistDocument::open(encoded);
     ASSERT_TRUE(message) << message.error().message;
-    const auto envelope = decodeReplyEnvelope(*message);
-    ASSERT_TRUE(envelope);
-    const auto items = message->items(envelope->value);
+    const auto items = message->items(decodeReplyEnvelope(*message).value().value);
     ASSERT_TRUE(items && items->size() == results.size());
     EXPECT_EQ(unarchive<ResultRecord>(*message->read(items->back())), results.back());
     EXPECT_FALSE(message->entry(message->top(), "other"));

@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace quelm {
 namespace {
@@ -18,17 +19,12 @@ TEST(MountedFileSystemTest, TheDeepestAndLatestMountHoldsThePath) {
         "43 22 0:52 / /mnt/data rw - apfs /dev/sdd1 rw,vol=1,uid=501,readwrite\n"
         "44 22 0:53 / /mnt/hfs rw - hfsplus /dev/sde1 rw,uid=501\n"
         "not a mount line\n";
-    const auto hfs = findMount(table, "/media/u/Macintosh HD/Library");
-    ASSERT_TRUE(hfs);
-    EXPECT_EQ(hfs->type, "hfsplus");
-    EXPECT_EQ(hfs->source, "/dev/sdb2");
-    EXPECT_EQ(hfs->mountPoint, "/media/u/Macintosh HD");
-    EXPECT_TRUE(hfs->readOnly) << "ro in the mount's own options";
-
-    const auto fuse = findMount(table, "/mnt/apfs");
-    ASSERT_TRUE(fuse);
-    EXPECT_EQ(fuse->type, "fuse.apfs-fuse") << "the later mount hides the earlier one";
-    EXPECT_FALSE(fuse->readOnly);
+    // ro in the mount's own options; the later mount hides the earlier one.
+    const auto hfs = findMount(table, "/media/u/Macintosh HD/Library").value();
+    EXPECT_EQ(std::tie(hfs.type, hfs.source, hfs.mountPoint, hfs.readOnly),
+              std::tuple("hfsplus", "/dev/sdb2", "/media/u/Macintosh HD", true));
+    const auto fuse = findMount(table, "/mnt/apfs").value();
+    EXPECT_EQ(std::tie(fuse.type, fuse.readOnly), std::tuple("fuse.apfs-fuse", false));
 
     EXPECT_EQ(findMount(table, "/media/u/Macintosh HD2")->type, "ext4");
     EXPECT_TRUE(findMount(table, "/mnt/data/Library")->replacesOwners);
