@@ -76,37 +76,14 @@ sockaddr_un socketAddress(const fs::path& path) {
     return address;
 }
 
-/// A child process that runs body as the user nobody, doing only what is safe after fork; it
-/// ends with its scope at the latest.
-class NobodyProcess {
-public:
-    explicit NobodyProcess(const std::function<int()>& body) : pid_(::fork()) {
-        if (pid_ != 0)
-            return;
+/// A child process that runs body as the user nobody, doing only what is safe after fork.
+test::Child asNobody(const std::function<int(int socket)>& body) {
+    return test::startChild([&](int socket) {
         if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
-            ::_exit(100);
-        ::_exit(body());
-    }
-    ~NobodyProcess() {
-        if (pid_ <= 0)
-            return;
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    NobodyProcess(const NobodyProcess&) = delete;
-    NobodyProcess& operator=(const NobodyProcess&) = delete;
-
-    /// Its exit status, or -1 when it did not exit by itself.
-    int exitStatus() {
-        int status = 0;
-        const bool reaped = ::waitpid(pid_, &status, 0) == pid_;
-        pid_ = reaped ? 0 : pid_;
-        return reaped && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t pid_;
-};
+            return 100;
+        return body(socket);
+    });
+}
 
 /// Connects to the socket at address and writes message: 0 when both worked.
 int connectAndSend(const sockaddr_un& address, const QByteArray& message) {
@@ -335,17 +312,13 @@ private slots:
         const ScopedVariable temporary("TMPDIR", shared);
         const ScopedVariable runtime("XDG_RUNTIME_DIR", std::nullopt);
         QVERIFY(instanceName() != QString::fromStdString(old.string()));
-        int ready[2];
-        QCOMPARE(::pipe(ready), 0);
         const auto address = socketAddress(old);
-        NobodyProcess squatter([&] { return listenAndCount(address, ready[1]); });
-        ::close(ready[1]);
+        const auto squatter = asNobody([&](int ready) { return listenAndCount(address, ready); });
         char said = 0;
-        QCOMPARE(::read(ready[0], &said, 1), ssize_t{1});
-        ::close(ready[0]);
+        QCOMPARE(::read(squatter.socket, &said, 1), ssize_t{1});
         QVERIFY(!handToRunningInstance(QString::fromStdString(old.string()), {"/k/A.kext"},
                                        "/Volumes/Mac"));
-        QCOMPARE(squatter.exitStatus(), 0);
+        QCOMPARE(test::finish(squatter).status, 0);
     }
 
     void aConnectionOfAnotherUserIsClosedUnread() {
@@ -363,8 +336,9 @@ private slots:
         fs::permissions(name, fs::perms::all);
         const auto address = socketAddress(name);
         const auto message = laterStartMessage({"/k/Theirs.kext"}, {});
-        NobodyProcess other([&] { return connectAndSend(address, message); });
-        QCOMPARE(other.exitStatus(), 0);
+        QCOMPARE(
+            test::finish(asNobody([&](int) { return connectAndSend(address, message); })).status,
+            0);
         // Two answers: a start of the other user that got through is asked about, never hangs.
         ModalAnswers::preset(QMessageBox::Yes);
         ModalAnswers::preset(QMessageBox::Yes);
