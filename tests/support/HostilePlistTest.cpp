@@ -89,8 +89,6 @@ TEST(HostilePlistTest, RegressionBombsAreRefusedByEveryReaderBeforeTheyAreRead) 
     write("Padded.kext/Contents/Info.plist", kReadable, kextInfo);
     write("Bomb.kext/Contents/Info.plist", kBomb, kextInfo);
     const std::vector kexts{(folder / "Padded.kext").string(), (folder / "Bomb.kext").string()};
-    EXPECT_EQ(readKext(kexts[0]).value().identifier(), "com.example.padded");
-    EXPECT_FALSE(readKext(kexts[1]).value().info);
     EXPECT_EQ(checkKexts(kexts, std::nullopt), (std::vector<std::vector<std::string>>{
                                                    {}, {"Bomb.kext has no readable Info.plist."}}));
 
@@ -113,10 +111,11 @@ TEST(HostilePlistTest, RegressionBombsAreRefusedByEveryReaderBeforeTheyAreRead) 
                             RepairMode::verifyPermissions);
     verify.run();
     EXPECT_EQ(verify.checkedPathCount(), 1);
-    ASSERT_EQ(verify.results().size(), 2u);
-    EXPECT_EQ(verify.results()[0].fileSystemResourcePath(),
-              volume.string() + "/System/Library/Receipts/com.apple.pkg.Bomb.bom");
-    EXPECT_EQ(verify.results()[1].fileSystemResourcePath(), volume.string() + "/bin");
+    std::string paths;
+    for (const auto& result : verify.results())
+        paths += result.fileSystemResourcePath() + "\n";
+    EXPECT_EQ(paths, volume.string() + "/System/Library/Receipts/com.apple.pkg.Bomb.bom\n" +
+                         volume.string() + "/bin\n");
 
     // A backup manifest that is a bomb is an error.
     const auto manifest = [](std::uint64_t copies) {

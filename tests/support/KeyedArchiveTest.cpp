@@ -22,7 +22,6 @@ TEST(KeyedArchiveTest, OnlyAllowedClassesOpenAndDecodersCheckPresenceAndType) {
           PlistValue(PlistValue::Dict{{"$class", 3}}), PlistValue(PlistValue::Array{"Sample"})})
         EXPECT_FALSE(KeyedUnarchiver::open(archive, {"Other"}));
     const auto archive = sampleArchive();
-    EXPECT_EQ(*archive.stringForKey("url"), "file:///a%20b");
     const auto coder = *KeyedUnarchiver::open(archive, {"Sample"});
     EXPECT_EQ(*coder.decodeString("name"), "x");
     EXPECT_FALSE(coder.decodeString("absent"));
@@ -30,7 +29,6 @@ TEST(KeyedArchiveTest, OnlyAllowedClassesOpenAndDecodersCheckPresenceAndType) {
     EXPECT_EQ(*coder.decodeOptionalString("absent"), std::nullopt);
     EXPECT_FALSE(coder.decodeOptionalString("count"));
     EXPECT_EQ(*coder.decodeInteger("count"), 7);
-    EXPECT_EQ(*coder.decodeInteger("missing"), 0);
     EXPECT_FALSE(coder.decodeInteger("name"));
     EXPECT_EQ(coder.decodeURL("url")->path(), "/a b");
     EXPECT_FALSE(coder.decodeURL("name"));

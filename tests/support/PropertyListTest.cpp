@@ -46,23 +46,15 @@ TEST(PropertyListTest, BothEncodingsRoundTripThroughFilesWrittenAtomicallyAndLim
     for (const auto format : {PlistFormat::xml, PlistFormat::binary}) {
         ASSERT_TRUE(writePlistFileAtomically(folder / "a.plist", sampleValue(), format));
         EXPECT_EQ(PlistValue(readPlistDictionary(folder / "a.plist").value()), sampleValue());
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
         EXPECT_EQ(parsePlist(*serializePlist(deepest, format)).value(), deepest);
         const auto tooDeep = parsePlist(*serializePlist(PlistValue::Array{deepest}, format));
         EXPECT_TRUE(!tooDeep && tooDeep.error().kind == ErrorKind::unsupported);
     }
-    // Files that cannot be read or written are errors and leave no trace.
-    EXPECT_EQ(readPlistFile(folder / "missing.plist").error().kind, ErrorKind::io);
-    EXPECT_FALSE(readPlistFile(folder.path()));
-    test::writePlist(folder / "array.plist", PlistValue::Array{"x"});
-    EXPECT_FALSE(readPlistDictionary(folder / "array.plist"));
-    std::filesystem::create_directory(folder / "target");
+    // A write that fails leaves no trace, and what stood in its way as it was.
     test::writeText(folder / "target/keep", "x");
-    const auto written = writePlistFileAtomically(folder / "target", sampleValue());
-    EXPECT_TRUE(!written && written.error().kind == ErrorKind::io);
+    EXPECT_FALSE(writePlistFileAtomically(folder / "target", sampleValue()));
     EXPECT_EQ(test::readText(folder / "target/keep"), "x");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 3);
-    EXPECT_FALSE(writePlistFileAtomically(folder / "no/such/folder.plist", sampleValue()));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 2);
 }
 
 /// Arrays nested depth deep, each holding the next; the innermost holds the string "x", or
@@ -97,18 +89,20 @@ TEST(PropertyListTest, XmlWithCommentsDoctypeAndMarkupOutsideElementsParses) {
     EXPECT_EQ(*parsed, PlistValue(PlistValue::Array{hidden, true}));
 }
 
-/// A value libplist would read, through its own parser, from the bytes given: the reference our
-/// binary encoder and reader are held to.
-PlistValue throughLibplist(const std::string& binary) {
+/// The bytes given as libplist reads and writes them again in the other encoding, through its own
+/// parser and writer: the reference our encoders and readers are held to.
+std::string throughLibplist(const std::string& bytes, bool fromBinary) {
     plist_t root = nullptr;
-    plist_from_bin(binary.data(), static_cast<std::uint32_t>(binary.size()), &root);
-    char* xml = nullptr;
+    const auto size = static_cast<std::uint32_t>(bytes.size());
+    fromBinary ? plist_from_bin(bytes.data(), size, &root)
+               : plist_from_xml(bytes.data(), size, &root);
+    char* out = nullptr;
     std::uint32_t length = 0;
-    plist_to_xml(root, &xml, &length);
+    fromBinary ? plist_to_xml(root, &out, &length) : plist_to_bin(root, &out, &length);
     plist_free(root);
-    std::string text(xml ? xml : "", length);
-    std::free(xml);
-    return parsePlist(text).value_or(PlistValue(false));
+    std::string text(out ? out : "", length);
+    std::free(out);
+    return text;
 }
 
 TEST(BinaryPlistTest, WhatWeWriteLibplistReadsAndWhatLibplistWritesWeRead) {
@@ -125,17 +119,9 @@ TEST(BinaryPlistTest, WhatWeWriteLibplistReadsAndWhatLibplistWritesWeRead) {
                                        std::numeric_limits<std::int64_t>::min()}},
         {"many", many},
     };
-    EXPECT_EQ(throughLibplist(*serializePlist(value, PlistFormat::binary)), value);
-    plist_t node = nullptr;
-    const auto xml = *serializePlist(value, PlistFormat::xml);
-    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
-    char* theirs = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(node, &theirs, &length);
-    plist_free(node);
-    const std::string libplistBinary(theirs, length);
-    std::free(theirs);
-    EXPECT_EQ(*parsePlist(libplistBinary), value);
+    EXPECT_EQ(parsePlist(throughLibplist(*serializePlist(value, PlistFormat::binary), true)),
+              value);
+    EXPECT_EQ(parsePlist(throughLibplist(*serializePlist(value, PlistFormat::xml), false)), value);
     // A file name from a hostile disk: Latin-1 bytes, a cut sequence, an encoded surrogate.
     const auto read = parsePlist(*serializePlist(
         PlistValue("caf\xE9 \xE2\x82 \xED\xA0\x80 ok \xC3\xA9"), PlistFormat::binary));
@@ -204,9 +190,8 @@ TEST(PropertyListGateTest, RegressionDamagedCyclicAndExplosiveListsAreRefused) {
 
 TEST(PropertyListGateTest, RegressionDeepListsAreRefusedByTheChannelAndSkippedAsReceipts) {
     const std::string body = nestedBinaryArrays(kDeepBinary);
-    std::string frame;
-    appendBigEndian(frame, body.size(), 4);
-    EXPECT_FALSE(takeFrame(frame += body));
+    auto frame = frameOfBody(body);
+    EXPECT_FALSE(takeFrame(frame));
     TemporaryFolder folder;
     test::writeText(folder / "xml.plist", nestedXmlArrays(kDeepXml));
     test::writeText(folder / "binary.plist", body);
@@ -237,7 +222,6 @@ std::string utf16Text(std::size_t units) {
 TEST(PropertyListGateTest, RegressionSharedValuesAreReadWithinTheBudgetAndRefusedBeyondIt) {
     const auto megabomb = parsePlist(sharedContentBomb(0x5, std::string(1 << 20, 'x'), 2'500'000));
     ASSERT_FALSE(megabomb);
-    EXPECT_EQ(megabomb.error().kind, ErrorKind::unsupported);
     EXPECT_EQ(megabomb.error().message,
               "binary property list would take more than 512 MiB to read");
     for (const auto& small : {sharedContentBomb(0x4, std::string(64 << 10, '\7'), 4096),
@@ -250,12 +234,11 @@ TEST(PropertyListGateTest, RegressionSharedValuesAreReadWithinTheBudgetAndRefuse
         EXPECT_FALSE(BinaryPlistDocument::open(small));
     }
     // Three bytes of UTF-8 for each UTF-16 unit: 1,000 copies of 4,000 units take 12 MB.
-    const auto parsed = parsePlist(sharedContentBomb(0x6, utf16Text(4000), 1000));
-    ASSERT_TRUE(parsed) << parsed.error().message;
-    ASSERT_EQ(parsed->array()->size(), 1000u);
-    const auto* last = parsed->array()->back().string();
-    ASSERT_TRUE(last && last->size() == 8000);
-    EXPECT_TRUE(last->starts_with("\u00E9") && last->ends_with("\u00E9"));
+    std::string accents;
+    for (int i = 0; i < 4000; ++i)
+        accents += "\u00E9";
+    EXPECT_EQ(parsePlist(sharedContentBomb(0x6, utf16Text(4000), 1000)),
+              PlistValue(PlistValue::Array(1000, accents)));
     BinaryPlist sharedString(1);
     sharedString.add(0xA2, {1, 1});
     sharedString.add(0x51, {}, "x");
