@@ -30,14 +30,13 @@ const std::string kInstall =
     "installWithKernelExtensions:toDestinationFolder:onTargetVolume:reply:";
 
 TEST(RemoteProtocolTest, RepliesCarryTheirValue) {
-    ResultRecord result{"id", "/V/bin", "Owner ID Mismatched", 501, 0, 0, "Fixed"};
-    const std::vector results(300, result);
+    const std::vector results(
+        300, ResultRecord{"id", "/V/bin", "Owner ID Mismatched", 501, 0, 0, "Fixed"});
     const auto encoded = encodeReplyPlist(3, results);
     const auto message = BinaryPlistDocument::open(encoded);
     ASSERT_TRUE(message);
     const auto envelope = decodeReplyEnvelope(*message);
-    ASSERT_TRUE(envelope);
-    EXPECT_EQ(envelope->id, 3);
+    ASSERT_TRUE(envelope && envelope->id == 3);
     const auto value = decodeValue(*message, envelope->value, ValueType::resultArray);
     ASSERT_TRUE(value);
     EXPECT_EQ(std::get<std::vector<ResultRecord>>(*value), results);

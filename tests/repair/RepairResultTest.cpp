@@ -36,13 +36,10 @@ TEST(RepairResultTest, ReportTextOfOneResultAndOfSeveralGivesBackEveryResult) {
     EXPECT_EQ(text, reportText(results[0]) + "\n\n" + reportText(fixed) + "\n\n" +
                         reportText(unreadable) + "\n");
     for (const auto& input : {text, text.substr(0, text.size() - 1)}) {
-        auto parsed = parseReportText(input);
+        const auto parsed = parseReportText(input);
         ASSERT_TRUE(parsed && parsed->size() == results.size());
-        for (std::size_t i = 0; i < results.size(); ++i) {
-            EXPECT_NE((*parsed)[i].identifier, results[i].identifier) << "a fresh one";
-            (*parsed)[i].identifier = results[i].identifier;
-        }
-        EXPECT_EQ(*parsed, results);
+        EXPECT_EQ(reportText(*parsed), text) << "every field but the identifier is in the text";
+        EXPECT_NE(parsed->front().identifier, results.front().identifier) << "a fresh one";
     }
     EXPECT_EQ(reportText(std::vector<ResultRecord>{}), "");
     EXPECT_TRUE(parseReportText("")->empty());
