@@ -184,10 +184,11 @@ void listenForLaterStarts(QLocalServer& server, const QString& name, AppControll
     QLocalServer::removeServer(name);
     server.setSocketOptions(QLocalServer::UserAccessOption);
     server.listen(name);
-    QObject::connect(&server, &QLocalServer::newConnection, &server, [&server, &controller, &window] {
-        while (QLocalSocket* socket = server.nextPendingConnection())
-            takeConnection(socket, controller, window);
-    });
+    QObject::connect(&server, &QLocalServer::newConnection, &server,
+                     [&server, &controller, &window] {
+                         while (QLocalSocket* socket = server.nextPendingConnection())
+                             takeConnection(socket, controller, window);
+                     });
 }
 
 } // namespace quelm

@@ -65,7 +65,6 @@ private:
     VolumeChoice takeVolume(std::optional<Volume> volume);
     void refuseVolume(const QString& reason);
     void showPath(const QString& path);
-
 };
 
 } // namespace quelm

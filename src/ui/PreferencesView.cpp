@@ -84,8 +84,7 @@ PreferencesView::~PreferencesView() = default;
 void PreferencesView::setUpScreen() {
     ui_->editSmartTableButton->setHidden(true);
     //% "Default Installation Preference"
-    ui_->installationBox->setTitle(
-        qtTrId("kQVMainQuelmPreferenceVCDefaultInstallationPreference"));
+    ui_->installationBox->setTitle(qtTrId("kQVMainQuelmPreferenceVCDefaultInstallationPreference"));
     //% "Default Appearance"
     ui_->appearanceBox->setTitle(qtTrId("kQVMainQuelmPreferenceVCDefaultAppearance"));
     //% "Install kexts to:"
@@ -132,8 +131,7 @@ void PreferencesView::selectStoredChoices() {
     const auto folder = kernelExtensionFolderFromRawValue(folderValue);
     if (!folder)
         unknownValue(kDefaultKextInstallationFolderKey, folderValue);
-    ui_->installationFolderMenu->setCurrentIndex(
-        indexOf(kOfferedFolders, *folder));
+    ui_->installationFolderMenu->setCurrentIndex(indexOf(kOfferedFolders, *folder));
 }
 
 void PreferencesView::actionButtonSelectInstallationFolder(int index) {
@@ -144,8 +142,7 @@ void PreferencesView::actionButtonSelectInstallationFolder(int index) {
 void PreferencesView::chooseBackupFolder() {
     //% "Choose the backup folder"
     const QString folder = QFileDialog::getExistingDirectory(
-        this, qtTrId("kQVMainQuelmPreferenceVCChooseBackupFolder"),
-        ui_->backupFolderField->text());
+        this, qtTrId("kQVMainQuelmPreferenceVCChooseBackupFolder"), ui_->backupFolderField->text());
     if (!folder.isEmpty())
         actionSelectBackupFolder(folder);
 }

@@ -297,8 +297,7 @@ ResultsView::~ResultsView() = default;
 
 void ResultsView::setUpScreen() {
     //% "Repair Permissions Results"
-    ui_->resultsBox->setTitle(
-        qtTrId("kQVDetailedResultsVCRepairPermissionsResults"));
+    ui_->resultsBox->setTitle(qtTrId("kQVDetailedResultsVCRepairPermissionsResults"));
     //% "OK"
     ui_->okButton->setText(qtTrId("kQVDetailedResultsVCOK"));
     //% "Report"
@@ -330,7 +329,7 @@ void ResultsView::setUpFilters() {
     ui_->statusFilterLabel->setText(qtTrId("kQVDetailedResultsVCStatusFilter"));
     //% "All"
     ui_->statusFilter->addItem(qtTrId("kQVDetailedResultsVCAllStatuses"),
-                                     ResultsFilterModel::allStatuses);
+                               ResultsFilterModel::allStatuses);
     const QStringList statuses = ResultsTableModel::statusTexts();
     for (int status = 0; status < statuses.size(); ++status)
         ui_->statusFilter->addItem(statuses[status], status);
@@ -363,8 +362,7 @@ void ResultsView::setUpActions() {
     });
     //% "Save Report..."
     ui_->saveReportButton->setText(qtTrId("kQVDetailedResultsVCSaveReport"));
-    connect(ui_->saveReportButton, &QPushButton::clicked, this,
-            &ResultsView::actionSaveReport);
+    connect(ui_->saveReportButton, &QPushButton::clicked, this, &ResultsView::actionSaveReport);
 }
 
 void ResultsView::updateShownRowsField() {
