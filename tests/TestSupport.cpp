@@ -61,10 +61,10 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
     return bundle;
 }
 
-void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
-                    std::string_view identifier, const std::vector<std::string>& groups,
-                    const std::vector<BomEntry>& records, PlistFormat format) {
-    const auto receipt = receiptFolder / relativePath;
+void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                  std::string_view identifier, const std::vector<std::string>& groups,
+                  const std::vector<BomEntry>& records, PlistFormat format) {
+    const auto receipt = volume / "System/Library/Receipts" / relativePath;
     writePlist(receipt,
                PlistValue::Dict{{"PackageIdentifier", std::string(identifier)},
                                 {"PackageGroups", PlistValue::Array(groups.begin(), groups.end())},

@@ -60,19 +60,10 @@ std::filesystem::path makeKext(const std::filesystem::path& folder, std::string_
                                const std::optional<PlistValue::Dict>& versionList = std::nullopt,
                                PlistFormat format = PlistFormat::xml);
 
-/// A receipt at receiptFolder/relativePath with its BOM beside it.
-void writeReceiptIn(const std::filesystem::path& receiptFolder, std::string_view relativePath,
-                    std::string_view identifier, const std::vector<std::string>& groups,
-                    const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
-
 /// A receipt at VOLUME/System/Library/Receipts/relativePath with its BOM beside it.
-inline void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
-                         std::string_view identifier, const std::vector<std::string>& groups,
-                         const std::vector<BomEntry>& records,
-                         PlistFormat format = PlistFormat::xml) {
-    writeReceiptIn(volume / "System/Library/Receipts", relativePath, identifier, groups, records,
-                   format);
-}
+void writeReceipt(const std::filesystem::path& volume, std::string_view relativePath,
+                  std::string_view identifier, const std::vector<std::string>& groups,
+                  const std::vector<BomEntry>& records, PlistFormat format = PlistFormat::xml);
 
 /// The standard group of receipts whose permissions are repaired.
 inline const std::string kRepairGroup = "com.apple.snowleopard-repair-permissions.pkg-group";

@@ -17,7 +17,6 @@
 #include <QDir>
 #include <QLabel>
 #include <QLocalServer>
-#include <QProgressBar>
 #include <QSettings>
 #include <QtTest>
 #include <csignal>
@@ -215,23 +214,6 @@ private slots:
         QVERIFY(launch(catalina_.data));
         QCOMPARE(test::halvesOf(*VolumeManager::shared().startingOSVolume()), catalina_.halves());
         QVERIFY(!launch(catalina_.system));
-    }
-
-    void resetReturnsToTheStartingVolumeAndTheHelpersProgressMovesTheBar() {
-        JobScreen screen;
-        const auto other = folder_ / "Other HD";
-        test::makeVolume(other, "10.14.6", "18G103");
-        QVERIFY(screen.acceptVolume(QString::fromStdString(other.string())));
-        auto* bar = screen.findChild<QProgressBar*>("circularIndicator");
-        bar->setRange(0, 100);
-        NotificationCenter::defaultCenter().post(kDidReceiveRemoteProgress, 42.5);
-        QTRY_COMPARE_WITH_TIMEOUT(bar->value(), 42, test::kHangGuardMs);
-        screen.reset();
-        QCOMPARE(VolumeManager::shared().selectedOSVolume()->mountPoint(), base_.string());
-        QCOMPARE(screen.findChild<QLabel*>("pathField")->toolTip(),
-                 QString::fromStdString(base_.string()));
-        QCOMPARE(screen.findChild<QLabel*>("statusField")->text(), QString("Status: Ready"));
-        QVERIFY(bar->isHidden());
     }
 
     void laterStartsCarryAbsoluteNormalPathsAndTheirVolumeThroughTheSocket() {

@@ -82,21 +82,15 @@ TEST_F(JobsTest, InstallBacksUpWhatItReplacesRecordsItAndSaysWhyTheRestWasSkippe
 
 TEST_F(JobsTest, EveryWayOfNotChoosingAFolderSkipsTheKextAndChangesNothing) {
     const auto before = test::treeListing(root);
-    // Asked, and the user cancels.
-    auto asked =
-        InstallJob(request({real("Lilu.kext")}, KextFolder::AskMeEveryTime), operations, events)
-            .run();
-    EXPECT_EQ(asked.skipped.at(0).reason, SkipReason::noFolderChosen);
-    // The smart table does not know it.
-    auto smart =
-        InstallJob(request({real("Lilu.kext")}, KextFolder::UseSmartTable), operations, events)
-            .run();
-    EXPECT_EQ(smart.skipped.at(0).reason, SkipReason::notInSmartTable);
-    // Its library is missing and the user says no.
-    auto checked = InstallJob(request({real("SMCProcessor.kext")}, KextFolder::LibraryExtensions),
-                              operations, events)
-                       .run();
-    EXPECT_EQ(checked.skipped.at(0).reason, SkipReason::failedChecks);
+    // Asked and cancelled; unknown to the smart table; its library missing and the answer no.
+    for (const auto& [kext, policy, reason] :
+         {std::tuple{"Lilu.kext", KextFolder::AskMeEveryTime, SkipReason::noFolderChosen},
+          std::tuple{"Lilu.kext", KextFolder::UseSmartTable, SkipReason::notInSmartTable},
+          std::tuple{"SMCProcessor.kext", KextFolder::LibraryExtensions,
+                     SkipReason::failedChecks}}) {
+        const auto outcome = InstallJob(request({real(kext)}, policy), operations, events).run();
+        EXPECT_EQ(outcome.skipped.at(0).reason, reason) << kext;
+    }
     EXPECT_EQ(test::treeListing(root), before);
     EXPECT_FALSE(fs::exists(history));
 }

@@ -32,22 +32,6 @@ TEST(BomCommandsTest, ListBomTellsUnreadableFromNotABom) {
     }
 }
 
-TEST(BomCommandsTest, MakeBomWritesWhatListBomReadsBack) {
-    TemporaryFolder folder;
-    // A link's size and checksum are those of its target's text, as `cksum` gives them; the
-    // folders' records have none.
-    const std::string listing =
-        ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t"
-        "501/20\t0\t0\n./Library/ls\t100755\t0/0\t38\t3557505254\n./Library/sh\t120755\t0/0\t4\t"
-        "1234\tbash\n";
-    test::writeText(folder / "listing", listing);
-    ASSERT_EQ(quelmctl("make-bom", {folder / "listing", folder / "out.bom"}).status, 0);
-    EXPECT_EQ(quelmctl("list-bom --long", {folder / "out.bom"}).output, listing);
-    EXPECT_EQ(quelmctl("list-bom", {folder / "out.bom"}).output,
-              ".\t40755\t0/0\n./Library\t41777\t0/80\n./Library/Icon\r\t100644\t501/20\n"
-              "./Library/ls\t100755\t0/0\n./Library/sh\t120755\t0/0\n");
-}
-
 TEST(BomCommandsTest, RealFilesAreListedExactlyAndTheLongListingAddsSizeChecksumAndLinkTarget) {
     const auto real = dataFolder / "pkgbuild-python-applications.bom";
     const auto plain = quelmctl("list-bom", {real});

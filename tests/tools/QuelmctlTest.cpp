@@ -81,23 +81,6 @@ TEST(QuelmctlTest, VolumeInfoAndKextInfoPrintWhatTheyFindOrSayWhyNot) {
     }
 }
 
-TEST(QuelmctlTest, SmartTableIsPreparedLookedUpAndReset) {
-    TemporaryFolder data;
-    const std::string env = "XDG_DATA_HOME=" + shellQuote(data.path().string()) + " ";
-    auto result = runCommand(env + quelmctl("smart-table lookup FakeSMC.kext"));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "/Library/Extensions/\n");
-    EXPECT_TRUE(std::filesystem::exists(data / "Quelm/QVUserDefaultSmartTable.plist"));
-    EXPECT_EQ(runCommand(env + quelmctl("smart-table lookup Unknown.kext")).status, 1);
-
-    test::writeText(data / "Quelm/QVUserDefaultSmartTable.plist", "damaged");
-    EXPECT_EQ(runCommand(env + quelmctl("smart-table show")).status, 1);
-    EXPECT_EQ(runCommand(env + quelmctl("smart-table reset")).status, 0);
-    result = runCommand(env + quelmctl("smart-table show"));
-    EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(result.output.contains("Lilu.kext\t/Library/Extensions/"));
-}
-
 TEST(QuelmctlTest, InstallSaysEachKextsFateAndExitsByTheWorst) {
     if (!test::runningAsRoot())
         GTEST_SKIP() << "installed kexts belong to root";
@@ -196,10 +179,8 @@ TEST(QuelmctlTest, HelpAndVersionExitZeroEvenWithoutRequiredArguments) {
     // the listing's form.
     for (const auto& [phrase, commands] :
          std::vector<std::pair<std::string, std::vector<std::string>>>{
-             {"Usage",
-              {"", "volume-info", "kext-info", "smart-table", "smart-table show",
-               "smart-table lookup"}},
-             {"Exit status", {"kexts", "check-kext", "remove", "restore", "history", "undo"}},
+             {"Usage", {"", "kext-info", "smart-table lookup"}},
+             {"Exit status", {"check-kext", "remove", "restore", "undo"}},
              {"PATH<TAB>MODE", {"list-bom", "make-bom"}}}) {
         for (const auto& command : commands) {
             const auto result = runCommand(quelmctl(command + " --help"));

@@ -194,8 +194,6 @@ private slots:
         QVERIFY(view);
         QTableView& table = tableOf(*view);
         auto* copy = view->findChild<QAction*>("actionCopy");
-        QVERIFY(table.actions() == QList{copy} &&
-                table.contextMenuPolicy() == Qt::ActionsContextMenu);
         QVERIFY(!copy->isEnabled());
 
         table.sortByColumn(currentColumn, Qt::AscendingOrder);
