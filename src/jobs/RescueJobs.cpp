@@ -55,6 +55,19 @@ void record(const RescueRequest& request, std::string operation, RescueResult& r
         result.problems.push_back("The change is not in the history: " + saved.error().message);
 }
 
+/// The volume's history and the index of the record an undo takes back, or why there is none.
+std::expected<std::pair<std::vector<HistoryRecord>, std::size_t>, Error>
+undoableHistory(const RescueRequest& request) {
+    auto records = readHistory(request.historyFile);
+    if (!records)
+        return std::unexpected(std::move(records.error()));
+    const auto last = lastUndoable(*records, request.volume.mountPoint());
+    if (!last)
+        return std::unexpected(
+            Error{"nothing to undo on " + request.volume.mountPoint(), ErrorKind::refused});
+    return std::pair(std::move(*records), *last);
+}
+
 } // namespace
 
 RemoveJob::RemoveJob(RescueRequest request, std::vector<std::string> kexts, Operations& operations,
@@ -119,24 +132,20 @@ UndoJob::UndoJob(RescueRequest request, Operations& operations)
 }
 
 std::expected<HistoryRecord, Error> UndoJob::target() const {
-    const auto records = readHistory(request_.historyFile);
-    if (!records)
-        return std::unexpected(records.error());
-    const auto last = lastUndoable(*records, request_.volume.mountPoint());
-    if (!last)
-        return std::unexpected(
-            Error{"nothing to undo on " + request_.volume.mountPoint(), ErrorKind::refused});
-    return (*records)[*last];
+    auto history = undoableHistory(request_);
+    if (!history)
+        return std::unexpected(std::move(history.error()));
+    return history->first[history->second];
 }
 
 RescueResult UndoJob::run() {
-    auto records = readHistory(request_.historyFile);
-    const auto last = records ? lastUndoable(*records, request_.volume.mountPoint()) : std::nullopt;
-    if (!last)
-        return {target().error(), {}, {}};
+    auto history = undoableHistory(request_);
+    if (!history)
+        return {std::move(history.error()), {}, {}};
+    auto& [records, last] = *history;
     if (auto refusal = writeRefusalOf(request_, operations_))
         return {std::move(refusal), {}, {}};
-    auto& undone = (*records)[*last];
+    auto& undone = records[last];
     const auto backupFolder = newBackupFolder(request_);
     auto result = finish(
         request_,
@@ -147,8 +156,8 @@ RescueResult UndoJob::run() {
     if (result.refusal)
         return result;
     undone.undone = true;
-    records->push_back(recordOf(request_, "undo", result.outcome));
-    if (auto saved = writeHistory(request_.historyFile, *records); !saved)
+    records.push_back(recordOf(request_, "undo", result.outcome));
+    if (auto saved = writeHistory(request_.historyFile, records); !saved)
         result.problems.push_back("The undo is not in the history: " + saved.error().message);
     return result;
 }
